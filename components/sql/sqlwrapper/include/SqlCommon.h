@@ -1,0 +1,131 @@
+#ifndef SQLWRAPPER_SQLCOMMON_H
+#define SQLWRAPPER_SQLCOMMON_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+// A small object layer over SQLite. Nothing in it throws on its own account or aborts: an
+// operation that fails says so by its result (false, null, -1 or an empty text) and leaves lines
+// in the system log, as far as the device's trace level lets them through: "[ERROR]" above 2,
+// "[DEBUG1]" above 6, "[DEBUG2]" above 7, "[DEBUG3]" above 8. A broken precondition goes to the
+// device's assertion reporter, whatever the level, and the operation then fails as documented.
+//
+// The library starts no threads, takes no locks and keeps no state of its own. A connection and all
+// that is built on it belong to one thread at a time.
+//
+// Running out of memory in the caller's own thread of control shows as std::bad_alloc from the
+// standard library's containers, where exceptions are enabled; it never passes through SQLite.
+namespace sql {
+
+typedef std::string string;
+typedef long long integer; // keys and integer cells: 64 bits on every target
+
+// What a column holds. The numbers are fixed.
+enum field_type : std::int32_t {
+    type_int = 0,
+    type_text = 1,
+    type_float = 2,
+    type_bool = 3,
+    type_time = 4,
+    type_undefined = 5 // stands for every other number
+};
+
+// The name of a type for diagnostics and dumps: "integer", "text", "float", "bool" or "time".
+// Any other number gives "undefined" and reports the assertion "false".
+string type2Str(field_type type);
+
+// A copy of `text` with every single quote doubled and no other byte changed: put between single
+// quotes it is an SQL text literal, so this is how a text from outside gets into a condition.
+string quoteStr(const string& text);
+
+// Remove the blanks (what isspace() takes for one) at the start, at the end or at both ends of
+// `text` itself, and return it.
+string& trimleft(string& text);
+string& trimright(string& text);
+string& trim(string& text);
+
+// A copy of `text` without the blanks at both ends.
+string trim(const string& text);
+
+// Replaces the contents of `out` by the items of `list`, each trimmed. Any run of bytes out of
+// `delimiters` separates two items, so there are no empty items but those that trimming makes. A
+// zero byte ends the list. Uses strtok(), whose position the whole process shares: neither call it
+// while another thread uses strtok(), nor from within a loop over strtok().
+void listToVector(string list, std::vector<string>& out, const char* delimiters);
+
+// Plain decimal digits, after a minus sign for negative numbers, whatever the locale.
+string intToStr(int value);
+string intToStr(integer value);
+
+// A calendar time: whole seconds since the epoch, in the width of the platform's time_t. Arguments
+// wider than that are narrowed, and sums that leave its range wrap around. A plain value: one
+// thread at a time may change it. Texts are in local time, as the process's TZ and locale have it.
+class Time {
+public:
+    // The current time; -1 second if the clock cannot be read. Like every construction from a
+    // number, it traces at DEBUG3, and that line uses ctime(), whose buffer the process shares.
+    Time();
+
+    // The time `t` seconds after the epoch.
+    Time(integer t);
+
+    // The current time.
+    static Time now();
+
+    // Always true, whatever the two times are: compare asInteger() to tell times apart.
+    bool operator==(const Time& other);
+
+    // The seconds from `other` to this time: positive when this one is later.
+    double diff(Time& other);
+
+    // The seconds since the epoch.
+    integer asInteger() const;
+    time_t getTime() const;
+
+    // The local time as strftime() expands `fmt`, at most 127 characters. Empty when the expansion
+    // is longer, and when the time cannot be converted to local time, which leaves an ERROR line:
+    // "Failed to convert calendar time to local time".
+    string format(const char* fmt) const;
+
+    // Day, time and weekday: "31-12-2009 23:59:59, Thu".
+    string asString() const;
+
+    // "23:59:59"
+    string asTimeString() const;
+
+    // "31-12-2009"
+    string asDateString() const;
+
+    // Move the time by so many seconds, or minutes, hours and days of 60, 3600 and 86400 seconds
+    // (also across daylight-saving changes). A negative number moves it back.
+    void addValue(integer s);
+    void addMinutes(integer m);
+    void addHours(integer h);
+    void addDays(integer d);
+
+private:
+    time_t _time;
+};
+
+// The name of an SQLite result code, such as "SQLITE_BUSY"; "unknown" for extended codes and for
+// any other number. A constant text that lives as long as the library is loaded.
+const char* sqliteRc2Str(int rc);
+
+// Runs a query that yields one number, such as a count, and returns it: the single column of the
+// first row, narrowed to 32 bits; further rows are ignored. -1 when the query cannot be prepared,
+// yields no row or more columns than one, or yields a negative number; each leaves ERROR lines.
+// With a null `db`: the assertion "db" and -1.
+int queryNumber(sqlite3* db, const string& stmt);
+
+// Runs a statement that has to finish in one step. True when it did; false when it cannot be
+// prepared, fails, or yields a row, each of which leaves two ERROR lines. With a null `db`: the
+// assertion "db" and false.
+bool runOneStepSqlStmt(sqlite3* db, const string& stmt);
+
+} // namespace sql
+
+#endif

@@ -1,0 +1,72 @@
+#ifndef SQLWRAPPER_SQLDATABASE_H
+#define SQLWRAPPER_SQLDATABASE_H
+
+#include "SqlCommon.h"
+
+namespace sql {
+
+// A connection to a database file. It owns the SQLite handle and closes it in the end; tables and
+// result sets borrow the handle and must not be used after that. One thread at a time; other
+// connections to the same file are waited for as long as the busy timeout says.
+class Database {
+public:
+    enum AccessMode : std::int32_t {
+        access_read_only = 0,
+        access_read_write = 1,
+        access_create = 2 // for reading and writing; makes the file when it is missing
+    };
+
+    // Not open.
+    Database();
+
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+
+    // Closes the connection.
+    ~Database();
+
+    // Opens a database file in place of the connection held before. The flag has no effect.
+    // A statement waits up to `busyTimeoutMs` milliseconds for another connection's lock.
+    //
+    // False when SQLite cannot open the file, with an ERROR line "Failed to open the database
+    // ...", and when the busy timeout cannot be set, "Failed to set the busy timeout: ..."; only
+    // then is the database open nevertheless. SQLite reads the file with the first statement: a
+    // file that is no database opens, and that statement fails. An unknown `mode` reports the
+    // assertion "false", and SQLite refuses it.
+    bool open(const string& fileName, AccessMode mode, bool, int busyTimeoutMs);
+
+    // Closes the connection, if there is one. When SQLite refuses, because statements of the
+    // caller's own are unfinished, the assertion "rc == SQLITE_OK" is reported and the connection
+    // abandoned.
+    void close();
+
+    bool isOpen() const;
+
+    // The SQLite connection that tables and result sets are built on; null when there is none.
+    // Owned by this object: never close it.
+    sqlite3* getHandle();
+
+    // Begin, commit or roll back a transaction for all that runs on this connection. False with
+    // two ERROR lines when SQLite refuses, as it does for a transaction within another or for the
+    // end of one that was not begun; nothing is retried or rolled back. False after the assertion
+    // "_db" when there is no connection.
+    bool transactionBegin();
+    bool transactionCommit();
+    bool transactionRollback();
+
+    // The number an application keeps in the file to tell its schema's version: 0 in a new file. -1
+    // when it cannot be read or is negative, with the lines of queryNumber().
+    int getUserVersion() const;
+
+    // Stores that number: 0 to 2147483647. False for a greater one, with an ERROR line, and when
+    // the statement fails, with the lines of runOneStepSqlStmt().
+    bool setUserVersion(unsigned int version);
+
+private:
+    sqlite3* _db;
+    std::int32_t _rc;
+};
+
+} // namespace sql
+
+#endif

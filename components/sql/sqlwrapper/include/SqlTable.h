@@ -1,0 +1,161 @@
+#ifndef SQLWRAPPER_SQLTABLE_H
+#define SQLWRAPPER_SQLTABLE_H
+
+#include "SqlCommon.h"
+#include "SqlField.h"
+#include "SqlFieldSet.h"
+#include "SqlRecord.h"
+#include "SqlRecordSet.h"
+
+namespace sql {
+
+// A named table on an open connection, together with the rows of its latest read.
+//
+// The handle is borrowed: the Database it came from stays open for as long as the table is used.
+// The columns are owned. A read, and likewise create, remove or truncate, replaces the rows held
+// and ends the life of every Record pointer taken from them; row writes and existence tests leave
+// both. A table is neither copied nor moved. One thread at a time.
+//
+// Names, conditions, orders and keys go into the statement as they stand: pass no untrusted text
+// but in a condition, as a literal made by quoteStr().
+//
+// An operation that SQLite refuses fails with the ERROR lines of RecordSet::query() or, for counts
+// and existence tests, of queryNumber(); without a connection it fails after the assertion "_db"
+// (counts: "db").
+class Table {
+public:
+    // A table to which initTable() has yet to give connection and columns.
+    explicit Table(const string& name);
+
+    // A table with the columns of an array that an ending field closes, as FieldSet takes them.
+    Table(sqlite3* db, const string& name, const Field* fields);
+
+    // A table with a copy of the columns.
+    Table(sqlite3* db, const string& name, const FieldSet& fields);
+
+    Table(const Table&) = delete;
+    Table& operator=(const Table&) = delete;
+
+    // Discards the rows held, takes the connection and appends the columns; the result is that of
+    // FieldSet::initFieldSet(). Meant for a table built from its name.
+    bool initTable(sqlite3* db, const Field* fields);
+
+    string name() const;
+
+    // The columns, which live as long as the table; never null. New records are built on them.
+    const FieldSet* fields() const;
+
+    sqlite3* getHandle();
+
+    // Whether the database has a table of this name. Also true when that cannot be found out: the
+    // ERROR line "Failed to determine if table '...' exists" is the only sign. False after the
+    // assertion "_db" without a connection.
+    bool exists();
+
+    // Creates the table unless exists() is true; an existing table's columns are not looked at.
+    // False when SQLite refuses, and without columns: "Failed to build SQL CREATE TABLE stmt for
+    // table ..." and the assertion "false", each twice.
+    bool create();
+
+    // Drops the table with all its rows. False also when there is none.
+    bool remove();
+
+    // Deletes every row.
+    bool truncate();
+
+    // The number of rows in the database, narrowed to 32 bits; -1 on failure.
+    int totalRecordCount() const;
+
+    // The statement that creates the table: "CREATE TABLE product (id INTEGER PRIMARY KEY, name
+    // TEXT)". Empty without columns: "Failed to build SQL CREATE TABLE stmt for table ..." and the
+    // assertion "false".
+    string getDefinition() const;
+
+    // The columns, numbered from 1, with "\r\n" between two of them: "1. id INTEGER PRIMARY KEY".
+    string toString() const;
+
+    // Load all rows, or those that fulfil a condition such as "price > 2", in no particular order
+    // or in one such as "name" or "price desc, name". Empty texts stand for no condition and no
+    // order.
+    bool open();
+    bool open(const string& whereCondition);
+    bool open(const string& whereCondition, const string& sortBy);
+
+    // Runs any statement and holds the rows that it yields, filled by position: it selects the
+    // table's columns in their order, or rows are filled amiss.
+    bool query(const string& sql);
+
+    // The number of rows held.
+    int recordCount() const;
+
+    // A row held, by position or the first one; null outside [0, recordCount()).
+    Record* getRecord(int index);
+    Record* getTopRecord();
+
+    // Loads the row whose key column equals `key` and returns it; it lives until the rows held are
+    // replaced. Null when no row matches or the query fails. Null as well when the table has no key
+    // column, which keeps the rows held: "Failed to get name of PRIMARY KEY column" twice and the
+    // assertion "false" twice.
+    //
+    // A string key goes between double quotes as it stands: a key that contains one breaks the
+    // statement, or becomes part of it, and a key that reads like the name of a column is taken for
+    // that column.
+    Record* getRecordByKeyId(string key);
+    Record* getRecordByKeyId(integer key);
+
+    // Whether the database has a row whose key column equals `key`; also false on failure. Keys and
+    // the table without a key column as above. The rows held stay.
+    bool hasRecordWithKeyId(string key);
+    bool hasRecordWithKeyId(integer key);
+
+    // Inserts the record, its key included; a null integer key lets SQLite choose one. False also
+    // when the statement cannot be built: the lines of Record::toSqlInsert() and "Failed to build
+    // SQL INSERT statement for table '...'". The rows held stay, as with all writes below.
+    bool addRecord(const Record& record);
+
+    // Updates the row that has the record's key; true also when there is none. False also when the
+    // statement cannot be built: the lines of Record::toSqlUpdate(), which tells of the keys it
+    // needs, and "Failed to build SQL UPDATE statement for table '...'".
+    bool updateRecord(const Record& record);
+
+    // updateRecord() when a row with this key exists, otherwise addRecord(), also when that cannot
+    // be found out. The key only chooses: what is written has the record's own key.
+    bool addOrUpdateRecord(string key, const Record& record);
+    bool addOrUpdateRecord(integer key, const Record& record);
+
+    // Deletes the row whose key column equals `key`; true also when there is none. Keys and the
+    // table without a key column as with getRecordByKeyId().
+    bool deleteRecord(string key);
+    bool deleteRecord(integer key);
+
+    // Deletes the rows that fulfil the condition, all rows for an empty one.
+    bool deleteRecords(const string& whereCondition);
+
+    // Adds every row that `source` holds to this table, under the names of `source`'s columns.
+    // False as soon as one is refused; those added before stay, unless the caller's transaction
+    // says otherwise.
+    bool copyRecords(Table& source);
+
+    // Makes this table anew as a copy of `source`, another table, whose rows are all loaded for it.
+    // True when both then count the same number of rows. Needs no transaction but undoes nothing on
+    // failure: what was in this table is gone.
+    bool backup(Table& source);
+
+private:
+    // The first row that fulfils the clause, after loading them; null without one.
+    Record* loadFirst(const string& clause);
+
+    // Whether the database has a row that fulfils the clause; false when the count fails.
+    bool hasRow(const string& clause) const;
+
+    // Runs a statement beside the record set, which keeps its rows.
+    bool runWrite(const string& statement);
+
+    sqlite3* _db;
+    string _name;
+    RecordSet _recordSet;
+};
+
+} // namespace sql
+
+#endif

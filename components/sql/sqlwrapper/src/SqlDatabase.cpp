@@ -1,0 +1,114 @@
+#include "SqlDatabase.h"
+
+#include "SqlRecordSet.h"
+#include "SqlTrace.h"
+
+#include <sqlite3.h>
+
+#include <limits>
+
+namespace sql {
+
+Database::Database() : _db(nullptr), _rc(SQLITE_ERROR)
+{
+}
+
+Database::~Database()
+{
+    close();
+}
+
+// The unnamed flag has never had an effect; callers pass it all the same.
+bool Database::open(const string& fileName, AccessMode mode, bool, int busyTimeoutMs)
+{
+    TRACE_DEBUG1("Opening database '%s'", fileName.c_str());
+    close();
+
+    int flags = 0;
+    switch (mode) {
+    case access_read_only:
+        flags = SQLITE_OPEN_READONLY;
+        break;
+    case access_read_write:
+        flags = SQLITE_OPEN_READWRITE;
+        break;
+    case access_create:
+        flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+        break;
+    default:
+        SQL_ASSERT(false,
+                   "bool sql::Database::open(const string&, sql::Database::AccessMode, bool, int)");
+    }
+
+    _rc = sqlite3_open_v2(fileName.c_str(), &_db, flags, nullptr);
+    if (!isOpen()) {
+        TRACE_ERROR("Failed to open the database %s: rc=%d=%s: %s", fileName.c_str(), _rc,
+                    sqliteRc2Str(_rc), sqlite3_errmsg(_db));
+        return false;
+    }
+    if (_db == nullptr) {
+        TRACE_ERROR("Failed to open the database %s: database handle returned by SQLite is 0",
+                    fileName.c_str());
+        return false;
+    }
+
+    const int rc = sqlite3_busy_timeout(_db, busyTimeoutMs);
+    if (rc != SQLITE_OK) {
+        TRACE_ERROR("Failed to set the busy timeout: rc=%d=%s", rc, sqliteRc2Str(rc));
+        return false;
+    }
+    return true;
+}
+
+void Database::close()
+{
+    if (_db != nullptr) {
+        const int rc = sqlite3_close(_db);
+        SQL_ASSERT(rc == SQLITE_OK, "void sql::Database::close()");
+        _db = nullptr;
+    }
+    _rc = SQLITE_ERROR;
+}
+
+bool Database::isOpen() const
+{
+    return _rc == SQLITE_OK;
+}
+
+sqlite3* Database::getHandle()
+{
+    return _db;
+}
+
+bool Database::transactionBegin()
+{
+    return RecordSet(_db).query("BEGIN TRANSACTION");
+}
+
+bool Database::transactionCommit()
+{
+    return RecordSet(_db).query("COMMIT TRANSACTION");
+}
+
+bool Database::transactionRollback()
+{
+    return RecordSet(_db).query("ROLLBACK TRANSACTION");
+}
+
+int Database::getUserVersion() const
+{
+    return queryNumber(_db, "PRAGMA user_version;");
+}
+
+bool Database::setUserVersion(unsigned int version)
+{
+    constexpr int highest = std::numeric_limits<int>::max();
+    if (version > static_cast<unsigned int>(highest)) {
+        TRACE_ERROR("User version of a Quillmoor SQL database must be <= %d", highest);
+        return false;
+    }
+    return runOneStepSqlStmt(_db,
+                             "PRAGMA user_version=" + intToStr(static_cast<int>(version)) + ";");
+}
+
+} // namespace sql

@@ -1,0 +1,129 @@
+#include "SqlFieldSet.h"
+
+#include "SqlTrace.h"
+
+namespace sql {
+
+namespace {
+
+bool canBeKey(field_type type)
+{
+    return type == type_int || type == type_text;
+}
+
+} // namespace
+
+FieldSet::FieldSet(const Field* fields)
+{
+    initFieldSet(fields);
+}
+
+FieldSet::FieldSet(const std::vector<Field>& fields) : _fields(fields)
+{
+}
+
+bool FieldSet::initFieldSet(const Field* fields)
+{
+    if (fields == nullptr)
+        return true;
+
+    for (int i = 0; !fields[i].isEndingField(); ++i) {
+        const Field& field = fields[i];
+        if (field.isPrimaryKey() && !canBeKey(field._type)) {
+            TRACE_ERROR(
+                "PRIMARY KEY column '%s' must be of type 'integer' or 'text' instead of type '%s'",
+                field._name.c_str(), type2Str(field._type).c_str());
+            SQL_ASSERT(false, "bool sql::FieldSet::initFieldSet(const sql::Field*)");
+            _fields.clear();
+            return false;
+        }
+        _fields.push_back(field);
+        // Counted from the start of the set, not of what is appended: a set that already held
+        // fields numbers those, as it always has.
+        _fields[i]._index = i;
+    }
+
+    for (const Field& field : _fields) {
+        if (field.isPrimaryKey())
+            return true;
+    }
+    SQL_ASSERT(false, "bool sql::FieldSet::initFieldSet(const sql::Field*)");
+    return false;
+}
+
+int FieldSet::count() const
+{
+    return static_cast<int>(_fields.size());
+}
+
+const Field* FieldSet::getByIndex(int index) const
+{
+    return index >= 0 && index < count() ? &_fields[index] : nullptr;
+}
+
+const Field* FieldSet::getByName(const string& name) const
+{
+    for (const Field& field : _fields) {
+        if (field._name == name)
+            return &field;
+    }
+    return nullptr;
+}
+
+string FieldSet::getKeyIdName() const
+{
+    for (const Field& field : _fields) {
+        if (field.isPrimaryKey())
+            return field._name;
+    }
+    TRACE_ERROR("Failed to get name of PRIMARY KEY column");
+    SQL_ASSERT(false, "sql::string sql::FieldSet::getKeyIdName() const");
+    return string();
+}
+
+string FieldSet::getDefinition() const
+{
+    string definitions;
+    for (int i = 0; i < count(); ++i) {
+        definitions += _fields[i].getDefinition();
+        if (i < count() - 1)
+            definitions += ", ";
+    }
+    return definitions;
+}
+
+string FieldSet::toSql() const
+{
+    string names;
+    for (int i = 0; i < count(); ++i) {
+        const Field* const field = getByIndex(i);
+        if (field == nullptr) {
+            TRACE_ERROR("No field for index %d", i);
+            SQL_ASSERT(false, "sql::string sql::FieldSet::toSql() const");
+            continue;
+        }
+        names += field->_name;
+        if (i < count() - 1)
+            names += ", ";
+    }
+    return names;
+}
+
+string FieldSet::dump() const
+{
+    string lines;
+    for (int i = 0; i < count(); ++i) {
+        const Field* const field = getByIndex(i);
+        if (field == nullptr) {
+            TRACE_ERROR("No field for index %d", i);
+            SQL_ASSERT(false, "sql::string sql::FieldSet::dump() const");
+            continue;
+        }
+        lines += field->dump();
+        if (i < count() - 1)
+            lines += "\r\n";
+    }
+    return lines;
+}
+
+} // namespace sql

@@ -1,0 +1,326 @@
+#include "SqlRecord.h"
+
+#include "SqlTrace.h"
+
+namespace sql {
+
+Record::Record(const FieldSet& fields) : _fields(&fields)
+{
+    _values.reserve(fields.count());
+    for (int i = 0; i < fields.count(); ++i)
+        _values.push_back(Value(fields.getByIndex(i)->getType()));
+}
+
+Record::Record(const Record* other) : Record(*other)
+{
+}
+
+const FieldSet* Record::fields() const
+{
+    return _fields;
+}
+
+int Record::columnCount() const
+{
+    return static_cast<int>(_values.size());
+}
+
+bool Record::hasColumn(int index) const
+{
+    return index >= 0 && index < columnCount();
+}
+
+bool Record::initColumnValue(int index, const char* text, field_type type)
+{
+    if (!hasColumn(index)) {
+        TRACE_ERROR("Column index (%d) is out of range [0, %d[", index, columnCount());
+        SQL_ASSERT(false, "bool sql::Record::initColumnValue(int, const char*, sql::field_type)");
+        return false;
+    }
+    _values[index].setValue(text, type);
+    return true;
+}
+
+Value* Record::getValue(int index)
+{
+    if (hasColumn(index))
+        return &_values[index];
+    TRACE_ERROR("No value for column with index %d", index);
+    SQL_ASSERT(false, "sql::Value* sql::Record::getValue(int)");
+    return nullptr;
+}
+
+const Value* Record::getValue(int index) const
+{
+    if (hasColumn(index))
+        return &_values[index];
+    TRACE_ERROR("No value for column with index %d", index);
+    SQL_ASSERT(false, "const sql::Value* sql::Record::getValue(int) const");
+    return nullptr;
+}
+
+Value* Record::getValue(const string& name)
+{
+    if (const Field* const field = _fields->getByName(name))
+        return getValue(field->getIndex());
+    TRACE_ERROR("No value for column with name '%s'", name.c_str());
+    SQL_ASSERT(false, "sql::Value* sql::Record::getValue(const string&)");
+    return nullptr;
+}
+
+const Value* Record::getValue(const string& name) const
+{
+    if (const Field* const field = _fields->getByName(name))
+        return getValue(field->getIndex());
+    TRACE_ERROR("No value for column with name '%s'", name.c_str());
+    SQL_ASSERT(false, "const sql::Value* sql::Record::getValue(const string&) const");
+    return nullptr;
+}
+
+const Value* Record::getKeyIdValue() const
+{
+    for (int i = 0; i < _fields->count(); ++i) {
+        const Field* const field = _fields->getByIndex(i);
+        if (field != nullptr && field->isPrimaryKey())
+            return getValue(field->getIndex());
+    }
+    TRACE_ERROR("No PRIMARY KEY column found");
+    SQL_ASSERT(false, "const sql::Value* sql::Record::getKeyIdValue() const");
+    return nullptr;
+}
+
+const Field* Record::fieldByName(const string& name) const
+{
+    const Field* const field = _fields->getByName(name);
+    if (field == nullptr) {
+        TRACE_ERROR("Field/column '%s' not found", name.c_str());
+        SQL_ASSERT(false, "const sql::Field* sql::Record::fieldByName(const string&) const");
+    }
+    return field;
+}
+
+void Record::setNull(int index)
+{
+    if (Value* const value = getValue(index))
+        value->setNull();
+}
+
+void Record::setNull(const string& name)
+{
+    if (const Field* const field = fieldByName(name))
+        setNull(field->getIndex());
+}
+
+void Record::setString(int index, const string& s)
+{
+    if (Value* const value = getValue(index))
+        value->setString(s);
+}
+
+void Record::setString(const string& name, const string& s)
+{
+    if (const Field* const field = fieldByName(name))
+        setString(field->getIndex(), s);
+}
+
+void Record::setInteger(int index, integer n)
+{
+    if (Value* const value = getValue(index))
+        value->setInteger(n);
+}
+
+void Record::setInteger(const string& name, integer n)
+{
+    if (const Field* const field = fieldByName(name))
+        setInteger(field->getIndex(), n);
+}
+
+void Record::setDouble(int index, double d)
+{
+    if (Value* const value = getValue(index))
+        value->setDouble(d);
+}
+
+void Record::setDouble(const string& name, double d)
+{
+    if (const Field* const field = fieldByName(name))
+        setDouble(field->getIndex(), d);
+}
+
+void Record::setBool(int index, bool b)
+{
+    if (Value* const value = getValue(index))
+        value->setBool(b);
+}
+
+void Record::setBool(const string& name, bool b)
+{
+    if (const Field* const field = fieldByName(name))
+        setBool(field->getIndex(), b);
+}
+
+void Record::setTime(int index, Time t)
+{
+    if (Value* const value = getValue(index))
+        value->setTime(t);
+}
+
+void Record::setTime(const string& name, Time t)
+{
+    if (const Field* const field = fieldByName(name))
+        setTime(field->getIndex(), t);
+}
+
+bool Record::equalsColumnValue(const Record* other, const string& name) const
+{
+    if (other == nullptr)
+        return false;
+    const Value* const value = getValue(name);
+    if (value == nullptr)
+        return false;
+    const Value* const otherValue = other->getValue(name);
+    return otherValue != nullptr && value->equals(*otherValue);
+}
+
+bool Record::equalsValues(const Record* other) const
+{
+    if (other == nullptr)
+        return false;
+    for (int i = 0; i < _fields->count(); ++i) {
+        const Field* const field = _fields->getByIndex(i);
+        if (field == nullptr || field->isPrimaryKey())
+            continue;
+        const Value* const value = getValue(field->getName());
+        if (value == nullptr)
+            continue;
+        const Value* const otherValue = other->getValue(field->getName());
+        if (otherValue != nullptr && !value->equals(*otherValue))
+            return false;
+    }
+    return true;
+}
+
+string Record::toString() const
+{
+    string text;
+    for (int i = 0; i < columnCount(); ++i) {
+        text += _values[i].toString();
+        if (i < columnCount() - 1)
+            text += "|";
+    }
+    return text;
+}
+
+string Record::dump(bool withTypes) const
+{
+    string text;
+    for (int i = 0; i < columnCount(); ++i) {
+        if (const Field* const field = _fields->getByIndex(i))
+            text += field->getName() + " = ";
+        text += _values[i].dump(withTypes);
+        if (i < columnCount() - 1)
+            text += "|";
+    }
+    return text;
+}
+
+string Record::toSql() const
+{
+    string literals;
+    const int count = _fields->count();
+    for (int i = 0; i < count; ++i) {
+        const Field* const field = _fields->getByIndex(i);
+        if (field == nullptr) {
+            TRACE_ERROR("field with index %d does not exist", i);
+            SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
+            return string();
+        }
+        const Value* const value = getValue(field->getName());
+        if (value == nullptr) {
+            TRACE_ERROR("field with index %d does not have value", i);
+            SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
+            return string();
+        }
+        literals += value->toSql(field->getType());
+        if (i < count - 1)
+            literals += ", ";
+    }
+    return literals;
+}
+
+string Record::toSqlInsert(const string& tableName) const
+{
+    if (tableName.empty()) {
+        TRACE_ERROR("No table name given");
+        SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
+        return string();
+    }
+    const string names = _fields->toSql();
+    if (names.empty()) {
+        TRACE_ERROR("No fields to insert in table '%s'", tableName.c_str());
+        SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
+        return string();
+    }
+    const string literals = toSql();
+    if (literals.empty()) {
+        TRACE_ERROR("No values to insert in table '%s'", tableName.c_str());
+        SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
+        return string();
+    }
+    return "insert into " + tableName + " (" + names + ") values (" + literals + ")";
+}
+
+int Record::appendAssignments(string& statement) const
+{
+    const int count = _fields->count();
+    for (int i = 0; i < count; ++i) {
+        const Field* const field = _fields->getByIndex(i);
+        if (field == nullptr || field->isPrimaryKey())
+            continue;
+        const Value* const value = getValue(field->getName());
+        if (value == nullptr)
+            return i;
+        statement += field->getName() + "=" + value->toSql(field->getType());
+        // By position alone: callers know the comma that a key in the last column leaves behind.
+        if (i < count - 1)
+            statement += ", ";
+    }
+    return -1;
+}
+
+string Record::toSqlUpdate(const string& tableName) const
+{
+    if (tableName.empty()) {
+        TRACE_ERROR("No table name given");
+        SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
+        return string();
+    }
+
+    string statement = "update " + tableName + " set ";
+    const int missing = appendAssignments(statement);
+    if (missing >= 0) {
+        TRACE_ERROR("No value for column with index=%d (and name=%s) of table %s", missing,
+                    _fields->getByIndex(missing)->getName().c_str(), tableName.c_str());
+        SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
+        return string();
+    }
+    const string keyName = _fields->getKeyIdName();
+    if (keyName.empty()) {
+        TRACE_ERROR("Failed to get name of PRIMARY KEY column for table %s", tableName.c_str());
+        SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
+        return string();
+    }
+    const Value* const value = getKeyIdValue();
+    if (value == nullptr) {
+        TRACE_ERROR("No PRIMARY KEY column found for table %s", tableName.c_str());
+        SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
+        return string();
+    }
+    // Only integer keys make a sound statement; a key of another type is reported, and written all
+    // the same, without quotes.
+    SQL_ASSERT(value->getType() == type_int,
+               "sql::string sql::Record::toSqlUpdate(const string&) const");
+    return statement + " where " + keyName + " = " + value->toSql(type_int);
+}
+
+} // namespace sql

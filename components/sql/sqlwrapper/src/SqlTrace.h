@@ -1,0 +1,55 @@
+#ifndef SQLWRAPPER_SRC_SQLTRACE_H
+#define SQLWRAPPER_SRC_SQLTRACE_H
+
+// How the library reports: one system log line per event, behind the trace level of the device's
+// trace library, and broken preconditions through the device's assertion reporter.
+
+#include <syslog.h>
+
+// Owned by libtrace, ours only to read. Either pointer may be null, which silences the library.
+struct TraceObject {
+    int* level;
+};
+extern TraceObject* g_traceObject;
+
+// Owned by libframework, C linkage. It returns, and the caller then takes its failure path.
+extern "C" void logAssertFailed(const char* expression, const char* path, int line,
+                                const char* function);
+
+namespace sql {
+
+// Read afresh for every line: the level may change between the two lines of one report.
+inline bool traceLevelAbove(int limit)
+{
+    const TraceObject* const trace = g_traceObject;
+    return trace != nullptr && trace->level != nullptr && *trace->level > limit;
+}
+
+inline bool checked(bool holds, const char* text, const char* path, int line, const char* function)
+{
+    if (!holds)
+        ::logAssertFailed(text, path, line, function);
+    return holds;
+}
+
+} // namespace sql
+
+#define TRACE_ERROR(text, ...) SQL_TRACE(2, LOG_ERR, "[ERROR]", text, ##__VA_ARGS__)
+#define TRACE_DEBUG1(text, ...) SQL_TRACE(6, LOG_DEBUG, "[DEBUG1]", text, ##__VA_ARGS__)
+#define TRACE_DEBUG2(text, ...) SQL_TRACE(7, LOG_DEBUG, "[DEBUG2]", text, ##__VA_ARGS__)
+#define TRACE_DEBUG3(text, ...) SQL_TRACE(8, LOG_DEBUG, "[DEBUG3]", text, ##__VA_ARGS__)
+
+#define SQL_TRACE(limit, priority, tag, text, ...)                                                 \
+    do {                                                                                           \
+        if (::sql::traceLevelAbove(limit))                                                         \
+            ::syslog(priority, tag " %s:%d (%s) - " text, __FILE_NAME__, __LINE__, __func__,       \
+                     ##__VA_ARGS__);                                                               \
+    } while (false)
+
+// True when the condition holds; otherwise reports its text exactly as written at the call. The
+// function's signature is given as a literal, since compilers print it differently.
+#define SQL_ASSERT(condition, function)                                                            \
+    ::sql::checked(static_cast<bool>(condition), #condition,                                       \
+                   "components/sql/sqlwrapper/src/" __FILE_NAME__, __LINE__, function)
+
+#endif

@@ -1,0 +1,158 @@
+#include "SqlValue.h"
+
+#include <locale.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <charconv>
+
+namespace sql {
+
+namespace {
+
+constexpr std::size_t double_text_limit = 127;
+
+// The longest double has a sign, 309 digits, the point and eight decimals.
+constexpr std::size_t double_text_buffer = 320;
+
+} // namespace
+
+Value::Value(field_type type) : _isNull(true), _type(type)
+{
+}
+
+void Value::setValue(const char* text, field_type type)
+{
+    _type = type;
+    _isNull = text == nullptr;
+    if (_isNull)
+        _value.clear();
+    else
+        _value = text;
+}
+
+void Value::setNull()
+{
+    _value.clear();
+    _isNull = true;
+}
+
+void Value::setString(const string& s)
+{
+    _value = s;
+    _isNull = false;
+}
+
+void Value::setInteger(integer n)
+{
+    setString(intToStr(n));
+}
+
+// Not printf(), which takes its decimal point from the process's locale.
+void Value::setDouble(double d)
+{
+    char text[double_text_buffer];
+    char* const end = std::to_chars(text, text + sizeof text, d, std::chars_format::fixed, 8).ptr;
+    _value.assign(text, std::min(end, text + double_text_limit));
+    _isNull = false;
+}
+
+void Value::setBool(bool b)
+{
+    setString(b ? "1" : "0");
+}
+
+void Value::setTime(Time t)
+{
+    setInteger(t.asInteger());
+}
+
+bool Value::isNull() const
+{
+    return _isNull;
+}
+
+field_type Value::getType() const
+{
+    return _type;
+}
+
+integer Value::asInteger() const
+{
+    return _isNull ? 0 : ::strtoll(_value.c_str(), nullptr, 10);
+}
+
+// Read in the "C" locale, since the process's own may have another decimal point. The C library
+// keeps that locale ready: nothing is allocated.
+double Value::asDouble() const
+{
+    if (_isNull)
+        return 0.0;
+    const locale_t plain = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    const double number = ::strtod_l(_value.c_str(), nullptr, plain);
+    ::freelocale(plain);
+    return number;
+}
+
+bool Value::asBool() const
+{
+    return !_isNull && _value == "1";
+}
+
+Time Value::asTime() const
+{
+    return Time(asInteger());
+}
+
+string Value::asString() const
+{
+    return _type == type_time ? asTime().asString() : _value;
+}
+
+string Value::toString() const
+{
+    return _isNull ? "null" : asString();
+}
+
+string Value::dump(bool withType) const
+{
+    return withType ? toString() + " (" + type2Str(_type) + ")" : toString();
+}
+
+bool Value::equals(const Value& other) const
+{
+    if (_isNull && other._isNull)
+        return true;
+
+    switch (_type) {
+    case type_int:
+        return asInteger() == other.asInteger();
+    case type_text:
+        return asString() == other.asString();
+    case type_float:
+        return asDouble() == other.asDouble();
+    case type_bool:
+        return asBool() == other.asBool();
+    case type_time: {
+        Time time = asTime();
+        const Time otherTime = other.asTime();
+        return time == otherTime;
+    }
+    case type_undefined:
+        break;
+    }
+    return false;
+}
+
+string Value::toSql(field_type type) const
+{
+    if (_isNull)
+        return "null";
+    if (type == type_text)
+        return "'" + quoteStr(asString()) + "'";
+    if (_type == type_time)
+        return intToStr(asInteger());
+    return asString();
+}
+
+} // namespace sql

@@ -1,0 +1,206 @@
+#include "Diagnostics.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+// The shape that the library expects of the trace library's object.
+struct TraceObject {
+    int* level;
+};
+
+extern TraceObject* g_traceObject;
+TraceObject* g_traceObject = nullptr;
+
+namespace {
+
+TraceObject traceObject = {nullptr};
+test::Diagnostics* current = nullptr;
+
+const char prefix[] = " %s:%d (%s) - ";
+
+// A line of another form is a defect in the library or in the test: there is nobody to report it to
+// but the person at the console.
+[[noreturn]] void refuse(const char* why, const char* format)
+{
+    std::fprintf(stderr, "unexpected system log line (%s): %s\n", why, format);
+    std::abort();
+}
+
+std::string expand(const char* format, va_list arguments)
+{
+    va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(nullptr, 0, format, arguments);
+    std::string text(static_cast<std::size_t>(length) + 1, '\0');
+    std::vsnprintf(&text[0], text.size(), format, again);
+    va_end(again);
+    text.pop_back();
+    return text;
+}
+
+void capture(int priority, const char* format, va_list arguments)
+{
+    if (current == nullptr)
+        refuse("nobody listens", format);
+    test::LogLine line;
+    line.priority = priority;
+    line.format = format;
+    line.tag = line.format.substr(0, line.format.find(' '));
+    if (line.format.compare(line.tag.size(), sizeof prefix - 1, prefix) != 0)
+        refuse("no source place", format);
+
+    va_list again;
+    va_copy(again, arguments);
+    line.file = va_arg(again, const char*);
+    line.line = va_arg(again, int);
+    line.function = va_arg(again, const char*);
+    va_end(again);
+
+    const std::string start = line.tag + " " + line.file + ":" + std::to_string(line.line) + " ("
+                              + line.function + ") - ";
+    line.message = expand(format, arguments).substr(start.size());
+    current->add(line);
+}
+
+} // namespace
+
+extern "C" {
+
+void logAssertFailed(const char* expression, const char* path, int line, const char* function);
+
+void logAssertFailed(const char* expression, const char* path, int line, const char* function)
+{
+    if (current == nullptr)
+        refuse("nobody listens for assertions", expression);
+    current->add(test::Assertion{expression, path, line, function});
+}
+
+void syslog(int priority, const char* format, ...);
+void __syslog_chk(int priority, int flag, const char* format, ...);
+
+void syslog(int priority, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    capture(priority, format, arguments);
+    va_end(arguments);
+}
+
+// What optimised builds call in its place.
+void __syslog_chk(int priority, int, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    capture(priority, format, arguments);
+    va_end(arguments);
+}
+
+} // extern "C"
+
+namespace test {
+
+Diagnostics::Diagnostics() : _level(3)
+{
+    current = this;
+    traceObject.level = &_level;
+    g_traceObject = &traceObject;
+}
+
+Diagnostics::~Diagnostics()
+{
+    current = nullptr;
+    g_traceObject = nullptr;
+}
+
+void Diagnostics::setLevel(int level)
+{
+    _level = level;
+}
+
+void Diagnostics::removeLevel()
+{
+    traceObject.level = nullptr;
+}
+
+void Diagnostics::removeTraceObject()
+{
+    g_traceObject = nullptr;
+}
+
+void Diagnostics::onLine(std::function<void(const LogLine&)> reaction)
+{
+    _reaction = std::move(reaction);
+}
+
+const std::vector<std::string>& Diagnostics::events() const
+{
+    return _events;
+}
+
+std::vector<std::string> Diagnostics::messages() const
+{
+    std::vector<std::string> texts;
+    for (const LogLine& line : _lines)
+        texts.push_back(line.message);
+    return texts;
+}
+
+std::vector<std::string> Diagnostics::messages(const std::string& tag) const
+{
+    std::vector<std::string> texts;
+    for (const LogLine& line : _lines) {
+        if (line.tag == tag)
+            texts.push_back(line.message);
+    }
+    return texts;
+}
+
+std::vector<std::string> Diagnostics::errors() const
+{
+    return messages("[ERROR]");
+}
+
+std::vector<std::string> Diagnostics::assertions() const
+{
+    std::vector<std::string> expressions;
+    for (const Assertion& assertion : _assertions)
+        expressions.push_back(assertion.expression);
+    return expressions;
+}
+
+const std::vector<LogLine>& Diagnostics::lines() const
+{
+    return _lines;
+}
+
+const std::vector<Assertion>& Diagnostics::failedAssertions() const
+{
+    return _assertions;
+}
+
+void Diagnostics::clear()
+{
+    _lines.clear();
+    _assertions.clear();
+    _events.clear();
+}
+
+void Diagnostics::add(const LogLine& line)
+{
+    _lines.push_back(line);
+    _events.push_back(line.tag + " " + line.file + " (" + line.function + ") - " + line.message);
+    if (_reaction)
+        _reaction(line);
+}
+
+void Diagnostics::add(const Assertion& assertion)
+{
+    const std::string file = assertion.path.substr(assertion.path.rfind('/') + 1);
+    _assertions.push_back(assertion);
+    _events.push_back("assert '" + assertion.expression + "' in " + file + " (" + assertion.function
+                      + ")");
+}
+
+} // namespace test

@@ -1,0 +1,111 @@
+#include "Environment.h"
+
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <locale>
+
+namespace test {
+
+namespace {
+
+[[noreturn]] void refuse(const char* what)
+{
+    std::perror(what);
+    std::abort();
+}
+
+struct CommaPunctuation : std::numpunct<char> {
+    char do_decimal_point() const override
+    {
+        return ',';
+    }
+    char do_thousands_sep() const override
+    {
+        return '.';
+    }
+    std::string do_grouping() const override
+    {
+        return "\3";
+    }
+};
+
+} // namespace
+
+TemporaryDirectory::TemporaryDirectory()
+    : _path((std::filesystem::temp_directory_path() / "sqlwrapper-XXXXXX").string())
+{
+    if (::mkdtemp(&_path[0]) == nullptr)
+        refuse("mkdtemp");
+}
+
+TemporaryDirectory::~TemporaryDirectory()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(_path, ignored);
+}
+
+const std::string& TemporaryDirectory::path() const
+{
+    return _path;
+}
+
+std::string TemporaryDirectory::file(const std::string& name) const
+{
+    return _path + "/" + name;
+}
+
+TimeZone::TimeZone(const std::string& name) : _had(false)
+{
+    if (const char* const former = std::getenv("TZ")) {
+        _had = true;
+        _former = former;
+    }
+    ::setenv("TZ", name.c_str(), 1);
+    ::tzset();
+}
+
+TimeZone::~TimeZone()
+{
+    if (_had)
+        ::setenv("TZ", _former.c_str(), 1);
+    else
+        ::unsetenv("TZ");
+    ::tzset();
+}
+
+CommaLocale::CommaLocale()
+{
+    if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr)
+        refuse("setlocale de_DE.UTF-8");
+    std::locale::global(std::locale(std::locale::classic(), new CommaPunctuation));
+    std::setlocale(LC_ALL, "de_DE.UTF-8"); // in case the line above has changed it
+}
+
+CommaLocale::~CommaLocale()
+{
+    std::locale::global(std::locale::classic());
+    std::setlocale(LC_ALL, "C");
+}
+
+void writeFile(const std::string& path, const std::string& contents)
+{
+    std::ofstream out(path, std::ios::binary);
+    out << contents;
+    if (!out.flush())
+        refuse(path.c_str());
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        refuse(path.c_str());
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+} // namespace test

@@ -1,0 +1,52 @@
+#ifndef SQLWRAPPER_TESTS_SUPPORT_ENVIRONMENT_H
+#define SQLWRAPPER_TESTS_SUPPORT_ENVIRONMENT_H
+
+#include <string>
+
+namespace test {
+
+// A directory of its own, removed with all its files in the end.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    const std::string& path() const;
+    std::string file(const std::string& name) const;
+
+private:
+    std::string _path;
+};
+
+// Sets the process's time zone, by default one with daylight-saving time that is not UTC, and puts
+// the former one back.
+class TimeZone {
+public:
+    explicit TimeZone(const std::string& name = "CET-1CEST,M3.5.0,M10.5.0/3");
+    ~TimeZone();
+    TimeZone(const TimeZone&) = delete;
+    TimeZone& operator=(const TimeZone&) = delete;
+
+private:
+    bool _had;
+    std::string _former;
+};
+
+// Sets a decimal comma with digit grouping, as C locale and as C++ global locale, and puts the
+// former locales back. The C locale is de_DE.UTF-8, which the build makes and LOCPATH points at.
+class CommaLocale {
+public:
+    CommaLocale();
+    ~CommaLocale();
+    CommaLocale(const CommaLocale&) = delete;
+    CommaLocale& operator=(const CommaLocale&) = delete;
+};
+
+void writeFile(const std::string& path, const std::string& contents);
+std::string readFile(const std::string& path);
+
+} // namespace test
+
+#endif

@@ -1,0 +1,203 @@
+#include "Sqlite.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+
+namespace {
+
+test::SqliteCalls* watched = nullptr;
+
+template <typename Function> Function* original(const char* name)
+{
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+// SQLite's own calls of its public functions come here as well.
+bool isSqlite(void* caller)
+{
+    Dl_info place;
+    return ::dladdr(caller, &place) != 0 && std::strstr(place.dli_fname, "libsqlite3") != nullptr;
+}
+
+void note(int test::SqliteCalls::*counter, const char* name, void* caller)
+{
+    if (watched == nullptr || isSqlite(caller))
+        return;
+    ++(watched->*counter);
+    watched->order.push_back(name);
+}
+
+} // namespace
+
+// Found before SQLite's own functions of the same names, for the library and the tests alike.
+extern "C" {
+
+int sqlite3_open_v2(const char* file, sqlite3** db, int flags, const char* vfs)
+{
+    note(&test::SqliteCalls::opens, "open", __builtin_return_address(0));
+    if (watched != nullptr && watched->open)
+        return watched->open(file, db, flags, vfs);
+    static auto* const real = original<decltype(sqlite3_open_v2)>("sqlite3_open_v2");
+    return real(file, db, flags, vfs);
+}
+
+int sqlite3_close(sqlite3* db)
+{
+    note(&test::SqliteCalls::closes, "close", __builtin_return_address(0));
+    if (watched != nullptr && watched->close)
+        return watched->close(db);
+    static auto* const real = original<decltype(sqlite3_close)>("sqlite3_close");
+    return real(db);
+}
+
+int sqlite3_busy_timeout(sqlite3* db, int milliseconds)
+{
+    note(&test::SqliteCalls::busyTimeouts, "busy_timeout", __builtin_return_address(0));
+    if (watched != nullptr && watched->busyTimeout)
+        return watched->busyTimeout(db, milliseconds);
+    static auto* const real = original<decltype(sqlite3_busy_timeout)>("sqlite3_busy_timeout");
+    return real(db, milliseconds);
+}
+
+int sqlite3_exec(sqlite3* db, const char* sql, test::SqliteCalls::RowCallback callback,
+                 void* context, char** error)
+{
+    note(&test::SqliteCalls::execs, "exec", __builtin_return_address(0));
+    if (watched != nullptr && watched->exec)
+        return watched->exec(db, sql, callback, context, error);
+    static auto* const real = original<decltype(sqlite3_exec)>("sqlite3_exec");
+    return real(db, sql, callback, context, error);
+}
+
+int sqlite3_prepare_v2(sqlite3* db, const char* sql, int bytes, sqlite3_stmt** statement,
+                       const char** tail)
+{
+    note(&test::SqliteCalls::prepares, "prepare", __builtin_return_address(0));
+    static auto* const real = original<decltype(sqlite3_prepare_v2)>("sqlite3_prepare_v2");
+    return real(db, sql, bytes, statement, tail);
+}
+
+int sqlite3_step(sqlite3_stmt* statement)
+{
+    note(&test::SqliteCalls::steps, "step", __builtin_return_address(0));
+    static auto* const real = original<decltype(sqlite3_step)>("sqlite3_step");
+    return real(statement);
+}
+
+int sqlite3_finalize(sqlite3_stmt* statement)
+{
+    if (statement != nullptr)
+        note(&test::SqliteCalls::finalizes, "finalize", __builtin_return_address(0));
+    static auto* const real = original<decltype(sqlite3_finalize)>("sqlite3_finalize");
+    return real(statement);
+}
+
+void sqlite3_free(void* text)
+{
+    if (text != nullptr)
+        note(&test::SqliteCalls::textsFreed, "free", __builtin_return_address(0));
+    static auto* const real = original<decltype(sqlite3_free)>("sqlite3_free");
+    real(text);
+}
+
+} // extern "C"
+
+namespace test {
+
+namespace {
+
+[[noreturn]] void refuse(sqlite3* db, const std::string& sql)
+{
+    std::fprintf(stderr, "%s: %s\n", sql.c_str(), sqlite3_errmsg(db));
+    std::abort();
+}
+
+int takeStatement(unsigned, void* context, void*, void* text)
+{
+    static_cast<std::vector<std::string>*>(context)->push_back(static_cast<const char*>(text));
+    return 0;
+}
+
+} // namespace
+
+Connection::Connection(const std::string& fileName) : _db(nullptr)
+{
+    if (sqlite3_open(fileName.c_str(), &_db) != SQLITE_OK)
+        refuse(_db, fileName);
+}
+
+Connection::~Connection()
+{
+    sqlite3_close(_db);
+}
+
+sqlite3* Connection::get() const
+{
+    return _db;
+}
+
+Connection::operator sqlite3*() const
+{
+    return _db;
+}
+
+void Connection::run(const std::string& sql)
+{
+    if (sqlite3_exec(_db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+        refuse(_db, sql);
+}
+
+std::string Connection::rows(const std::string& sql)
+{
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(_db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
+        refuse(_db, sql);
+    std::string text;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        if (!text.empty())
+            text += "\n";
+        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+            const unsigned char* const cell = sqlite3_column_text(statement, i);
+            if (i > 0)
+                text += "|";
+            text += cell != nullptr ? reinterpret_cast<const char*>(cell) : "NULL";
+        }
+    }
+    sqlite3_finalize(statement);
+    return text;
+}
+
+Statements::Statements(sqlite3* db) : _db(db)
+{
+    sqlite3_trace_v2(_db, SQLITE_TRACE_STMT, takeStatement, &_texts);
+}
+
+Statements::~Statements()
+{
+    sqlite3_trace_v2(_db, 0, nullptr, nullptr);
+}
+
+const std::vector<std::string>& Statements::texts() const
+{
+    return _texts;
+}
+
+void Statements::clear()
+{
+    _texts.clear();
+}
+
+SqliteCalls::SqliteCalls()
+{
+    watched = this;
+}
+
+SqliteCalls::~SqliteCalls()
+{
+    watched = nullptr;
+}
+
+} // namespace test

@@ -1,0 +1,80 @@
+#ifndef SQLWRAPPER_TESTS_SUPPORT_SQLITE_H
+#define SQLWRAPPER_TESTS_SUPPORT_SQLITE_H
+
+#include <sqlite3.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace test {
+
+// A connection of the test's own, in memory unless a file is named.
+class Connection {
+public:
+    explicit Connection(const std::string& fileName = ":memory:");
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    sqlite3* get() const;
+    operator sqlite3*() const;
+
+    // Runs statements past the library; aborts the test program when SQLite refuses.
+    void run(const std::string& sql);
+
+    // What a query yields, past the library: cells separated by "|", rows by "\n", NULL as "NULL".
+    std::string rows(const std::string& sql);
+
+private:
+    sqlite3* _db;
+};
+
+// The texts of all statements that start on a connection while this object lives.
+class Statements {
+public:
+    explicit Statements(sqlite3* db);
+    ~Statements();
+    Statements(const Statements&) = delete;
+    Statements& operator=(const Statements&) = delete;
+
+    const std::vector<std::string>& texts() const;
+    void clear();
+
+private:
+    sqlite3* _db;
+    std::vector<std::string> _texts;
+};
+
+// The calls into SQLite that tests watch or replace. A function that is set is called instead of
+// SQLite's own; the counters count calls that do not come from within SQLite, whoever answers them. One
+// at a time.
+class SqliteCalls {
+public:
+    SqliteCalls();
+    ~SqliteCalls();
+    SqliteCalls(const SqliteCalls&) = delete;
+    SqliteCalls& operator=(const SqliteCalls&) = delete;
+
+    typedef int (*RowCallback)(void*, int, char**, char**);
+
+    std::function<int(const char*, sqlite3**, int, const char*)> open;
+    std::function<int(sqlite3*, int)> busyTimeout;
+    std::function<int(sqlite3*)> close;
+    std::function<int(sqlite3*, const char*, RowCallback, void*, char**)> exec;
+
+    int opens = 0;
+    int closes = 0;
+    int busyTimeouts = 0;
+    int execs = 0;
+    int prepares = 0;
+    int steps = 0;
+    int finalizes = 0;  // of a statement, not of null
+    int textsFreed = 0; // sqlite3_free() of a text, not of null
+    std::vector<std::string>
+        order; // "open", "close", "exec", "prepare", "step", "finalize", "free"
+};
+
+} // namespace test
+
+#endif
