@@ -34,7 +34,7 @@ std::string expand(const char* format, va_list arguments)
     va_copy(again, arguments);
     const int length = std::vsnprintf(nullptr, 0, format, arguments);
     std::string text(static_cast<std::size_t>(length) + 1, '\0');
-    std::vsnprintf(&text[0], text.size(), format, again);
+    std::vsnprintf(text.data(), text.size(), format, again);
     va_end(again);
     text.pop_back();
     return text;
@@ -201,6 +201,21 @@ void Diagnostics::add(const Assertion& assertion)
     _assertions.push_back(assertion);
     _events.push_back("assert '" + assertion.expression + "' in " + file + " (" + assertion.function
                       + ")");
+}
+
+std::vector<std::string> visibleAt(int level, const std::vector<std::string>& events)
+{
+    static const std::vector<std::pair<std::string, int>> limits = {
+        {"[ERROR] ", 2}, {"[DEBUG1] ", 6}, {"[DEBUG2] ", 7}, {"[DEBUG3] ", 8}};
+    std::vector<std::string> visible;
+    for (const std::string& event : events) {
+        bool open = true;
+        for (const auto& [tag, limit] : limits)
+            open = open && (event.compare(0, tag.size(), tag) != 0 || level > limit);
+        if (open)
+            visible.push_back(event);
+    }
+    return visible;
 }
 
 } // namespace test

@@ -71,6 +71,9 @@ private:
     std::function<void(const LogLine&)> _reaction;
 };
 
+// Those of `events` that are reported at a trace level: assertions always are.
+std::vector<std::string> visibleAt(int level, const std::vector<std::string>& events);
+
 } // namespace test
 
 #endif

@@ -39,7 +39,7 @@ struct CommaPunctuation : std::numpunct<char> {
 TemporaryDirectory::TemporaryDirectory()
     : _path((std::filesystem::temp_directory_path() / "sqlwrapper-XXXXXX").string())
 {
-    if (::mkdtemp(&_path[0]) == nullptr)
+    if (::mkdtemp(_path.data()) == nullptr)
         refuse("mkdtemp");
 }
 

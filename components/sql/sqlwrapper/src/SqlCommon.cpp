@@ -112,7 +112,7 @@ string trim(const string& text)
 void listToVector(string list, std::vector<string>& out, const char* delimiters)
 {
     out.clear();
-    for (char* item = std::strtok(&list[0], delimiters); item != nullptr;
+    for (char* item = std::strtok(list.data(), delimiters); item != nullptr;
          item = std::strtok(nullptr, delimiters))
         out.push_back(trim(string(item)));
 }
