@@ -8,6 +8,8 @@
 
 struct sqlite3;
 
+#pragma GCC visibility push(default)
+
 // A small object layer over SQLite. Nothing in it throws on its own account or aborts: an
 // operation that fails says so by its result (false, null, -1 or an empty text) and leaves lines
 // in the system log, as far as the device's trace level lets them through: "[ERROR]" above 2,
@@ -127,5 +129,7 @@ int queryNumber(sqlite3* db, const string& stmt);
 bool runOneStepSqlStmt(sqlite3* db, const string& stmt);
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

@@ -3,6 +3,8 @@
 
 #include "SqlCommon.h"
 
+#pragma GCC visibility push(default)
+
 namespace sql {
 
 // A connection to a database file. It owns the SQLite handle and closes it in the end; tables and
@@ -68,5 +70,7 @@ private:
 };
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

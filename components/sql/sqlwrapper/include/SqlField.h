@@ -3,6 +3,8 @@
 
 #include "SqlCommon.h"
 
+#pragma GCC visibility push(default)
+
 namespace sql {
 
 // Column constraints, combined by OR. A Field keeps other bits and ignores them.
@@ -68,5 +70,7 @@ private:
 };
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

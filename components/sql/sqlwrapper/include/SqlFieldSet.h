@@ -6,6 +6,8 @@
 
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace sql {
 
 // The ordered columns of a table, owned as copies. The first PRIMARY KEY column is the key column,
@@ -61,5 +63,7 @@ private:
 };
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

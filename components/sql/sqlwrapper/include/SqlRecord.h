@@ -8,6 +8,8 @@
 
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace sql {
 
 // One row: a cell for every column of a FieldSet, owned, in column order. The set itself is
@@ -118,5 +120,7 @@ private:
 };
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

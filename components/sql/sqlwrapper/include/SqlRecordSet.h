@@ -9,6 +9,8 @@
 
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace sql {
 
 // Runs SQL statements on an open connection and holds the rows of the latest one.
@@ -90,5 +92,7 @@ private:
 };
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

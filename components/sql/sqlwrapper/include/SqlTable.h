@@ -7,6 +7,8 @@
 #include "SqlRecord.h"
 #include "SqlRecordSet.h"
 
+#pragma GCC visibility push(default)
+
 namespace sql {
 
 // A named table on an open connection, together with the rows of its latest read.
@@ -157,5 +159,7 @@ private:
 };
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

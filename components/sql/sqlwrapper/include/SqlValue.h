@@ -3,6 +3,8 @@
 
 #include "SqlCommon.h"
 
+#pragma GCC visibility push(default)
+
 namespace sql {
 
 // One cell: a text with a null mark and the type of its column. Numbers, booleans and times are
@@ -76,5 +78,7 @@ private:
 };
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif

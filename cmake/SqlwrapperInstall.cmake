@@ -1,0 +1,30 @@
+# What a user finds the installed library by: the CMake package and the pkg-config file. Both name
+# places relative to their own, so that an installation can be moved.
+
+include(CMakePackageConfigHelpers)
+set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/sqlwrapper)
+configure_package_config_file(
+    ${CMAKE_CURRENT_LIST_DIR}/sqlwrapperConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/sqlwrapperConfig.cmake
+    INSTALL_DESTINATION ${package_directory})
+write_basic_package_version_file(
+    ${PROJECT_BINARY_DIR}/sqlwrapperConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(EXPORT sqlwrapper
+    FILE sqlwrapperTargets.cmake NAMESPACE sqlwrapper:: DESTINATION ${package_directory}
+    COMPONENT development)
+install(FILES
+    ${PROJECT_BINARY_DIR}/sqlwrapperConfig.cmake
+    ${PROJECT_BINARY_DIR}/sqlwrapperConfigVersion.cmake
+    DESTINATION ${package_directory} COMPONENT development)
+
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
+    BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig
+    OUTPUT_VARIABLE prefix_from_pkgconfig)
+if(BUILD_SHARED_LIBS)
+    set(pkgconfig_private .private)
+endif()
+configure_file(
+    ${CMAKE_CURRENT_LIST_DIR}/sqlwrapper.pc.in ${PROJECT_BINARY_DIR}/sqlwrapper.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/sqlwrapper.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
