@@ -60,6 +60,9 @@ public:
     // Forgets what was captured; level and reaction stay.
     void clear();
 
+    // Whether a report is just being captured: what happens then is the test's own doing.
+    static bool isCapturing();
+
     void add(const LogLine& line);
     void add(const Assertion& assertion);
 

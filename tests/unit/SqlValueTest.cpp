@@ -1,1 +1,1031 @@
-// placeholder
+#include "SqlValue.h"
+
+#include "Diagnostics.h"
+#include "Environment.h"
+#include "SqlField.h"
+#include "SqlFieldSet.h"
+#include "SqlRecord.h"
+
+#include <gmock/gmock.h>
+
+#include <locale.h>
+#include <stdlib.h>
+
+#include <cfloat>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <ostream>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+using sql::Time;
+using sql::Value;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+static_assert(!std::is_default_constructible<Value>::value, "a value always has a type");
+static_assert(!std::is_polymorphic<Value>::value, "a plain value");
+static_assert(std::is_nothrow_move_constructible<Value>::value, "vectors move their elements");
+static_assert(std::is_nothrow_move_constructible<sql::Field>::value, "vectors move their elements");
+static_assert(std::is_nothrow_move_constructible<sql::FieldSet>::value, "moves like its vector");
+static_assert(std::is_nothrow_move_constructible<sql::Record>::value,
+              "vectors move their elements");
+
+const sql::field_type all_types[] = {sql::type_int,
+                                     sql::type_text,
+                                     sql::type_float,
+                                     sql::type_bool,
+                                     sql::type_time,
+                                     sql::type_undefined,
+                                     static_cast<sql::field_type>(-1)};
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
+
+// Numbers as the C library writes and reads them in its own plain locale, whatever is set.
+class PlainLocale {
+public:
+    PlainLocale() : _plain(::newlocale(LC_ALL_MASK, "C", nullptr)), _former(::uselocale(_plain))
+    {
+    }
+    ~PlainLocale()
+    {
+        ::uselocale(_former);
+        ::freelocale(_plain);
+    }
+    PlainLocale(const PlainLocale&) = delete;
+    PlainLocale& operator=(const PlainLocale&) = delete;
+
+private:
+    const locale_t _plain;
+    const locale_t _former;
+};
+
+// What stays of a formatted number in 128 bytes.
+std::string fixedText(double d)
+{
+    const PlainLocale plain;
+    char text[128];
+    std::snprintf(text, sizeof text, "%0.8f", d);
+    return text;
+}
+
+double readDouble(const std::string& text)
+{
+    const PlainLocale plain;
+    return ::strtod(text.c_str(), nullptr);
+}
+
+std::uint64_t bitsOf(double d)
+{
+    std::uint64_t bits;
+    std::memcpy(&bits, &d, sizeof bits);
+    return bits;
+}
+
+double doubleOf(std::uint64_t bits)
+{
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    return d;
+}
+
+// All bits alike, so that -0.0 is not 0.0; any NaN is like any other.
+bool same(double a, double b)
+{
+    return bitsOf(a) == bitsOf(b) || (std::isnan(a) && std::isnan(b));
+}
+
+Value textValue(const std::string& text, sql::field_type type = sql::type_text)
+{
+    Value value(type);
+    value.setString(text);
+    return value;
+}
+
+std::string timeCtorLine(const std::string& seconds, const std::string& calendarText)
+{
+    return "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = " + seconds + " = '" + calendarText
+           + "\n'";
+}
+
+const std::string epoch_line = timeCtorLine("0", "Thu Jan  1 01:00:00 1970");
+const std::string minute_line = timeCtorLine("60", "Thu Jan  1 01:01:00 1970");
+const std::string minute_text = "01-01-1970 01:01:00, Thu";
+
+// The most verbose level: what is not expected is not reported at all.
+class ValueTest : public testing::Test {
+protected:
+    ValueTest()
+    {
+        _diagnostics.setLevel(9);
+    }
+
+    // The time, without the line that its construction writes.
+    Time time(sql::integer seconds)
+    {
+        const Time made(seconds);
+        _diagnostics.clear();
+        return made;
+    }
+
+    Value timeValue(sql::integer seconds)
+    {
+        Value value(sql::type_time);
+        value.setTime(time(seconds));
+        return value;
+    }
+
+    const test::TimeZone _zone;
+    test::Diagnostics _diagnostics;
+};
+
+// --- Null, types and copies
+
+class ValueTypeTest : public ValueTest, public testing::WithParamInterface<sql::field_type> {};
+
+TEST_P(ValueTypeTest, StartsAsNullOfItsType)
+{
+    const Value value(GetParam());
+    EXPECT_TRUE(value.isNull());
+    EXPECT_EQ(value.getType(), GetParam());
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueTypeTest, NullConvertsToZeroAndFalseAndWritesAsNull)
+{
+    const Value value(GetParam());
+    EXPECT_EQ(value.asInteger(), 0);
+    EXPECT_TRUE(same(value.asDouble(), 0.0));
+    EXPECT_FALSE(value.asBool());
+    EXPECT_EQ(value.toString(), "null");
+    EXPECT_EQ(value.dump(false), "null");
+    for (const sql::field_type asked : all_types)
+        EXPECT_EQ(value.toSql(asked), "null") << asked;
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueTypeTest, NullAsATimeIsTheEpoch)
+{
+    EXPECT_EQ(Value(GetParam()).asTime().asInteger(), 0);
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line));
+}
+
+TEST_P(ValueTypeTest, SettersKeepTheType)
+{
+    const std::vector<std::function<void(Value&)>> setters = {
+        [](Value& value) { value.setNull(); },     [](Value& value) { value.setString("a"); },
+        [](Value& value) { value.setInteger(1); }, [](Value& value) { value.setDouble(1.5); },
+        [](Value& value) { value.setBool(true); }, [this](Value& value) { value.setTime(time(1)); },
+    };
+    for (std::size_t i = 0; i < setters.size(); ++i) {
+        Value value(GetParam());
+        setters[i](value);
+        EXPECT_EQ(value.getType(), GetParam()) << i;
+        EXPECT_EQ(value.isNull(), i == 0) << i;
+    }
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueTypeTest, SetNullKeepsTheType)
+{
+    Value value = textValue("17", GetParam());
+    value.setNull();
+    EXPECT_TRUE(value.isNull());
+    EXPECT_EQ(value.getType(), GetParam());
+    EXPECT_EQ(value.asInteger(), 0);
+    EXPECT_EQ(value.toString(), "null");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueTypeTest, SetValueTakesTheTextAndTheType)
+{
+    Value value(sql::type_int);
+    value.setValue("1", GetParam());
+    EXPECT_FALSE(value.isNull());
+    EXPECT_EQ(value.getType(), GetParam());
+    EXPECT_EQ(value.asInteger(), 1);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueTypeTest, SetValueWithoutATextMakesNullOfTheType)
+{
+    Value value = textValue("17");
+    value.setValue(nullptr, GetParam());
+    EXPECT_TRUE(value.isNull());
+    EXPECT_EQ(value.getType(), GetParam());
+    EXPECT_EQ(value.asInteger(), 0);
+    EXPECT_EQ(value.toString(), "null");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, ValueTypeTest, testing::ValuesIn(all_types));
+
+TEST_F(ValueTest, NullTextIsEmptyButForATimeWhichIsTheEpochInLocalTime)
+{
+    EXPECT_EQ(Value(sql::type_int).asString(), "");
+    EXPECT_EQ(Value(sql::type_text).asString(), "");
+    EXPECT_EQ(Value(sql::type_float).asString(), "");
+    EXPECT_EQ(Value(sql::type_bool).asString(), "");
+    EXPECT_EQ(Value(sql::type_undefined).asString(), "");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    EXPECT_EQ(Value(sql::type_time).asString(), "01-01-1970 01:00:00, Thu");
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line));
+}
+
+TEST_F(ValueTest, TextIsForgottenWhenTheValueBecomesNull)
+{
+    Value value = textValue("tea");
+    value.setNull();
+    EXPECT_EQ(value.asString(), "");
+    value.setString("tea");
+    value.setValue(nullptr, sql::type_text);
+    EXPECT_EQ(value.asString(), "");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, SetValueCopiesTheText)
+{
+    char text[] = "tea";
+    Value value(sql::type_int);
+    value.setValue(text, sql::type_text);
+    text[0] = 's';
+    EXPECT_EQ(value.asString(), "tea");
+}
+
+TEST_F(ValueTest, EmptyTextIsNotNull)
+{
+    Value value(sql::type_text);
+    value.setValue("", sql::type_text);
+    EXPECT_FALSE(value.isNull());
+    EXPECT_EQ(value.toString(), "");
+    EXPECT_EQ(value.toSql(sql::type_text), "''");
+    EXPECT_EQ(value.toSql(sql::type_int), "");
+}
+
+TEST_F(ValueTest, CopyHasTheTextTheNullMarkAndTheType)
+{
+    Value original = textValue("17", sql::type_float);
+    const Value copy(original);
+    const Value nullCopy((Value(sql::type_bool)));
+    original.setString("18");
+    EXPECT_EQ(copy.dump(true), "17 (float)");
+    EXPECT_EQ(nullCopy.dump(true), "null (bool)");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, AssignmentReplacesTheTextTheNullMarkAndTheType)
+{
+    const Value source = textValue("17", sql::type_float);
+    Value value(sql::type_text);
+    EXPECT_EQ(&(value = source), &value);
+    EXPECT_EQ(value.dump(true), "17 (float)");
+    value = Value(sql::type_bool);
+    EXPECT_EQ(value.dump(true), "null (bool)");
+    EXPECT_EQ(value.asString(), "");
+    EXPECT_EQ(source.dump(true), "17 (float)");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, SelfAssignmentChangesNothing)
+{
+    Value value = textValue("a text too long for any short text buffer");
+    const Value& sameValue = value;
+    EXPECT_EQ(&(value = sameValue), &value);
+    EXPECT_EQ(value.dump(true), "a text too long for any short text buffer (text)");
+}
+
+// --- What is stored, and how each getter reads it
+
+struct Stored {
+    std::string what;
+    std::function<void(Value&)> set;
+    std::string text;
+    sql::integer asInteger;
+    double asDouble;
+    bool asBool;
+};
+
+void PrintTo(const Stored& stored, std::ostream* out)
+{
+    *out << stored.what;
+}
+
+Stored ofText(const std::string& text, sql::integer asInteger, double asDouble, bool asBool)
+{
+    return {"text '" + text + "'",
+            [text](Value& value) { value.setString(text); },
+            text,
+            asInteger,
+            asDouble,
+            asBool};
+}
+
+Stored ofInteger(sql::integer n, const std::string& text, double asDouble, bool asBool)
+{
+    return {
+        "integer " + text, [n](Value& value) { value.setInteger(n); }, text, n, asDouble, asBool};
+}
+
+Stored ofDouble(double d, const std::string& text, sql::integer asInteger, double asDouble)
+{
+    char what[32];
+    std::snprintf(what, sizeof what, "double %.9g", d);
+    return {what, [d](Value& value) { value.setDouble(d); }, text, asInteger, asDouble, false};
+}
+
+Stored ofBool(bool b, const std::string& text)
+{
+    return {"bool " + text, [b](Value& value) { value.setBool(b); }, text, b, b ? 1.0 : 0.0, b};
+}
+
+Stored ofTime(sql::integer seconds, const std::string& text, bool asBool)
+{
+    return {"time " + text,
+            [seconds](Value& value) { value.setTime(Time(seconds)); },
+            text,
+            seconds,
+            static_cast<double>(seconds),
+            asBool};
+}
+
+class ValueStoredTest : public ValueTest, public testing::WithParamInterface<Stored> {
+protected:
+    Value stored(sql::field_type type)
+    {
+        Value value(type);
+        GetParam().set(value);
+        _diagnostics.clear();
+        return value;
+    }
+};
+
+TEST_P(ValueStoredTest, TextIsReadBackByEveryTypeButTime)
+{
+    for (const sql::field_type type : all_types) {
+        if (type == sql::type_time)
+            continue;
+        const Value value = stored(type);
+        EXPECT_EQ(value.asString(), GetParam().text) << type;
+        EXPECT_EQ(value.toString(), GetParam().text) << type;
+        EXPECT_EQ(value.dump(false), GetParam().text) << type;
+    }
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueStoredTest, NumbersAndTruthComeFromTheTextWhateverTheType)
+{
+    for (const sql::field_type type : all_types) {
+        const Value value = stored(type);
+        EXPECT_EQ(value.asInteger(), GetParam().asInteger) << type;
+        EXPECT_PRED2(same, value.asDouble(), GetParam().asDouble) << type;
+        EXPECT_EQ(value.asBool(), GetParam().asBool) << type;
+    }
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueStoredTest, TimeIsTheIntegerInSecondsWhateverTheType)
+{
+    const auto seconds = static_cast<time_t>(GetParam().asInteger);
+    for (const sql::field_type type : all_types)
+        EXPECT_EQ(stored(type).asTime().getTime(), seconds) << type;
+}
+
+TEST_P(ValueStoredTest, ReadsAlikeWhereTheLocaleHasADecimalComma)
+{
+    const test::CommaLocale comma;
+    const Value value = stored(sql::type_float);
+    EXPECT_EQ(value.asString(), GetParam().text);
+    EXPECT_EQ(value.asInteger(), GetParam().asInteger);
+    EXPECT_PRED2(same, value.asDouble(), GetParam().asDouble);
+    EXPECT_EQ(value.asBool(), GetParam().asBool);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, ValueStoredTest,
+    testing::Values(ofText("", 0, 0.0, false), ofText("O'Neil", 0, 0.0, false),
+                    ofText("1", 1, 1.0, true), ofText("0", 0, 0.0, false),
+                    ofText("01", 1, 1.0, false), ofText("1 ", 1, 1.0, false),
+                    ofText(" 1", 1, 1.0, false), ofText("2", 2, 2.0, false),
+                    ofText("true", 0, 0.0, false), ofText("  +42", 42, 42.0, false),
+                    ofText("-7 pieces", -7, -7.0, false), ofText("- 7", 0, 0.0, false),
+                    ofText("3.99", 3, 3.99, false), ofText("3,99", 3, 3.0, false),
+                    ofText("1.234,5", 1, 1.234, false), ofText("1.5e3", 1, 1500.0, false),
+                    ofText("0x1p3", 0, 8.0, false), ofText("inf", 0, infinity, false),
+                    ofText("-Infinity", 0, -infinity, false), ofText("nan", 0, not_a_number, false),
+                    ofText("1e999", 1, infinity, false), ofText("-1e999", -1, -infinity, false),
+                    ofText("1e-999", 1, 0.0, false), ofText("-1e-999", -1, -0.0, false),
+                    ofText("9223372036854775807", LLONG_MAX, 9223372036854775808.0, false),
+                    ofText("9223372036854775808", LLONG_MAX, 9223372036854775808.0, false),
+                    ofText("-9223372036854775809", LLONG_MIN, -9223372036854775808.0, false)));
+
+INSTANTIATE_TEST_SUITE_P(
+    Integers, ValueStoredTest,
+    testing::Values(ofInteger(0, "0", 0.0, false), ofInteger(1, "1", 1.0, true),
+                    ofInteger(-1, "-1", -1.0, false),
+                    ofInteger(1234567, "1234567", 1234567.0, false),
+                    ofInteger(LLONG_MAX, "9223372036854775807", 9223372036854775808.0, false),
+                    ofInteger(LLONG_MIN, "-9223372036854775808", -9223372036854775808.0, false)));
+
+INSTANTIATE_TEST_SUITE_P(
+    Doubles, ValueStoredTest,
+    testing::Values(ofDouble(3.5, "3.50000000", 3, 3.5), ofDouble(0.1, "0.10000000", 0, 0.1),
+                    ofDouble(-2.0, "-2.00000000", -2, -2.0), ofDouble(1.0, "1.00000000", 1, 1.0),
+                    ofDouble(0.0, "0.00000000", 0, 0.0), ofDouble(-0.0, "-0.00000000", 0, -0.0),
+                    ofDouble(1234567.25, "1234567.25000000", 1234567, 1234567.25),
+                    ofDouble(0.000000005, "0.00000001", 0, 0.00000001),
+                    ofDouble(0.0000000049, "0.00000000", 0, 0.0),
+                    ofDouble(-0.0000000049, "-0.00000000", 0, -0.0),
+                    ofDouble(0.001953125, "0.00195312", 0, 0.00195312),
+                    ofDouble(0.005859375, "0.00585938", 0, 0.00585938),
+                    ofDouble(0.999999999, "1.00000000", 1, 1.0),
+                    ofDouble(1e19, "10000000000000000000.00000000", LLONG_MAX, 1e19),
+                    ofDouble(infinity, "inf", 0, infinity),
+                    ofDouble(-infinity, "-inf", 0, -infinity),
+                    ofDouble(not_a_number, "nan", 0, not_a_number)));
+
+INSTANTIATE_TEST_SUITE_P(Bools, ValueStoredTest,
+                         testing::Values(ofBool(true, "1"), ofBool(false, "0")));
+
+INSTANTIATE_TEST_SUITE_P(Times, ValueStoredTest,
+                         testing::Values(ofTime(0, "0", false), ofTime(1, "1", true),
+                                         ofTime(-1, "-1", false),
+                                         ofTime(1700000000, "1700000000", false),
+                                         ofTime(INT_MAX, "2147483647", false),
+                                         ofTime(INT_MIN, "-2147483648", false)));
+
+TEST_F(ValueTest, NotANumberKeepsItsSignInTheTextAsPrintfDoes)
+{
+    Value value(sql::type_float);
+    value.setDouble(-not_a_number);
+    EXPECT_EQ(value.asString(), fixedText(-not_a_number));
+    EXPECT_EQ(value.asString(), "-nan");
+    EXPECT_TRUE(std::isnan(value.asDouble()));
+}
+
+TEST_F(ValueTest, AllKindsOfBlanksBeforeANumberAreSkipped)
+{
+    const Value value = textValue(" \t\n\v\f\r+3.5e1x");
+    EXPECT_EQ(value.asInteger(), 3);
+    EXPECT_EQ(value.asDouble(), 35.0);
+}
+
+TEST_F(ValueTest, OnlyTheTextOneIsTrue)
+{
+    EXPECT_TRUE(textValue("1").asBool());
+    EXPECT_FALSE(textValue(std::string("1\0", 2)).asBool());
+    EXPECT_FALSE(textValue("1.0").asBool());
+    EXPECT_FALSE(textValue("11").asBool());
+    EXPECT_FALSE(textValue("TRUE").asBool());
+}
+
+TEST_F(ValueTest, EverySetterEndsNull)
+{
+    Value value(sql::type_text);
+    for (const auto& set : std::vector<std::function<void(Value&)>>{
+             [](Value& v) { v.setString(""); }, [](Value& v) { v.setInteger(0); },
+             [](Value& v) { v.setDouble(0.0); }, [](Value& v) { v.setBool(false); },
+             [this](Value& v) {
+                 v.setTime(time(0));
+             }}) {
+        value.setNull();
+        set(value);
+        EXPECT_FALSE(value.isNull());
+    }
+}
+
+TEST_F(ValueTest, ZeroBytesBelongToATextButEndANumber)
+{
+    const std::string text("4\0"
+                           "2'",
+                           4);
+    const Value value = textValue(text);
+    EXPECT_EQ(value.asString(), text);
+    EXPECT_EQ(value.toString(), text);
+    EXPECT_EQ(value.dump(true), text + " (text)");
+    EXPECT_EQ(value.toSql(sql::type_text), "'" + text + "''");
+    EXPECT_EQ(value.toSql(sql::type_int), text);
+    EXPECT_EQ(value.asInteger(), 4);
+    EXPECT_EQ(value.asDouble(), 4.0);
+}
+
+// --- The longest doubles
+
+struct LongDouble {
+    const char* what;
+    double number;
+    std::string text;
+};
+
+void PrintTo(const LongDouble& c, std::ostream* out)
+{
+    *out << c.what;
+}
+
+class ValueLongDoubleTest : public ValueTest, public testing::WithParamInterface<LongDouble> {};
+
+TEST_P(ValueLongDoubleTest, IsKeptUpTo127CharactersDeliberately)
+{
+    Value value(sql::type_float);
+    value.setDouble(GetParam().number);
+    EXPECT_FALSE(value.isNull());
+    EXPECT_EQ(value.asString(), GetParam().text);
+    EXPECT_EQ(value.asString(), fixedText(GetParam().number));
+    EXPECT_EQ(value.asString().size(), 127U);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueLongDoubleTest, IsCutAlikeWhereTheLocaleHasADecimalComma)
+{
+    const test::CommaLocale comma;
+    Value value(sql::type_float);
+    value.setDouble(GetParam().number);
+    EXPECT_EQ(value.asString(), GetParam().text);
+}
+
+// The first two of them just fit.
+INSTANTIATE_TEST_SUITE_P(
+    Doubles, ValueLongDoubleTest,
+    testing::Values(
+        LongDouble{
+            "-1e116", -1e116,
+            "-100000000000000001555941612946684302426820139692106143336977058043083378116475570326498538991504744767620628086784000.00000000"},
+        LongDouble{
+            "1e117", 1e117,
+            "1000000000000000050555427725995033814228237030803003279020481474722232763977085405824233377105062219252417113236701184.00000000"},
+        LongDouble{
+            "-1e117", -1e117,
+            "-1000000000000000050555427725995033814228237030803003279020481474722232763977085405824233377105062219252417113236701184.0000000"},
+        LongDouble{
+            "1e118", 1e118,
+            "9999999999999999665649998943273759183241515094863428494587753284228752052274941196820382078490267674695111155514343424.00000000"},
+        LongDouble{
+            "-1e118", -1e118,
+            "-9999999999999999665649998943273759183241515094863428494587753284228752052274941196820382078490267674695111155514343424.0000000"},
+        LongDouble{
+            "1e127", 1e127,
+            "9999999999999999549291066784979473595300225087383524118479625982517885450291174622154390152298057300868772377386949310916067328"},
+        LongDouble{
+            "greatest", DBL_MAX,
+            "1797693134862315708145274237317043567980705675258449965989174768031572607800285387605895586327668781715404589535143824642343213"},
+        LongDouble{
+            "lowest", -DBL_MAX,
+            "-179769313486231570814527423731704356798070567525844996598917476803157260780028538760589558632766878171540458953514382464234321"}));
+
+TEST_F(ValueTest, ManyDoublesAreWrittenAsPrintfWritesThem)
+{
+    std::mt19937_64 random(20240229);
+    Value value(sql::type_float);
+    for (int i = 0; i < 20000; ++i) {
+        const double any = doubleOf(random());
+        const double scaled = static_cast<double>(static_cast<std::int64_t>(random()))
+                              / static_cast<double>(1ULL << (random() % 63));
+        for (const double d : {any, scaled}) {
+            value.setDouble(d);
+            ASSERT_EQ(value.asString(), fixedText(d)) << std::hex << bitsOf(d);
+        }
+    }
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+// A number in the forms that strtod() reads.
+std::vector<std::string> textsOf(double d)
+{
+    const PlainLocale plain;
+    char decimal[64];
+    char hexadecimal[64];
+    char fixed[400];
+    std::snprintf(decimal, sizeof decimal, " \n%+.17g", d);
+    std::snprintf(hexadecimal, sizeof hexadecimal, "%A tail", d);
+    std::snprintf(fixed, sizeof fixed, "%.3f", d);
+    return {decimal, hexadecimal, fixed};
+}
+
+// Fails the running test at the first text that is read in another way than strtod() reads it.
+void expectReadAsStrtodReads(std::mt19937_64 random)
+{
+    Value value(sql::type_float);
+    for (int i = 0; i < 10000; ++i) {
+        for (const std::string& text : textsOf(doubleOf(random()))) {
+            value.setString(text);
+            ASSERT_PRED2(same, value.asDouble(), readDouble(text)) << text;
+        }
+    }
+}
+
+TEST_F(ValueTest, ManyTextsAreReadAsStrtodReadsThem)
+{
+    expectReadAsStrtodReads(std::mt19937_64(19700101));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, ManyDoublesAreWrittenAndReadAlikeWhereTheLocaleHasADecimalComma)
+{
+    const test::CommaLocale comma;
+    std::mt19937_64 random(20240229);
+    Value value(sql::type_float);
+    for (int i = 0; i < 10000; ++i) {
+        const double d = doubleOf(random());
+        value.setDouble(d);
+        ASSERT_EQ(value.asString(), fixedText(d)) << std::hex << bitsOf(d);
+    }
+    expectReadAsStrtodReads(random);
+}
+
+class ValueNumberTextTest : public ValueTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(ValueNumberTextTest, IsReadAsStrtodReadsIt)
+{
+    EXPECT_PRED2(same, textValue(GetParam()).asDouble(), readDouble(GetParam()));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(ValueNumberTextTest, IsReadAlikeWhereTheLocaleHasADecimalComma)
+{
+    const test::CommaLocale comma;
+    EXPECT_PRED2(same, textValue(GetParam()).asDouble(), readDouble(GetParam()));
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, ValueNumberTextTest,
+                         testing::Values(".5", "-.5e-1", "5.", "1e", "1e+", "+ 1", "--1", "0x",
+                                         "0X.8p+1z", "0x1.8p-1080", "infinite", "-INF", "+infinity",
+                                         "NaN", "nan(1)", "-nan", "2.2250738585072011e-308",
+                                         "4.9e-324", "2.4e-324", "1.7976931348623159e308",
+                                         "-1.8e308", "1e-400", "1_000", "3,5", "1.234.567"));
+
+// --- Times as texts
+
+TEST_F(ValueTest, TimeIsWrittenInLocalTime)
+{
+    EXPECT_EQ(timeValue(1700000000).asString(), "14-11-2023 23:13:20, Tue");
+    EXPECT_EQ(timeValue(1720000000).asString(), "03-07-2024 11:46:40, Wed");
+}
+
+TEST_F(ValueTest, TimeFollowsTheTimeZone)
+{
+    const Value value = timeValue(0);
+    const test::TimeZone zone("UTC0");
+    EXPECT_EQ(value.asString(), "01-01-1970 00:00:00, Thu");
+    EXPECT_EQ(value.dump(true), "01-01-1970 00:00:00, Thu (time)");
+}
+
+TEST_F(ValueTest, TimeTextConvertsWhateverTextIsStored)
+{
+    EXPECT_EQ(textValue(" 60.9 seconds", sql::type_time).asString(), "01-01-1970 01:01:00, Thu");
+    EXPECT_EQ(textValue("soon", sql::type_time).asString(), "01-01-1970 01:00:00, Thu");
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(minute_line, epoch_line));
+}
+
+struct TimeUse {
+    const char* what;
+    std::function<std::string(const Value&)> use;
+    std::string result;
+    std::vector<std::string> events;
+};
+
+void PrintTo(const TimeUse& c, std::ostream* out)
+{
+    *out << c.what;
+}
+
+class ValueTimeTraceTest : public ValueTest, public testing::WithParamInterface<TimeUse> {};
+
+TEST_P(ValueTimeTraceTest, EveryConversionToATimeIsTraced)
+{
+    const Value value = timeValue(60);
+    EXPECT_EQ(GetParam().use(value), GetParam().result);
+    EXPECT_EQ(_diagnostics.events(), GetParam().events);
+}
+
+TEST_P(ValueTimeTraceTest, NothingIsTracedBelowTheMostVerboseLevel)
+{
+    const Value value = timeValue(60);
+    _diagnostics.setLevel(8);
+    EXPECT_EQ(GetParam().use(value), GetParam().result);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Uses, ValueTimeTraceTest,
+    testing::Values(
+        TimeUse{"asTime",
+                [](const Value& v) { return sql::intToStr(v.asTime().asInteger()); },
+                "60",
+                {minute_line}},
+        TimeUse{
+            "asString", [](const Value& v) { return v.asString(); }, minute_text, {minute_line}},
+        TimeUse{
+            "toString", [](const Value& v) { return v.toString(); }, minute_text, {minute_line}},
+        TimeUse{"dump", [](const Value& v) { return v.dump(false); }, minute_text, {minute_line}},
+        TimeUse{"dump with its type",
+                [](const Value& v) { return v.dump(true); },
+                minute_text + " (time)",
+                {minute_line}},
+        TimeUse{"toSql as text",
+                [](const Value& v) { return v.toSql(sql::type_text); },
+                "'" + minute_text + "'",
+                {minute_line}},
+        TimeUse{"toSql as time", [](const Value& v) { return v.toSql(sql::type_time); }, "60", {}},
+        TimeUse{
+            "asInteger", [](const Value& v) { return sql::intToStr(v.asInteger()); }, "60", {}}));
+
+TEST_F(ValueTest, StoringATimeIsNotTraced)
+{
+    const Time made = time(60);
+    Value value(sql::type_int);
+    value.setTime(made);
+    EXPECT_EQ(value.asString(), "60");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, ComparedTimesAreTracedThisOneFirst)
+{
+    const Value minute = timeValue(60);
+    const Value epoch = timeValue(0);
+    EXPECT_TRUE(minute.equals(epoch));
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(minute_line, epoch_line));
+    _diagnostics.clear();
+    EXPECT_TRUE(epoch.equals(minute));
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line, minute_line));
+}
+
+TEST_F(ValueTest, NullComparedWithATimeIsTracedAsTheEpoch)
+{
+    const Value minute = timeValue(60);
+    EXPECT_TRUE(Value(sql::type_time).equals(minute));
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line, minute_line));
+}
+
+TEST_F(ValueTest, TwoNullTimesAreEqualWithoutAnyConversion)
+{
+    EXPECT_TRUE(Value(sql::type_time).equals(Value(sql::type_time)));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, TextComparedWithATimeConvertsTheTimeAlone)
+{
+    const Value minute = timeValue(60);
+    EXPECT_TRUE(textValue(minute_text).equals(minute));
+    EXPECT_FALSE(textValue("60").equals(minute));
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(minute_line, minute_line));
+}
+
+// --- Dumps
+
+TEST_F(ValueTest, DumpNamesTheTypeOnRequest)
+{
+    Value value(sql::type_int);
+    value.setInteger(42);
+    EXPECT_EQ(value.dump(true), "42 (integer)");
+    EXPECT_EQ(value.dump(false), "42");
+    EXPECT_EQ(textValue("tea").dump(true), "tea (text)");
+    EXPECT_EQ(textValue("2.50", sql::type_float).dump(true), "2.50 (float)");
+    EXPECT_EQ(textValue("1", sql::type_bool).dump(true), "1 (bool)");
+    EXPECT_EQ(Value(sql::type_text).dump(true), "null (text)");
+    EXPECT_EQ(Value(sql::type_time).dump(true), "null (time)");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, DumpOfAnUndefinedTypeIsReported)
+{
+    EXPECT_EQ(textValue("tea", static_cast<sql::field_type>(7)).dump(true), "tea (undefined)");
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "assert 'false' in SqlCommon.cpp (sql::string sql::type2Str(sql::field_type))"));
+}
+
+TEST_F(ValueTest, DumpOfAnUndefinedTypeWithoutTheTypeIsSilent)
+{
+    EXPECT_EQ(textValue("tea", sql::type_undefined).dump(false), "tea");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+// --- Comparison
+
+struct Comparison {
+    sql::field_type type;
+    const char* text; // null for a null value
+    sql::field_type otherType;
+    const char* otherText;
+    bool equal;
+};
+
+void PrintTo(const Comparison& c, std::ostream* out)
+{
+    const auto name = [](const char* text) {
+        return text != nullptr ? text : "null";
+    };
+    *out << c.type << " '" << name(c.text) << "' with " << c.otherType << " '" << name(c.otherText)
+         << "'";
+}
+
+class ValueEqualsTest : public ValueTest, public testing::WithParamInterface<Comparison> {};
+
+// Only conversions of times are traced, and only at the most verbose level.
+TEST_P(ValueEqualsTest, GoesByTheTypeOfTheFirst)
+{
+    _diagnostics.setLevel(8);
+    Value value(sql::type_undefined);
+    Value other(sql::type_undefined);
+    value.setValue(GetParam().text, GetParam().type);
+    other.setValue(GetParam().otherText, GetParam().otherType);
+    EXPECT_EQ(value.equals(other), GetParam().equal);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+// For every type: null with null, with what null converts to and with something else.
+std::vector<Comparison> nullComparisons()
+{
+    std::vector<Comparison> all;
+    for (const sql::field_type type : all_types) {
+        const bool isTime = type == sql::type_time;
+        const bool isDefined = type >= sql::type_int && type <= sql::type_time;
+        const char* const blank = type == sql::type_text ? "" : "0";
+        all.push_back({type, nullptr, type, nullptr, true});
+        all.push_back({type, nullptr, type, blank, isDefined});
+        all.push_back({type, blank, type, nullptr, isDefined});
+        all.push_back({type, blank, type, blank, isDefined});
+        all.push_back({type, nullptr, type, "1", isTime});
+        all.push_back({type, "1", type, nullptr, isTime});
+        all.push_back({type, blank, type, "1", isTime});
+        all.push_back({type, "1", type, "1", isDefined});
+    }
+    return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Nulls, ValueEqualsTest, testing::ValuesIn(nullComparisons()));
+
+INSTANTIATE_TEST_SUITE_P(
+    NullsOfTwoTypes, ValueEqualsTest,
+    testing::Values(Comparison{sql::type_int, nullptr, sql::type_time, nullptr, true},
+                    Comparison{sql::type_undefined, nullptr, sql::type_text, nullptr, true},
+                    Comparison{sql::type_int, nullptr, sql::type_text, "", true},
+                    Comparison{sql::type_text, "", sql::type_int, nullptr, true},
+                    Comparison{sql::type_text, "null", sql::type_int, nullptr, false},
+                    Comparison{sql::type_text, "01-01-1970 01:00:00, Thu", sql::type_time, nullptr,
+                               true},
+                    Comparison{sql::type_text, "", sql::type_time, nullptr, false},
+                    Comparison{sql::type_time, nullptr, sql::type_text, "tea", true},
+                    Comparison{sql::type_undefined, nullptr, sql::type_int, "0", false}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Integers, ValueEqualsTest,
+    testing::Values(Comparison{sql::type_int, "42", sql::type_text, " +42x", true},
+                    Comparison{sql::type_int, "3.50000000", sql::type_float, "3.9", true},
+                    Comparison{sql::type_int, "-1", sql::type_int, "1", false},
+                    Comparison{sql::type_int, "9223372036854775807", sql::type_int,
+                               "9223372036854775806", false},
+                    Comparison{sql::type_int, "9223372036854775807", sql::type_int,
+                               "99999999999999999999", true},
+                    Comparison{sql::type_int, "60", sql::type_time, "60", true}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, ValueEqualsTest,
+    testing::Values(Comparison{sql::type_text, "tea", sql::type_text, "tea", true},
+                    Comparison{sql::type_text, "tea", sql::type_text, "Tea", false},
+                    Comparison{sql::type_text, "tea", sql::type_text, "tea ", false},
+                    Comparison{sql::type_text, "tea", sql::type_text, "te", false},
+                    Comparison{sql::type_text, "42", sql::type_int, "42", true},
+                    Comparison{sql::type_text, "42", sql::type_int, "042", false}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Floats, ValueEqualsTest,
+    testing::Values(Comparison{sql::type_float, "0.10000000", sql::type_text, "0.1", true},
+                    Comparison{sql::type_float, "0.1", sql::type_float, "0.10000001", false},
+                    Comparison{sql::type_float, "-0.0", sql::type_float, "0.0", true},
+                    Comparison{sql::type_float, nullptr, sql::type_float, "-0.00000000", true},
+                    Comparison{sql::type_float, "3.5", sql::type_int, "3", false},
+                    Comparison{sql::type_float, "inf", sql::type_float, "1e999", true},
+                    Comparison{sql::type_float, "inf", sql::type_float, "-inf", false},
+                    Comparison{sql::type_float, "nan", sql::type_float, "nan", false},
+                    Comparison{sql::type_float, "nan", sql::type_float, nullptr, false},
+                    Comparison{sql::type_float, nullptr, sql::type_float, "nan", false}));
+
+INSTANTIATE_TEST_SUITE_P(
+    Bools, ValueEqualsTest,
+    testing::Values(Comparison{sql::type_bool, "2", sql::type_bool, "true", true},
+                    Comparison{sql::type_bool, "1", sql::type_int, "01", false},
+                    Comparison{sql::type_bool, "1", sql::type_int, "1", true},
+                    Comparison{sql::type_bool, nullptr, sql::type_bool, "true", true}));
+
+INSTANTIATE_TEST_SUITE_P(
+    AnyTwoTimesAreEqualDeliberately, ValueEqualsTest,
+    testing::Values(Comparison{sql::type_time, "1", sql::type_time, "2", true},
+                    Comparison{sql::type_time, "1700000000", sql::type_text, "tea", true},
+                    Comparison{sql::type_time, "", sql::type_float, "inf", true}));
+
+INSTANTIATE_TEST_SUITE_P(
+    UndefinedTypesAreEqualAsNullsOnly, ValueEqualsTest,
+    testing::Values(Comparison{sql::type_undefined, "tea", sql::type_text, "tea", false},
+                    Comparison{sql::type_text, "tea", sql::type_undefined, "tea", true}));
+
+TEST_F(ValueTest, TextsAreComparedBeyondZeroBytes)
+{
+    const Value value = textValue(std::string("a\0b", 3));
+    EXPECT_TRUE(value.equals(textValue(std::string("a\0b", 3))));
+    EXPECT_FALSE(value.equals(textValue(std::string("a\0c", 3))));
+    EXPECT_FALSE(value.equals(textValue("a")));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, ValueEqualsItselfUnlessItIsNotANumber)
+{
+    Value value(sql::type_float);
+    value.setDouble(1.5);
+    EXPECT_TRUE(value.equals(value));
+    value.setDouble(not_a_number);
+    EXPECT_FALSE(value.equals(value));
+}
+
+// --- SQL
+
+struct SqlCase {
+    sql::field_type type;
+    const char* text;
+    sql::field_type asked;
+    const char* sql;
+};
+
+void PrintTo(const SqlCase& c, std::ostream* out)
+{
+    *out << c.type << " asked for as " << c.asked << " gives " << c.sql;
+}
+
+class ValueSqlTest : public ValueTest, public testing::WithParamInterface<SqlCase> {};
+
+TEST_P(ValueSqlTest, FollowsTheTypeAskedForThenItsOwn)
+{
+    _diagnostics.setLevel(8);
+    const Value value = textValue(GetParam().text, GetParam().type);
+    EXPECT_EQ(value.toSql(GetParam().asked), GetParam().sql);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+// Every type asked for as every other: quoted for a text, the seconds of a time, else as it stands.
+std::vector<SqlCase> sqlCases()
+{
+    std::vector<SqlCase> all;
+    for (const sql::field_type type : all_types) {
+        for (const sql::field_type asked : all_types) {
+            const char* sql = "+60's";
+            if (asked == sql::type_text)
+                sql = type == sql::type_time ? "'01-01-1970 01:01:00, Thu'" : "'+60''s'";
+            else if (type == sql::type_time)
+                sql = "60";
+            all.push_back({type, "+60's", asked, sql});
+        }
+    }
+    return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, ValueSqlTest, testing::ValuesIn(sqlCases()));
+
+INSTANTIATE_TEST_SUITE_P(Texts, ValueSqlTest,
+                         testing::Values(SqlCase{sql::type_text, "O'Neil", sql::type_text,
+                                                 "'O''Neil'"},
+                                         SqlCase{sql::type_text, "'", sql::type_text, "''''"},
+                                         SqlCase{sql::type_text, "", sql::type_text, "''"},
+                                         SqlCase{sql::type_text, "null", sql::type_text, "'null'"},
+                                         SqlCase{sql::type_int, "abc", sql::type_int, "abc"},
+                                         SqlCase{sql::type_int, "", sql::type_int, ""},
+                                         SqlCase{sql::type_time, "soon", sql::type_time, "0"},
+                                         SqlCase{sql::type_time, "-1", sql::type_int, "-1"}));
+
+TEST_F(ValueTest, OnlySingleQuotesAreDoubledInSql)
+{
+    EXPECT_EQ(textValue("\"\\\n\xFF%'").toSql(sql::type_text), "'\"\\\n\xFF%'''");
+}
+
+TEST_F(ValueTest, StoredFormsAreWrittenUnchanged)
+{
+    Value value(sql::type_float);
+    value.setDouble(2.5);
+    EXPECT_EQ(value.toSql(sql::type_float), "2.50000000");
+    value.setInteger(LLONG_MIN);
+    EXPECT_EQ(value.toSql(sql::type_int), "-9223372036854775808");
+    value.setBool(true);
+    EXPECT_EQ(value.toSql(sql::type_bool), "1");
+    value.setTime(time(1700000000));
+    EXPECT_EQ(value.toSql(sql::type_time), "1700000000");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(ValueTest, SecondsOfATimeAreWrittenIn64BitsWhateverTheTimeHolds)
+{
+    EXPECT_EQ(textValue("9223372036854775807", sql::type_time).toSql(sql::type_time),
+              "9223372036854775807");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+} // namespace
