@@ -1,8 +1,9 @@
 #ifndef SQLWRAPPER_SQLCOMMON_H
 #define SQLWRAPPER_SQLCOMMON_H
 
+#include <time.h>
+
 #include <cstdint>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -41,7 +42,8 @@ enum field_type : std::int32_t {
 string type2Str(field_type type);
 
 // A copy of `text` with every single quote doubled and no other byte changed: put between single
-// quotes it is an SQL text literal, so this is how a text from outside gets into a condition.
+// quotes it is an SQL text literal, so this is how a text from outside gets into a condition. A
+// zero byte would end the statement there.
 string quoteStr(const string& text);
 
 // Remove the blanks (what isspace() takes for one) at the start, at the end or at both ends of
@@ -55,8 +57,9 @@ string trim(const string& text);
 
 // Replaces the contents of `out` by the items of `list`, each trimmed. Any run of bytes out of
 // `delimiters` separates two items, so there are no empty items but those that trimming makes. A
-// zero byte ends the list. Uses strtok(), whose position the whole process shares: neither call it
-// while another thread uses strtok(), nor from within a loop over strtok().
+// zero byte ends the list. `delimiters` is not null. Uses strtok(), whose position the whole
+// process shares: neither call it while another thread uses strtok(), nor from within a loop over
+// strtok().
 void listToVector(string list, std::vector<string>& out, const char* delimiters);
 
 // Plain decimal digits, after a minus sign for negative numbers, whatever the locale.
@@ -65,11 +68,12 @@ string intToStr(integer value);
 
 // A calendar time: whole seconds since the epoch, in the width of the platform's time_t. Arguments
 // wider than that are narrowed, and sums that leave its range wrap around. A plain value: one
-// thread at a time may change it. Texts are in local time, as the process's TZ and locale have it.
+// thread at a time may change it. Its size is that of time_t: library and application agree on the
+// width. Texts are in local time, as the process's TZ and locale have it.
 class Time {
 public:
-    // The current time; -1 second if the clock cannot be read. Like every construction from a
-    // number, it traces at DEBUG3, and that line uses ctime(), whose buffer the process shares.
+    // The current time; -1 second if the clock cannot be read. A time read or made from a number
+    // is traced at DEBUG3, and that line uses ctime(), whose buffer the process shares.
     Time();
 
     // The time `t` seconds after the epoch.
@@ -88,9 +92,9 @@ public:
     integer asInteger() const;
     time_t getTime() const;
 
-    // The local time as strftime() expands `fmt`, at most 127 characters. Empty when the expansion
-    // is longer, and when the time cannot be converted to local time, which leaves an ERROR line:
-    // "Failed to convert calendar time to local time".
+    // The local time as strftime() expands `fmt`, which is not null: at most 127 characters. Empty
+    // when the expansion is longer, and when the time cannot be converted to local time, which
+    // leaves an ERROR line: "Failed to convert calendar time to local time".
     string format(const char* fmt) const;
 
     // Day, time and weekday: "31-12-2009 23:59:59, Thu".
@@ -113,19 +117,21 @@ private:
     time_t _time;
 };
 
-// The name of an SQLite result code, such as "SQLITE_BUSY"; "unknown" for extended codes and for
-// any other number. A constant text that lives as long as the library is loaded.
+// The name of an SQLite result code, such as "SQLITE_BUSY"; "unknown" for extended codes, for
+// SQLITE_NOTICE and SQLITE_WARNING, and for any other number. A constant text that lives as long
+// as the library is loaded.
 const char* sqliteRc2Str(int rc);
 
 // Runs a query that yields one number, such as a count, and returns it: the single column of the
-// first row, narrowed to 32 bits; further rows are ignored. -1 when the query cannot be prepared,
-// yields no row or more columns than one, or yields a negative number; each leaves ERROR lines.
-// With a null `db`: the assertion "db" and -1.
+// first row, narrowed to 32 bits; further rows are ignored, and so are further statements in the
+// text. -1 when the query cannot be prepared, fails, yields no row or not one column, or yields a
+// negative number; each leaves ERROR lines. With a null `db`: the assertion "db" and -1. Text and
+// number are traced at DEBUG2.
 int queryNumber(sqlite3* db, const string& stmt);
 
-// Runs a statement that has to finish in one step. True when it did; false when it cannot be
-// prepared, fails, or yields a row, each of which leaves two ERROR lines. With a null `db`: the
-// assertion "db" and false.
+// Runs a statement, the first one in the text, that has to finish in one step. True when it did;
+// false when it cannot be prepared, fails, or yields a row, each of which leaves two ERROR lines.
+// With a null `db`: the assertion "db" and false. The text is traced at DEBUG2.
 bool runOneStepSqlStmt(sqlite3* db, const string& stmt);
 
 } // namespace sql

@@ -3,13 +3,16 @@
 
 #include "SqlCommon.h"
 
+#include <cstdint>
+
 #pragma GCC visibility push(default)
 
 namespace sql {
 
-// A connection to a database file. It owns the SQLite handle and closes it in the end; tables and
-// result sets borrow the handle and must not be used after that. One thread at a time; other
-// connections to the same file are waited for as long as the busy timeout says.
+// A connection to a database file. It owns the SQLite handle and closes it in the end. Tables and
+// result sets borrow the handle: they end with close(), with the next open() and with this object,
+// whichever comes first. One thread at a time; other connections to the same file are waited for as
+// long as the busy timeout says.
 class Database {
 public:
     enum AccessMode : std::int32_t {
@@ -27,25 +30,27 @@ public:
     // Closes the connection.
     ~Database();
 
-    // Opens a database file in place of the connection held before. The flag has no effect.
-    // A statement waits up to `busyTimeoutMs` milliseconds for another connection's lock.
+    // Opens a database file, after it has closed the connection held before, even if it fails then.
+    // A statement waits up to `busyTimeoutMs` milliseconds for another connection's lock; zero and
+    // negative numbers stand for no waiting. The flag has no effect.
     //
-    // False when SQLite cannot open the file, with an ERROR line "Failed to open the database
-    // ...", and when the busy timeout cannot be set, "Failed to set the busy timeout: ..."; only
-    // then is the database open nevertheless. SQLite reads the file with the first statement: a
-    // file that is no database opens, and that statement fails. An unknown `mode` reports the
-    // assertion "false", and SQLite refuses it.
+    // False with an ERROR line "Failed to open the database ...", when SQLite cannot open the file
+    // or gives no connection, or "Failed to set the busy timeout: ...". After the latter the
+    // database is open nevertheless. SQLite reads the file with the first statement: a file that
+    // is no database opens, and that statement fails. An unknown `mode` reports the assertion
+    // "false", and SQLite refuses it.
     bool open(const string& fileName, AccessMode mode, bool, int busyTimeoutMs);
 
-    // Closes the connection, if there is one. When SQLite refuses, because statements of the
-    // caller's own are unfinished, the assertion "rc == SQLITE_OK" is reported and the connection
-    // abandoned.
+    // Closes the connection, if there is one. When SQLite refuses, because a statement, backup or
+    // blob of the caller's own is unfinished, the assertion "rc == SQLITE_OK" is reported and the
+    // connection is abandoned: it leaks.
     void close();
 
+    // Whether SQLite has opened the file and close() has not followed.
     bool isOpen() const;
 
-    // The SQLite connection that tables and result sets are built on; null when there is none.
-    // Owned by this object: never close it.
+    // The SQLite connection that tables and result sets are built on; null when there is none. Of
+    // no use while isOpen() is false. Owned by this object: never close it.
     sqlite3* getHandle();
 
     // Begin, commit or roll back a transaction for all that runs on this connection. False with
@@ -56,12 +61,14 @@ public:
     bool transactionCommit();
     bool transactionRollback();
 
-    // The number an application keeps in the file to tell its schema's version: 0 in a new file. -1
-    // when it cannot be read or is negative, with the lines of queryNumber().
+    // The number an application keeps in the file to tell its schema's version: 0 in a new file.
+    // -1 when it cannot be read or is negative, with the lines of queryNumber(); without a
+    // connection after the assertion "db".
     int getUserVersion() const;
 
     // Stores that number: 0 to 2147483647. False for a greater one, with an ERROR line, and when
-    // the statement fails, with the lines of runOneStepSqlStmt().
+    // the statement fails, with the lines of runOneStepSqlStmt(); without a connection after the
+    // assertion "db".
     bool setUserVersion(unsigned int version);
 
 private:

@@ -3,6 +3,8 @@
 
 #include "SqlCommon.h"
 
+#include <cstdint>
+
 #pragma GCC visibility push(default)
 
 namespace sql {
@@ -54,14 +56,16 @@ public:
     // " PRIMARY KEY NOT NULL UNIQUE". Empty without constraints.
     string getFlags() const;
 
-    // The column in a table definition: "id INTEGER PRIMARY KEY NOT NULL".
+    // The column in a table definition, without blanks at the ends: "id INTEGER PRIMARY KEY NOT
+    // NULL". Any other type than the five fails as in getTypeStr().
     string getDefinition() const;
 
-    // One line for diagnostics: "0: name=id, type=integer, flags: PRIMARY KEY NOT NULL".
+    // One line for diagnostics: "0: name=id, type=integer, flags: PRIMARY KEY NOT NULL". Any other
+    // type than the five shows as "undefined" and reports the assertion "false".
     string dump() const;
 
 private:
-    friend class FieldSet; // gives its copies their positions
+    friend class FieldSet; // gives its copies their positions, and compares names in place
 
     string _name;
     field_type _type;

@@ -31,8 +31,9 @@ public:
     // null `fields`, which changes nothing.
     //
     // False after the assertion "false" when there is no key column; the columns stay. False as
-    // well when a PRIMARY KEY column is of another type than type_int or type_text, with an ERROR
-    // line that names it and the assertion "false"; the set is then empty.
+    // well when a PRIMARY KEY column is of another type than type_int or type_text, with the ERROR
+    // line "PRIMARY KEY column '...' must be of type 'integer' or 'text' instead of type '...'"
+    // and the assertion "false"; the set is then empty.
     //
     // Meant for an empty set: on any other the positions go to the first fields of the set.
     bool initFieldSet(const Field* fields);
@@ -49,13 +50,14 @@ public:
     // column", the assertion "false" and an empty text.
     string getKeyIdName() const;
 
-    // The columns of a CREATE TABLE statement: "id INTEGER PRIMARY KEY, name TEXT".
+    // The columns of a CREATE TABLE statement: "id INTEGER PRIMARY KEY, name TEXT". A column of an
+    // undefined type fails as in Field::getDefinition().
     string getDefinition() const;
 
     // The column names: "id, name".
     string toSql() const;
 
-    // Field::dump() of every field, with "\r\n" between two of them.
+    // Field::dump() of every field, with "\r\n" between two of them, and with its failure.
     string dump() const;
 
 private:

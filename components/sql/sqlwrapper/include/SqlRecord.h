@@ -15,10 +15,11 @@ namespace sql {
 // One row: a cell for every column of a FieldSet, owned, in column order. The set itself is
 // borrowed and must outlive the record, and every copy of it, unchanged.
 //
-// Every failure below leaves the record as it was, writes the ERROR line given and then reports
-// the assertion "false". Pointers to cells live until the record is assigned to, moved from or
-// destroyed; those into a row of a RecordSet or Table, until that row is discarded. One thread at
-// a time.
+// A failure leaves the record as it was, writes the ERROR line given and then reports the
+// assertion "false"; where an operation uses another that fails, the line and assertion of that
+// one come first. Only a null `other` in a comparison goes unreported. Pointers to cells live
+// until the record is assigned to, moved from or destroyed; those into a row of a RecordSet or
+// Table, until that row is discarded. One thread at a time.
 class Record {
 public:
     // A row of nulls, each of its column's type.
@@ -40,8 +41,9 @@ public:
     // The number of cells.
     int columnCount() const;
 
-    // Fills a cell with a text as SQLite hands it out, null for NULL, and gives it the type. False
-    // for an index outside [0, columnCount()): "Column index (3) is out of range [0, 3[".
+    // Fills a cell with a copy of a text as SQLite hands it out, null for NULL, and gives it the
+    // type. False for an index outside [0, columnCount()): "Column index (3) is out of range [0,
+    // 3[".
     bool initColumnValue(int index, const char* text, field_type type);
 
     // A cell by position or by column name; null when there is none: "No value for column with
@@ -60,6 +62,10 @@ public:
 
     // Set a cell by position, which fails like getValue(), or by column name, which fails like
     // fieldByName(). The cell keeps its column's type, whatever is stored.
+    //
+    // What setString() stores in a column of another type than type_text goes into statements as
+    // it stands, without quotes: never store text from outside there. A zero byte ends the
+    // statement.
     void setNull(int index);
     void setNull(const string& name);
     void setString(int index, const string& s);
@@ -79,18 +85,21 @@ public:
     bool equalsColumnValue(const Record* other, const string& name) const;
 
     // Whether all cells but those of PRIMARY KEY columns are equal, by Value::equals() of this
-    // record's cells: any two times are. A column that one of the records lacks is reported as
-    // above and counts as equal. False for a null `other`.
+    // record's cells: any two times are. Goes by this record's columns: one for which either
+    // record has no cell is reported as above and counts as equal, and columns of `other` alone
+    // are not looked at. False for a null `other`.
     bool equalsValues(const Record* other) const;
 
     // The cells: "7|tea|null".
     string toString() const;
 
-    // Names and cells: "id = 7|name = tea", or with types "id = 7 (integer)|name = tea (text)".
+    // Names and cells: "id = 7|name = tea", or with types "id = 7 (integer)|name = tea (text)",
+    // where a cell of an undefined type reports the assertion "false".
     string dump(bool withTypes) const;
 
-    // The cells as SQL literals: "7, 'tea', null". Empty when a column has no cell: "field with
-    // index 2 does not have value".
+    // The cells as SQL literals: "7, 'tea', null". Empty for a record without columns, and when a
+    // column has no cell, "field with index 2 does not have value", or no definition, "field with
+    // index 2 does not exist".
     string toSql() const;
 
     // The statement that inserts all columns: "insert into product (id, name) values (7, 'tea')".
@@ -103,18 +112,13 @@ public:
     // column with index=1 (and name=name) of table product", "Failed to get name of PRIMARY KEY
     // column for table product" or "No PRIMARY KEY column found for table product".
     //
-    // Needs an integer key that is not the last column: a key of another type goes in without
-    // quotes, after the assertion "value->getType() == type_int", and a key column at the end
-    // leaves a comma in front of "where".
+    // Needs one integer key that is not the last column, and a column besides it: a key of another
+    // type goes in without quotes, after the assertion "value->getType() == type_int", and a key
+    // column at the end leaves a comma in front of "where". A null key matches no row. Of several
+    // key columns the first selects the row, and none is set.
     string toSqlUpdate(const string& tableName) const;
 
 private:
-    bool hasColumn(int index) const;
-
-    // Appends "name=value" for all columns but the key. Returns the position of the first column
-    // that has no cell, -1 when all have one.
-    int appendAssignments(string& statement) const;
-
     const FieldSet* _fields;
     std::vector<Value> _values;
 };

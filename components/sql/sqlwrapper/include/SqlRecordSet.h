@@ -30,7 +30,9 @@ public:
     // With a copy of the columns.
     RecordSet(sqlite3* db, const FieldSet& fields);
 
-    // With the columns of an array that an ending field closes, as FieldSet takes them.
+    // With the columns of an array that an ending field closes, as FieldSet takes them: a PRIMARY
+    // KEY column of a wrong type leaves the set without columns, and an ERROR line and the
+    // assertion "false" are the only sign; so is that assertion alone when there is no key column.
     RecordSet(sqlite3* db, const Field* fields);
 
     RecordSet(const RecordSet&) = delete;
@@ -43,7 +45,7 @@ public:
     // FieldSet::initFieldSet(). Meant for a set without columns, since those it has stay.
     bool initRecordSet(sqlite3* db, const Field* fields);
 
-    // Discards the rows and the result of the latest statement.
+    // Discards the rows and the result of the latest statement; room for as many rows is kept.
     void close();
 
     // Runs a statement, or several separated by semicolons, and holds the rows in the order in
@@ -56,7 +58,8 @@ public:
     // delivered until then stay. False after the assertion "_db" without a connection.
     bool query(const string& sql);
 
-    // Whether the latest query() succeeded; false before the first one and after close().
+    // Whether the latest query() succeeded; false before the first one, and after close() and
+    // initRecordSet().
     bool isResultOk() const;
 
     // The number of rows held.
@@ -73,15 +76,16 @@ public:
     // which Record::getValue() reports.
     const Value* getTopRecordFirstValue() const;
 
-    // The columns, which live as long as the set; never null.
+    // The columns, which live as long as the set; never null. Pointers to its fields end with
+    // initRecordSet().
     const FieldSet* fields() const;
 
     // The rows, numbered from 1 and each ended by "\r\n": "1. 7|tea\r\n2. 8|null\r\n".
     string toString() const;
 
     // The callback through which query() takes a row from sqlite3_exec(): appends it to the
-    // RecordSet that `recordSet` points at. 0 to go on; 1, which ends the statement, when memory
-    // runs out.
+    // RecordSet that `recordSet` points at. The column names are not used, and null `values` add
+    // no row. 0 to go on; 1, which ends the statement, when memory runs out.
     static int on_next_record(void* recordSet, int columnCount, char** values, char** columnNames);
 
 private:

@@ -9,13 +9,13 @@ namespace sql {
 
 // One cell: a text with a null mark and the type of its column. Numbers, booleans and times are
 // kept as the text that goes into SQL or came from it, and are converted when they are read; no
-// conversion fails or depends on the locale. A plain value, for one thread at a time.
+// conversion of a number fails or depends on the locale. A plain value, for one thread at a time.
 class Value {
 public:
     // Null, of the given type.
     explicit Value(field_type type);
 
-    // Takes the text and the type; a null `text` makes the value null.
+    // Takes a copy of the text, and the type; a null `text` makes the value null.
     void setValue(const char* text, field_type type);
 
     // The setters below keep the type. Text stored by one of them is read back by every getter, so
@@ -26,7 +26,8 @@ public:
     void setInteger(integer n);
 
     // Keeps eight decimals: 3.5 becomes "3.50000000". At most 127 characters are kept, which cuts
-    // the decimals and digits of numbers from about 1e117 on.
+    // the decimals and digits of numbers from about 1e117 on. An infinity or NaN becomes "inf" or
+    // "nan", which SQLite refuses in a statement.
     void setDouble(double d);
 
     // "1" or "0".
@@ -51,14 +52,16 @@ public:
     // The time asInteger() seconds after the epoch; the epoch itself for null.
     Time asTime() const;
 
-    // The text; for type_time Time::asString() of asTime(), in local time. Null gives an empty
-    // text, or for type_time the epoch.
+    // The text; for type_time Time::asString() of asTime(), in local time and with the weekday in
+    // the process's language. A time that cannot be converted gives an empty text and the ERROR
+    // line of Time::format(). Null gives an empty text, or for type_time the epoch.
     string asString() const;
 
     // "null" for null, otherwise asString().
     string toString() const;
 
-    // toString(), and with the type: "42 (integer)".
+    // toString(), and with the type: "42 (integer)". An undefined type shows as "undefined" and
+    // reports the assertion "false".
     string dump(bool withType) const;
 
     // Whether two cells are equal as values of this one's type. Two nulls are. Otherwise both are

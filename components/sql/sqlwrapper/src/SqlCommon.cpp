@@ -4,6 +4,8 @@
 
 #include <sqlite3.h>
 
+#include <time.h>
+
 #include <cctype>
 #include <cstring>
 #include <type_traits>
@@ -20,7 +22,7 @@ bool isBlank(char byte)
 // The C library has no text for years that overflow an int.
 const char* calendarText(const time_t& time)
 {
-    const char* const text = std::ctime(&time);
+    const char* const text = ::ctime(&time);
     return text != nullptr ? text : "(null)";
 }
 
@@ -39,11 +41,14 @@ struct FirstRow {
     int number;
 };
 
+// Finalizes the query, so that a report after it has the connection's text and not the step's.
 FirstRow takeFirstRow(sqlite3_stmt* query)
 {
-    const int rc = sqlite3_step(query);
-    const FirstRow row = {rc, sqlite3_column_count(query),
-                          rc == SQLITE_ROW ? sqlite3_column_int(query, 0) : 0};
+    FirstRow row = {sqlite3_step(query), 0, 0};
+    if (row.rc == SQLITE_ROW)
+        row.columns = sqlite3_column_count(query);
+    if (row.columns == 1)
+        row.number = sqlite3_column_int(query, 0);
     sqlite3_finalize(query);
     return row;
 }
@@ -129,7 +134,7 @@ string intToStr(integer value)
 
 Time::Time() : _time(-1)
 {
-    if (std::time(&_time) != static_cast<time_t>(-1))
+    if (::time(&_time) != static_cast<time_t>(-1))
         TRACE_DEBUG3("Time ctor: time = %ld = '%s'", static_cast<long>(_time), calendarText(_time));
 }
 
@@ -152,7 +157,7 @@ bool Time::operator==(const Time&)
 
 double Time::diff(Time& other)
 {
-    return std::difftime(_time, other._time);
+    return ::difftime(_time, other._time);
 }
 
 integer Time::asInteger() const
@@ -176,7 +181,7 @@ string Time::format(const char* fmt) const
         return string();
     }
     char text[128];
-    return string(text, std::strftime(text, sizeof text, fmt, &local));
+    return string(text, ::strftime(text, sizeof text, fmt, &local));
 }
 #pragma GCC diagnostic pop
 
@@ -215,6 +220,7 @@ void Time::addDays(integer d)
     _time = shifted(_time, d, 86400);
 }
 
+// SQLITE_NOTICE and SQLITE_WARNING are no results of a call, and so have no name here.
 const char* sqliteRc2Str(int rc)
 {
 #define RC_NAME(code)                                                                              \
@@ -306,6 +312,7 @@ bool runOneStepSqlStmt(sqlite3* db, const string& stmt)
         return false;
     }
 
+    // Reported before the finalization: the text is that of the step.
     rc = sqlite3_step(statement);
     if (rc != SQLITE_DONE) {
         TRACE_ERROR("Running the SQL stmt '%s' failed", stmt.c_str());

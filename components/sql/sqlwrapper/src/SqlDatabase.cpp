@@ -5,9 +5,28 @@
 
 #include <sqlite3.h>
 
-#include <limits>
-
 namespace sql {
+
+namespace {
+
+// SQLite keeps the user version in 32 bits with a sign.
+constexpr int highest_user_version = 2147483647;
+
+// 0, which SQLite refuses, for an unknown mode.
+int openFlags(Database::AccessMode mode)
+{
+    switch (mode) {
+    case Database::access_read_only:
+        return SQLITE_OPEN_READONLY;
+    case Database::access_read_write:
+        return SQLITE_OPEN_READWRITE;
+    case Database::access_create:
+        return SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+    }
+    return 0;
+}
+
+} // namespace
 
 Database::Database() : _db(nullptr), _rc(SQLITE_ERROR)
 {
@@ -24,21 +43,10 @@ bool Database::open(const string& fileName, AccessMode mode, bool, int busyTimeo
     TRACE_DEBUG1("Opening database '%s'", fileName.c_str());
     close();
 
-    int flags = 0;
-    switch (mode) {
-    case access_read_only:
-        flags = SQLITE_OPEN_READONLY;
-        break;
-    case access_read_write:
-        flags = SQLITE_OPEN_READWRITE;
-        break;
-    case access_create:
-        flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
-        break;
-    default:
+    const int flags = openFlags(mode);
+    if (flags == 0)
         SQL_ASSERT(false,
                    "bool sql::Database::open(const string&, sql::Database::AccessMode, bool, int)");
-    }
 
     _rc = sqlite3_open_v2(fileName.c_str(), &_db, flags, nullptr);
     if (!isOpen()) {
@@ -46,7 +54,7 @@ bool Database::open(const string& fileName, AccessMode mode, bool, int busyTimeo
                     sqliteRc2Str(_rc), sqlite3_errmsg(_db));
         return false;
     }
-    if (_db == nullptr) {
+    if (_db == nullptr) { // isOpen() stays true: it goes by SQLite's result alone
         TRACE_ERROR("Failed to open the database %s: database handle returned by SQLite is 0",
                     fileName.c_str());
         return false;
@@ -102,9 +110,8 @@ int Database::getUserVersion() const
 
 bool Database::setUserVersion(unsigned int version)
 {
-    constexpr int highest = std::numeric_limits<int>::max();
-    if (version > static_cast<unsigned int>(highest)) {
-        TRACE_ERROR("User version of a Quillmoor SQL database must be <= %d", highest);
+    if (version > static_cast<unsigned int>(highest_user_version)) {
+        TRACE_ERROR("User version of a Quillmoor SQL database must be <= %d", highest_user_version);
         return false;
     }
     return runOneStepSqlStmt(_db,

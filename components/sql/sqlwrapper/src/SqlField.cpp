@@ -82,7 +82,8 @@ string Field::getFlags() const
 string Field::getDefinition() const
 {
     string definition = _name + " " + getTypeStr() + getFlags();
-    return trim(definition);
+    trim(definition);
+    return definition;
 }
 
 string Field::dump() const

@@ -11,6 +11,15 @@ bool canBeKey(field_type type)
     return type == type_int || type == type_text;
 }
 
+const Field* findKey(const std::vector<Field>& fields)
+{
+    for (const Field& field : fields) {
+        if (field.isPrimaryKey())
+            return &field;
+    }
+    return nullptr;
+}
+
 } // namespace
 
 FieldSet::FieldSet(const Field* fields)
@@ -38,15 +47,13 @@ bool FieldSet::initFieldSet(const Field* fields)
             return false;
         }
         _fields.push_back(field);
-        // Counted from the start of the set, not of what is appended: a set that already held
-        // fields numbers those, as it always has.
+        // Counted from the start of the set, not of what is appended: in a set that already held
+        // fields those get the new positions, and callers rely on it.
         _fields[i]._index = i;
     }
 
-    for (const Field& field : _fields) {
-        if (field.isPrimaryKey())
-            return true;
-    }
+    if (findKey(_fields) != nullptr)
+        return true;
     SQL_ASSERT(false, "bool sql::FieldSet::initFieldSet(const sql::Field*)");
     return false;
 }
@@ -72,10 +79,8 @@ const Field* FieldSet::getByName(const string& name) const
 
 string FieldSet::getKeyIdName() const
 {
-    for (const Field& field : _fields) {
-        if (field.isPrimaryKey())
-            return field._name;
-    }
+    if (const Field* const key = findKey(_fields))
+        return key->_name;
     TRACE_ERROR("Failed to get name of PRIMARY KEY column");
     SQL_ASSERT(false, "sql::string sql::FieldSet::getKeyIdName() const");
     return string();

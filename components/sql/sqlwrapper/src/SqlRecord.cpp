@@ -4,6 +4,31 @@
 
 namespace sql {
 
+namespace {
+
+// Appends "name=value" for all columns but the key. Stops at a column that has no cell, returns it
+// and leaves its position in `position`; null when all have one.
+const Field* appendAssignments(const Record& record, string& statement, int& position)
+{
+    const FieldSet& fields = *record.fields();
+    const int count = fields.count();
+    for (position = 0; position < count; ++position) {
+        const Field* const field = fields.getByIndex(position);
+        if (field == nullptr || field->isPrimaryKey())
+            continue;
+        const Value* const value = record.getValue(field->getName());
+        if (value == nullptr)
+            return field;
+        statement += field->getName() + "=" + value->toSql(field->getType());
+        // By position alone: callers know the comma that a key in the last column leaves behind.
+        if (position < count - 1)
+            statement += ", ";
+    }
+    return nullptr;
+}
+
+} // namespace
+
 Record::Record(const FieldSet& fields) : _fields(&fields)
 {
     _values.reserve(fields.count());
@@ -25,14 +50,9 @@ int Record::columnCount() const
     return static_cast<int>(_values.size());
 }
 
-bool Record::hasColumn(int index) const
-{
-    return index >= 0 && index < columnCount();
-}
-
 bool Record::initColumnValue(int index, const char* text, field_type type)
 {
-    if (!hasColumn(index)) {
+    if (index < 0 || index >= columnCount()) {
         TRACE_ERROR("Column index (%d) is out of range [0, %d[", index, columnCount());
         SQL_ASSERT(false, "bool sql::Record::initColumnValue(int, const char*, sql::field_type)");
         return false;
@@ -43,7 +63,7 @@ bool Record::initColumnValue(int index, const char* text, field_type type)
 
 Value* Record::getValue(int index)
 {
-    if (hasColumn(index))
+    if (index >= 0 && index < columnCount())
         return &_values[index];
     TRACE_ERROR("No value for column with index %d", index);
     SQL_ASSERT(false, "sql::Value* sql::Record::getValue(int)");
@@ -52,7 +72,7 @@ Value* Record::getValue(int index)
 
 const Value* Record::getValue(int index) const
 {
-    if (hasColumn(index))
+    if (index >= 0 && index < columnCount())
         return &_values[index];
     TRACE_ERROR("No value for column with index %d", index);
     SQL_ASSERT(false, "const sql::Value* sql::Record::getValue(int) const");
@@ -204,7 +224,10 @@ string Record::toString() const
 {
     string text;
     for (int i = 0; i < columnCount(); ++i) {
-        text += _values[i].toString();
+        const Value* const value = getValue(i);
+        if (value == nullptr)
+            continue;
+        text += value->toString();
         if (i < columnCount() - 1)
             text += "|";
     }
@@ -217,7 +240,10 @@ string Record::dump(bool withTypes) const
     for (int i = 0; i < columnCount(); ++i) {
         if (const Field* const field = _fields->getByIndex(i))
             text += field->getName() + " = ";
-        text += _values[i].dump(withTypes);
+        const Value* const value = getValue(i);
+        if (value == nullptr)
+            continue;
+        text += value->dump(withTypes);
         if (i < columnCount() - 1)
             text += "|";
     }
@@ -270,24 +296,6 @@ string Record::toSqlInsert(const string& tableName) const
     return "insert into " + tableName + " (" + names + ") values (" + literals + ")";
 }
 
-int Record::appendAssignments(string& statement) const
-{
-    const int count = _fields->count();
-    for (int i = 0; i < count; ++i) {
-        const Field* const field = _fields->getByIndex(i);
-        if (field == nullptr || field->isPrimaryKey())
-            continue;
-        const Value* const value = getValue(field->getName());
-        if (value == nullptr)
-            return i;
-        statement += field->getName() + "=" + value->toSql(field->getType());
-        // By position alone: callers know the comma that a key in the last column leaves behind.
-        if (i < count - 1)
-            statement += ", ";
-    }
-    return -1;
-}
-
 string Record::toSqlUpdate(const string& tableName) const
 {
     if (tableName.empty()) {
@@ -297,10 +305,10 @@ string Record::toSqlUpdate(const string& tableName) const
     }
 
     string statement = "update " + tableName + " set ";
-    const int missing = appendAssignments(statement);
-    if (missing >= 0) {
-        TRACE_ERROR("No value for column with index=%d (and name=%s) of table %s", missing,
-                    _fields->getByIndex(missing)->getName().c_str(), tableName.c_str());
+    int position = 0;
+    if (const Field* const missing = appendAssignments(*this, statement, position)) {
+        TRACE_ERROR("No value for column with index=%d (and name=%s) of table %s", position,
+                    missing->getName().c_str(), tableName.c_str());
         SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
         return string();
     }

@@ -104,8 +104,10 @@ const FieldSet* RecordSet::fields() const
 string RecordSet::toString() const
 {
     string lines;
-    for (int i = 0; i < count(); ++i)
-        lines += intToStr(i + 1) + ". " + _records[i].toString() + "\r\n";
+    for (int i = 0; i < count(); ++i) {
+        if (const Record* const record = getRecord(i))
+            lines += intToStr(i + 1) + ". " + record->toString() + "\r\n";
+    }
     return lines;
 }
 

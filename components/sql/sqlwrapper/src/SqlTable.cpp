@@ -23,6 +23,12 @@ string whereKey(const string& keyName, integer key)
     return " where " + keyName + " = " + intToStr(key);
 }
 
+// Runs a statement beside the table's own record set, which keeps its rows.
+bool runWrite(sqlite3* db, const FieldSet& fields, const string& statement)
+{
+    return RecordSet(db, fields).query(statement);
+}
+
 } // namespace
 
 Table::Table(const string& name) : _db(nullptr), _name(name)
@@ -178,7 +184,7 @@ Record* Table::getRecordByKeyId(string key)
         SQL_ASSERT(false, "sql::Record* sql::Table::getRecordByKeyId(sql::string)");
         return nullptr;
     }
-    return loadFirst(whereKey(keyName, key));
+    return query("select * from " + _name + whereKey(keyName, key)) ? getTopRecord() : nullptr;
 }
 
 Record* Table::getRecordByKeyId(integer key)
@@ -189,7 +195,7 @@ Record* Table::getRecordByKeyId(integer key)
         SQL_ASSERT(false, "sql::Record* sql::Table::getRecordByKeyId(sql::integer)");
         return nullptr;
     }
-    return loadFirst(whereKey(keyName, key));
+    return query("select * from " + _name + whereKey(keyName, key)) ? getTopRecord() : nullptr;
 }
 
 bool Table::hasRecordWithKeyId(string key)
@@ -200,7 +206,7 @@ bool Table::hasRecordWithKeyId(string key)
         SQL_ASSERT(false, "bool sql::Table::hasRecordWithKeyId(sql::string)");
         return false;
     }
-    return hasRow(whereKey(keyName, key));
+    return queryNumber(_db, "select count(*) from " + _name + whereKey(keyName, key)) > 0;
 }
 
 bool Table::hasRecordWithKeyId(integer key)
@@ -211,7 +217,7 @@ bool Table::hasRecordWithKeyId(integer key)
         SQL_ASSERT(false, "bool sql::Table::hasRecordWithKeyId(sql::integer)");
         return false;
     }
-    return hasRow(whereKey(keyName, key));
+    return queryNumber(_db, "select count(*) from " + _name + whereKey(keyName, key)) > 0;
 }
 
 bool Table::addRecord(const Record& record)
@@ -221,7 +227,7 @@ bool Table::addRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL INSERT statement for table '%s'", _name.c_str());
         return false;
     }
-    return runWrite(statement);
+    return runWrite(_db, *fields(), statement);
 }
 
 bool Table::updateRecord(const Record& record)
@@ -231,7 +237,7 @@ bool Table::updateRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL UPDATE statement for table '%s'", _name.c_str());
         return false;
     }
-    return runWrite(statement);
+    return runWrite(_db, *fields(), statement);
 }
 
 bool Table::addOrUpdateRecord(string key, const Record& record)
@@ -262,7 +268,7 @@ bool Table::deleteRecord(string key)
         SQL_ASSERT(false, "bool sql::Table::deleteRecord(sql::string)");
         return false;
     }
-    return runWrite("delete from " + _name + whereKey(keyName, key));
+    return runWrite(_db, *fields(), "delete from " + _name + whereKey(keyName, key));
 }
 
 bool Table::deleteRecord(integer key)
@@ -273,12 +279,12 @@ bool Table::deleteRecord(integer key)
         SQL_ASSERT(false, "bool sql::Table::deleteRecord(sql::integer)");
         return false;
     }
-    return runWrite("delete from " + _name + whereKey(keyName, key));
+    return runWrite(_db, *fields(), "delete from " + _name + whereKey(keyName, key));
 }
 
 bool Table::deleteRecords(const string& whereCondition)
 {
-    return runWrite("delete from " + _name + whereClause(whereCondition));
+    return runWrite(_db, *fields(), "delete from " + _name + whereClause(whereCondition));
 }
 
 bool Table::copyRecords(Table& source)
@@ -299,21 +305,6 @@ bool Table::backup(Table& source)
         return false;
     const int expected = source.totalRecordCount();
     return expected == totalRecordCount();
-}
-
-Record* Table::loadFirst(const string& clause)
-{
-    return _recordSet.query("select * from " + _name + clause) ? getTopRecord() : nullptr;
-}
-
-bool Table::hasRow(const string& clause) const
-{
-    return queryNumber(_db, "select count(*) from " + _name + clause) > 0;
-}
-
-bool Table::runWrite(const string& statement)
-{
-    return RecordSet(_db, *fields()).query(statement);
 }
 
 } // namespace sql

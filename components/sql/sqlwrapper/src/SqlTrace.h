@@ -18,11 +18,17 @@ extern "C" void logAssertFailed(const char* expression, const char* path, int li
 
 namespace sql {
 
-// Read afresh for every line: the level may change between the two lines of one report.
+static_assert(sizeof(int) == 4, "the trace library's level has 32 bits");
+
+// Read afresh for every line: the level may change between the two lines of one report, by another
+// thread too.
 inline bool traceLevelAbove(int limit)
 {
-    const TraceObject* const trace = g_traceObject;
-    return trace != nullptr && trace->level != nullptr && *trace->level > limit;
+    const TraceObject* const trace = __atomic_load_n(&g_traceObject, __ATOMIC_RELAXED);
+    if (trace == nullptr)
+        return false;
+    const int* const level = __atomic_load_n(&trace->level, __ATOMIC_RELAXED);
+    return level != nullptr && __atomic_load_n(level, __ATOMIC_RELAXED) > limit;
 }
 
 inline bool checked(bool holds, const char* text, const char* path, int line, const char* function)
@@ -34,6 +40,7 @@ inline bool checked(bool holds, const char* text, const char* path, int line, co
 
 } // namespace sql
 
+// The messages are an interface, byte for byte: log filters know their blanks and doubled words.
 #define TRACE_ERROR(text, ...) SQL_TRACE(2, LOG_ERR, "[ERROR]", text, ##__VA_ARGS__)
 #define TRACE_DEBUG1(text, ...) SQL_TRACE(6, LOG_DEBUG, "[DEBUG1]", text, ##__VA_ARGS__)
 #define TRACE_DEBUG2(text, ...) SQL_TRACE(7, LOG_DEBUG, "[DEBUG2]", text, ##__VA_ARGS__)

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
 
 namespace sql {
 
@@ -23,12 +24,13 @@ Value::Value(field_type type) : _isNull(true), _type(type)
 
 void Value::setValue(const char* text, field_type type)
 {
-    _type = type;
-    _isNull = text == nullptr;
-    if (_isNull)
+    // The text comes first, since it may find no memory.
+    if (text == nullptr)
         _value.clear();
     else
         _value = text;
+    _isNull = text == nullptr;
+    _type = type;
 }
 
 void Value::setNull()
@@ -82,8 +84,8 @@ integer Value::asInteger() const
     return _isNull ? 0 : ::strtoll(_value.c_str(), nullptr, 10);
 }
 
-// Read in the "C" locale, since the process's own may have another decimal point. The C library
-// keeps that locale ready: nothing is allocated.
+// Read in the "C" locale, since the process's own may have another decimal point. glibc and musl
+// keep that locale ready, so that nothing is allocated and nothing fails.
 double Value::asDouble() const
 {
     if (_isNull)
