@@ -33,6 +33,7 @@ private:
 
 Missing* missingField = nullptr;
 Missing* missingRecord = nullptr;
+Missing* missingValue = nullptr;
 
 // Puts one of the lookups out of order.
 class Fault {
@@ -69,6 +70,13 @@ const Field* FieldSet::getByIndex(int index) const
 {
     const bool found = index >= 0 && index < count() && !isHidden(missingField, index);
     return found ? &_fields[index] : nullptr;
+}
+
+// Without a report, to tell a cell that is skipped from one that is looked for again.
+const Value* Record::getValue(int index) const
+{
+    const bool found = index >= 0 && index < columnCount() && !isHidden(missingValue, index);
+    return found ? &_values[index] : nullptr;
 }
 
 Record* RecordSet::getRecord(int index)
@@ -281,7 +289,38 @@ TEST_F(LookupTest, ComparisonGoesOnBehindAMissingField)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+TEST_F(LookupTest, RecordTextSkipsAMissingCellWithItsSeparator)
+{
+    const Fault fault(missingValue, 1);
+    EXPECT_EQ(_record.toString(), "7|2.50000000");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(LookupTest, RecordTextKeepsTheSeparatorBeforeAMissingLastCell)
+{
+    const Fault fault(missingValue, 2);
+    EXPECT_EQ(_record.toString(), "7|tea|");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(LookupTest, RecordDumpNamesAMissingCellWithoutASeparator)
+{
+    const Fault fault(missingValue, 1);
+    EXPECT_EQ(_record.dump(false), "id = 7|name = price = 2.50000000");
+    EXPECT_EQ(_record.dump(true), "id = 7 (integer)|name = price = 2.50000000 (float)");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
 // --- RecordSet
+
+TEST_F(LookupTest, SetTextSkipsAMissingRecord)
+{
+    RecordSet set(_db, _fields);
+    ASSERT_TRUE(set.query("select * from product"));
+    const Fault fault(missingRecord, 1);
+    EXPECT_EQ(set.toString(), "1. 1|tea|2.5\r\n3. 3|kava|4.5\r\n");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
 
 TEST_F(LookupTest, MissingFirstRecordIsNoTopRecord)
 {
