@@ -262,6 +262,7 @@ struct Operation {
     const char* what;
     std::function<bool(sqlite3* db, Table& table, const Record& record)> run;
     bool changesRows;
+    const char* load; // the statement whose rows it holds, or null
 };
 
 void PrintTo(const Operation& operation, std::ostream* out)
@@ -281,23 +282,42 @@ protected:
     }
 
     // Runs the operation while the nth allocation fails. True when none did. Otherwise it has
-    // failed, or has passed std::bad_alloc on.
+    // passed std::bad_alloc on without a report, or has failed as a load does.
     bool runWithFailure(int nth, Table& table)
     {
         bool succeeded = false;
+        bool passedOn = false;
         bool struck;
+        _diagnostics.clear();
         {
             const MemoryShortage shortage(nth, false);
             try {
                 succeeded = GetParam().run(_db, table, _record);
             } catch (const std::bad_alloc&) {
+                passedOn = true;
             }
             struck = shortage.hasStruck();
         }
         EXPECT_EQ(succeeded, !struck) << nth;
         EXPECT_FALSE(hasOpenStatement()) << nth;
+        EXPECT_EQ(_diagnostics.errors(), errorsOf(struck && !passedOn)) << nth;
+        EXPECT_THAT(_diagnostics.assertions(), IsEmpty()) << nth;
+        if (struck && !passedOn)
+            ++_loadsFailed;
         return !struck;
     }
+
+    static std::vector<std::string> errorsOf(bool failedLoad)
+    {
+        if (!failedLoad)
+            return {};
+        if (GetParam().load == nullptr)
+            return {"a failed load"};
+        return {std::string("Failed to run the SQL stmt '") + GetParam().load + "'",
+                "  rc=4=SQLITE_ABORT: query aborted"};
+    }
+
+    int _loadsFailed = 0;
 
     Record _record;
 };
@@ -311,6 +331,7 @@ TEST_P(OperationAllocationTest, FailureLeavesNoStatementOpenAndAllRowsInPlace)
         EXPECT_EQ(contents(), _before) << nth;
     }
     EXPECT_EQ(contents() != _before, GetParam().changesRows);
+    EXPECT_EQ(_loadsFailed > 0, GetParam().load != nullptr);
 }
 
 TEST_P(OperationAllocationTest, TableWorksAfterAFailure)
@@ -327,63 +348,69 @@ TEST_P(OperationAllocationTest, TableWorksAfterAFailure)
 
 // Conditions and keys are short enough to need no memory of their own.
 const Operation operations[] = {
-    {"open", [](sqlite3*, Table& table, const Record&) { return table.open(); }, false},
+    {"open", [](sqlite3*, Table& table, const Record&) { return table.open(); }, false,
+     "select * from product"},
     {"open by condition and order",
-     [](sqlite3*, Table& table, const Record&) { return table.open("price > 2", "name"); }, false},
+     [](sqlite3*, Table& table, const Record&) { return table.open("price > 2", "name"); }, false,
+     "select * from product where price > 2 order by name"},
     {"getRecordByKeyId with an integer",
      [](sqlite3*, Table& table, const Record&) {
          return table.getRecordByKeyId(sql::integer(2)) != nullptr;
      },
-     false},
+     false, "select * from product where id = 2"},
     {"getRecordByKeyId with a text",
      [](sqlite3*, Table& table, const Record&) {
          return table.getRecordByKeyId(std::string("2")) != nullptr;
      },
-     false},
+     false, "select * from product where id = \"2\""},
     {"hasRecordWithKeyId",
      [](sqlite3*, Table& table, const Record&) {
          return table.hasRecordWithKeyId(sql::integer(2));
      },
-     false},
-    {"exists", [](sqlite3*, Table& table, const Record&) { return table.exists(); }, false},
-    {"create", [](sqlite3*, Table& table, const Record&) { return table.create(); }, false},
+     false, nullptr},
+    {"exists", [](sqlite3*, Table& table, const Record&) { return table.exists(); }, false,
+     nullptr},
+    {"create", [](sqlite3*, Table& table, const Record&) { return table.create(); }, false,
+     nullptr},
     {"totalRecordCount",
      [](sqlite3*, Table& table, const Record&) { return table.totalRecordCount() == row_count; },
-     false},
+     false, nullptr},
     {"addRecord",
-     [](sqlite3*, Table& table, const Record& record) { return table.addRecord(record); }, true},
+     [](sqlite3*, Table& table, const Record& record) { return table.addRecord(record); }, true,
+     nullptr},
     {"updateRecord",
      [](sqlite3*, Table& table, const Record& record) {
          Record second(record);
          second.setInteger(0, 2);
          return table.updateRecord(second);
      },
-     true},
+     true, nullptr},
     {"addOrUpdateRecord that adds",
      [](sqlite3*, Table& table, const Record& record) {
          return table.addOrUpdateRecord(sql::integer(7), record);
      },
-     true},
+     true, nullptr},
     {"addOrUpdateRecord that updates no row",
      [](sqlite3*, Table& table, const Record& record) {
          return table.addOrUpdateRecord(std::string("2"), record);
      },
-     false},
+     false, nullptr},
     {"deleteRecord",
      [](sqlite3*, Table& table, const Record&) { return table.deleteRecord(sql::integer(2)); },
-     true},
+     true, nullptr},
     {"deleteRecords",
-     [](sqlite3*, Table& table, const Record&) { return table.deleteRecords("id > 2"); }, true},
+     [](sqlite3*, Table& table, const Record&) { return table.deleteRecords("id > 2"); }, true,
+     nullptr},
     {"query of a record set of its own",
      [](sqlite3* db, Table& table, const Record&) {
          return RecordSet(db, *table.fields()).query("select 1, 2");
      },
-     false},
+     false, "select 1, 2"},
     {"runOneStepSqlStmt",
      [](sqlite3* db, Table&, const Record&) {
          return sql::runOneStepSqlStmt(db, "delete from product where id = 2");
      },
-     true},
+     true, nullptr},
 };
 
 INSTANTIATE_TEST_SUITE_P(Operations, OperationAllocationTest, testing::ValuesIn(operations));

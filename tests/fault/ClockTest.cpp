@@ -1,7 +1,12 @@
 #include "SqlCommon.h"
 
+#include "SqlRecordSet.h"
+#include "SqlValue.h"
+
+#include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Sqlite.h"
 
 #include <gmock/gmock.h>
 
@@ -10,6 +15,7 @@
 #include <limits>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include <dlfcn.h>
 
@@ -81,6 +87,7 @@ char* ctime(const time_t* seconds) noexcept
 namespace {
 
 using sql::Time;
+using sql::Value;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -148,6 +155,18 @@ TEST_P(ClockLevelTest, ClockThatCannotBeReadGivesMinusOneSilently)
 }
 
 INSTANTIATE_TEST_SUITE_P(Levels, ClockLevelTest, Values(0, 3, 8, 9));
+
+TEST_F(ClockTest, OnlyMinusOneMeansThatTheClockCannotBeRead)
+{
+    _diagnostics.setLevel(9);
+    clockOfTheTest.stands = true;
+    clockOfTheTest.time = -2;
+    EXPECT_EQ(Time().asInteger(), -2);
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = -2 = 'Thu Jan  1 00:59:58 1970\n'"));
+}
 
 TEST_F(ClockTest, TimeFromANumberDoesNotNeedTheClock)
 {
@@ -231,6 +250,108 @@ TEST_F(ClockTest, ConversionThatFailsIsOneLiteralOfErrorPriority)
     EXPECT_EQ(_diagnostics.lines()[0].priority, 3);
     EXPECT_EQ(_diagnostics.lines()[0].format,
               "[ERROR] %s:%d (%s) - Failed to convert calendar time to local time");
+}
+
+// --- cells that hold a time ---
+
+struct CellText {
+    const char* name;
+    std::string (*make)(const Value&);
+    const char* text;
+};
+
+void PrintTo(const CellText& text, std::ostream* out)
+{
+    *out << text.name;
+}
+
+class TimeCellTest : public ClockTest, public WithParamInterface<CellText> {
+protected:
+    TimeCellTest() : _cell(sql::type_time)
+    {
+        _cell.setInteger(1711796400);
+        clockOfTheTest.convertsToLocalTime = false;
+    }
+
+    Value _cell;
+};
+
+TEST_P(TimeCellTest, ConversionThatFailsIsReportedAndGivesAnEmptyText)
+{
+    EXPECT_EQ(GetParam().make(_cell), GetParam().text);
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(not_converted));
+}
+
+TEST_P(TimeCellTest, ConversionThatFailsIsReportedAfterTheTimeIsTraced)
+{
+    _diagnostics.setLevel(9);
+    EXPECT_EQ(GetParam().make(_cell), GetParam().text);
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 1711796400 = 'Sat Mar 30 12:00:00 2024\n'",
+            not_converted));
+}
+
+std::string nameOfCellText(const testing::TestParamInfo<CellText>& info)
+{
+    return info.param.name;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, TimeCellTest,
+    Values(CellText{"AsString", [](const Value& cell) { return cell.asString(); }, ""},
+           CellText{"ToString", [](const Value& cell) { return cell.toString(); }, ""},
+           CellText{"Dump", [](const Value& cell) { return cell.dump(false); }, ""},
+           CellText{"DumpWithType", [](const Value& cell) { return cell.dump(true); }, " (time)"},
+           CellText{"SqlText", [](const Value& cell) { return cell.toSql(sql::type_text); }, "''"}),
+    nameOfCellText);
+
+TEST_F(ClockTest, SecondsOfACellNeedNoLocalTime)
+{
+    _diagnostics.setLevel(9);
+    clockOfTheTest.convertsToLocalTime = false;
+    Value cell(sql::type_time);
+    cell.setInteger(77);
+    EXPECT_EQ(cell.toSql(sql::type_time), "77");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+// --- rows that hold a time, whose dump would report that it cannot be converted ---
+
+const char row_query[] = "select 7, null, null, null, 1711796400";
+const char row_query_line[] =
+    "[DEBUG2] SqlRecordSet.cpp (query) - stmt='select 7, null, null, null, 1711796400'";
+
+class RowDumpLevelTest : public ClockTest, public WithParamInterface<int> {};
+
+TEST_P(RowDumpLevelTest, RowIsNotDumpedBelowTheHighestTraceLevel)
+{
+    const test::Connection db;
+    sql::RecordSet rows(db, test::all_type_columns);
+    clockOfTheTest.convertsToLocalTime = false;
+    _diagnostics.setLevel(GetParam());
+    EXPECT_TRUE(rows.query(row_query));
+    EXPECT_EQ(rows.count(), 1);
+    EXPECT_EQ(_diagnostics.events(), test::visibleAt(GetParam(), {row_query_line}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Levels, RowDumpLevelTest, Values(2, 3, 7, 8));
+
+TEST_F(ClockTest, RowIsDumpedAtTheHighestTraceLevel)
+{
+    const test::Connection db;
+    sql::RecordSet rows(db, test::all_type_columns);
+    clockOfTheTest.convertsToLocalTime = false;
+    _diagnostics.setLevel(9);
+    EXPECT_TRUE(rows.query(row_query));
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            row_query_line,
+            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 1711796400 = 'Sat Mar 30 12:00:00 2024\n'",
+            not_converted,
+            "[DEBUG3] SqlRecordSet.cpp (on_next_record) - id = 7|name = null|price = null|sold = null|at = "));
 }
 
 // --- calendar text ---

@@ -211,6 +211,20 @@ TEST_F(LookupTest, ValueListFailsAtAMissingField)
                     "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSql() const)"));
 }
 
+TEST_F(LookupTest, MissingFieldIsReportedWithOneLiteral)
+{
+    const Fault fault(missingField, 1);
+    _record.toSql();
+    _fields.toSql();
+    _fields.dump();
+    std::vector<std::string> formats;
+    for (const test::LogLine& line : _diagnostics.lines())
+        formats.push_back(line.format);
+    EXPECT_THAT(formats, ElementsAre("[ERROR] %s:%d (%s) - field with index %d does not exist",
+                                     "[ERROR] %s:%d (%s) - No field for index %d",
+                                     "[ERROR] %s:%d (%s) - No field for index %d"));
+}
+
 TEST_F(LookupTest, InsertFailsAtAMissingFieldReportedByEveryStep)
 {
     const Fault fault(missingField, 2);

@@ -5,6 +5,7 @@
 
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Rows.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
@@ -20,6 +21,7 @@ using sql::Field;
 using sql::Record;
 using sql::Table;
 using sql::Time;
+using test::held;
 using testing::IsEmpty;
 
 typedef std::vector<std::string> Texts;
@@ -89,15 +91,7 @@ bool openForUse(Database& db, const std::string& file, int busyTimeoutMs = 0)
     return db.open(file, Database::access_create, false, busyTimeoutMs);
 }
 
-Texts held(Table& table)
-{
-    Texts rows;
-    for (int i = 0; i < table.recordCount(); ++i)
-        rows.push_back(table.getRecord(i)->toString());
-    return rows;
-}
-
-// A settings store: named values that outlive the program.
+// --- A settings store: named values that outlive the program
 
 const Field setting_columns[] = {
     Field("code", sql::type_text, sql::flag_primary_key | sql::flag_not_null),
@@ -168,7 +162,7 @@ TEST_P(JobsTest, SettingsOutliveARestart)
               "greeting|it's \"100% é\" %s\ntheme|\nvolume|7");
 }
 
-// A catalogue: all types of columns and any text.
+// --- A catalogue: all types of columns and any text
 
 const Field catalogue_columns[] = {
     Field("id", sql::type_int, sql::flag_primary_key),
@@ -253,7 +247,7 @@ TEST_P(JobsTest, CatalogueRefusesASecondArticleOfTheSameName)
          "  rc=19=SQLITE_CONSTRAINT: UNIQUE constraint failed: catalogue.name"});
 }
 
-// An event log: times in a zone that puts its clocks forward and back.
+// --- An event log: times in a zone that puts its clocks forward and back
 
 const Field event_columns[] = {
     Field("id", sql::type_int, sql::flag_primary_key),
@@ -311,7 +305,7 @@ TEST_P(JobsTest, EventLogTellsLocalTimesAcrossTheChangesOfTheClocks)
     EXPECT_EQ(first.asTimeString(), "03:00:00");
 }
 
-// Many writes that succeed or fail together.
+// --- Many writes that succeed or fail together
 
 const Field product_columns[] = {
     Field("id", sql::type_int, sql::flag_primary_key),
@@ -377,7 +371,7 @@ TEST_P(JobsTest, WritesThatFailOnTheWayAreRolledBackTogether)
          "  rc=1=SQLITE_ERROR: cannot commit - no transaction is active"});
 }
 
-// Two programs on one file.
+// --- Two programs on one file
 
 TEST_P(JobsTest, SecondConnectionIsRefusedWhileTheFirstOneWrites)
 {
@@ -427,7 +421,7 @@ TEST_P(JobsTest, AddOrUpdateKeepsOneRowPerKeyFromTwoConnections)
     EXPECT_EQ(stored("select * from product"), "1|green tea|3.0\n2|rum|8.0");
 }
 
-// A new version of the program that has a column more.
+// --- A new version of the program that has a column more
 
 const Field second_product_columns[] = {
     Field("id", sql::type_int, sql::flag_primary_key),
@@ -496,7 +490,7 @@ TEST_P(JobsTest, SchemaUpgradeThatIsRolledBackLeavesTheOldVersion)
     EXPECT_EQ(stored("select * from product"), "1|no. 1|1.0\n2|no. 2|2.0\n3|no. 3|3.0");
 }
 
-// Backup to another file, and back.
+// --- Backup to another file, and back
 
 TEST_P(JobsTest, BackupRestoresATableThatWasEmptied)
 {
@@ -530,7 +524,7 @@ TEST_P(JobsTest, BackupRestoresATableThatWasEmptied)
     EXPECT_EQ(stored("select * from product"), "7|O'Brien's tea|2.5\n9|rum|8.0");
 }
 
-// Opening without the right to write, or without a file.
+// --- Opening without the right to write, or without a file
 
 TEST_P(JobsTest, ReadOnlyConnectionReadsAndIsRefusedEveryWrite)
 {

@@ -160,6 +160,11 @@ void Diagnostics::onLine(std::function<void(const LogLine&)> reaction)
     _reaction = std::move(reaction);
 }
 
+void Diagnostics::onAssertion(std::function<void(const Assertion&)> reaction)
+{
+    _assertionReaction = std::move(reaction);
+}
+
 const std::vector<std::string>& Diagnostics::events() const
 {
     return _events;
@@ -232,6 +237,8 @@ void Diagnostics::add(const Assertion& assertion)
     _assertions.push_back(assertion);
     _events.push_back("assert '" + assertion.expression + "' in " + file + " (" + assertion.function
                       + ")");
+    if (_assertionReaction)
+        _assertionReaction(assertion);
 }
 
 std::vector<std::string> visibleAt(int level, const std::vector<std::string>& events)

@@ -43,6 +43,9 @@ public:
     // Called after every line was captured: may change the level.
     void onLine(std::function<void(const LogLine&)> reaction);
 
+    // Called after every assertion was captured.
+    void onAssertion(std::function<void(const Assertion&)> reaction);
+
     // All reports in their order, whole but for the source line:
     //     "[ERROR] SqlCommon.cpp (queryNumber) - The SQL query '...' failed"
     //     "assert 'db' in SqlCommon.cpp (int sql::queryNumber(sqlite3*, const string&))"
@@ -57,7 +60,7 @@ public:
     const std::vector<LogLine>& lines() const;
     const std::vector<Assertion>& failedAssertions() const;
 
-    // Forgets what was captured; level and reaction stay.
+    // Forgets what was captured; level and reactions stay.
     void clear();
 
     // Whether a report is just being captured: what happens then is the test's own doing.
@@ -72,6 +75,7 @@ private:
     std::vector<Assertion> _assertions;
     std::vector<std::string> _events;
     std::function<void(const LogLine&)> _reaction;
+    std::function<void(const Assertion&)> _assertionReaction;
 };
 
 // Those of `events` that are reported at a trace level: assertions always are.

@@ -91,6 +91,8 @@ int sqlite3_finalize(sqlite3_stmt* statement)
 {
     if (statement != nullptr)
         note(&test::SqliteCalls::finalizes, "finalize", __builtin_return_address(0));
+    else
+        note(&test::SqliteCalls::nullFinalizes, "finalize null", __builtin_return_address(0));
     static auto* const real = original<decltype(sqlite3_finalize)>("sqlite3_finalize");
     return real(statement);
 }

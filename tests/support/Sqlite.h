@@ -47,8 +47,8 @@ private:
 };
 
 // The calls into SQLite that tests watch or replace. A function that is set is called instead of
-// SQLite's own; the counters count calls that do not come from within SQLite, whoever answers them. One
-// at a time.
+// SQLite's own; the counters count calls that do not come from within SQLite, whoever answers them.
+// One at a time.
 class SqliteCalls {
 public:
     SqliteCalls();
@@ -69,10 +69,12 @@ public:
     int execs = 0;
     int prepares = 0;
     int steps = 0;
-    int finalizes = 0;  // of a statement, not of null
+    int finalizes = 0; // of a statement
+    int nullFinalizes = 0;
     int textsFreed = 0; // sqlite3_free() of a text, not of null
-    std::vector<std::string>
-        order; // "open", "close", "exec", "prepare", "step", "finalize", "free"
+    // "open", "close", "busy_timeout", "exec", "prepare", "step", "finalize", "finalize null" and
+    // "free"
+    std::vector<std::string> order;
 };
 
 } // namespace test

@@ -1,5 +1,6 @@
 #include "SqlCommon.h"
 
+#include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "Sqlite.h"
@@ -45,6 +46,39 @@ static_assert(sql::type_float == 2);
 static_assert(sql::type_bool == 3);
 static_assert(sql::type_time == 4);
 static_assert(sql::type_undefined < 0 || sql::type_undefined > 4);
+
+static_assert(test::declared<std::string (*)(sql::field_type)>(sql::type2Str));
+static_assert(test::declared<std::string (*)(const std::string&)>(sql::quoteStr));
+static_assert(test::declared<std::string& (*)(std::string&)>(sql::trimleft));
+static_assert(test::declared<std::string& (*)(std::string&)>(sql::trimright));
+static_assert(test::declared<std::string& (*)(std::string&)>(sql::trim));
+static_assert(test::declared<std::string (*)(const std::string&)>(sql::trim));
+static_assert(test::declared<void (*)(std::string, std::vector<std::string>&, const char*)>(
+    sql::listToVector));
+static_assert(test::declared<std::string (*)(int)>(sql::intToStr));
+static_assert(test::declared<std::string (*)(sql::integer)>(sql::intToStr));
+static_assert(test::declared<const char* (*)(int)>(sql::sqliteRc2Str));
+static_assert(test::declared<int (*)(sqlite3*, const std::string&)>(sql::queryNumber));
+static_assert(test::declared<bool (*)(sqlite3*, const std::string&)>(sql::runOneStepSqlStmt));
+
+static_assert(std::is_default_constructible_v<Time>);
+static_assert(std::is_convertible_v<sql::integer, Time>);
+static_assert(std::is_copy_constructible_v<Time>);
+static_assert(std::is_same_v<decltype(std::declval<Time&>() = std::declval<const Time&>()), Time&>);
+static_assert(test::declared<Time (*)()>(&Time::now));
+static_assert(test::declared<bool (Time::*)(const Time&)>(&Time::operator==));
+static_assert(test::declared<double (Time::*)(Time&)>(&Time::diff));
+static_assert(test::declared<sql::integer (Time::*)() const>(&Time::asInteger));
+static_assert(test::declared<time_t (Time::*)() const>(&Time::getTime));
+static_assert(test::declared<std::string (Time::*)(const char*) const>(&Time::format));
+static_assert(test::declared<std::string (Time::*)() const>(&Time::asString));
+static_assert(test::declared<std::string (Time::*)() const>(&Time::asTimeString));
+static_assert(test::declared<std::string (Time::*)() const>(&Time::asDateString));
+static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addValue));
+static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addMinutes));
+static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addHours));
+static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addDays));
+static_assert(!std::is_polymorphic_v<Time> && sizeof(Time) == sizeof(time_t));
 
 class CommonTest : public testing::Test {
 protected:
@@ -142,6 +176,7 @@ TEST_F(CommonTest, QuotingKeepsEveryOtherByte)
         quoted += byte == '\'' ? std::string("''") : std::string(1, static_cast<char>(byte));
     }
     EXPECT_EQ(sql::quoteStr(text), quoted);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- trimming ---
@@ -167,6 +202,7 @@ TEST_P(TrimTest, LeftErasesTheLeadingBlanks)
     std::string& result = sql::trimleft(text);
     EXPECT_EQ(&result, &text);
     EXPECT_EQ(text, GetParam().left);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_P(TrimTest, RightErasesTheTrailingBlanks)
@@ -175,6 +211,7 @@ TEST_P(TrimTest, RightErasesTheTrailingBlanks)
     std::string& result = sql::trimright(text);
     EXPECT_EQ(&result, &text);
     EXPECT_EQ(text, GetParam().right);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_P(TrimTest, BothEndsInPlace)
@@ -183,12 +220,13 @@ TEST_P(TrimTest, BothEndsInPlace)
     std::string& result = sql::trim(text);
     EXPECT_EQ(&result, &text);
     EXPECT_EQ(text, GetParam().both);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_P(TrimTest, CopyLeavesTheArgument)
 {
-    const std::string text = GetParam().text;
-    EXPECT_EQ(sql::trim(text), GetParam().both);
+    std::string text = GetParam().text;
+    EXPECT_EQ(sql::trim(std::as_const(text)), GetParam().both);
     EXPECT_EQ(text, GetParam().text);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
@@ -216,9 +254,6 @@ TEST_F(CommonTest, BlanksAreTheSixOfTheDefaultLocale)
     EXPECT_EQ(blanks, "\t\n\v\f\r ");
 }
 
-static_assert(std::is_same_v<decltype(sql::trim(std::declval<std::string&>())), std::string&>);
-static_assert(std::is_same_v<decltype(sql::trim(std::declval<const std::string&>())), std::string>);
-
 // --- lists ---
 
 struct List {
@@ -237,7 +272,7 @@ class ListTest : public CommonTest, public testing::WithParamInterface<List> {};
 
 TEST_P(ListTest, GivesItsTrimmedItemsInPlaceOfTheFormerOnes)
 {
-    const std::string list = GetParam().list;
+    std::string list = GetParam().list;
     std::vector<std::string> items = {"former", "contents"};
     sql::listToVector(list, items, GetParam().delimiters);
     EXPECT_THAT(items, ElementsAreArray(GetParam().items));
@@ -333,11 +368,6 @@ INSTANTIATE_TEST_SUITE_P(Numbers, IntegerTextTest,
 
 // --- time ---
 
-static_assert(std::is_same_v<decltype(std::declval<const Time&>().asInteger()), sql::integer>);
-static_assert(std::is_same_v<decltype(std::declval<const Time&>().getTime()), time_t>);
-static_assert(std::is_same_v<decltype(std::declval<Time&>().diff(std::declval<Time&>())), double>);
-static_assert(!std::is_polymorphic_v<Time> && sizeof(Time) == sizeof(time_t));
-
 constexpr time_t latest = std::numeric_limits<time_t>::max();
 constexpr time_t earliest = std::numeric_limits<time_t>::min();
 
@@ -356,8 +386,10 @@ class TimeRangeTest : public TimeTest, public testing::WithParamInterface<sql::i
 TEST_P(TimeRangeTest, SecondsAreNarrowedToTheWidthOfTime)
 {
     const Time time(GetParam());
+    _diagnostics.setLevel(9);
     EXPECT_EQ(time.getTime(), static_cast<time_t>(GetParam()));
     EXPECT_EQ(time.asInteger(), sql::integer(static_cast<time_t>(GetParam())));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Seconds, TimeRangeTest,
@@ -398,9 +430,9 @@ TEST_F(TimeTest, CurrentTimeIsTracedOnce)
     _diagnostics.setLevel(9);
     const Time time;
     const time_t seconds = time.getTime();
-    EXPECT_THAT(_diagnostics.messages("[DEBUG3]"),
-                ElementsAre("Time ctor: time = " + std::to_string(seconds) + " = '"
-                            + std::ctime(&seconds) + "'"));
+    EXPECT_THAT(_diagnostics.events(),
+                ElementsAre("[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = "
+                            + std::to_string(seconds) + " = '" + std::ctime(&seconds) + "'"));
 }
 
 TEST_F(TimeTest, CopyHoldsTheSameSecondsAndIsSilent)
@@ -428,33 +460,40 @@ TEST_F(TimeTest, AssignmentToItselfChangesNothing)
 {
     Time time(77);
     const Time& itself = time;
+    _diagnostics.setLevel(9);
     time = itself;
     EXPECT_EQ(time.asInteger(), 77);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(TimeTest, AllTimesAreEqual)
+TEST_F(TimeTest, AllTimesAreEqualDeliberately)
 {
     Time time(1);
-    EXPECT_TRUE(time == Time(1));
-    EXPECT_TRUE(time == Time(2));
-    EXPECT_TRUE(time == Time(latest));
-    EXPECT_TRUE(time == Time(earliest));
+    const Time others[] = {Time(1), Time(2), Time(latest), Time(earliest)};
+    _diagnostics.setLevel(9);
+    for (const Time& other : others)
+        EXPECT_TRUE(time == other) << other.asInteger();
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TimeTest, DifferenceIsPositiveWhenThisTimeIsLater)
 {
     Time later(10);
     Time earlier(4);
+    _diagnostics.setLevel(9);
     EXPECT_EQ(later.diff(earlier), 6.0);
     EXPECT_EQ(earlier.diff(later), -6.0);
     EXPECT_EQ(later.diff(later), 0.0);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TimeTest, DifferenceOfDistantTimesDoesNotWrap)
 {
     Time later(latest);
     Time earlier(-2);
+    _diagnostics.setLevel(9);
     EXPECT_EQ(later.diff(earlier), static_cast<double>(latest) + 2.0);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 struct TimeTexts {
@@ -510,6 +549,14 @@ INSTANTIATE_TEST_SUITE_P(Zones, TimeTextTest,
                                 TimeTexts{"LastOf32Bits", utc, 2147483647,
                                           "19-01-2038 03:14:07, Tue", "03:14:07", "19-01-2038"}),
                          nameOf<TimeTexts>);
+
+TEST_F(TimeTest, WeekdayIsInTheLanguageOfTheProcess)
+{
+    const Time time(0);
+    const test::CommaLocale german;
+    EXPECT_EQ(time.asString(), "01-01-1970 01:00:00, Do");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
 
 struct Format {
     const char* name;
@@ -626,19 +673,23 @@ INSTANTIATE_TEST_SUITE_P(Days, TimeShiftTest,
 TEST_F(TimeTest, DayIs86400SecondsWhenDaylightSavingTimeBegins)
 {
     Time time(1711796400);
+    _diagnostics.setLevel(9);
     ASSERT_EQ(time.asString(), "30-03-2024 12:00:00, Sat");
     time.addDays(1);
     EXPECT_EQ(time.asInteger(), 1711882800);
     EXPECT_EQ(time.asString(), "31-03-2024 13:00:00, Sun");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TimeTest, DayIs86400SecondsWhenDaylightSavingTimeEnds)
 {
     Time time(1729936800);
+    _diagnostics.setLevel(9);
     ASSERT_EQ(time.asString(), "26-10-2024 12:00:00, Sat");
     time.addDays(1);
     EXPECT_EQ(time.asInteger(), 1730023200);
     EXPECT_EQ(time.asString(), "27-10-2024 11:00:00, Sun");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- result codes ---
@@ -669,6 +720,7 @@ TEST_F(CommonTest, ExtendedResultCodesAreUnknown)
 {
     for (int rc = 256; rc < 256 * 64; ++rc)
         ASSERT_STREQ(sql::sqliteRc2Str(rc), "unknown") << rc;
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 class UnknownResultCodeTest : public CommonTest, public testing::WithParamInterface<int> {};
@@ -682,9 +734,14 @@ TEST_P(UnknownResultCodeTest, IsUnknown)
 INSTANTIATE_TEST_SUITE_P(ResultCodes, UnknownResultCodeTest,
                          Values(-1, 27, 28, 99, 102, 255, 256, 266, INT_MAX, INT_MIN));
 
-TEST_F(CommonTest, ResultCodeNameIsOneConstant)
+TEST_F(CommonTest, ResultCodeNameOutlivesTheNextOnes)
 {
-    EXPECT_EQ(sql::sqliteRc2Str(5), sql::sqliteRc2Str(5));
+    const char* const busy = sql::sqliteRc2Str(5);
+    const char* const unknown = sql::sqliteRc2Str(-1);
+    for (int rc = 0; rc <= 110; ++rc)
+        sql::sqliteRc2Str(rc);
+    EXPECT_STREQ(busy, "SQLITE_BUSY");
+    EXPECT_STREQ(unknown, "unknown");
 }
 
 // --- one-step statements ---
@@ -945,10 +1002,57 @@ TEST_F(StatementTest, OnlyTheFirstOfSeveralStatementsIsRun)
 
 TEST_F(StatementTest, OnlyTheFirstStepIsRunWhenThereAreRows)
 {
-    EXPECT_FALSE(sql::runOneStepSqlStmt(_db, "select id from product"));
     const test::SqliteCalls calls;
     EXPECT_FALSE(sql::runOneStepSqlStmt(_db, "select id from product"));
     EXPECT_EQ(calls.steps, 1);
+}
+
+class ExtendedResultCodeTest : public StatementTest {
+protected:
+    ExtendedResultCodeTest()
+    {
+        sqlite3_extended_result_codes(_db, 1);
+    }
+};
+
+TEST_F(ExtendedResultCodeTest, OfAQueryThatFailsIsUnknown)
+{
+    EXPECT_EQ(sql::queryNumber(_db, "insert into product values (1, 'tea')"), -1);
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'insert into product values (1, 'tea')' failed",
+            "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 1555=unknown instead of SQLITE_ROW: UNIQUE constraint failed: product.id"));
+}
+
+TEST_F(ExtendedResultCodeTest, OfAQueryThatCannotBePreparedIsUnknown)
+{
+    EXPECT_EQ(sql::queryNumber(_db, "select 'a' < 'b' collate nowhere"), -1);
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'select 'a' < 'b' collate nowhere': ",
+            "[ERROR] SqlCommon.cpp (queryNumber) -   rc=257=unknown: no such collation sequence: nowhere"));
+}
+
+TEST_F(ExtendedResultCodeTest, OfAStatementThatFailsIsUnknown)
+{
+    EXPECT_FALSE(sql::runOneStepSqlStmt(_db, "insert into product values (1, 'tea')"));
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Running the SQL stmt 'insert into product values (1, 'tea')' failed",
+            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 1555=unknown instead of SQLITE_DONE: UNIQUE constraint failed: product.id"));
+}
+
+TEST_F(ExtendedResultCodeTest, OfAStatementThatCannotBePreparedIsUnknown)
+{
+    EXPECT_FALSE(sql::runOneStepSqlStmt(_db, "select 'a' < 'b' collate nowhere"));
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Failed to prepare the SQL statement 'select 'a' < 'b' collate nowhere': ",
+            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -  rc=257=unknown: no such collation sequence: nowhere"));
 }
 
 // The way through SQLite, with the log lines as they come in between.
@@ -1007,7 +1111,7 @@ INSTANTIATE_TEST_SUITE_P(
                  {"[DEBUG2]", "prepare", "step", "finalize", "[ERROR]", "[ERROR]"}},
            Route{"NumberOfNothing",
                  [](sqlite3* db) { sql::queryNumber(db, ""); },
-                 {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]"}},
+                 {"[DEBUG2]", "prepare", "step", "finalize null", "[ERROR]", "[ERROR]"}},
            Route{"NumberWithoutConnection",
                  [](sqlite3*) { sql::queryNumber(nullptr, "select 5"); },
                  {}},
@@ -1027,7 +1131,7 @@ INSTANTIATE_TEST_SUITE_P(
                  {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]", "finalize"}},
            Route{"OneStepOfNothing",
                  [](sqlite3* db) { sql::runOneStepSqlStmt(db, ""); },
-                 {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]"}},
+                 {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]", "finalize null"}},
            Route{"OneStepWithoutConnection",
                  [](sqlite3*) { sql::runOneStepSqlStmt(nullptr, "select 5"); },
                  {}}),

@@ -2,6 +2,7 @@
 
 #include "SqlRecordSet.h"
 
+#include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "Sqlite.h"
@@ -33,6 +34,18 @@ static_assert(sizeof(Database::AccessMode) == 4);
 static_assert(Database::access_read_only == 0);
 static_assert(Database::access_read_write == 1);
 static_assert(Database::access_create == 2);
+
+static_assert(std::is_default_constructible_v<Database>);
+static_assert(test::declared<bool (Database::*)(const std::string&, Database::AccessMode, bool,
+                                                int)>(&Database::open));
+static_assert(test::declared<void (Database::*)()>(&Database::close));
+static_assert(test::declared<bool (Database::*)() const>(&Database::isOpen));
+static_assert(test::declared<sqlite3* (Database::*)()>(&Database::getHandle));
+static_assert(test::declared<bool (Database::*)()>(&Database::transactionBegin));
+static_assert(test::declared<bool (Database::*)()>(&Database::transactionCommit));
+static_assert(test::declared<bool (Database::*)()>(&Database::transactionRollback));
+static_assert(test::declared<int (Database::*)() const>(&Database::getUserVersion));
+static_assert(test::declared<bool (Database::*)(unsigned int)>(&Database::setUserVersion));
 
 const Database::AccessMode unknown_mode = Database::AccessMode(3);
 
@@ -313,6 +326,19 @@ TEST_F(DatabaseTest, HandleOfAFailedOpenIsReleasedByTheDestructor)
     EXPECT_EQ(calls.closes, 1);
 }
 
+TEST_F(DatabaseTest, FailedOpenIsReportedWithTheErrorTextOfItsHandle)
+{
+    test::SqliteCalls calls;
+    calls.open = [](const char*, sqlite3** db, int, const char*) {
+        sqlite3_open(":memory:", db);
+        return sqlite3_exec(*db, "select * from nowhere", nullptr, nullptr, nullptr);
+    };
+    EXPECT_FALSE(open());
+    EXPECT_THAT(_diagnostics.events(),
+                ElementsAre("[ERROR] SqlDatabase.cpp (open) - Failed to open the database " + _file
+                            + ": rc=1=SQLITE_ERROR: no such table: nowhere"));
+}
+
 TEST_F(DatabaseTest, FailedOpenWithoutHandleIsReportedWithTheTextForNoMemory)
 {
     test::SqliteCalls calls;
@@ -402,16 +428,17 @@ TEST_F(DatabaseTest, BusyTimeoutThatFailsLeavesTheDatabaseOpen)
     EXPECT_EQ(_database.getUserVersion(), 7);
 }
 
-TEST_F(DatabaseTest, LockOfAnotherConnectionFailsAStatementAfterTheBusyTimeout)
+TEST_F(DatabaseTest, LockOfAnotherConnectionFailsAStatementWithoutABusyTimeout)
 {
     open();
     test::Connection other(_file);
     other.run("begin exclusive");
     EXPECT_FALSE(_database.setUserVersion(8));
     EXPECT_THAT(
-        _diagnostics.errors(),
-        ElementsAre("Running the SQL stmt 'PRAGMA user_version=8;' failed",
-                    "  SQLite returned 5=SQLITE_BUSY instead of SQLITE_DONE: database is locked"));
+        _diagnostics.events(),
+        ElementsAre(
+            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Running the SQL stmt 'PRAGMA user_version=8;' failed",
+            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 5=SQLITE_BUSY instead of SQLITE_DONE: database is locked"));
 }
 
 // --- order ---

@@ -1,6 +1,7 @@
 #include "SqlFieldSet.h"
 
 #include "Columns.h"
+#include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 
@@ -11,6 +12,7 @@
 #include <ostream>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -22,6 +24,22 @@ using testing::IsEmpty;
 
 static_assert(!std::is_polymorphic<FieldSet>::value, "a plain value");
 static_assert(std::is_nothrow_move_constructible<FieldSet>::value, "moves like its vector");
+
+static_assert(std::is_constructible<FieldSet, const Field*>::value, "an array of columns");
+static_assert(std::is_constructible<FieldSet, const std::vector<Field>&>::value, "copied fields");
+static_assert(std::is_copy_constructible<FieldSet>::value, "a plain value");
+static_assert(std::is_same<decltype(std::declval<FieldSet&>() = std::declval<const FieldSet&>()),
+                           FieldSet&>::value,
+              "assignments chain");
+static_assert(test::declared<bool (FieldSet::*)(const Field*)>(&FieldSet::initFieldSet));
+static_assert(test::declared<int (FieldSet::*)() const>(&FieldSet::count));
+static_assert(test::declared<const Field* (FieldSet::*)(int) const>(&FieldSet::getByIndex));
+static_assert(
+    test::declared<const Field* (FieldSet::*)(const std::string&) const>(&FieldSet::getByName));
+static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::getKeyIdName));
+static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::getDefinition));
+static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::toSql));
+static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::dump));
 
 const char init_assertion[] =
     "assert 'false' in SqlFieldSet.cpp (bool sql::FieldSet::initFieldSet(const sql::Field*))";
@@ -54,6 +72,16 @@ std::vector<Field> freshFields(const std::vector<std::string>& names)
     for (const std::string& name : names)
         fields.push_back(Field(name, sql::type_text, sql::flag_none));
     return fields;
+}
+
+// A key column of a type that none may have, and an unnamed field in the middle.
+std::vector<Field> uncheckedFields()
+{
+    return {
+        Field("price", sql::type_float, sql::flag_primary_key),
+        Field(),
+        Field("name", sql::type_text, sql::flag_none),
+    };
 }
 
 class FieldSetTest : public testing::Test {
@@ -216,6 +244,14 @@ TEST_F(FieldSetTest, InitWithTheEndingFieldAloneChecksTheKeyOfTheFieldsHeld)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+TEST_F(FieldSetTest, KeyOfAnyTypeThatTheSetHeldBeforeCounts)
+{
+    FieldSet fields(uncheckedFields());
+    EXPECT_TRUE(fields.initFieldSet(test::without_key_columns));
+    EXPECT_THAT(namesOf(fields), ElementsAre("price", "", "name", "name", "price"));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
 TEST_F(FieldSetTest, WrongKeyTypeIsOneLogLineOfErrorPriority)
 {
     const Field columns[] = {Field("at", sql::type_time, sql::flag_primary_key), Field()};
@@ -350,6 +386,17 @@ TEST_P(FieldSetWrongKeyTest, FieldsHeldBeforeAreDroppedToo)
     EXPECT_THAT(_diagnostics.events(), ElementsAre(GetParam().error, init_assertion));
 }
 
+TEST_P(FieldSetWrongKeyTest, SetIsEmptiedAfterTheReport)
+{
+    FieldSet fields(test::product_columns);
+    std::vector<int> counts;
+    _diagnostics.onLine([&](const test::LogLine&) { counts.push_back(fields.count()); });
+    _diagnostics.onAssertion([&](const test::Assertion&) { counts.push_back(fields.count()); });
+    fields.initFieldSet(_columns);
+    EXPECT_THAT(counts, ElementsAre(5, 5)); // the former three, and those before the key
+    EXPECT_EQ(fields.count(), 0);
+}
+
 TEST_P(FieldSetWrongKeyTest, SetCanBeFilledAfterwards)
 {
     FieldSet fields(_columns);
@@ -391,12 +438,7 @@ TEST_F(FieldSetTest, VectorKeepsThePositionsAndFlagsItsFieldsHave)
 
 TEST_F(FieldSetTest, VectorIsNotCheckedForItsKeyNorForEndingFields)
 {
-    const std::vector<Field> unchecked = {
-        Field("price", sql::type_float, sql::flag_primary_key),
-        Field(),
-        Field("name", sql::type_text, sql::flag_none),
-    };
-    const FieldSet fields(unchecked);
+    const FieldSet fields(uncheckedFields());
     EXPECT_THAT(namesOf(fields), ElementsAre("price", "", "name"));
     EXPECT_EQ(fields.getKeyIdName(), "price");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
@@ -469,6 +511,13 @@ TEST_F(FieldSetTest, NameIsFoundOnlyByteForByte)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+TEST_F(FieldSetTest, UnnamedFieldIsFoundByTheEmptyName)
+{
+    const FieldSet fields(uncheckedFields());
+    EXPECT_EQ(fields.getByName(""), fields.getByIndex(1));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
 TEST_F(FieldSetTest, FirstOfTwoFieldsWithOneNameIsFound)
 {
     const FieldSet fields(freshFields({"a", "b", "b"}));
@@ -534,6 +583,17 @@ TEST_F(FieldSetTest, TextsOfOneFieldHaveNoSeparator)
     EXPECT_EQ(fields.getDefinition(), "id INTEGER PRIMARY KEY NOT NULL");
     EXPECT_EQ(fields.toSql(), "id");
     EXPECT_EQ(fields.dump(), "0: name=id, type=integer, flags: PRIMARY KEY NOT NULL");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(FieldSetTest, TextsListAnUnnamedFieldLikeAnyOther)
+{
+    const FieldSet fields(uncheckedFields());
+    EXPECT_EQ(fields.getDefinition(), "price REAL PRIMARY KEY, INTEGER, name TEXT");
+    EXPECT_EQ(fields.toSql(), "price, , name");
+    EXPECT_EQ(fields.dump(), "-1: name=price, type=float, flags: PRIMARY KEY\r\n"
+                             "-1: name=, type=integer, flags:\r\n"
+                             "-1: name=name, type=text, flags:");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 

@@ -1,6 +1,7 @@
 #include "SqlField.h"
 
 #include "Columns.h"
+#include "Declarations.h"
 #include "Diagnostics.h"
 #include "SqlFieldSet.h"
 
@@ -9,6 +10,8 @@
 #include <ostream>
 #include <string>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -19,6 +22,25 @@ using testing::IsEmpty;
 static_assert(!std::is_polymorphic<Field>::value, "a plain value");
 static_assert(std::is_nothrow_move_constructible<Field>::value, "sets grow without copies");
 
+static_assert(std::is_default_constructible<Field>::value, "the ending field");
+static_assert(std::is_constructible<Field, const std::string&, sql::field_type, int>::value,
+              "a column");
+static_assert(std::is_copy_constructible<Field>::value, "a plain value");
+static_assert(
+    std::is_same<decltype(std::declval<Field&>() = std::declval<const Field&>()), Field&>::value,
+    "assignments chain");
+static_assert(test::declared<bool (Field::*)() const>(&Field::isEndingField));
+static_assert(test::declared<sql::field_type (Field::*)() const>(&Field::getType));
+static_assert(test::declared<int (Field::*)() const>(&Field::getIndex));
+static_assert(test::declared<std::string (Field::*)() const>(&Field::getName));
+static_assert(test::declared<bool (Field::*)() const>(&Field::isPrimaryKey));
+static_assert(test::declared<bool (Field::*)() const>(&Field::isNotNull));
+static_assert(test::declared<bool (Field::*)() const>(&Field::isUnique));
+static_assert(test::declared<std::string (Field::*)() const>(&Field::getTypeStr));
+static_assert(test::declared<std::string (Field::*)() const>(&Field::getFlags));
+static_assert(test::declared<std::string (Field::*)() const>(&Field::getDefinition));
+static_assert(test::declared<std::string (Field::*)() const>(&Field::dump));
+
 static_assert(sql::flag_none == 0, "declarations may use the number");
 static_assert(sql::flag_not_null == 1, "declarations may use the number");
 static_assert(sql::flag_primary_key == 2, "declarations may use the number");
@@ -28,6 +50,8 @@ const char type_name_assertion[] =
     "assert 'false' in SqlCommon.cpp (sql::string sql::type2Str(sql::field_type))";
 const char sql_type_assertion[] =
     "assert 'false' in SqlField.cpp (sql::string sql::Field::getTypeStr() const)";
+const char empty_name_assertion[] =
+    "assert 'name.empty() == false' in SqlField.cpp (sql::Field::Field(const string&, sql::field_type, int))";
 
 // Fields log nothing, however high the level.
 class FieldTest : public testing::Test {
@@ -72,10 +96,7 @@ TEST_F(FieldTest, EmptyNameIsReportedAndMakesAnEndingField)
     EXPECT_EQ(field.getType(), sql::type_text);
     EXPECT_EQ(field.getIndex(), -1);
     EXPECT_TRUE(field.isPrimaryKey());
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "assert 'name.empty() == false' in SqlField.cpp (sql::Field::Field(const string&, sql::field_type, int))"));
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(empty_name_assertion));
     EXPECT_EQ(_diagnostics.failedAssertions()[0].path,
               "components/sql/sqlwrapper/src/SqlField.cpp");
 }
@@ -85,7 +106,7 @@ TEST_F(FieldTest, EmptyNameIsReportedWithoutATraceObjectToo)
     _diagnostics.removeTraceObject();
     const Field field("", sql::type_int, sql::flag_none);
     EXPECT_TRUE(field.isEndingField());
-    EXPECT_THAT(_diagnostics.assertions(), ElementsAre("name.empty() == false"));
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(empty_name_assertion));
 }
 
 TEST_F(FieldTest, NeitherTypeNorFlagsAreChecked)
@@ -110,6 +131,7 @@ TEST_F(FieldTest, CopyHasTheNameTypePositionAndFlags)
     EXPECT_EQ(copy.getType(), sql::type_float);
     EXPECT_EQ(copy.getIndex(), 2);
     EXPECT_EQ(Field(*fields.getByIndex(0)).getFlags(), " PRIMARY KEY");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, AssignmentReplacesTheNameTypePositionAndFlags)
@@ -121,6 +143,7 @@ TEST_F(FieldTest, AssignmentReplacesTheNameTypePositionAndFlags)
     EXPECT_EQ(field.getType(), sql::type_int);
     EXPECT_EQ(field.getIndex(), 2);
     EXPECT_EQ(field.getFlags(), " PRIMARY KEY");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, AssignmentOfAnEndingFieldMakesOne)
@@ -129,6 +152,7 @@ TEST_F(FieldTest, AssignmentOfAnEndingFieldMakesOne)
     field = Field();
     EXPECT_TRUE(field.isEndingField());
     EXPECT_EQ(field.dump(), "-1: name=, type=integer, flags:");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, SelfAssignmentChangesNothing)
@@ -138,6 +162,7 @@ TEST_F(FieldTest, SelfAssignmentChangesNothing)
     EXPECT_EQ(&(field = same), &field);
     EXPECT_EQ(field.dump(),
               "-1: name=a name too long for any short text buffer, type=time, flags: UNIQUE");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, NameIsHandedOutAsACopy)
@@ -284,6 +309,7 @@ struct DefinitionCase {
     int type;
     int flags;
     const char* definition;
+    std::vector<std::string> events;
 };
 
 void PrintTo(const DefinitionCase& c, std::ostream* out)
@@ -298,21 +324,28 @@ TEST_P(FieldDefinitionTest, IsTrimmedAtBothEndsOnly)
     const DefinitionCase& c = GetParam();
     const Field field(c.name, static_cast<sql::field_type>(c.type), c.flags);
     EXPECT_EQ(field.getDefinition(), c.definition);
+    EXPECT_EQ(_diagnostics.events(), c.events);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Definitions, FieldDefinitionTest,
-    testing::Values(DefinitionCase{"key", "id", 0, 2 | 1, "id INTEGER PRIMARY KEY NOT NULL"},
-                    DefinitionCase{"no flags", "name", 1, 0, "name TEXT"},
-                    DefinitionCase{"one flag", "price", 2, 1, "price REAL NOT NULL"},
-                    DefinitionCase{"blanks around the name", " id\t", 0, 0, "id\t INTEGER"},
-                    DefinitionCase{"blanks before the name", "\t\n id", 1, 4, "id TEXT UNIQUE"},
-                    DefinitionCase{"unknown type keeps two blanks", "name", 7, 2,
-                                   "name  PRIMARY KEY"},
-                    DefinitionCase{"unknown type at the end", "name \t", 7, 0, "name"},
-                    DefinitionCase{"blank name and unknown type", " ", 7, 0, ""},
-                    DefinitionCase{"flags alone", " ", 7, 1, "NOT NULL"},
-                    DefinitionCase{"ending field with flags", "", 1, 1, "TEXT NOT NULL"}));
+    testing::Values(
+        DefinitionCase{"key", "id", 0, 2 | 1, "id INTEGER PRIMARY KEY NOT NULL", {}},
+        DefinitionCase{"no flags", "name", 1, 0, "name TEXT", {}},
+        DefinitionCase{"one flag", "price", 2, 1, "price REAL NOT NULL", {}},
+        DefinitionCase{"blanks around the name", " id\t", 0, 0, "id\t INTEGER", {}},
+        DefinitionCase{"blanks before the name", "\t\n id", 1, 4, "id TEXT UNIQUE", {}},
+        DefinitionCase{"unknown type keeps two blanks",
+                       "name",
+                       7,
+                       2,
+                       "name  PRIMARY KEY",
+                       {sql_type_assertion}},
+        DefinitionCase{"unknown type at the end", "name \t", 7, 0, "name", {sql_type_assertion}},
+        DefinitionCase{"blank name and unknown type", " ", 7, 0, "", {sql_type_assertion}},
+        DefinitionCase{"flags alone", " ", 7, 1, "NOT NULL", {sql_type_assertion}},
+        DefinitionCase{
+            "ending field with flags", "", 1, 1, "TEXT NOT NULL", {empty_name_assertion}}));
 
 TEST_F(FieldTest, DefinitionOfTheEndingFieldIsItsTypeAlone)
 {

@@ -1,13 +1,16 @@
 #include "SqlRecordSet.h"
 
 #include "Columns.h"
+#include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Rows.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
 
 #include <climits>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <type_traits>
@@ -20,7 +23,10 @@ using sql::Field;
 using sql::FieldSet;
 using sql::Record;
 using sql::RecordSet;
+using sql::string;
 using sql::Value;
+using test::cells;
+using test::declared;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -30,12 +36,24 @@ static_assert(!std::is_move_constructible<RecordSet>::value, "rows point at thei
 static_assert(!std::is_move_assignable<RecordSet>::value, "rows point at their set's columns");
 static_assert(std::is_nothrow_destructible<RecordSet>::value, "a set never throws when it ends");
 static_assert(!std::is_polymorphic<RecordSet>::value, "a plain class");
-static_assert(
-    std::is_same<decltype(std::declval<const RecordSet&>().getRecord(0)), const Record*>::value,
-    "rows of a constant set are constant");
-static_assert(
-    std::is_same<decltype(std::declval<RecordSet&>().getTopRecord()), const Record*>::value,
-    "the first row is for reading");
+
+// The declarations, as users compile against them.
+static_assert(std::is_default_constructible<RecordSet>::value);
+static_assert(std::is_constructible<RecordSet, sqlite3*>::value);
+static_assert(std::is_constructible<RecordSet, sqlite3*, const FieldSet&>::value);
+static_assert(std::is_constructible<RecordSet, sqlite3*, const Field*>::value);
+static_assert(declared<bool (RecordSet::*)(sqlite3*, const Field*)>(&RecordSet::initRecordSet));
+static_assert(declared<void (RecordSet::*)()>(&RecordSet::close));
+static_assert(declared<bool (RecordSet::*)(const string&)>(&RecordSet::query));
+static_assert(declared<bool (RecordSet::*)() const>(&RecordSet::isResultOk));
+static_assert(declared<int (RecordSet::*)() const>(&RecordSet::count));
+static_assert(declared<Record* (RecordSet::*)(int)>(&RecordSet::getRecord));
+static_assert(declared<const Record* (RecordSet::*)(int) const>(&RecordSet::getRecord));
+static_assert(declared<const Record* (RecordSet::*)() const>(&RecordSet::getTopRecord));
+static_assert(declared<const Value* (RecordSet::*)() const>(&RecordSet::getTopRecordFirstValue));
+static_assert(declared<const FieldSet* (RecordSet::*)() const>(&RecordSet::fields));
+static_assert(declared<string (RecordSet::*)() const>(&RecordSet::toString));
+static_assert(declared<int (*)(void*, int, char**, char**)>(&RecordSet::on_next_record));
 
 const char two_rows[] = "select 7, 'tea', 2.5 union all select 8, null, 3.5";
 
@@ -54,15 +72,6 @@ int refuse(char** error, int rc, const char* text)
     if (text != nullptr)
         *error = sqlite3_mprintf("%s", text);
     return rc;
-}
-
-// A row's cells with their types.
-std::vector<std::string> cells(const Record& record)
-{
-    std::vector<std::string> texts;
-    for (int i = 0; i < record.columnCount(); ++i)
-        texts.push_back(record.getValue(i)->dump(true));
-    return texts;
 }
 
 class RecordSetTest : public testing::Test {
@@ -84,7 +93,7 @@ protected:
     const FieldSet _products{test::product_columns};
 };
 
-// Construction
+// --- Construction
 
 TEST_F(RecordSetTest, SetWithoutArgumentsHasNoColumnsAndNoConnection)
 {
@@ -176,7 +185,99 @@ TEST_F(RecordSetTest, NoConnectionIsOpenedOrClosed)
     EXPECT_EQ(_db.rows("select 1"), "1");
 }
 
-// initRecordSet
+// --- Silence
+
+struct Quiet {
+    const char* name;
+    std::function<bool(sqlite3*, RecordSet&)> act; // on a set of two rows; whether it succeeds
+};
+
+void PrintTo(const Quiet& quiet, std::ostream* out)
+{
+    *out << quiet.name;
+}
+
+std::vector<Quiet> quietOperations()
+{
+    typedef RecordSet Set;
+    return {
+        {"Construction",
+         [](sqlite3*, Set&) {
+             return !Set().isResultOk();
+         }},
+        {"ConstructionWithAConnection",
+         [](sqlite3* db, Set&) {
+             return !Set(db).isResultOk();
+         }},
+        {"ConstructionWithAFieldSet",
+         [](sqlite3* db, Set& set) {
+             return !Set(db, *set.fields()).isResultOk();
+         }},
+        {"ConstructionWithAColumnArray",
+         [](sqlite3* db, Set&) {
+             return !Set(db, test::product_columns).isResultOk();
+         }},
+        {"Init",
+         [](sqlite3* db, Set& set) {
+             return set.initRecordSet(db, test::product_columns);
+         }},
+        {"Close",
+         [](sqlite3*, Set& set) {
+             set.close();
+             return set.count() == 0;
+         }},
+        {"IsResultOk",
+         [](sqlite3*, Set& set) {
+             return set.isResultOk();
+         }},
+        {"Count",
+         [](sqlite3*, Set& set) {
+             return set.count() == 2;
+         }},
+        {"GetRecord",
+         [](sqlite3*, Set& set) {
+             return set.getRecord(1) != nullptr;
+         }},
+        {"GetConstRecord",
+         [](sqlite3*, const Set& set) {
+             return set.getRecord(1) != nullptr;
+         }},
+        {"GetTopRecord",
+         [](sqlite3*, Set& set) {
+             return set.getTopRecord() != nullptr;
+         }},
+        {"GetTopRecordFirstValue",
+         [](sqlite3*, Set& set) {
+             return set.getTopRecordFirstValue() != nullptr;
+         }},
+        {"Fields",
+         [](sqlite3*, Set& set) {
+             return set.fields()->count() == 3;
+         }},
+        {"ToString",
+         [](sqlite3*, Set& set) {
+             return set.toString() == "1. 7|tea|2.5\r\n2. 8|null|3.5\r\n";
+         }},
+    };
+}
+
+class RecordSetQuietTest : public RecordSetTest, public testing::WithParamInterface<Quiet> {};
+
+TEST_P(RecordSetQuietTest, ReportsNothingAtTheHighestTraceLevel)
+{
+    RecordSet set(_db, _products);
+    set.query(two_rows);
+    _diagnostics.setLevel(9);
+    EXPECT_TRUE(GetParam().act(_db, set));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, RecordSetQuietTest, testing::ValuesIn(quietOperations()),
+                         [](const testing::TestParamInfo<Quiet>& parameter) {
+                             return parameter.param.name;
+                         });
+
+// --- initRecordSet
 
 TEST_F(RecordSetTest, InitGivesAnEmptySetConnectionAndColumns)
 {
@@ -225,7 +326,7 @@ TEST_F(RecordSetTest, InitWithoutColumnsSucceedsAndKeepsThoseThereAre)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(RecordSetTest, OddityInitAppendsAndNumbersTheFirstColumns)
+TEST_F(RecordSetTest, InitAppendsAndNumbersTheFirstColumnsDeliberately)
 {
     RecordSet set(_db, test::product_columns);
     EXPECT_TRUE(set.initRecordSet(_db, test::text_key_columns));
@@ -267,7 +368,7 @@ TEST_F(RecordSetTest, InitWithABadKeyFailsAndRemovesAllColumns)
             no_key_column));
 }
 
-// close
+// --- close
 
 TEST_F(RecordSetTest, CloseDiscardsRowsAndResult)
 {
@@ -296,7 +397,7 @@ TEST_F(RecordSetTest, CloseOfAnEmptySetDoesNothing)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-// query: rows
+// --- query: rows
 
 TEST_F(RecordSetTest, QueryHoldsTheRowsInTheOrderOfTheirDelivery)
 {
@@ -473,7 +574,7 @@ TEST_F(RecordSetTest, ResultAnnouncedWithoutARowIsNoRow)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-// query: the call of SQLite
+// --- query: the call of SQLite
 
 TEST_F(RecordSetTest, QueryPassesConnectionTextCallbackAndItselfToSqlite)
 {
@@ -564,7 +665,7 @@ TEST_F(RecordSetTest, NothingIsFreedOnSuccess)
     EXPECT_THAT(calls.order, ElementsAre("exec"));
 }
 
-// query: failures
+// --- query: failures
 
 TEST_F(RecordSetTest, QueryWithoutAConnectionIsAssertedAndNotLogged)
 {
@@ -757,9 +858,11 @@ TEST_F(RecordSetTest, ExtendedResultCodeIsUnknown)
     sqlite3_extended_result_codes(_db, 1);
     RecordSet set(_db, _products);
     EXPECT_FALSE(set.query("insert into t values (7)"));
-    EXPECT_THAT(_diagnostics.messages(),
-                ElementsAre("Failed to run the SQL stmt 'insert into t values (7)'",
-                            "  rc=1555=unknown: UNIQUE constraint failed: t.id"));
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'insert into t values (7)'",
+            "[ERROR] SqlRecordSet.cpp (query) -   rc=1555=unknown: UNIQUE constraint failed: t.id"));
 }
 
 TEST_F(RecordSetTest, RowsBeforeTheFailureAreKept)
@@ -793,9 +896,11 @@ TEST_F(RecordSetTest, RowsOfTheStatementsBeforeAFailingOneAreKept)
     RecordSet set(_db, _products);
     EXPECT_FALSE(set.query("select 7, 'tea'; selekt 1; select 8"));
     EXPECT_EQ(set.toString(), "1. 7|tea|null\r\n");
-    EXPECT_THAT(_diagnostics.messages(),
-                ElementsAre("Failed to run the SQL stmt 'select 7, 'tea'; selekt 1; select 8'",
-                            "  rc=1=SQLITE_ERROR: near \"selekt\": syntax error"));
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(
+            "[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'select 7, 'tea'; selekt 1; select 8'",
+            "[ERROR] SqlRecordSet.cpp (query) -   rc=1=SQLITE_ERROR: near \"selekt\": syntax error"));
 }
 
 TEST_F(RecordSetTest, QueryAfterAFailureStartsAfresh)
@@ -818,7 +923,7 @@ TEST_F(RecordSetTest, CloseAfterAFailureDiscardsTheRowsKept)
     expectEmpty(set);
 }
 
-// The row callback
+// --- The row callback
 
 TEST_F(RecordSetTest, CallbackAppendsARowAndGoesOn)
 {
@@ -935,21 +1040,7 @@ TEST_F(RecordSetTest, DumpedTimeIsTracedBeforeTheLineThatItGoesInto)
             "[DEBUG3] SqlRecordSet.cpp (on_next_record) - id = 7|name = tea|price = 2.5|sold = 1|at = 02-01-1970 01:00:00, Fri"));
 }
 
-// A time that cannot be converted shows that a dump is built: where the seconds of a time have 64
-// bits, by the ERROR line of the conversion.
-TEST_F(RecordSetTest, DumpIsNotBuiltBelowTheHighestTraceLevel)
-{
-    RecordSet set(_db, test::all_type_columns);
-    for (const int level : {3, 7, 8}) {
-        _diagnostics.setLevel(level);
-        EXPECT_TRUE(set.query("select 7, null, null, null, 9223372036854775807"));
-        EXPECT_THAT(_diagnostics.errors(), IsEmpty()) << level;
-        EXPECT_THAT(_diagnostics.messages("[DEBUG3]"), IsEmpty()) << level;
-    }
-    EXPECT_EQ(set.count(), 1);
-}
-
-// Rows
+// --- Rows
 
 TEST_F(RecordSetTest, RowsAreFoundByPosition)
 {

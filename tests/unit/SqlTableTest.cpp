@@ -1,8 +1,10 @@
 #include "SqlTable.h"
 
 #include "Columns.h"
+#include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Rows.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
@@ -20,7 +22,11 @@ using sql::Field;
 using sql::FieldSet;
 using sql::integer;
 using sql::Record;
+using sql::string;
 using sql::Table;
+using test::declared;
+using test::held;
+using test::visibleAt;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::ValuesIn;
@@ -29,8 +35,45 @@ typedef std::vector<std::string> Texts;
 
 static_assert(!std::is_copy_constructible<Table>::value, "rows point into their table");
 static_assert(!std::is_copy_assignable<Table>::value, "rows point into their table");
+static_assert(!std::is_polymorphic<Table>::value, "a plain class");
 
-// What the library reports, whole.
+// The declarations, as users compile against them.
+static_assert(std::is_constructible<Table, const string&>::value);
+static_assert(std::is_constructible<Table, sqlite3*, const string&, const Field*>::value);
+static_assert(std::is_constructible<Table, sqlite3*, const string&, const FieldSet&>::value);
+static_assert(declared<bool (Table::*)(sqlite3*, const Field*)>(&Table::initTable));
+static_assert(declared<string (Table::*)() const>(&Table::name));
+static_assert(declared<const FieldSet* (Table::*)() const>(&Table::fields));
+static_assert(declared<sqlite3* (Table::*)()>(&Table::getHandle));
+static_assert(declared<bool (Table::*)()>(&Table::exists));
+static_assert(declared<bool (Table::*)()>(&Table::create));
+static_assert(declared<bool (Table::*)()>(&Table::remove));
+static_assert(declared<bool (Table::*)()>(&Table::truncate));
+static_assert(declared<int (Table::*)() const>(&Table::totalRecordCount));
+static_assert(declared<string (Table::*)() const>(&Table::getDefinition));
+static_assert(declared<string (Table::*)() const>(&Table::toString));
+static_assert(declared<bool (Table::*)()>(&Table::open));
+static_assert(declared<bool (Table::*)(const string&)>(&Table::open));
+static_assert(declared<bool (Table::*)(const string&, const string&)>(&Table::open));
+static_assert(declared<bool (Table::*)(const string&)>(&Table::query));
+static_assert(declared<int (Table::*)() const>(&Table::recordCount));
+static_assert(declared<Record* (Table::*)(int)>(&Table::getRecord));
+static_assert(declared<Record* (Table::*)()>(&Table::getTopRecord));
+static_assert(declared<Record* (Table::*)(string)>(&Table::getRecordByKeyId));
+static_assert(declared<Record* (Table::*)(integer)>(&Table::getRecordByKeyId));
+static_assert(declared<bool (Table::*)(string)>(&Table::hasRecordWithKeyId));
+static_assert(declared<bool (Table::*)(integer)>(&Table::hasRecordWithKeyId));
+static_assert(declared<bool (Table::*)(const Record&)>(&Table::addRecord));
+static_assert(declared<bool (Table::*)(const Record&)>(&Table::updateRecord));
+static_assert(declared<bool (Table::*)(string, const Record&)>(&Table::addOrUpdateRecord));
+static_assert(declared<bool (Table::*)(integer, const Record&)>(&Table::addOrUpdateRecord));
+static_assert(declared<bool (Table::*)(string)>(&Table::deleteRecord));
+static_assert(declared<bool (Table::*)(integer)>(&Table::deleteRecord));
+static_assert(declared<bool (Table::*)(const string&)>(&Table::deleteRecords));
+static_assert(declared<bool (Table::*)(Table&)>(&Table::copyRecords));
+static_assert(declared<bool (Table::*)(Table&)>(&Table::backup));
+
+// --- What the library reports, whole
 
 const char no_connection[] =
     "assert '_db' in SqlRecordSet.cpp (bool sql::RecordSet::query(const string&))";
@@ -90,13 +133,20 @@ Texts missingKeyTwice(const std::string& function, const std::string& signature)
           "assert 'false' in SqlTable.cpp (" + signature + ")"}});
 }
 
-const Texts no_definition = {
-    "[ERROR] SqlTable.cpp (getDefinition) - Failed to build SQL CREATE TABLE stmt for table product",
-    "assert 'false' in SqlTable.cpp (sql::string sql::Table::getDefinition() const)"};
+Texts noDefinition(const std::string& table)
+{
+    return {
+        "[ERROR] SqlTable.cpp (getDefinition) - Failed to build SQL CREATE TABLE stmt for table "
+            + table,
+        "assert 'false' in SqlTable.cpp (sql::string sql::Table::getDefinition() const)"};
+}
 
-const Texts no_creation = {
-    "[ERROR] SqlTable.cpp (create) - Failed to build SQL CREATE TABLE stmt for table product",
-    "assert 'false' in SqlTable.cpp (bool sql::Table::create())"};
+Texts noCreation(const std::string& table)
+{
+    return {"[ERROR] SqlTable.cpp (create) - Failed to build SQL CREATE TABLE stmt for table "
+                + table,
+            "assert 'false' in SqlTable.cpp (bool sql::Table::create())"};
+}
 
 const std::string no_insert =
     "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSqlInsert(const string&) const)";
@@ -123,20 +173,7 @@ void setLevel(test::Diagnostics& diagnostics, int level)
         diagnostics.setLevel(level);
 }
 
-// What is left of a report at a trace level: assertions always are.
-Texts visibleAt(int level, const Texts& report)
-{
-    Texts visible;
-    for (const std::string& event : report) {
-        const std::string start = event.substr(0, event.find(' '));
-        if ((start != "[ERROR]" || level > 2) && (start != "[DEBUG2]" || level > 7)
-            && (start != "[DEBUG3]" || level > 8))
-            visible.push_back(event);
-    }
-    return visible;
-}
-
-// Rows to write, rows held and rows in the database.
+// --- Rows to write and rows in the database
 
 Record product(const Table& table, const std::string& name, double price)
 {
@@ -151,14 +188,6 @@ Record product(const Table& table, integer id, const std::string& name, double p
     Record record = product(table, name, price);
     record.setInteger("id", id);
     return record;
-}
-
-Texts held(Table& table)
-{
-    Texts rows;
-    for (int i = 0; i < table.recordCount(); ++i)
-        rows.push_back(table.getRecord(i)->toString());
-    return rows;
 }
 
 bool updateOfATextKeyFails(Table& table)
@@ -206,8 +235,7 @@ private:
     int _action;
 };
 
-// ------------------------------------------------------------------------------------------------
-// Every operation that succeeds: its statements, its route and the rows held afterwards.
+// --- Every operation that succeeds: its statements, its route and the rows held afterwards
 
 typedef bool (*Act)(Table&); // whether the result is the expected one
 
@@ -302,6 +330,11 @@ const Operation operations[] = {
           "select * from product", {tea, coffee, milk}),
     loads("OpenWithACondition", [](Table& t) { return t.open("price > 2"); },
           "select * from product where price > 2", {tea, coffee}),
+    loads("OpenWithAConditionAsItStands", [](Table& t) { return t.open(" name = 'tea' "); },
+          "select * from product where  name = 'tea' ", {tea}),
+    loads("OpenWithAConditionAndAnOrderAsTheyStand",
+          [](Table& t) { return t.open(" id = 2 ", " 'name' "); },
+          "select * from product where  id = 2  order by  'name' ", {coffee}),
     loads("OpenWithAConditionAndAnEmptyOrder", [](Table& t) { return t.open("price > 2", ""); },
           "select * from product where price > 2", {tea, coffee}),
     loads("OpenWithAnOrderAlone", [](Table& t) { return t.open("", "name"); },
@@ -401,9 +434,32 @@ const Operation operations[] = {
         "DeleteRecordsWithACondition", [](Table& t) { return t.deleteRecords("price > 2"); },
         "delete from product where price > 2"),
     writes(
+        "DeleteRecordsWithAConditionAsItStands",
+        [](Table& t) { return t.deleteRecords(" name = 'tea' "); },
+        "delete from product where  name = 'tea' "),
+    writes(
         "DeleteRecordsWithAnEmptyCondition", [](Table& t) { return t.deleteRecords(""); },
         "delete from product"),
 
+    {"InitTableDiscardsTheRowsHeld",
+     [](Table& t) { return t.initTable(t.getHandle(), test::text_key_columns); },
+     {},
+     {},
+     {}},
+    runsNothing("NameIsThatOfTheTable", [](Table& t) { return t.name() == "product"; }),
+    runsNothing("FieldsAreTheColumns", [](Table& t) { return t.fields()->count() == 3; }),
+    runsNothing("GetHandleIsTheConnection", [](Table& t) { return t.getHandle() != nullptr; }),
+    runsNothing(
+        "GetDefinitionIsTheStatementThatCreates",
+        [](Table& t) {
+            return t.getDefinition()
+                   == "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL)";
+        }),
+    runsNothing("ToStringIsTheColumns",
+                [](Table& t) {
+                    return t.toString()
+                           == "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n3. price REAL";
+                }),
     runsNothing("RecordCountIsThatOfTheRowsHeld", [](Table& t) { return t.recordCount() == 3; }),
     runsNothing("GetRecordBehindTheRowsHeldIsNull",
                 [](Table& t) { return t.getRecord(3) == nullptr; }),
@@ -465,8 +521,7 @@ TEST_P(TableOperationTest, ReplacesOrLeavesTheRowsHeld)
 
 INSTANTIATE_TEST_SUITE_P(All, TableOperationTest, ValuesIn(operations));
 
-// ------------------------------------------------------------------------------------------------
-// Every operation that fails: its result, its report and the rows held afterwards.
+// --- Every operation that fails: its result, its report and the rows held afterwards
 
 enum Place { filled_database, empty_database, without_connection };
 
@@ -620,6 +675,7 @@ const Setup other_letter_case = {filled_database, "Product", test::product_colum
 const Setup name_with_quote = {filled_database, "o'clock", test::product_columns};
 
 const char near_b[] = "1=SQLITE_ERROR: near \"b\": syntax error";
+const char incomplete[] = "1=SQLITE_ERROR: incomplete input";
 const char no_column[] = "1=SQLITE_ERROR: no such column: colour";
 const char key_taken[] = "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id";
 
@@ -632,43 +688,43 @@ const Texts undetermined = joined(
 const Failure schema_failures[] = {
     failure(
         "GetDefinitionWithoutColumns", without_columns,
-        [](Table& t) { return t.getDefinition().empty(); }, no_definition, 1),
+        [](Table& t) { return t.getDefinition().empty(); }, noDefinition("product"), 1),
     failure(
-        "CreateWithoutColumnsReportsTwiceOnPurpose", missing_without_columns,
+        "CreateWithoutColumnsReportsTwiceDeliberately", missing_without_columns,
         [](Table& t) { return !t.create(); },
         joined({counted(existenceOf("product"), "0"),
                 {"[DEBUG2] SqlTable.cpp (exists) - Table 'product' does not exist"},
-                no_definition,
-                no_creation}),
+                noDefinition("product"),
+                noCreation("product")}),
         1),
     failure(
-        "GetRecordByIntegerKeyWithoutKeyColumnReportsTwiceOnPurpose", without_key,
+        "GetRecordByIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
         [](Table& t) { return t.getRecordByKeyId(7) == nullptr; },
         missingKeyTwice("getRecordByKeyId",
                         "sql::Record* sql::Table::getRecordByKeyId(sql::integer)"),
         1),
     failure(
-        "GetRecordByStringKeyWithoutKeyColumnReportsTwiceOnPurpose", without_key,
+        "GetRecordByStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
         [](Table& t) { return t.getRecordByKeyId("7") == nullptr; },
         missingKeyTwice("getRecordByKeyId",
                         "sql::Record* sql::Table::getRecordByKeyId(sql::string)"),
         1),
     failure(
-        "HasRecordWithIntegerKeyWithoutKeyColumnReportsTwiceOnPurpose", without_key,
+        "HasRecordWithIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
         [](Table& t) { return !t.hasRecordWithKeyId(7); },
         missingKeyTwice("hasRecordWithKeyId", "bool sql::Table::hasRecordWithKeyId(sql::integer)"),
         1),
     failure(
-        "HasRecordWithStringKeyWithoutKeyColumnReportsTwiceOnPurpose", without_key,
+        "HasRecordWithStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
         [](Table& t) { return !t.hasRecordWithKeyId("7"); },
         missingKeyTwice("hasRecordWithKeyId", "bool sql::Table::hasRecordWithKeyId(sql::string)"),
         1),
     failure(
-        "DeleteRecordByIntegerKeyWithoutKeyColumnReportsTwiceOnPurpose", without_key,
+        "DeleteRecordByIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
         [](Table& t) { return !t.deleteRecord(7); },
         missingKeyTwice("deleteRecord", "bool sql::Table::deleteRecord(sql::integer)"), 1),
     failure(
-        "DeleteRecordByStringKeyWithoutKeyColumnReportsTwiceOnPurpose", without_key,
+        "DeleteRecordByStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
         [](Table& t) { return !t.deleteRecord("7"); },
         missingKeyTwice("deleteRecord", "bool sql::Table::deleteRecord(sql::string)"), 1),
     failure(
@@ -710,10 +766,10 @@ const Failure refusals[] = {
                         "1=SQLITE_ERROR: table Product already exists")}),
         0),
     failure(
-        "ExistsIsTrueWhenTheCountFailsOnPurpose", name_with_quote,
+        "ExistsIsTrueWhenTheCountFailsDeliberately", name_with_quote,
         [](Table& t) { return t.exists(); }, undetermined, 1),
     failure(
-        "CreateIsTrueAndRunsNothingWhenTheCountFailsOnPurpose", name_with_quote,
+        "CreateIsTrueAndRunsNothingWhenTheCountFailsDeliberately", name_with_quote,
         [](Table& t) { return t.create(); }, undetermined, 1),
     failure(
         "OpenWithAnUnknownColumn", filled, [](Table& t) { return !t.open("colour = 1"); },
@@ -722,18 +778,24 @@ const Failure refusals[] = {
         "OpenWithAnUnknownOrder", filled, [](Table& t) { return !t.open("", "colour"); },
         refused("select * from product order by colour", no_column), 0),
     failure(
+        "OpenWithABlankForACondition", filled, [](Table& t) { return !t.open(" "); },
+        refused("select * from product where  ", incomplete), 0),
+    failure(
+        "OpenWithABlankForAnOrder", filled, [](Table& t) { return !t.open("", " "); },
+        refused("select * from product order by  ", incomplete), 0),
+    failure(
         "QueryOfABrokenStatement", filled, [](Table& t) { return !t.query("selekt"); },
         refused("selekt", "1=SQLITE_ERROR: near \"selekt\": syntax error"), 0),
     failure(
-        "GetRecordByAKeyWithADoubleQuoteBreaksTheStatementOnPurpose", filled,
+        "GetRecordByAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled,
         [](Table& t) { return t.getRecordByKeyId("a\"b") == nullptr; },
         refused("select * from product where id = \"a\"b\"", near_b), 0),
     failure(
-        "HasRecordWithAKeyWithADoubleQuoteBreaksTheStatementOnPurpose", filled,
+        "HasRecordWithAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled,
         [](Table& t) { return !t.hasRecordWithKeyId("a\"b"); },
         notCounted("select count(*) from product where id = \"a\"b\"", near_b), 1),
     failure(
-        "DeleteRecordOfAKeyWithADoubleQuoteBreaksTheStatementOnPurpose", filled,
+        "DeleteRecordOfAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled,
         [](Table& t) { return !t.deleteRecord("a\"b"); },
         refused("delete from product where id = \"a\"b\"", near_b), 1),
     failure(
@@ -741,24 +803,50 @@ const Failure refusals[] = {
         [](Table& t) { return !t.addRecord(product(t, 1, "rum", 8)); },
         refused(inserted, key_taken), 1),
     failure(
-        "AddOrUpdateRecordInsertsTheRecordsOwnKeyOnPurpose", filled,
+        "AddOrUpdateRecordInsertsTheRecordsOwnKeyDeliberately", filled,
         [](Table& t) { return !t.addOrUpdateRecord(7, product(t, 1, "rum", 8)); },
         joined({counted("select count(*) from product where id = 7", "0"),
                 {adding},
                 refused(inserted, key_taken)}),
         1),
     failure(
-        "UpdateRecordWithTheKeyInTheLastColumnLeavesACommaOnPurpose", key_last,
+        "UpdateRecordWithTheKeyInTheLastColumnLeavesACommaDeliberately", key_last,
         [](Table& t) { return !t.updateRecord(product(t, 1, "rum", 8)); },
         refused("update product set name='rum', price=8.00000000,  where id = 1",
                 "1=SQLITE_ERROR: near \"where\": syntax error"),
         1),
     failure(
-        "UpdateRecordOfATextKeyIsReportedAndUnquotedOnPurpose", text_key, updateOfATextKeyFails,
+        "UpdateRecordOfATextKeyIsReportedAndUnquotedDeliberately", text_key, updateOfATextKeyFails,
         joined(
             {{"assert 'value->getType() == type_int' in SqlRecord.cpp (sql::string sql::Record::toSqlUpdate(const string&) const)"},
              refused("update product set name='rum' where code = A1",
                      "1=SQLITE_ERROR: no such column: code")}),
+        1),
+    failure(
+        "AddRecordOfInfinity", filled,
+        [](Table& t) {
+            return !t.addRecord(product(t, 7, "rum", std::numeric_limits<double>::infinity()));
+        },
+        refused("insert into product (id, name, price) values (7, 'rum', inf)",
+                "1=SQLITE_ERROR: no such column: inf"),
+        1),
+    failure(
+        "UpdateRecordWithNotANumber", filled,
+        [](Table& t) {
+            return !t.updateRecord(product(t, 1, "tea", std::numeric_limits<double>::quiet_NaN()));
+        },
+        refused("update product set name='tea', price=nan where id = 1",
+                "1=SQLITE_ERROR: no such column: nan"),
+        1),
+    failure(
+        "DeleteRecordsWithABlankForACondition", filled,
+        [](Table& t) { return !t.deleteRecords(" "); },
+        refused("delete from product where  ", incomplete), 1),
+    failure(
+        "DeleteRecordOfAKeyWithAZeroByteEndsTheStatementThere", filled,
+        [](Table& t) { return !t.deleteRecord(string("1\0", 2)); },
+        refused("delete from product where id = \"1",
+                "1=SQLITE_ERROR: unrecognized token: \"\"1\""),
         1),
     failure(
         "DeleteRecordsWithAnUnknownColumn", filled,
@@ -806,7 +894,9 @@ TEST_P(TableFailureTest, ChangesNeitherTheDatabaseNorTheTableItself)
     sqlite3* const handle = failing.table.getHandle();
     EXPECT_TRUE(GetParam().act(failing.table));
     EXPECT_EQ(failing.db.rows("select sql from sqlite_master"), schema);
-    EXPECT_EQ(schema.empty() ? three_products : products(failing.db), three_products);
+    if (!schema.empty()) {
+        EXPECT_EQ(products(failing.db), three_products);
+    }
     EXPECT_EQ(failing.table.name(), GetParam().setup.table);
     EXPECT_EQ(failing.table.getHandle(), handle);
     EXPECT_EQ(failing.table.fields()->dump(), columns);
@@ -826,8 +916,7 @@ INSTANTIATE_TEST_SUITE_P(Refusal, TableFailureTest, ValuesIn(refusals));
 INSTANTIATE_TEST_SUITE_P(MissingTable, TableFailureTest, ValuesIn(failuresWithoutATable()));
 INSTANTIATE_TEST_SUITE_P(NoConnection, TableFailureTest, ValuesIn(failuresWithoutAConnection()));
 
-// ------------------------------------------------------------------------------------------------
-// Single behaviours.
+// --- Single behaviours
 
 class TableTest : public testing::Test {
 protected:
@@ -865,10 +954,11 @@ const Field one_column[] = {
     Field(),
 };
 
-// Construction and identity.
+// --- Construction and identity
 
 TEST_F(TableTest, NameOnlyTableHasNoConnectionColumnsOrRows)
 {
+    _diagnostics.setLevel(9);
     Table table("product");
     EXPECT_EQ(table.name(), "product");
     EXPECT_EQ(table.getHandle(), nullptr);
@@ -881,6 +971,7 @@ TEST_F(TableTest, NameOnlyTableHasNoConnectionColumnsOrRows)
 
 TEST_F(TableTest, TableTakesConnectionNameAndColumnArray)
 {
+    _diagnostics.setLevel(9);
     Table table(_db, "product", test::product_columns);
     EXPECT_EQ(table.name(), "product");
     EXPECT_EQ(table.getHandle(), _db.get());
@@ -891,6 +982,7 @@ TEST_F(TableTest, TableTakesConnectionNameAndColumnArray)
 
 TEST_F(TableTest, TableTakesACopyOfAFieldSet)
 {
+    _diagnostics.setLevel(9);
     FieldSet columns(test::product_columns);
     Table table(_db, "product", columns);
     columns = FieldSet(test::text_key_columns);
@@ -903,6 +995,7 @@ TEST_F(TableTest, TableTakesACopyOfAFieldSet)
 
 TEST_F(TableTest, ColumnArrayWithoutKeyIsReportedAndKept)
 {
+    _diagnostics.setLevel(9);
     const Table table(_db, "product", test::without_key_columns);
     EXPECT_EQ(table.fields()->toSql(), "name, price");
     EXPECT_THAT(
@@ -913,6 +1006,7 @@ TEST_F(TableTest, ColumnArrayWithoutKeyIsReportedAndKept)
 
 TEST_F(TableTest, NullColumnArrayMakesATableWithoutColumns)
 {
+    _diagnostics.setLevel(9);
     const Table table(_db, "product", static_cast<const Field*>(nullptr));
     EXPECT_EQ(table.fields()->count(), 0);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
@@ -960,6 +1054,7 @@ TEST_F(TableTest, InitTableGivesReadsAndCountsTheSameConnection)
 
 TEST_F(TableTest, InitTableWithoutKeyColumnFailsAndKeepsColumnsAndConnection)
 {
+    _diagnostics.setLevel(9);
     Table table("product");
     EXPECT_FALSE(table.initTable(_db, test::without_key_columns));
     EXPECT_EQ(table.getHandle(), _db.get());
@@ -972,6 +1067,7 @@ TEST_F(TableTest, InitTableWithoutKeyColumnFailsAndKeepsColumnsAndConnection)
 
 TEST_F(TableTest, InitTableWithAKeyOfAnotherTypeFailsAndLeavesNoColumns)
 {
+    _diagnostics.setLevel(9);
     Table table("product");
     EXPECT_FALSE(table.initTable(_db, float_key_columns));
     EXPECT_EQ(table.fields()->count(), 0);
@@ -982,7 +1078,7 @@ TEST_F(TableTest, InitTableWithAKeyOfAnotherTypeFailsAndLeavesNoColumns)
             "assert 'false' in SqlFieldSet.cpp (bool sql::FieldSet::initFieldSet(const sql::Field*))"));
 }
 
-TEST_F(TableTest, InitTableAppendsToTheColumnsThereAreOnPurpose)
+TEST_F(TableTest, InitTableAppendsToTheColumnsThereAreDeliberately)
 {
     Table table(_db, "product", test::product_columns);
     EXPECT_TRUE(table.initTable(_db, test::text_key_columns));
@@ -1003,26 +1099,138 @@ TEST_F(TableTest, NameOnlyTableReportsItsMissingConnection)
                     no_connection));
 }
 
-TEST_F(TableTest, CreateOfANameOnlyTableReportsItsMissingColumnsTwiceOnPurpose)
+TEST_F(TableTest, CreateOfANameOnlyTableReportsItsMissingColumnsTwiceDeliberately)
 {
     Table table("product");
     EXPECT_FALSE(table.create());
     EXPECT_EQ(_diagnostics.events(),
               joined({{"assert '_db' in SqlTable.cpp (bool sql::Table::exists())"},
-                      no_definition,
-                      no_creation}));
+                      noDefinition("product"),
+                      noCreation("product")}));
 }
 
 TEST_F(TableTest, DestroyedTableLeavesTheConnectionOpen)
 {
+    const test::SqliteCalls calls;
     {
         Table table(_db, "product", test::product_columns);
         table.open();
     }
+    EXPECT_THAT(calls.order, ElementsAre("exec"));
     EXPECT_EQ(products(_db), three_products);
 }
 
-TEST_F(TableTest, NameIsInsertedAsItStands)
+// A name that is a table's as it stands alone, not with its quotes doubled, removed or put within
+// others.
+const char odd_name[] = "\"it''s my product\"";
+
+struct NamedOperation {
+    const char* name;
+    Act act;
+    Texts statements; // with the name in place of %
+};
+
+void PrintTo(const NamedOperation& operation, std::ostream* out)
+{
+    *out << operation.name;
+}
+
+const NamedOperation named_operations[] = {
+    {"Remove", [](Table& t) { return t.remove(); }, {"drop table %"}},
+    {"Truncate", [](Table& t) { return t.truncate(); }, {"delete from %"}},
+    {"TotalRecordCount",
+     [](Table& t) { return t.totalRecordCount() == 0; },
+     {"select count(*) from %"}},
+    {"GetDefinition",
+     [](Table& t) {
+         return t.getDefinition()
+                == string("CREATE TABLE ") + odd_name
+                       + " (id INTEGER PRIMARY KEY, name TEXT, price REAL)";
+     },
+     {}},
+    {"Open", [](Table& t) { return t.open(); }, {"select * from %"}},
+    {"OpenWithACondition",
+     [](Table& t) { return t.open("id > 2"); },
+     {"select * from % where id > 2"}},
+    {"OpenWithAnOrder",
+     [](Table& t) { return t.open("id > 2", "name"); },
+     {"select * from % where id > 2 order by name"}},
+    {"GetRecordByIntegerKey",
+     [](Table& t) { return t.getRecordByKeyId(7) == nullptr; },
+     {"select * from % where id = 7"}},
+    {"GetRecordByStringKey",
+     [](Table& t) { return t.getRecordByKeyId("7") == nullptr; },
+     {"select * from % where id = \"7\""}},
+    {"HasRecordWithIntegerKey",
+     [](Table& t) { return !t.hasRecordWithKeyId(7); },
+     {"select count(*) from % where id = 7"}},
+    {"HasRecordWithStringKey",
+     [](Table& t) { return !t.hasRecordWithKeyId("7"); },
+     {"select count(*) from % where id = \"7\""}},
+    {"AddRecord",
+     [](Table& t) { return t.addRecord(product(t, 7, "rum", 8)); },
+     {"insert into % (id, name, price) values (7, 'rum', 8.00000000)"}},
+    {"UpdateRecord",
+     [](Table& t) { return t.updateRecord(product(t, 7, "rum", 8)); },
+     {"update % set name='rum', price=8.00000000 where id = 7"}},
+    {"AddOrUpdateRecordByIntegerKey",
+     [](Table& t) { return t.addOrUpdateRecord(7, product(t, 7, "rum", 8)); },
+     {"select count(*) from % where id = 7",
+      "insert into % (id, name, price) values (7, 'rum', 8.00000000)"}},
+    {"AddOrUpdateRecordByStringKey",
+     [](Table& t) { return t.addOrUpdateRecord("7", product(t, 7, "rum", 8)); },
+     {"select count(*) from % where id = \"7\"",
+      "insert into % (id, name, price) values (7, 'rum', 8.00000000)"}},
+    {"DeleteRecordByIntegerKey",
+     [](Table& t) { return t.deleteRecord(7); },
+     {"delete from % where id = 7"}},
+    {"DeleteRecordByStringKey",
+     [](Table& t) { return t.deleteRecord("7"); },
+     {"delete from % where id = \"7\""}},
+    {"DeleteRecords",
+     [](Table& t) { return t.deleteRecords("id > 2"); },
+     {"delete from % where id > 2"}},
+    {"DeleteRecordsWithAnEmptyCondition",
+     [](Table& t) { return t.deleteRecords(""); },
+     {"delete from %"}},
+};
+
+class TableNameTest : public TableTest, public testing::WithParamInterface<NamedOperation> {
+protected:
+    TableNameTest() : _table(_db, odd_name, test::product_columns)
+    {
+        _db.run(string("CREATE TABLE ") + odd_name + " (id INTEGER PRIMARY KEY, name, price)");
+    }
+
+    Table _table;
+};
+
+TEST_P(TableNameTest, IsInsertedAsItStands)
+{
+    Texts expected = GetParam().statements;
+    for (std::string& statement : expected)
+        statement.replace(statement.find('%'), 1, odd_name);
+    const test::Statements statements(_db);
+    EXPECT_TRUE(GetParam().act(_table));
+    EXPECT_EQ(statements.texts(), expected);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, TableNameTest, ValuesIn(named_operations));
+
+TEST_F(TableTest, NameIsCreatedAsItStands)
+{
+    Table table(_db, odd_name, one_column);
+    const test::Statements statements(_db);
+    EXPECT_TRUE(table.create());
+    EXPECT_THAT(statements.texts(),
+                ElementsAre(existenceOf(odd_name),
+                            string("CREATE TABLE ") + odd_name + " (id INTEGER PRIMARY KEY)"));
+    EXPECT_EQ(_db.rows("select name from sqlite_master where name like 'it%'"), "it''s my product");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(TableTest, NameWithASchemaIsInsertedAsItStands)
 {
     Table table(_db, "main.\"my product\"", one_column);
     const test::Statements statements(_db);
@@ -1035,7 +1243,7 @@ TEST_F(TableTest, NameIsInsertedAsItStands)
                             "select * from main.\"my product\"", "drop table main.\"my product\""));
 }
 
-// The table as a whole.
+// --- The table as a whole
 
 TEST_F(TableTest, MissingTableDoesNotExist)
 {
@@ -1068,7 +1276,7 @@ TEST_F(TableTest, TableCountedTwiceCannotBeDeterminedAndExists)
              {"[ERROR] SqlTable.cpp (exists) - Failed to determine if table 'product' exists"}}));
 }
 
-TEST_F(TableTest, TableOfAnUnreadableFileExistsAndIsNotCreatedOnPurpose)
+TEST_F(TableTest, TableOfAnUnreadableFileExistsAndIsNotCreatedDeliberately)
 {
     const test::TemporaryDirectory directory;
     test::writeFile(directory.file("notes.txt"), std::string(4096, 'x'));
@@ -1144,7 +1352,7 @@ TEST_F(TableTest, TotalRecordCountIsNotTheNumberOfRowsHeld)
     EXPECT_EQ(table.totalRecordCount(), 3);
 }
 
-// Columns as text.
+// --- Columns as text
 
 struct Schema {
     const char* name;
@@ -1224,7 +1432,7 @@ TEST_F(TableTest, NumbersOfTheTextsDoNotDependOnTheLocale)
     EXPECT_EQ(table.getTopRecord()->getValue("price")->asDouble(), 8.5);
 }
 
-// Reads.
+// --- Reads
 
 TEST_F(TableTest, RowsHeldAreTypedAfterTheColumns)
 {
@@ -1251,10 +1459,9 @@ TEST_F(TableTest, LoadThatFailsOnTheWayKeepsTheRowsDelivered)
     EXPECT_FALSE(table.open(condition));
     EXPECT_THAT(held(table), ElementsAre("1|tea|2.5", "2|coffee|4.5"));
     EXPECT_EQ(table.getTopRecord(), table.getRecord(0));
-    EXPECT_THAT(
-        _diagnostics.errors(),
-        ElementsAre("Failed to run the SQL stmt 'select * from product where " + condition + "'",
-                    "  rc=1=SQLITE_ERROR: integer overflow"));
+    EXPECT_EQ(_diagnostics.events(),
+              visibleAt(3, refused("select * from product where " + condition,
+                                   "1=SQLITE_ERROR: integer overflow")));
 }
 
 TEST_F(TableTest, KeyLookupThatFailsOnTheWayIsNullAndKeepsTheRowsDelivered)
@@ -1268,14 +1475,14 @@ TEST_F(TableTest, KeyLookupThatFailsOnTheWayIsNullAndKeepsTheRowsDelivered)
     table.query("select 1");
     EXPECT_EQ(table.getRecordByKeyId("7"), nullptr);
     EXPECT_THAT(held(table), ElementsAre("7|first|1"));
-    EXPECT_THAT(_diagnostics.errors(),
-                ElementsAre("Failed to run the SQL stmt 'select * from checked where id = 7'",
-                            "  rc=1=SQLITE_ERROR: integer overflow",
-                            "Failed to run the SQL stmt 'select * from checked where id = \"7\"'",
-                            "  rc=1=SQLITE_ERROR: integer overflow"));
+    EXPECT_EQ(_diagnostics.events(),
+              visibleAt(3, joined({refused("select * from checked where id = 7",
+                                           "1=SQLITE_ERROR: integer overflow"),
+                                   refused("select * from checked where id = \"7\"",
+                                           "1=SQLITE_ERROR: integer overflow")})));
 }
 
-TEST_F(TableTest, KeyTextFindsTheIntegerKeyOnPurpose)
+TEST_F(TableTest, KeyTextFindsTheIntegerKeyDeliberately)
 {
     Table table(_db, "product", test::product_columns);
     table.addRecord(product(table, 7, "rum", 8));
@@ -1284,7 +1491,7 @@ TEST_F(TableTest, KeyTextFindsTheIntegerKeyOnPurpose)
     EXPECT_TRUE(table.hasRecordWithKeyId("7"));
 }
 
-TEST_F(TableTest, StringKeyIsNotEscapedOnPurpose)
+TEST_F(TableTest, StringKeyIsNotEscapedDeliberately)
 {
     const std::string key = "x\" or \"1\" = \"1";
     Table table(_db, "product", test::product_columns);
@@ -1301,7 +1508,7 @@ TEST_F(TableTest, StringKeyIsNotEscapedOnPurpose)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(TableTest, StringKeyThatNamesAColumnIsThatColumnOnPurpose)
+TEST_F(TableTest, StringKeyThatNamesAColumnIsThatColumnDeliberately)
 {
     _db.run("update product set name = id where id = 2");
     Table table(_db, "product", test::product_columns);
@@ -1319,6 +1526,32 @@ TEST_F(TableTest, StringKeyMayContainSingleQuotesAndUtf8)
     EXPECT_TRUE(table.hasRecordWithKeyId("O'Brien ☕"));
     EXPECT_TRUE(table.deleteRecord("O'Brien ☕"));
     EXPECT_EQ(products(_db, "label"), "");
+}
+
+TEST_F(TableTest, StringKeyKeepsItsBlanks)
+{
+    _db.run("create table label (code TEXT PRIMARY KEY, name TEXT);"
+            "insert into label values (' 7 ', 'found'), ('7', 'other')");
+    Table table(_db, "label", test::text_key_columns);
+    const test::Statements statements(_db);
+    ASSERT_NE(table.getRecordByKeyId(" 7 "), nullptr);
+    EXPECT_THAT(held(table), ElementsAre(" 7 |found"));
+    EXPECT_TRUE(table.hasRecordWithKeyId(" 7 "));
+    EXPECT_TRUE(table.deleteRecord(" 7 "));
+    EXPECT_THAT(statements.texts(), ElementsAre("select * from label where code = \" 7 \"",
+                                                "select count(*) from label where code = \" 7 \"",
+                                                "delete from label where code = \" 7 \""));
+    EXPECT_EQ(products(_db, "label"), "7|other");
+}
+
+TEST_F(TableTest, BlankIsATableName)
+{
+    Table table(_db, " ", test::product_columns);
+    _diagnostics.setLevel(9);
+    EXPECT_FALSE(table.addRecord(product(table, 7, "rum", 8)));
+    EXPECT_EQ(_diagnostics.events(),
+              refused("insert into   (id, name, price) values (7, 'rum', 8.00000000)",
+                      "1=SQLITE_ERROR: near \"(\": syntax error"));
 }
 
 TEST_F(TableTest, FirstOfTwoKeyColumnsIsTheKey)
@@ -1346,7 +1579,7 @@ TEST_F(TableTest, SeveralRowsOfOneKeyAreARecordWithThatKey)
     EXPECT_EQ(table.recordCount(), 2);
 }
 
-// Writes.
+// --- Writes
 
 TEST_F(TableTest, AddedRecordIsStoredWhileTheRowsHeldStay)
 {
@@ -1396,9 +1629,11 @@ TEST_F(TableTest, AllTypesAreWrittenAndReadBack)
     const test::Statements statements(_db);
     EXPECT_TRUE(table.addRecord(record));
     ASSERT_NE(table.getRecordByKeyId(7), nullptr);
-    EXPECT_EQ(
-        statements.texts()[0],
-        "insert into sale (id, name, price, sold, at) values (7, 'O''Brien', 2.50000000, 1, 1616893200)");
+    EXPECT_THAT(
+        statements.texts(),
+        ElementsAre(
+            "insert into sale (id, name, price, sold, at) values (7, 'O''Brien', 2.50000000, 1, 1616893200)",
+            "select * from sale where id = 7"));
     EXPECT_EQ(table.getTopRecord()->toString(), "7|O'Brien|2.5|1|28-03-2021 03:00:00, Sun");
 }
 
@@ -1443,21 +1678,21 @@ TEST_F(TableTest, WriteReadsRowsThatSqliteReturnsWithTheTablesColumnsAndDropsThe
     EXPECT_THAT(held(table), ElementsAre("1|tea|2.5"));
 }
 
-TEST_F(TableTest, KeyArgumentOnlyChoosesTheUpdateOnPurpose)
+TEST_F(TableTest, KeyArgumentOnlyChoosesTheUpdateDeliberately)
 {
     Table table(_db, "product", test::product_columns);
     EXPECT_TRUE(table.addOrUpdateRecord(1, product(table, 3, "cocoa", 3)));
     EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|cocoa|3.0");
 }
 
-TEST_F(TableTest, KeyArgumentOnlyChoosesTheInsertOnPurpose)
+TEST_F(TableTest, KeyArgumentOnlyChoosesTheInsertDeliberately)
 {
     Table table(_db, "product", test::product_columns);
     EXPECT_TRUE(table.addOrUpdateRecord("9", product(table, 7, "rum", 8)));
     EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n7|rum|8.0");
 }
 
-TEST_F(TableTest, FailedExistenceTestLeadsToAnInsertOnPurpose)
+TEST_F(TableTest, FailedExistenceTestLeadsToAnInsertDeliberately)
 {
     Table table(_db, "product", test::product_columns);
     _diagnostics.setLevel(9);
@@ -1469,7 +1704,7 @@ TEST_F(TableTest, FailedExistenceTestLeadsToAnInsertOnPurpose)
     EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n7|rum|8.0");
 }
 
-TEST_F(TableTest, AddOrUpdateByIntegerKeyWithoutKeyColumnInsertsOnPurpose)
+TEST_F(TableTest, AddOrUpdateByIntegerKeyWithoutKeyColumnInsertsDeliberately)
 {
     Table table(_db, "product", test::without_key_columns);
     _diagnostics.clear();
@@ -1483,7 +1718,7 @@ TEST_F(TableTest, AddOrUpdateByIntegerKeyWithoutKeyColumnInsertsOnPurpose)
     EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n4|rum|8.0");
 }
 
-TEST_F(TableTest, AddOrUpdateByStringKeyWithoutKeyColumnInsertsOnPurpose)
+TEST_F(TableTest, AddOrUpdateByStringKeyWithoutKeyColumnInsertsDeliberately)
 {
     Table table(_db, "product", test::without_key_columns);
     _diagnostics.clear();
@@ -1528,6 +1763,49 @@ TEST_F(TableTest, DeleteRecordsWithAnEmptyConditionEmptiesTheTable)
     EXPECT_TRUE(table.exists());
 }
 
+TEST_F(TableTest, ZeroByteInACellCutsTheKeyOffTheUpdateWhichIsAHazard)
+{
+    Table table(_db, "product", test::product_columns);
+    Record record = product(table, 1, "tea", 2.5);
+    record.setString("price", string("5\0", 2));
+    const test::Statements statements(_db);
+    EXPECT_TRUE(table.updateRecord(record));
+    EXPECT_THAT(statements.texts(), ElementsAre("update product set name='tea', price=5"));
+    EXPECT_EQ(products(_db), "1|tea|5.0\n2|tea|5.0\n3|tea|5.0");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(TableTest, ZeroByteInAConditionCutsItsRestOffWhichIsAHazard)
+{
+    Table table(_db, "product", test::product_columns);
+    const test::Statements statements(_db);
+    EXPECT_TRUE(table.deleteRecords(string("id > 1\0 and id < 3", 18)));
+    EXPECT_THAT(statements.texts(), ElementsAre("delete from product where id > 1"));
+    EXPECT_EQ(products(_db), "1|tea|2.5");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(TableTest, RecordIsRefusedByAFullDatabaseWhichWorksAfterwards)
+{
+    Table table(_db, "product", test::product_columns);
+    table.open();
+    const std::string pages = _db.rows("pragma page_count");
+    _db.run("pragma max_page_count = " + pages);
+    const std::string longName(100000, 'x');
+    _diagnostics.setLevel(9);
+    EXPECT_FALSE(table.addRecord(product(table, 7, longName, 8)));
+    EXPECT_EQ(_diagnostics.events(), refused("insert into product (id, name, price) values (7, '"
+                                                 + longName + "', 8.00000000)",
+                                             "13=SQLITE_FULL: database or disk is full"));
+    EXPECT_EQ(held(table), all_held);
+    EXPECT_EQ(products(_db), three_products);
+    EXPECT_TRUE(table.updateRecord(product(table, 2, "cocoa", 3)));
+    EXPECT_EQ(products(_db), "1|tea|2.5\n2|cocoa|3.0\n3|milk|1.25");
+    _db.run("pragma max_page_count = 1000");
+    EXPECT_TRUE(table.addRecord(product(table, 7, longName, 8)));
+    EXPECT_EQ(table.totalRecordCount(), 4);
+}
+
 TEST_F(TableTest, WritesJoinTheTransactionOfTheConnection)
 {
     Table table(_db, "product", test::product_columns);
@@ -1539,7 +1817,7 @@ TEST_F(TableTest, WritesJoinTheTransactionOfTheConnection)
     EXPECT_EQ(products(_db), three_products);
 }
 
-// Keys of 64 bits.
+// --- Keys of 64 bits
 
 struct WideKey {
     integer key;
@@ -1581,14 +1859,22 @@ TEST_P(TableWideKeyTest, IsWrittenInFullByEveryOperation)
 
 TEST_P(TableWideKeyTest, IsTracedInFull)
 {
+    const std::string text = GetParam().text;
+    const std::string count = "select count(*) from product where id = " + text;
+    const std::string line = "[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - ";
     fillProducts(_db);
     Table table(_db, "product", test::product_columns);
     _diagnostics.setLevel(8);
     table.addOrUpdateRecord(GetParam().key, product(table, GetParam().key, "rum", 8));
-    EXPECT_EQ(_diagnostics.messages()[2], std::string("add record for key=") + GetParam().text);
-    _diagnostics.clear();
     table.addOrUpdateRecord(GetParam().key, product(table, GetParam().key, "gin", 8));
-    EXPECT_EQ(_diagnostics.messages()[2], std::string("update record for key=") + GetParam().text);
+    EXPECT_EQ(_diagnostics.events(),
+              joined({counted(count, "0"),
+                      {line + "add record for key=" + text},
+                      ran("insert into product (id, name, price) values (" + text
+                          + ", 'rum', 8.00000000)"),
+                      counted(count, "1"),
+                      {line + "update record for key=" + text},
+                      ran("update product set name='gin', price=8.00000000 where id = " + text)}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -1597,7 +1883,7 @@ INSTANTIATE_TEST_SUITE_P(
                     WideKey{std::numeric_limits<integer>::min(), "-9223372036854775808"},
                     WideKey{4294967299, "4294967299"}, WideKey{0, "0"}, WideKey{-1, "-1"}));
 
-// The lines of this class themselves.
+// --- The lines of this class themselves
 
 TEST_F(TableTest, LinesNameTheirFormatPriorityAndSource)
 {
@@ -1635,8 +1921,7 @@ TEST_F(TableTest, AddOrUpdateHasAFormatOfItsOwnForEveryFormOfKey)
                                      "[DEBUG2] %s:%d (%s) - update record for key=%s"));
 }
 
-// ------------------------------------------------------------------------------------------------
-// Copy and backup: from "product" to "copy".
+// --- Copy and backup: from "product" to "copy"
 
 class TableCopyTest : public TableTest {
 protected:
@@ -1704,7 +1989,7 @@ TEST_F(TableCopyTest, CopyOfASourceNeverReadAddsNothing)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(TableCopyTest, CopyUsesTheSourcesColumnsUnderItsOwnNameOnPurpose)
+TEST_F(TableCopyTest, CopyUsesTheSourcesColumnsUnderItsOwnNameDeliberately)
 {
     makeCopy();
     Table source(_db, "product", test::key_last_columns);
@@ -1809,7 +2094,30 @@ TEST_F(TableCopyTest, BackupLoadsAllRowsOfTheSourceWhateverItHeld)
     EXPECT_EQ(held(_source), all_held);
 }
 
-TEST_F(TableCopyTest, BackupIgnoresAFailedRemoveOnPurpose)
+TEST_F(TableCopyTest, BackupOfATableOntoItselfLosesItsRowsDeliberately)
+{
+    Table& same = _source;
+    EXPECT_TRUE(_source.backup(same));
+    EXPECT_EQ(products(_db), "");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(TableCopyTest, BackupOfATableOntoAnotherObjectForItLosesItsRowsDeliberately)
+{
+    Table twin(_db, "product", test::product_columns);
+    twin.open();
+    const test::Statements statements(_db);
+    EXPECT_TRUE(twin.backup(_source));
+    EXPECT_THAT(statements.texts(),
+                ElementsAre(existenceOf("product"), "drop table product", existenceOf("product"),
+                            "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL)",
+                            "select * from product", "select count(*) from product",
+                            "select count(*) from product"));
+    EXPECT_EQ(products(_db), "");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(TableCopyTest, BackupIgnoresAFailedRemoveDeliberately)
 {
     makeCopy();
     const Denied denied(_db, SQLITE_DROP_TABLE);
@@ -1828,37 +2136,36 @@ TEST_F(TableCopyTest, BackupWithDifferentCountsFailsWithoutAReport)
     const Denied denied(_db, SQLITE_DROP_TABLE);
     EXPECT_FALSE(_copy.backup(_source));
     EXPECT_EQ(products(_db, "copy"), std::string(three_products) + "\n9|gin|6.5");
-    EXPECT_THAT(_diagnostics.errors(), ElementsAre("Failed to run the SQL stmt 'drop table copy'",
-                                                   "  rc=23=SQLITE_AUTH: not authorized"));
+    EXPECT_EQ(_diagnostics.events(),
+              visibleAt(3, refused("drop table copy", "23=SQLITE_AUTH: not authorized")));
 }
 
-TEST_F(TableCopyTest, BackupWithTwoFailedCountsSucceedsOnPurpose)
+TEST_F(TableCopyTest, BackupWithTwoFailedCountsSucceedsDeliberately)
 {
     _db.run("delete from product");
     const Denied denied(_db, SQLITE_FUNCTION); // no count(), so every table seems to exist
     EXPECT_TRUE(_copy.backup(_source));
     EXPECT_EQ(_db.rows("select name from sqlite_master"), "product");
-    const std::string reason = "  rc=1=SQLITE_ERROR: not authorized to use function: count";
-    EXPECT_THAT(
-        _diagnostics.errors(),
-        ElementsAre("Failed to prepare the SQL query '" + existenceOf("copy") + "': ", reason,
-                    "Failed to determine if table 'copy' exists",
-                    "Failed to run the SQL stmt 'drop table copy'",
-                    "  rc=1=SQLITE_ERROR: no such table: copy",
-                    "Failed to prepare the SQL query '" + existenceOf("copy") + "': ", reason,
-                    "Failed to determine if table 'copy' exists",
-                    "Failed to prepare the SQL query 'select count(*) from product': ", reason,
-                    "Failed to prepare the SQL query 'select count(*) from copy': ",
-                    "  rc=1=SQLITE_ERROR: no such table: copy"));
+    const std::string reason = "1=SQLITE_ERROR: not authorized to use function: count";
+    const std::string missing_copy = "1=SQLITE_ERROR: no such table: copy";
+    const Texts seems_to_exist = joined(
+        {notCounted(existenceOf("copy"), reason),
+         {"[ERROR] SqlTable.cpp (exists) - Failed to determine if table 'copy' exists"}});
+    EXPECT_EQ(
+        _diagnostics.events(),
+        visibleAt(3, joined({seems_to_exist, refused("drop table copy", missing_copy),
+                             seems_to_exist, notCounted("select count(*) from product", reason),
+                             notCounted("select count(*) from copy", missing_copy)})));
 }
 
 TEST_F(TableCopyTest, BackupWithoutColumnsFailsAtCreateAndLoadsNothing)
 {
-    Table copy(_db, "copy", test::no_columns);
+    Table copy(_db, "copy", FieldSet(nullptr));
     const test::Statements statements(_db);
     EXPECT_FALSE(copy.backup(_source));
     EXPECT_THAT(statements.texts(), ElementsAre(existenceOf("copy"), existenceOf("copy")));
     EXPECT_EQ(_source.recordCount(), 0);
+    EXPECT_EQ(_diagnostics.events(), joined({noDefinition("copy"), noCreation("copy")}));
 }
 
 TEST_F(TableCopyTest, BackupOfAMissingSourceFailsAndLeavesAnEmptyCopy)
@@ -1870,12 +2177,12 @@ TEST_F(TableCopyTest, BackupOfAMissingSourceFailsAndLeavesAnEmptyCopy)
     EXPECT_THAT(statements.texts(), ElementsAre(existenceOf("copy"), "drop table copy",
                                                 existenceOf("copy"), copy_definition));
     EXPECT_EQ(products(_db, "copy"), "");
-    EXPECT_THAT(_diagnostics.errors(),
-                ElementsAre("Failed to run the SQL stmt 'select * from order_line'",
-                            "  rc=1=SQLITE_ERROR: no such table: order_line"));
+    EXPECT_EQ(_diagnostics.events(),
+              visibleAt(3, refused("select * from order_line",
+                                   "1=SQLITE_ERROR: no such table: order_line")));
 }
 
-TEST_F(TableCopyTest, BackupKeepsAPartlyFilledCopyOnPurpose)
+TEST_F(TableCopyTest, BackupKeepsAPartlyFilledCopyDeliberately)
 {
     _db.run("update product set name = null where id = 2");
     Table copy(_db, "copy", constrained_columns);
@@ -1889,11 +2196,9 @@ TEST_F(TableCopyTest, BackupKeepsAPartlyFilledCopyOnPurpose)
             "select * from product", three_inserts[0],
             "insert into copy (id, name, price) values (2, null, 4.5)"));
     EXPECT_EQ(products(_db, "copy"), "1|tea|2.5");
-    EXPECT_THAT(
-        _diagnostics.errors(),
-        ElementsAre(
-            "Failed to run the SQL stmt 'insert into copy (id, name, price) values (2, null, 4.5)'",
-            "  rc=19=SQLITE_CONSTRAINT: NOT NULL constraint failed: copy.name"));
+    EXPECT_EQ(_diagnostics.events(),
+              visibleAt(3, refused("insert into copy (id, name, price) values (2, null, 4.5)",
+                                   "19=SQLITE_CONSTRAINT: NOT NULL constraint failed: copy.name")));
 }
 
 TEST_F(TableCopyTest, BackupWithoutConnectionFailsAtCreate)

@@ -1,5 +1,6 @@
 #include "SqlValue.h"
 
+#include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "SqlField.h"
@@ -17,12 +18,14 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <limits>
 #include <ostream>
 #include <random>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -40,6 +43,30 @@ static_assert(std::is_nothrow_move_constructible<sql::FieldSet>::value, "moves l
 static_assert(std::is_nothrow_move_constructible<sql::Record>::value,
               "vectors move their elements");
 
+static_assert(std::is_constructible<Value, sql::field_type>::value, "a value always has a type");
+static_assert(std::is_copy_constructible<Value>::value, "a plain value");
+static_assert(
+    std::is_same<decltype(std::declval<Value&>() = std::declval<const Value&>()), Value&>::value,
+    "assignments chain");
+static_assert(test::declared<void (Value::*)(const char*, sql::field_type)>(&Value::setValue));
+static_assert(test::declared<void (Value::*)()>(&Value::setNull));
+static_assert(test::declared<void (Value::*)(const std::string&)>(&Value::setString));
+static_assert(test::declared<void (Value::*)(sql::integer)>(&Value::setInteger));
+static_assert(test::declared<void (Value::*)(double)>(&Value::setDouble));
+static_assert(test::declared<void (Value::*)(bool)>(&Value::setBool));
+static_assert(test::declared<void (Value::*)(Time)>(&Value::setTime));
+static_assert(test::declared<bool (Value::*)() const>(&Value::isNull));
+static_assert(test::declared<sql::field_type (Value::*)() const>(&Value::getType));
+static_assert(test::declared<sql::integer (Value::*)() const>(&Value::asInteger));
+static_assert(test::declared<double (Value::*)() const>(&Value::asDouble));
+static_assert(test::declared<bool (Value::*)() const>(&Value::asBool));
+static_assert(test::declared<Time (Value::*)() const>(&Value::asTime));
+static_assert(test::declared<std::string (Value::*)() const>(&Value::asString));
+static_assert(test::declared<std::string (Value::*)() const>(&Value::toString));
+static_assert(test::declared<std::string (Value::*)(bool) const>(&Value::dump));
+static_assert(test::declared<bool (Value::*)(const Value&) const>(&Value::equals));
+static_assert(test::declared<std::string (Value::*)(sql::field_type) const>(&Value::toSql));
+
 const sql::field_type all_types[] = {sql::type_int,
                                      sql::type_text,
                                      sql::type_float,
@@ -47,6 +74,10 @@ const sql::field_type all_types[] = {sql::type_int,
                                      sql::type_time,
                                      sql::type_undefined,
                                      static_cast<sql::field_type>(-1)};
+
+// Of 32 or 64 bits.
+constexpr time_t latest = std::numeric_limits<time_t>::max();
+constexpr time_t earliest = std::numeric_limits<time_t>::min();
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
@@ -462,7 +493,9 @@ INSTANTIATE_TEST_SUITE_P(Times, ValueStoredTest,
                                          ofTime(-1, "-1", false),
                                          ofTime(1700000000, "1700000000", false),
                                          ofTime(INT_MAX, "2147483647", false),
-                                         ofTime(INT_MIN, "-2147483648", false)));
+                                         ofTime(INT_MIN, "-2147483648", false),
+                                         ofTime(latest, std::to_string(latest), false),
+                                         ofTime(earliest, std::to_string(earliest), false)));
 
 TEST_F(ValueTest, NotANumberKeepsItsSignInTheTextAsPrintfDoes)
 {

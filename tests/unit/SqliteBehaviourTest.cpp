@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-// What the library expects of SQLite, asked of SQLite itself: a failure here says that the library's
-// texts and results change with the SQLite at hand, not that the library is wrong.
+// What the library expects of SQLite, asked of SQLite itself: a failure here says that the
+// library's texts and results change with the SQLite at hand, not that the library is wrong.
 
 namespace {
 
@@ -386,7 +386,11 @@ TEST_F(SqliteFileTest, LockedFileIsBusyWithoutABusyTimeout)
 TEST_F(SqliteFileTest, NegativeBusyTimeoutIsTakenForNone)
 {
     open(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    sqlite3_busy_timeout(_db, 2500);
     EXPECT_EQ(sqlite3_busy_timeout(_db, -1), SQLITE_OK);
+    Rows rows;
+    sqlite3_exec(_db, "pragma busy_timeout", takeRow, &rows, nullptr);
+    EXPECT_THAT(rows.texts, ElementsAre("0"));
 }
 
 struct UserVersion {
