@@ -6,9 +6,7 @@ function(find_device_library name)
     find_library(${variable} ${name} DOC "The device's lib${name}")
     if(NOT EXISTS "${${variable}}")
         message(FATAL_ERROR
-            "SQLWRAPPER_DEVICE_PLATFORM is on, but the device's lib${name} was not found. "
-            "Point ${variable} at it, add its prefix to CMAKE_PREFIX_PATH, or turn the option off "
-            "to build the stand-in in platform/lib${name}.")
+            " No lib${name} of the device: point ${variable} at it, add its prefix to CMAKE_PREFIX_PATH, or turn SQLWRAPPER_DEVICE_PLATFORM off")
     endif()
     add_library(platform::${name} UNKNOWN IMPORTED GLOBAL)
     set_target_properties(platform::${name} PROPERTIES IMPORTED_LOCATION "${${variable}}")

@@ -10,10 +10,25 @@ if(PROJECT_IS_TOP_LEVEL)
         $<$<CXX_COMPILER_ID:Clang>:-Wno-gnu-zero-variadic-macro-arguments>)
 endif()
 
+# The same results from any folder. Debug builds keep their paths, for debuggers and coverage.
+target_compile_options(sqlwrapper_build INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>
+    $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=.>)
+
 if(SQLWRAPPER_SANITIZE)
     set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    if(CMAKE_SYSTEM_PROCESSOR STREQUAL "arm")
+        # An exception leaves the marks of the stack frames that it passes, which later count as
+        # errors; and functions in Thumb code have odd addresses.
+        list(APPEND sanitizers --param=asan-stack=0 -marm)
+    endif()
     target_compile_options(sqlwrapper_build INTERFACE ${sanitizers})
     target_link_options(sqlwrapper_build INTERFACE ${sanitizers})
+    if(CMAKE_CROSSCOMPILING_EMULATOR)
+        # Looking for leaks takes tracing the program, which an emulated one cannot be.
+        list(PREPEND CMAKE_CROSSCOMPILING_EMULATOR
+            ${CMAKE_COMMAND} -E env ASAN_OPTIONS=detect_leaks=0)
+    endif()
 endif()
 
 if(SQLWRAPPER_COVERAGE)

@@ -1,4 +1,8 @@
-"""Builds and runs the program of README.md with the project file that stands there beside it."""
+"""Builds and runs the program of README.md with the project file that stands there beside it.
+
+CXX is the compiler; for another machine's programs TOOLCHAIN is the toolchain file and EMULATOR the
+command that runs them, both else empty.
+"""
 
 import os
 import pathlib
@@ -8,6 +12,7 @@ import tempfile
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
+EMULATOR = os.environ["EMULATOR"].split()
 README = (ROOT / "README.md").read_text(encoding="utf-8")
 
 # The snippet that sets the trace level, made a program that exits with the level.
@@ -40,8 +45,9 @@ class ReadmeProgram(unittest.TestCase):
         include, statement = level.split("\n", 1)
         (folder / "level.cpp").write_text(LEVEL_PROGRAM % (include, statement), encoding="utf-8")
         cls.build = folder / "build"
-        compiler = "-DCMAKE_CXX_COMPILER=" + os.environ["CXX"]
-        for command in (["cmake", "-S", folder, "-B", cls.build, "-G", "Ninja", compiler],
+        compiler = ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"],
+                    "-DCMAKE_TOOLCHAIN_FILE=" + os.environ["TOOLCHAIN"]]
+        for command in (["cmake", "-S", folder, "-B", cls.build, "-G", "Ninja", *compiler],
                         ["cmake", "--build", cls.build]):
             done = subprocess.run(command, capture_output=True, text=True, check=False)
             if done.returncode != 0:
@@ -52,8 +58,8 @@ class ReadmeProgram(unittest.TestCase):
         cls._folder.cleanup()
 
     def run_program(self, folder):
-        return subprocess.run([self.build / "shop"], cwd=folder, capture_output=True, text=True,
-                              check=False)
+        return subprocess.run([*EMULATOR, self.build / "shop"], cwd=folder, capture_output=True,
+                              text=True, check=False)
 
     def test_prints_what_the_readme_says(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -73,7 +79,8 @@ class ReadmeProgram(unittest.TestCase):
         self.assertEqual((done.returncode, done.stdout), (1, ""))
 
     def test_level_is_set_as_shown(self):
-        self.assertEqual(subprocess.run([self.build / "level"], check=False).returncode, 3)
+        done = subprocess.run([*EMULATOR, self.build / "level"], check=False)
+        self.assertEqual(done.returncode, 3)
 
     def test_is_about_twenty_lines_long(self):
         self.assertLessEqual(len(blocks("cpp")[0].splitlines()), 25)

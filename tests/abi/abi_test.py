@@ -1,0 +1,115 @@
+"""Changes the library's sources and looks whether tools/abi-check tells a broken interface from a whole one.
+
+CXX is the compiler.
+"""
+
+import concurrent.futures
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+COMPONENT = ROOT / "components/sql/sqlwrapper"
+BROKEN = "breaks the interface"
+EXTENDED = "adds to the interface"
+
+# What is changed, where, from what to what, and what is said about it.
+CHANGES = {
+    "nothing": ([], ""),
+    "the body of a function": (
+        [("src/SqlField.cpp", "return _name;", "return string(_name);")], ""),
+    "a new function": (
+        [("include/SqlTable.h", "    bool truncate();", "    bool truncate();\n    bool vacuum();"),
+         ("src/SqlTable.cpp", "bool Table::truncate()",
+          "bool Table::vacuum()\n{\n    return false;\n}\n\nbool Table::truncate()")], EXTENDED),
+    "a function removed": (
+        [("include/SqlTable.h", "    bool truncate();", ""),
+         ("src/SqlTable.cpp", "bool Table::truncate()", "static bool truncate()"),
+         ("src/SqlTable.cpp", 'return _recordSet.query("delete from " + _name);', "return true;")],
+        BROKEN),
+    "another type of a parameter": (
+        [("include/SqlCommon.h", "void addDays(integer d);", "void addDays(int d);"),
+         ("src/SqlCommon.cpp", "void Time::addDays(integer d)", "void Time::addDays(int d)")], BROKEN),
+    "another type of a result": (
+        [("include/SqlCommon.h", "int queryNumber(", "integer queryNumber("),
+         ("src/SqlCommon.cpp", "int queryNumber(sqlite3* db", "integer queryNumber(sqlite3* db"),
+         ("src/SqlTable.cpp", "const int count = queryNumber", "const integer count = queryNumber"),
+         ("src/SqlTable.cpp", 'return queryNumber(_db, "select count(*) from " + _name);',
+          'return static_cast<int>(queryNumber(_db, "select count(*) from " + _name));'),
+         ("src/SqlDatabase.cpp", 'return queryNumber(_db, "PRAGMA user_version;");',
+          'return static_cast<int>(queryNumber(_db, "PRAGMA user_version;"));')], BROKEN),
+    "a new member": (
+        [("include/SqlField.h", "std::int32_t _flags;", "std::int32_t _flags;\n    int _size;")],
+        BROKEN),
+    "members in another order": (
+        [("include/SqlDatabase.h", "    sqlite3* _db;\n    std::int32_t _rc;",
+          "    std::int32_t _rc;\n    sqlite3* _db;"),
+         ("src/SqlDatabase.cpp", "_db(nullptr), _rc(SQLITE_ERROR)", "_rc(SQLITE_ERROR), _db(nullptr)")],
+        BROKEN),
+    "a wider time_t": (
+        [("include/SqlCommon.h", "    time_t _time;", "    time_t _time[2];"),
+         ("src/SqlCommon.cpp", "_time(-1)", "_time()"),
+         ("src/SqlCommon.cpp", "_time(static_cast<time_t>(t))", "_time()"),
+         ("src/SqlCommon.cpp", "&_time", "_time"), ("src/SqlCommon.cpp", "return _time;", "return *_time;"),
+         ("src/SqlCommon.cpp", "other._time", "*other._time"),
+         ("src/SqlCommon.cpp", "difftime(_time", "difftime(*_time"),
+         ("src/SqlCommon.cpp", "_time = shifted(_time", "*_time = shifted(*_time"),
+         ("src/SqlCommon.cpp", "static_cast<long>(_time), calendarText(_time)", "0L, \"\"")], BROKEN),
+    "another number of an enumerator": (
+        [("include/SqlCommon.h", "type_time = 4,", "type_time = 6,")], BROKEN),
+    "another width of an enumeration": (
+        [("include/SqlCommon.h", "enum field_type : std::int32_t", "enum field_type : std::int16_t")],
+        BROKEN),
+    "a virtual function": (
+        [("include/SqlTable.h", "    bool truncate();", "    virtual bool truncate();")], BROKEN),
+}
+
+
+def build(change, folder):
+    """The library with some texts of its sources replaced, for its interface alone."""
+    shutil.copytree(COMPONENT, folder)
+    for name, old, new in change:
+        text = (folder / name).read_text("utf-8")
+        if old not in text:
+            raise AssertionError(f"{name} has no {old!r}")
+        (folder / name).write_text(text.replace(old, new), "utf-8")
+    library = folder / "libsqlwrapper.so"
+    subprocess.run(
+        [os.environ["CXX"], "-std=gnu++17", "-g", "-fPIC", "-shared", "-fvisibility=hidden",
+         "-fvisibility-inlines-hidden", "-Wl,-soname,libsqlwrapper.so.1",
+         f"-Wl,--version-script={folder}/sqlwrapper.map", f"-I{folder}/include",
+         *sorted((folder / "src").glob("*.cpp")), "-o", library], check=True)
+    return library
+
+
+class AbiCheckTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        temporary = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(temporary.cleanup)
+        folder = pathlib.Path(temporary.name)
+        with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+            cls.libraries = dict(zip(CHANGES, pool.map(
+                lambda name: build(CHANGES[name][0], folder / name.replace(" ", "-")), CHANGES)))
+        cls.baseline = folder / "baseline.xml"
+        library = cls.libraries["nothing"]
+        subprocess.run([ROOT / "tools/abi-dump", library, cls.baseline],
+                       check=True)
+
+    def test_changes_are_told_apart(self):
+        for name, (_, verdict) in CHANGES.items():
+            with self.subTest(name):
+                library = self.libraries[name]
+                done = subprocess.run(
+                    [ROOT / "tools/abi-check", self.baseline, library],
+                    capture_output=True, text=True, check=False)
+                said = [text for text in (BROKEN, EXTENDED) if text in done.stderr]
+                self.assertEqual((done.returncode != 0, said), (verdict != "", [verdict] if verdict else []),
+                                 done.stdout + done.stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,138 @@
+"""Configures the project where something that it needs is missing: one line names it and the way to it.
+
+CXX is the compiler and TOOLCHAIN the toolchain file, empty unless programs for another machine are
+built; TRACE and FRAMEWORK stand for the device's libraries.
+"""
+
+import os
+import pathlib
+import subprocess
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+TOOLCHAIN = os.environ["TOOLCHAIN"]
+DEVICE = "-DSQLWRAPPER_DEVICE_PLATFORM=ON"
+TRACE = "-DSQLWRAPPER_TRACE_LIBRARY=" + os.environ["TRACE"]
+FRAMEWORK = "-DSQLWRAPPER_FRAMEWORK_LIBRARY=" + os.environ["FRAMEWORK"]
+NO_TESTS = "-DSQLWRAPPER_BUILD_TESTS=OFF"
+NO_EXAMPLES = "-DSQLWRAPPER_BUILD_EXAMPLES=OFF"
+
+
+class ConfigureTestCase(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.build = pathlib.Path(folder.name)
+
+    def configure(self, *options, toolchain=TOOLCHAIN):
+        compiler = [] if toolchain else ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"]]
+        return subprocess.run(
+            ["cmake", "-S", ROOT, "-B", self.build, "-G", "Ninja", NO_EXAMPLES,
+             "-DCMAKE_TOOLCHAIN_FILE=" + str(toolchain), *compiler, *options],
+            capture_output=True, text=True, check=False)
+
+    def assert_configures(self, *options):
+        done = self.configure(*options)
+        self.assertEqual(done.returncode, 0, done.stderr)
+
+    def assert_refused(self, line, *options, toolchain=TOOLCHAIN):
+        done = self.configure(*options, toolchain=toolchain)
+        self.assertEqual(done.returncode, 1)
+        # Below the place in the project's files, in one piece.
+        self.assertEqual(done.stderr.splitlines()[1].strip(), line)
+
+
+class NeedsTest(ConfigureTestCase):
+    def test_sqlite_is_missing(self):
+        self.assert_refused(
+            "No SQLite with its headers: apt-get install libsqlite3-dev, or add its prefix to "
+            "CMAKE_PREFIX_PATH", "-DCMAKE_DISABLE_FIND_PACKAGE_SQLite3=ON")
+
+    def old_sqlite(self, version):
+        (self.build / "sqlite3.h").write_text(f'#define SQLITE_VERSION "{version}"\n', "utf-8")
+        return [f"-DSQLite3_INCLUDE_DIR={self.build}", "-DSQLite3_LIBRARY=" + os.environ["TRACE"]]
+
+    def test_sqlite_is_older_than_the_functions_used(self):
+        self.assert_refused(
+            f"SQLite 3.4.2 in {self.build} is too old: install 3.5.0 or later, or add its prefix "
+            "to CMAKE_PREFIX_PATH", *self.old_sqlite("3.4.2"))
+
+    def test_sqlite_is_as_old_as_the_functions_used(self):
+        self.assert_configures(NO_TESTS, *self.old_sqlite("3.5.0"))
+
+    def test_googletest_is_missing(self):
+        self.assert_refused("No GoogleTest with gmock: apt-get install libgtest-dev libgmock-dev",
+                            "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON")
+
+    def test_python_is_missing(self):
+        self.assert_refused("No Python 3 for the tests: apt-get install python3",
+                            "-DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON")
+
+    def test_localedef_is_missing(self):
+        self.assert_refused("No localedef for the tests' locale: apt-get install libc-bin",
+                            "-DLOCALEDEF=")
+
+    def test_pkg_config_is_missing(self):
+        self.assert_refused("No pkg-config for the tests: apt-get install pkgconf", "-DPKG_CONFIG=")
+
+    def test_library_alone_needs_none_of_the_tests_tools(self):
+        self.assert_configures(NO_TESTS, "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON",
+                               "-DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON", "-DLOCALEDEF=",
+                               "-DPKG_CONFIG=", "-DSQLWRAPPER_EMULATOR=")
+
+
+class CrossTest(ConfigureTestCase):
+    def assert_cross_refused(self, arch, line, *options):
+        toolchain = ROOT / "cmake" / f"toolchain-{arch}.cmake"
+        self.assert_refused(line, *options, toolchain=toolchain)
+
+    def test_cross_compiler_is_missing(self):
+        for arch, triplet in (("armhf", "arm-linux-gnueabihf"), ("armel", "arm-linux-gnueabi"),
+                              ("armhf-time64", "arm-linux-gnueabihf")):
+            with self.subTest(arch):
+                self.assert_cross_refused(
+                    arch, f"No cross compiler {triplet}-g++: apt-get install g++-{triplet}",
+                    "-DSQLWRAPPER_CROSS_COMPILER=")
+
+    def test_sysroot_is_missing(self):
+        for arch in ("armhf", "armel"):
+            with self.subTest(arch):
+                self.assert_cross_refused(
+                    arch, f"No SQLite for {arch} in {self.build}/none: run script/sysroot {arch}",
+                    f"-DSQLWRAPPER_CROSS_COMPILER={os.environ['CXX']}",
+                    f"-DSQLWRAPPER_SYSROOT={self.build}/none")
+
+
+class EmulatorTest(ConfigureTestCase):
+    """Only where the programs are for another machine."""
+
+    def test_emulator_is_missing(self):
+        self.assert_refused("No emulator qemu-arm for the tests: apt-get install qemu-user, or "
+                            "turn SQLWRAPPER_BUILD_TESTS off", "-DSQLWRAPPER_EMULATOR=")
+
+
+class DeviceTest(ConfigureTestCase):
+    def test_builds_with_the_devices_libraries(self):
+        self.assert_configures(DEVICE, TRACE, FRAMEWORK)
+        subprocess.run(["cmake", "--build", self.build], stdout=subprocess.DEVNULL, check=True)
+
+    def test_trace_library_is_missing(self):
+        self.assert_refused(
+            "No libtrace of the device: point SQLWRAPPER_TRACE_LIBRARY at it, add its prefix to "
+            "CMAKE_PREFIX_PATH, or turn SQLWRAPPER_DEVICE_PLATFORM off", DEVICE, FRAMEWORK)
+
+    def test_framework_library_is_missing(self):
+        self.assert_refused(
+            "No libframework of the device: point SQLWRAPPER_FRAMEWORK_LIBRARY at it, add its "
+            "prefix to CMAKE_PREFIX_PATH, or turn SQLWRAPPER_DEVICE_PLATFORM off", DEVICE, TRACE)
+
+    def test_library_pointed_at_does_not_exist(self):
+        self.assert_refused(
+            "No libtrace of the device: point SQLWRAPPER_TRACE_LIBRARY at it, add its prefix to "
+            "CMAKE_PREFIX_PATH, or turn SQLWRAPPER_DEVICE_PLATFORM off",
+            DEVICE, "-DSQLWRAPPER_TRACE_LIBRARY=/none/libtrace.so", FRAMEWORK)
+
+
+if __name__ == "__main__":
+    unittest.main()

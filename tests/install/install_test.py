@@ -1,0 +1,182 @@
+"""Builds the library in two folders, installs it, moves the installation and uses it from there.
+
+CXX is the compiler, PKG_CONFIG, NM and READELF are tools beside it. For another machine's programs
+TOOLCHAIN is the toolchain file, EMULATOR the command that runs them and LIBRARIES the folder of the
+machine's libraries.
+"""
+
+import filecmp
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+CONSUMER = pathlib.Path(__file__).resolve().parent / "consumer"
+CXX = os.environ["CXX"]
+EMULATOR = os.environ["EMULATOR"].split()
+LIBRARIES = os.environ.get("LIBRARIES")
+COMPILER = (["-DCMAKE_TOOLCHAIN_FILE=" + os.environ["TOOLCHAIN"]] if os.environ["TOOLCHAIN"]
+            else ["-DCMAKE_CXX_COMPILER=" + CXX])
+
+HEADERS = [f"include/sqlwrapper/{name}.h"
+           for name in ("SqlCommon", "SqlDatabase", "SqlField", "SqlFieldSet", "SqlRecord",
+                        "SqlRecordSet", "SqlTable", "SqlValue", "TraceLevel")]
+PACKAGE = [f"lib/cmake/sqlwrapper/{name}.cmake"
+           for name in ("sqlwrapperConfig", "sqlwrapperConfigVersion", "sqlwrapperTargets",
+                        "sqlwrapperTargets-relwithdebinfo")] + ["lib/pkgconfig/sqlwrapper.pc"]
+PLATFORM = ["lib/libframework.so", "lib/libtrace.so"]
+SHARED = ["lib/libsqlwrapper.so", "lib/libsqlwrapper.so.1", "lib/libsqlwrapper.so.1.0.0"]
+STATIC = ["lib/libsqlwrapper.a"]
+
+
+def run(*command, **options):
+    done = subprocess.run(command, capture_output=True, text=True, check=False, **options)
+    if done.returncode != 0:
+        raise AssertionError(f"{command}\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def files(folder):
+    return sorted(str(file.relative_to(folder)) for file in folder.rglob("*") if not file.is_dir())
+
+
+class InstallTestCase:
+    """One kind of library. It is built from two copies of the sources, and all that remains is the
+    installation, moved to another folder."""
+
+    shared = None
+
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.folder = pathlib.Path(folder.name)
+        cls.builds = [cls.folder / "one", cls.folder / "another" / "place"]
+        cls.prefixes = [cls.install(build) for build in cls.builds]
+        cls.prefix = cls.folder / "moved" / "to"
+        cls.prefix.parent.mkdir()
+        cls.prefixes[0].rename(cls.prefix)
+        for build in cls.builds:
+            shutil.rmtree(build)
+
+    @classmethod
+    def install(cls, folder):
+        source = folder / "source"
+        source.mkdir(parents=True)
+        for name in ("CMakeLists.txt", "cmake", "components", "platform"):
+            (shutil.copytree if (ROOT / name).is_dir() else shutil.copy)(ROOT / name, source / name)
+        prefix = cls.folder / ("installed-from-" + folder.name)
+        run("cmake", "-S", source, "-B", folder / "build", "-G", "Ninja", *COMPILER,
+            "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DBUILD_SHARED_LIBS={cls.shared}",
+            "-DSQLWRAPPER_BUILD_TESTS=OFF", "-DSQLWRAPPER_BUILD_EXAMPLES=OFF")
+        run("cmake", "--build", folder / "build")
+        run("cmake", "--install", folder / "build", "--prefix", prefix)
+        return prefix
+
+    def run_consumer(self, program):
+        libraries = str(self.prefix / "lib")
+        if EMULATOR:
+            path = f"LD_LIBRARY_PATH={libraries}:{LIBRARIES}"
+            return run(*EMULATOR, "-E", path, program)
+        return run(program, env={"LD_LIBRARY_PATH": libraries})
+
+    def test_found_by_cmake(self):
+        build = self.folder / "cmake"
+        run("cmake", "-S", CONSUMER, "-B", build, "-G", "Ninja", *COMPILER,
+            f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_FIND_ROOT_PATH={self.prefix}")
+        run("cmake", "--build", build)
+        self.assertEqual(self.run_consumer(build / "consumer"), "Captain's tea, 86400\n")
+
+    def test_not_found_by_cmake_as_another_major_version(self):
+        source = self.folder / "version-2"
+        shutil.copytree(CONSUMER, source)
+        project = (source / "CMakeLists.txt").read_text("utf-8").replace("sqlwrapper 1", "sqlwrapper 2")
+        (source / "CMakeLists.txt").write_text(project, "utf-8")
+        done = subprocess.run(
+            ["cmake", "-S", source, "-B", source / "build", "-G", "Ninja", *COMPILER,
+             f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_FIND_ROOT_PATH={self.prefix}"],
+            capture_output=True, text=True, check=False)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("sqlwrapperConfig.cmake, version: 1.0.0\n", done.stderr)
+
+    def test_found_by_pkg_config(self):
+        folders = [str(self.prefix / "lib" / "pkgconfig")]
+        environment = dict(os.environ, PKG_CONFIG_PATH=folders[0])
+        machine = []
+        if LIBRARIES:
+            folders.append(LIBRARIES + "/pkgconfig")
+            environment["PKG_CONFIG_LIBDIR"] = ":".join(folders)
+            machine = [f"-L{LIBRARIES}", f"-Wl,-rpath-link,{LIBRARIES}"]
+        flags = run(os.environ["PKG_CONFIG"], "--cflags", "--libs", "sqlwrapper",
+                    env=environment).split()
+        program = self.folder / "pkg-config-consumer"
+        run(CXX, "-std=c++11", CONSUMER / "main.cpp", *flags, *machine, "-o", program)
+        self.assertEqual(self.run_consumer(program), "Captain's tea, 86400\n")
+
+    def test_installs_these_files_alone(self):
+        self.assertEqual(files(self.prefix),
+                         sorted(HEADERS + PACKAGE + PLATFORM
+                                + (SHARED if self.shared == "ON" else STATIC)))
+
+    def test_names_no_place_of_its_making(self):
+        places = [str(place).encode() for place in (self.folder, ROOT, os.environ["TOOLCHAIN"])
+                  if str(place)]
+        for file in files(self.prefix):
+            for place in places:
+                with self.subTest(file=file, place=place):
+                    self.assertFalse(place in (self.prefix / file).read_bytes())
+
+    def test_is_the_same_from_any_folder(self):
+        self.assertEqual(files(self.prefix), files(self.prefixes[1]))
+        for file in files(self.prefix):
+            with self.subTest(file):
+                self.assertTrue(filecmp.cmp(self.prefix / file, self.prefixes[1] / file,
+                                            shallow=False))
+
+
+class SharedLibraryTest(InstallTestCase, unittest.TestCase):
+    shared = "ON"
+
+    def dynamic(self, name):
+        lines = run(os.environ["READELF"], "-dW", self.prefix / "lib" / name).splitlines()
+        return [line.split(None, 1)[1] for line in lines if "(" in line]
+
+    def test_needs_sqlite_the_platform_and_the_runtime_alone(self):
+        needed = {line.split("[")[1].rstrip("]") for line in self.dynamic("libsqlwrapper.so")
+                  if line.startswith("(NEEDED)")}
+        # The loader stands for the one function of it that 32-bit ARM programs call.
+        self.assertLessEqual(needed, {"libsqlite3.so.0", "libtrace.so", "libframework.so",
+                                      "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6", "libm.so.6"})
+        self.assertGreaterEqual(needed, {"libsqlite3.so.0", "libtrace.so", "libframework.so"})
+
+    def test_names_no_folder_to_look_for_libraries_in(self):
+        for file in SHARED[:1] + PLATFORM:
+            with self.subTest(file):
+                paths = [line for line in self.dynamic(file[len("lib/"):]) if "PATH)" in line]
+                self.assertEqual(paths, [])
+
+    def test_is_called_by_its_major_version(self):
+        names = [line.split("[")[1] for line in self.dynamic("libsqlwrapper.so")
+                 if line.startswith("(SONAME)")]
+        self.assertEqual(names, ["libsqlwrapper.so.1]"])
+        self.assertEqual(os.readlink(self.prefix / "lib" / "libsqlwrapper.so"), "libsqlwrapper.so.1")
+
+    def test_exports_its_namespace_alone_and_versioned(self):
+        lines = run(os.environ["NM"], "-DC", "--defined-only", "--with-symbol-versions",
+                    self.prefix / "lib" / "libsqlwrapper.so").splitlines()
+        names = [line.split(" ", 2)[2] for line in lines]
+        self.assertIn("sql::Table::exists()@@SQLWRAPPER_1", names)
+        for name in names:
+            with self.subTest(name):
+                self.assertRegex(name, r"^(sql::[^ (]*\(.*\)( const)?@@SQLWRAPPER_1|SQLWRAPPER_1)$")
+
+
+class StaticLibraryTest(InstallTestCase, unittest.TestCase):
+    shared = "OFF"
+
+
+if __name__ == "__main__":
+    unittest.main()
