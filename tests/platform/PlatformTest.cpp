@@ -33,6 +33,10 @@ __attribute__((format(printf, 2, 0))) void take(int priority, const char* format
 
 extern "C" {
 
+__attribute__((format(printf, 2, 3))) void syslog(int priority, const char* format, ...);
+__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int flag, const char* format,
+                                                        ...);
+
 void syslog(int priority, const char* format, ...)
 {
     va_list arguments;
@@ -40,8 +44,6 @@ void syslog(int priority, const char* format, ...)
     take(priority, format, arguments);
     va_end(arguments);
 }
-
-void __syslog_chk(int priority, int flag, const char* format, ...);
 
 void __syslog_chk(int priority, int, const char* format, ...)
 {
