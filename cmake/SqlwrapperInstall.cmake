@@ -24,6 +24,9 @@ cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX
 if(BUILD_SHARED_LIBS)
     set(pkgconfig_private .private)
 endif()
+if(SQLWRAPPER_HAS_WIDENED_TIME)
+    set(pkgconfig_definitions " -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
+endif()
 configure_file(
     ${CMAKE_CURRENT_LIST_DIR}/sqlwrapper.pc.in ${PROJECT_BINARY_DIR}/sqlwrapper.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sqlwrapper.pc

@@ -26,8 +26,7 @@ if(SQLWRAPPER_SANITIZE)
     target_link_options(sqlwrapper_build INTERFACE ${sanitizers})
     if(CMAKE_CROSSCOMPILING_EMULATOR)
         # Looking for leaks takes tracing the program, which an emulated one cannot be.
-        list(PREPEND CMAKE_CROSSCOMPILING_EMULATOR
-            ${CMAKE_COMMAND} -E env ASAN_OPTIONS=detect_leaks=0)
+        list(PREPEND CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/env ASAN_OPTIONS=detect_leaks=0)
     endif()
 endif()
 

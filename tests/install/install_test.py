@@ -20,6 +20,8 @@ EMULATOR = os.environ["EMULATOR"].split()
 LIBRARIES = os.environ.get("LIBRARIES")
 COMPILER = (["-DCMAKE_TOOLCHAIN_FILE=" + os.environ["TOOLCHAIN"]] if os.environ["TOOLCHAIN"]
             else ["-DCMAKE_CXX_COMPILER=" + CXX])
+# Users do not know how wide the library's time_t is.
+USERS_COMPILER = [option.replace("-time64", "") for option in COMPILER]
 
 HEADERS = [f"include/sqlwrapper/{name}.h"
            for name in ("SqlCommon", "SqlDatabase", "SqlField", "SqlFieldSet", "SqlRecord",
@@ -85,7 +87,7 @@ class InstallTestCase:
 
     def test_found_by_cmake(self):
         build = self.folder / "cmake"
-        run("cmake", "-S", CONSUMER, "-B", build, "-G", "Ninja", *COMPILER,
+        run("cmake", "-S", CONSUMER, "-B", build, "-G", "Ninja", *USERS_COMPILER,
             f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_FIND_ROOT_PATH={self.prefix}")
         run("cmake", "--build", build)
         self.assertEqual(self.run_consumer(build / "consumer"), "Captain's tea, 86400\n")
@@ -96,7 +98,7 @@ class InstallTestCase:
         project = (source / "CMakeLists.txt").read_text("utf-8").replace("sqlwrapper 1", "sqlwrapper 2")
         (source / "CMakeLists.txt").write_text(project, "utf-8")
         done = subprocess.run(
-            ["cmake", "-S", source, "-B", source / "build", "-G", "Ninja", *COMPILER,
+            ["cmake", "-S", source, "-B", source / "build", "-G", "Ninja", *USERS_COMPILER,
              f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_FIND_ROOT_PATH={self.prefix}"],
             capture_output=True, text=True, check=False)
         self.assertEqual(done.returncode, 1)
@@ -165,7 +167,7 @@ class SharedLibraryTest(InstallTestCase, unittest.TestCase):
         self.assertEqual(os.readlink(self.prefix / "lib" / "libsqlwrapper.so"), "libsqlwrapper.so.1")
 
     def test_exports_its_namespace_alone_and_versioned(self):
-        lines = run(os.environ["NM"], "-DC", "--defined-only", "--with-symbol-versions",
+        lines = run(os.environ["NM"], "-DC", "--defined-only",
                     self.prefix / "lib" / "libsqlwrapper.so").splitlines()
         names = [line.split(" ", 2)[2] for line in lines]
         self.assertIn("sql::Table::exists()@@SQLWRAPPER_1", names)
