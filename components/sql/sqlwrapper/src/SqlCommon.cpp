@@ -312,7 +312,8 @@ bool runOneStepSqlStmt(sqlite3* db, const string& stmt)
         return false;
     }
 
-    // Reported before the finalization: the text is that of the step.
+    // A row is a failure too: what yields rows was not meant to run in one step. Reported before
+    // the finalization: the text is that of the step.
     rc = sqlite3_step(statement);
     if (rc != SQLITE_DONE) {
         TRACE_ERROR("Running the SQL stmt '%s' failed", stmt.c_str());

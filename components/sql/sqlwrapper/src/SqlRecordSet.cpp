@@ -35,6 +35,7 @@ bool RecordSet::initRecordSet(sqlite3* db, const Field* fields)
 {
     close();
     _db = db;
+    // Appends: columns that the set was built with are the caller's to keep.
     return _fields.initFieldSet(fields);
 }
 

@@ -89,6 +89,7 @@ bool Table::create()
     if (exists())
         return true;
 
+    // Reported here as well as by getDefinition(), so that the log names the operation that failed.
     const string definition = getDefinition();
     if (definition.empty()) {
         TRACE_ERROR("Failed to build SQL CREATE TABLE stmt for table %s", _name.c_str());
@@ -176,6 +177,8 @@ Record* Table::getTopRecord()
     return getRecord(0);
 }
 
+// The operations on keys report a missing key column after the FieldSet has, so that the log names
+// both the cause and the operation that failed.
 Record* Table::getRecordByKeyId(string key)
 {
     const string keyName = fields()->getKeyIdName();

@@ -11,6 +11,7 @@ namespace sql {
 
 namespace {
 
+// What a reader of such cells may take for granted: no text of a number is longer.
 constexpr std::size_t double_text_limit = 127;
 
 // The longest double has a sign, 309 digits, the point and eight decimals.
