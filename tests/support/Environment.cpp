@@ -92,6 +92,11 @@ CommaLocale::~CommaLocale()
     std::setlocale(LC_ALL, "C");
 }
 
+bool longRun()
+{
+    return std::getenv("SQLWRAPPER_TEST_LONG") != nullptr;
+}
+
 void writeFile(const std::string& path, const std::string& contents)
 {
     std::ofstream out(path, std::ios::binary);

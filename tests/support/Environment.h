@@ -44,6 +44,10 @@ public:
     CommaLocale& operator=(const CommaLocale&) = delete;
 };
 
+// Whether tests that try many cases shall try all of them, which may take hours: SQLWRAPPER_TEST_LONG is
+// set. Otherwise they take a part that is the same in every run.
+bool longRun();
+
 void writeFile(const std::string& path, const std::string& contents);
 std::string readFile(const std::string& path);
 
