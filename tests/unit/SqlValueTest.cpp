@@ -238,6 +238,22 @@ TEST_P(ValueTypeTest, SetNullKeepsTheType)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+TEST_P(ValueTypeTest, ConstructionTakesTheTextAndTheType)
+{
+    const Value value("1", GetParam());
+    EXPECT_FALSE(value.isNull());
+    EXPECT_EQ(value.getType(), GetParam());
+    EXPECT_EQ(value.asInteger(), 1);
+}
+
+TEST_P(ValueTypeTest, ConstructionWithoutATextMakesNullOfTheType)
+{
+    const Value value(nullptr, GetParam());
+    EXPECT_TRUE(value.isNull());
+    EXPECT_EQ(value.getType(), GetParam());
+    EXPECT_EQ(value.asInteger(), 0);
+}
+
 TEST_P(ValueTypeTest, SetValueTakesTheTextAndTheType)
 {
     Value value(sql::type_int);

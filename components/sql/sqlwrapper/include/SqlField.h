@@ -66,6 +66,7 @@ public:
 
 private:
     friend class FieldSet; // gives its copies their positions, and compares names in place
+    friend class Record;   // writes names into statements without copies of them
 
     string _name;
     field_type _type;

@@ -61,6 +61,11 @@ public:
     string dump() const;
 
 private:
+    friend class Record; // goes through the columns of its rows
+
+    // toSql(), appended to a statement.
+    SQLWRAPPER_LOCAL void toSql(string& statement) const;
+
     std::vector<Field> _fields;
 };
 

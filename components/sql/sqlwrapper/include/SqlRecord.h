@@ -119,6 +119,21 @@ public:
     string toSqlUpdate(const string& tableName) const;
 
 private:
+    friend class RecordSet; // builds its rows
+
+    // A row as SQLite hands it out: cells without a text are null.
+    SQLWRAPPER_LOCAL Record(const FieldSet& fields, int columnCount, const char* const* texts);
+
+    // Appends "name=value" for all columns but the key. Stops at a column that has no cell,
+    // returns it and leaves its position in `position`; null when all have one.
+    SQLWRAPPER_LOCAL const Field* appendAssignments(string& statement, int& position) const;
+
+    // toSql(), appended to a statement; false on failure.
+    SQLWRAPPER_LOCAL bool toSql(string& statement) const;
+
+    // About as many bytes as names and cells take in a statement.
+    SQLWRAPPER_LOCAL string::size_type statementSize() const;
+
     const FieldSet* _fields;
     std::vector<Value> _values;
 };

@@ -89,6 +89,13 @@ public:
     static int on_next_record(void* recordSet, int columnCount, char** values, char** columnNames);
 
 private:
+    friend class Table; // writes beside the rows that it holds
+
+    struct Run; // runs a statement, for a set or for none
+
+    // Runs a statement whose rows, if it has any, are only traced.
+    SQLWRAPPER_LOCAL static bool write(sqlite3* db, const FieldSet& fields, const string& sql);
+
     sqlite3* _db;
     std::int32_t _rc;
     FieldSet _fields;

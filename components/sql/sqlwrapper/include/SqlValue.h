@@ -15,6 +15,9 @@ public:
     // Null, of the given type.
     explicit Value(field_type type);
 
+    // What setValue() makes of these.
+    Value(const char* text, field_type type);
+
     // Takes a copy of the text, and the type; a null `text` makes the value null.
     void setValue(const char* text, field_type type);
 
@@ -75,6 +78,11 @@ public:
     string toSql(field_type type) const;
 
 private:
+    friend class Record; // writes its statements without copies of the texts
+
+    // toSql(), appended to a statement.
+    SQLWRAPPER_LOCAL void appendSql(string& statement, field_type type) const;
+
     string _value;
     bool _isNull;
     field_type _type;

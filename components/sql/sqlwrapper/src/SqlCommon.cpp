@@ -1,5 +1,6 @@
 #include "SqlCommon.h"
 
+#include "SqlText.h"
 #include "SqlTrace.h"
 
 #include <sqlite3.h>
@@ -55,6 +56,29 @@ FirstRow takeFirstRow(sqlite3_stmt* query)
 
 } // namespace
 
+string joined(std::initializer_list<std::string_view> pieces, string::size_type more)
+{
+    string::size_type size = more;
+    for (const std::string_view piece : pieces)
+        size += piece.size();
+    string text;
+    text.reserve(size);
+    for (const std::string_view piece : pieces)
+        text += piece;
+    return text;
+}
+
+void appendQuoted(string& out, const string& text)
+{
+    string::size_type start = 0;
+    for (string::size_type quote = text.find('\''); quote != string::npos;
+         quote = text.find('\'', start)) {
+        out.append(text, start, quote - start) += "''";
+        start = quote + 1;
+    }
+    out.append(text, start, string::npos);
+}
+
 string type2Str(field_type type)
 {
     switch (type) {
@@ -79,11 +103,7 @@ string quoteStr(const string& text)
 {
     string quoted;
     quoted.reserve(text.size());
-    for (const char byte : text) {
-        if (byte == '\'')
-            quoted += '\'';
-        quoted += byte;
-    }
+    appendQuoted(quoted, text);
     return quoted;
 }
 

@@ -71,7 +71,7 @@ const Field* FieldSet::getByIndex(int index) const
 const Field* FieldSet::getByName(const string& name) const
 {
     for (const Field& field : _fields) {
-        if (field._name == name)
+        if (&field._name == &name || field._name == name)
             return &field;
     }
     return nullptr;
@@ -100,6 +100,12 @@ string FieldSet::getDefinition() const
 string FieldSet::toSql() const
 {
     string names;
+    toSql(names);
+    return names;
+}
+
+void FieldSet::toSql(string& statement) const
+{
     for (int i = 0; i < count(); ++i) {
         const Field* const field = getByIndex(i);
         if (field == nullptr) {
@@ -107,11 +113,10 @@ string FieldSet::toSql() const
             SQL_ASSERT(false, "sql::string sql::FieldSet::toSql() const");
             continue;
         }
-        names += field->_name;
+        statement += field->_name;
         if (i < count() - 1)
-            names += ", ";
+            statement += ", ";
     }
-    return names;
 }
 
 string FieldSet::dump() const

@@ -1,39 +1,25 @@
 #include "SqlRecord.h"
 
+#include "SqlText.h"
 #include "SqlTrace.h"
 
 namespace sql {
-
-namespace {
-
-// Appends "name=value" for all columns but the key. Stops at a column that has no cell, returns it
-// and leaves its position in `position`; null when all have one.
-const Field* appendAssignments(const Record& record, string& statement, int& position)
-{
-    const FieldSet& fields = *record.fields();
-    const int count = fields.count();
-    for (position = 0; position < count; ++position) {
-        const Field* const field = fields.getByIndex(position);
-        if (field == nullptr || field->isPrimaryKey())
-            continue;
-        const Value* const value = record.getValue(field->getName());
-        if (value == nullptr)
-            return field;
-        statement += field->getName() + "=" + value->toSql(field->getType());
-        // By position alone: callers know the comma that a key in the last column leaves behind.
-        if (position < count - 1)
-            statement += ", ";
-    }
-    return nullptr;
-}
-
-} // namespace
 
 Record::Record(const FieldSet& fields) : _fields(&fields)
 {
     _values.reserve(fields.count());
     for (int i = 0; i < fields.count(); ++i)
-        _values.push_back(Value(fields.getByIndex(i)->getType()));
+        _values.emplace_back(fields.getByIndex(i)->getType());
+}
+
+Record::Record(const FieldSet& fields, int columnCount, const char* const* texts) : _fields(&fields)
+{
+    _values.reserve(fields._fields.size());
+    int i = 0;
+    for (const Field& field : fields._fields) {
+        _values.emplace_back(i < columnCount ? texts[i] : nullptr, field._type);
+        ++i;
+    }
 }
 
 Record::Record(const Record* other) : Record(*other)
@@ -250,28 +236,43 @@ string Record::dump(bool withTypes) const
     return text;
 }
 
+string::size_type Record::statementSize() const
+{
+    string::size_type size = 0;
+    for (const Field& field : _fields->_fields)
+        size += field._name.size() + sizeof ", ";
+    for (const Value& value : _values)
+        size += value._value.size() + sizeof ", null";
+    return size;
+}
+
 string Record::toSql() const
 {
     string literals;
+    return toSql(literals) ? literals : string();
+}
+
+bool Record::toSql(string& statement) const
+{
     const int count = _fields->count();
     for (int i = 0; i < count; ++i) {
         const Field* const field = _fields->getByIndex(i);
         if (field == nullptr) {
             TRACE_ERROR("field with index %d does not exist", i);
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
-            return string();
+            return false;
         }
-        const Value* const value = getValue(field->getName());
+        const Value* const value = getValue(field->_name);
         if (value == nullptr) {
             TRACE_ERROR("field with index %d does not have value", i);
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
-            return string();
+            return false;
         }
-        literals += value->toSql(field->getType());
+        value->appendSql(statement, field->_type);
         if (i < count - 1)
-            literals += ", ";
+            statement += ", ";
     }
-    return literals;
+    return true;
 }
 
 string Record::toSqlInsert(const string& tableName) const
@@ -281,19 +282,42 @@ string Record::toSqlInsert(const string& tableName) const
         SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
         return string();
     }
-    const string names = _fields->toSql();
-    if (names.empty()) {
+    string statement = joined({"insert into ", tableName, " ("},
+                              statementSize() + sizeof ") values ()");
+    const string::size_type start = statement.size();
+    _fields->toSql(statement);
+    if (statement.size() == start) {
         TRACE_ERROR("No fields to insert in table '%s'", tableName.c_str());
         SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
         return string();
     }
-    const string literals = toSql();
-    if (literals.empty()) {
+    statement += ") values (";
+    const string::size_type literals = statement.size();
+    if (!toSql(statement) || statement.size() == literals) {
         TRACE_ERROR("No values to insert in table '%s'", tableName.c_str());
         SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
         return string();
     }
-    return "insert into " + tableName + " (" + names + ") values (" + literals + ")";
+    return statement += ')';
+}
+
+const Field* Record::appendAssignments(string& statement, int& position) const
+{
+    const int count = _fields->count();
+    for (position = 0; position < count; ++position) {
+        const Field* const field = _fields->getByIndex(position);
+        if (field == nullptr || field->isPrimaryKey())
+            continue;
+        const Value* const value = getValue(field->_name);
+        if (value == nullptr)
+            return field;
+        (statement += field->_name) += '=';
+        value->appendSql(statement, field->_type);
+        // By position alone: callers know the comma that a key in the last column leaves behind.
+        if (position < count - 1)
+            statement += ", ";
+    }
+    return nullptr;
 }
 
 string Record::toSqlUpdate(const string& tableName) const
@@ -304,9 +328,9 @@ string Record::toSqlUpdate(const string& tableName) const
         return string();
     }
 
-    string statement = "update " + tableName + " set ";
+    string statement = joined({"update ", tableName, " set "}, statementSize() + sizeof " where ");
     int position = 0;
-    if (const Field* const missing = appendAssignments(*this, statement, position)) {
+    if (const Field* const missing = appendAssignments(statement, position)) {
         TRACE_ERROR("No value for column with index=%d (and name=%s) of table %s", position,
                     missing->getName().c_str(), tableName.c_str());
         SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
@@ -328,7 +352,9 @@ string Record::toSqlUpdate(const string& tableName) const
     // the same, without quotes.
     SQL_ASSERT(value->getType() == type_int,
                "sql::string sql::Record::toSqlUpdate(const string&) const");
-    return statement + " where " + keyName + " = " + value->toSql(type_int);
+    ((statement += " where ") += keyName) += " = ";
+    value->appendSql(statement, type_int);
+    return statement;
 }
 
 } // namespace sql

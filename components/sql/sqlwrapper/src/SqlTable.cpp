@@ -1,32 +1,28 @@
 #include "SqlTable.h"
 
+#include "SqlText.h"
 #include "SqlTrace.h"
 
 namespace sql {
 
 namespace {
 
-string whereClause(const string& condition)
+// The word that stands before a condition or an order, if there is one.
+const char* before(const string& clause, const char* word)
 {
-    return condition.empty() ? string() : " where " + condition;
+    return clause.empty() ? "" : word;
 }
 
 // A double-quoted word is a text to SQLite as long as no column is called so, and is compared with
 // the key column under its affinity: the key "7" finds the integer 7 too.
-string whereKey(const string& keyName, const string& key)
+string keyStatement(const char* start, const string& name, const string& keyName, const string& key)
 {
-    return " where " + keyName + " = \"" + key + "\"";
+    return joined({start, name, " where ", keyName, " = \"", key, "\""});
 }
 
-string whereKey(const string& keyName, integer key)
+string keyStatement(const char* start, const string& name, const string& keyName, integer key)
 {
-    return " where " + keyName + " = " + intToStr(key);
-}
-
-// Runs a statement beside the table's own record set, which keeps its rows.
-bool runWrite(sqlite3* db, const FieldSet& fields, const string& statement)
-{
-    return RecordSet(db, fields).query(statement);
+    return joined({start, name, " where ", keyName, " = ", intToStr(key)});
 }
 
 } // namespace
@@ -153,8 +149,8 @@ bool Table::open(const string& whereCondition)
 
 bool Table::open(const string& whereCondition, const string& sortBy)
 {
-    const string order = sortBy.empty() ? string() : " order by " + sortBy;
-    return _recordSet.query("select * from " + _name + whereClause(whereCondition) + order);
+    return _recordSet.query(joined({"select * from ", _name, before(whereCondition, " where "),
+                                    whereCondition, before(sortBy, " order by "), sortBy}));
 }
 
 bool Table::query(const string& sql)
@@ -187,7 +183,7 @@ Record* Table::getRecordByKeyId(string key)
         SQL_ASSERT(false, "sql::Record* sql::Table::getRecordByKeyId(sql::string)");
         return nullptr;
     }
-    return query("select * from " + _name + whereKey(keyName, key)) ? getTopRecord() : nullptr;
+    return query(keyStatement("select * from ", _name, keyName, key)) ? getTopRecord() : nullptr;
 }
 
 Record* Table::getRecordByKeyId(integer key)
@@ -198,7 +194,7 @@ Record* Table::getRecordByKeyId(integer key)
         SQL_ASSERT(false, "sql::Record* sql::Table::getRecordByKeyId(sql::integer)");
         return nullptr;
     }
-    return query("select * from " + _name + whereKey(keyName, key)) ? getTopRecord() : nullptr;
+    return query(keyStatement("select * from ", _name, keyName, key)) ? getTopRecord() : nullptr;
 }
 
 bool Table::hasRecordWithKeyId(string key)
@@ -209,7 +205,7 @@ bool Table::hasRecordWithKeyId(string key)
         SQL_ASSERT(false, "bool sql::Table::hasRecordWithKeyId(sql::string)");
         return false;
     }
-    return queryNumber(_db, "select count(*) from " + _name + whereKey(keyName, key)) > 0;
+    return queryNumber(_db, keyStatement("select count(*) from ", _name, keyName, key)) > 0;
 }
 
 bool Table::hasRecordWithKeyId(integer key)
@@ -220,7 +216,7 @@ bool Table::hasRecordWithKeyId(integer key)
         SQL_ASSERT(false, "bool sql::Table::hasRecordWithKeyId(sql::integer)");
         return false;
     }
-    return queryNumber(_db, "select count(*) from " + _name + whereKey(keyName, key)) > 0;
+    return queryNumber(_db, keyStatement("select count(*) from ", _name, keyName, key)) > 0;
 }
 
 bool Table::addRecord(const Record& record)
@@ -230,7 +226,7 @@ bool Table::addRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL INSERT statement for table '%s'", _name.c_str());
         return false;
     }
-    return runWrite(_db, *fields(), statement);
+    return RecordSet::write(_db, *fields(), statement);
 }
 
 bool Table::updateRecord(const Record& record)
@@ -240,7 +236,7 @@ bool Table::updateRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL UPDATE statement for table '%s'", _name.c_str());
         return false;
     }
-    return runWrite(_db, *fields(), statement);
+    return RecordSet::write(_db, *fields(), statement);
 }
 
 bool Table::addOrUpdateRecord(string key, const Record& record)
@@ -271,7 +267,7 @@ bool Table::deleteRecord(string key)
         SQL_ASSERT(false, "bool sql::Table::deleteRecord(sql::string)");
         return false;
     }
-    return runWrite(_db, *fields(), "delete from " + _name + whereKey(keyName, key));
+    return RecordSet::write(_db, *fields(), keyStatement("delete from ", _name, keyName, key));
 }
 
 bool Table::deleteRecord(integer key)
@@ -282,19 +278,21 @@ bool Table::deleteRecord(integer key)
         SQL_ASSERT(false, "bool sql::Table::deleteRecord(sql::integer)");
         return false;
     }
-    return runWrite(_db, *fields(), "delete from " + _name + whereKey(keyName, key));
+    return RecordSet::write(_db, *fields(), keyStatement("delete from ", _name, keyName, key));
 }
 
 bool Table::deleteRecords(const string& whereCondition)
 {
-    return runWrite(_db, *fields(), "delete from " + _name + whereClause(whereCondition));
+    return RecordSet::write(
+        _db, *fields(),
+        joined({"delete from ", _name, before(whereCondition, " where "), whereCondition}));
 }
 
 bool Table::copyRecords(Table& source)
 {
     for (int i = 0; i < source.recordCount(); ++i) {
         const Record* const record = source.getRecord(i);
-        if (record != nullptr && !addRecord(Record(record)))
+        if (record != nullptr && !addRecord(*record))
             return false;
     }
     return true;

@@ -1,11 +1,14 @@
 #include "SqlValue.h"
 
+#include "SqlText.h"
+
 #include <locale.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
+#include <system_error>
 
 namespace sql {
 
@@ -20,6 +23,11 @@ constexpr std::size_t double_text_buffer = 320;
 } // namespace
 
 Value::Value(field_type type) : _isNull(true), _type(type)
+{
+}
+
+Value::Value(const char* text, field_type type)
+    : _value(text != nullptr ? text : ""), _isNull(text == nullptr), _type(type)
 {
 }
 
@@ -48,7 +56,8 @@ void Value::setString(const string& s)
 
 void Value::setInteger(integer n)
 {
-    setString(intToStr(n));
+    _value = intToStr(n);
+    _isNull = false;
 }
 
 // Not printf(), which takes its decimal point from the process's locale.
@@ -85,12 +94,18 @@ integer Value::asInteger() const
     return _isNull ? 0 : ::strtoll(_value.c_str(), nullptr, 10);
 }
 
-// Read in the "C" locale, since the process's own may have another decimal point. glibc and musl
-// keep that locale ready, so that nothing is allocated and nothing fails.
+// Not strtod(), which takes its decimal point from the process's locale. What from_chars() does not
+// take whole, such as blanks before the number, is read in the "C" locale: glibc and musl keep that
+// ready, so that nothing is allocated and nothing fails.
 double Value::asDouble() const
 {
     if (_isNull)
         return 0.0;
+    double plainNumber = 0.0;
+    const char* const end = _value.data() + _value.size();
+    const std::from_chars_result read = std::from_chars(_value.data(), end, plainNumber);
+    if (read.ec == std::errc() && read.ptr == end)
+        return plainNumber;
     const locale_t plain = ::newlocale(LC_ALL_MASK, "C", nullptr);
     const double number = ::strtod_l(_value.c_str(), nullptr, plain);
     ::freelocale(plain);
@@ -149,13 +164,27 @@ bool Value::equals(const Value& other) const
 
 string Value::toSql(field_type type) const
 {
-    if (_isNull)
-        return "null";
-    if (type == type_text)
-        return "'" + quoteStr(asString()) + "'";
-    if (_type == type_time)
-        return intToStr(asInteger());
-    return asString();
+    string literal;
+    appendSql(literal, type);
+    return literal;
+}
+
+void Value::appendSql(string& statement, field_type type) const
+{
+    if (_isNull) {
+        statement += "null";
+    } else if (type == type_text) {
+        statement += '\'';
+        if (_type == type_time)
+            appendQuoted(statement, asString());
+        else
+            appendQuoted(statement, _value);
+        statement += '\'';
+    } else if (_type == type_time) {
+        statement += intToStr(asInteger());
+    } else {
+        statement += _value;
+    }
 }
 
 } // namespace sql
