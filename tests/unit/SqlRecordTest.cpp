@@ -215,6 +215,24 @@ FieldSet twoKeysLast()
     return FieldSet(columns);
 }
 
+// So many that some of their names share a place, whatever way names are sorted into places.
+constexpr int wide_count = 3000;
+
+std::string wideName(int position)
+{
+    return position == 0 ? "id" : "c" + std::to_string(position);
+}
+
+FieldSet wide()
+{
+    std::vector<Field> columns;
+    columns.push_back(Field(wideName(0), sql::type_int, sql::flag_primary_key));
+    for (int i = 1; i < wide_count; ++i)
+        columns.push_back(Field(wideName(i), sql::type_int, sql::flag_none));
+    columns.push_back(Field());
+    return FieldSet(columns.data());
+}
+
 FieldSet oneNameTwice()
 {
     const Field columns[] = {
@@ -925,6 +943,17 @@ TEST_F(RecordTest, DifferenceIsFoundAcrossDifferentColumnSets)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+TEST_F(RecordTest, DifferenceInTheFirstColumnIsFound)
+{
+    const FieldSet fields = keyLast();
+    Record record(fields);
+    record.setString(0, "tea");
+    Record other(fields);
+    other.setString(0, "mate");
+    EXPECT_FALSE(record.equalsValues(&other));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
 TEST_F(RecordTest, ValuesAreComparedByTheTypesOfThisRecordsCells)
 {
     Record number(_fields);
@@ -1106,6 +1135,24 @@ TEST_F(RecordTest, DumpOfACellOfUndefinedTypeIsSilentWithoutTypes)
     Record record = tea();
     record.initColumnValue(1, "x", sql::type_undefined);
     EXPECT_EQ(record.dump(false), "id = 7|name = x|price = 2.50000000");
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_F(RecordTest, StatementsOfAWideTableHaveEachCellBesideItsName)
+{
+    const FieldSet fields = wide();
+    Record record(fields);
+    std::string names, literals, assignments;
+    for (int i = 0; i < wide_count; ++i) {
+        record.setInteger(i, 7 * i);
+        const std::string separator = i < wide_count - 1 ? ", " : "";
+        names += wideName(i) + separator;
+        literals += std::to_string(7 * i) + separator;
+        if (i > 0)
+            assignments += wideName(i) + "=" + std::to_string(7 * i) + separator;
+    }
+    EXPECT_EQ(record.toSqlInsert("t"), "insert into t (" + names + ") values (" + literals + ")");
+    EXPECT_EQ(record.toSqlUpdate("t"), "update t set " + assignments + " where id = 0");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 

@@ -1070,6 +1070,33 @@ TEST_F(ValueTest, StoredFormsAreWrittenUnchanged)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+TEST_F(ValueTest, TextOfATimeIsWrittenAsTheNumberInIt)
+{
+    const struct {
+        const char* text;
+        const char* sql;
+    } cases[] = {
+        {"0", "0"},
+        {"60", "60"},
+        {"-60", "-60"},
+        {"+60", "60"},
+        {"060", "60"},
+        {" 60", "60"},
+        {"60 ", "60"},
+        {"60/", "60"},
+        {"60:", "60"},
+        {"60s", "60"},
+        {"", "0"},
+        {"soon", "0"},
+        {"999999999999999999", "999999999999999999"},
+        {"9999999999999999999", "9223372036854775807"},
+        {"-9999999999999999999", "-9223372036854775808"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(textValue(c.text, sql::type_time).toSql(sql::type_time), c.sql) << c.text;
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
 TEST_F(ValueTest, SecondsOfATimeAreWrittenIn64BitsWhateverTheTimeHolds)
 {
     EXPECT_EQ(textValue("9223372036854775807", sql::type_time).toSql(sql::type_time),

@@ -1,5 +1,6 @@
 #include "SqlFieldSet.h"
 
+#include "SqlText.h"
 #include "SqlTrace.h"
 
 namespace sql {
@@ -115,7 +116,7 @@ void FieldSet::toSql(string& statement) const
         }
         statement += field->_name;
         if (i < count() - 1)
-            statement += ", ";
+            appendComma(statement);
     }
 }
 

@@ -3,7 +3,43 @@
 #include "SqlText.h"
 #include "SqlTrace.h"
 
+#include <bitset>
+#include <cstddef>
+#include <cstdint>
+
 namespace sql {
+
+namespace {
+
+// Knows of nearly every column whether it is the first of its name, without a walk through those before
+// it: statements of wide tables would cost the square of their width. Of a name that falls on the place
+// of another it cannot tell.
+class NamesSeen {
+public:
+    bool isFirst(const string& name)
+    {
+        const std::size_t place = hash(name) % places;
+        const bool isFirst = !_taken[place];
+        _taken[place] = true;
+        return isFirst;
+    }
+
+private:
+    static constexpr std::size_t places = 2048;
+
+    // FNV-1a
+    static std::uint32_t hash(const string& name)
+    {
+        std::uint32_t hash = 2166136261;
+        for (const char byte : name)
+            hash = (hash ^ static_cast<unsigned char>(byte)) * 16777619;
+        return hash;
+    }
+
+    std::bitset<places> _taken;
+};
+
+} // namespace
 
 Record::Record(const FieldSet& fields) : _fields(&fields)
 {
@@ -254,6 +290,7 @@ string Record::toSql() const
 
 bool Record::toSql(string& statement) const
 {
+    NamesSeen names;
     const int count = _fields->count();
     for (int i = 0; i < count; ++i) {
         const Field* const field = _fields->getByIndex(i);
@@ -262,7 +299,8 @@ bool Record::toSql(string& statement) const
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
             return false;
         }
-        const Value* const value = getValue(field->_name);
+        const Value* const value = names.isFirst(field->_name) ? getValue(field->_index)
+                                                               : getValue(field->_name);
         if (value == nullptr) {
             TRACE_ERROR("field with index %d does not have value", i);
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
@@ -270,7 +308,7 @@ bool Record::toSql(string& statement) const
         }
         value->appendSql(statement, field->_type);
         if (i < count - 1)
-            statement += ", ";
+            appendComma(statement);
     }
     return true;
 }
@@ -303,19 +341,23 @@ string Record::toSqlInsert(const string& tableName) const
 
 const Field* Record::appendAssignments(string& statement, int& position) const
 {
+    NamesSeen names;
     const int count = _fields->count();
     for (position = 0; position < count; ++position) {
         const Field* const field = _fields->getByIndex(position);
-        if (field == nullptr || field->isPrimaryKey())
+        if (field == nullptr)
             continue;
-        const Value* const value = getValue(field->_name);
+        const bool isFirst = names.isFirst(field->_name);
+        if (field->isPrimaryKey())
+            continue;
+        const Value* const value = isFirst ? getValue(field->_index) : getValue(field->_name);
         if (value == nullptr)
             return field;
         (statement += field->_name) += '=';
         value->appendSql(statement, field->_type);
         // By position alone: callers know the comma that a key in the last column leaves behind.
         if (position < count - 1)
-            statement += ", ";
+            appendComma(statement);
     }
     return nullptr;
 }

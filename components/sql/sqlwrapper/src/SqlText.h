@@ -11,6 +11,13 @@ namespace sql {
 // The pieces one behind the other, in one allocation, with room for `more` bytes to follow.
 string joined(std::initializer_list<std::string_view> pieces, string::size_type more = 0);
 
+// Appends what stands between two columns.
+inline void appendComma(string& out)
+{
+    out += ',';
+    out += ' ';
+}
+
 // Appends the text with its single quotes doubled.
 void appendQuoted(string& out, const string& text);
 

@@ -20,6 +20,14 @@ constexpr std::size_t double_text_limit = 127;
 // The longest double has a sign, 309 digits, the point and eight decimals.
 constexpr std::size_t double_text_buffer = 320;
 
+// Whether the text is what intToStr() makes of the number in it, as it is in nearly every cell.
+bool isPlainInteger(const string& text)
+{
+    const bool small = !text.empty() && text.size() <= 18;
+    return small && text[0] != '0'
+           && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
 } // namespace
 
 Value::Value(field_type type) : _isNull(true), _type(type)
@@ -180,7 +188,7 @@ void Value::appendSql(string& statement, field_type type) const
         else
             appendQuoted(statement, _value);
         statement += '\'';
-    } else if (_type == type_time) {
+    } else if (_type == type_time && !isPlainInteger(_value)) {
         statement += intToStr(asInteger());
     } else {
         statement += _value;
