@@ -1,0 +1,268 @@
+#include "Wide.h"
+
+#include "SqlDatabase.h"
+#include "SqlTable.h"
+
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace bench {
+
+namespace {
+
+constexpr int wide_rows = 20;
+
+bool isText(int column)
+{
+    return column % 2 == 0 && column > 0;
+}
+
+std::vector<std::string> namesOf(int columns)
+{
+    std::vector<std::string> names = {"id"};
+    for (int i = 1; i < columns; ++i)
+        names.push_back("column" + std::to_string(i));
+    return names;
+}
+
+std::string textOf(int row, int column)
+{
+    return "it's " + std::to_string(row * column);
+}
+
+long long lengthOf(const std::string& text)
+{
+    return static_cast<long long>(text.size());
+}
+
+// The table through the library.
+class WideLibrary {
+public:
+    WideLibrary(const std::string& file, const std::vector<std::string>& names)
+        : _columns(static_cast<int>(names.size())), _names(names)
+    {
+        require(_database.open(file, sql::Database::access_create, false, 1000), "open");
+        std::vector<sql::Field> fields;
+        for (int i = 0; i < _columns; ++i)
+            fields.push_back(sql::Field(names[i], isText(i) ? sql::type_text : sql::type_int,
+                                        i == 0 ? sql::flag_primary_key : sql::flag_none));
+        fields.push_back(sql::Field());
+        _table = std::make_unique<sql::Table>(_database.getHandle(), "item", fields.data());
+        require(_table->create() && _database.transactionBegin(), "create");
+    }
+    void insert(int row)
+    {
+        require(_table->addRecord(recordOf(row, row)), "insert");
+    }
+    void update(int row)
+    {
+        require(_table->updateRecord(recordOf(row, row + 1)), "update");
+    }
+    void load()
+    {
+        require(_table->open(), "load");
+    }
+    long long readByIndex()
+    {
+        long long sum = 0;
+        for (int row = 0; row < _table->recordCount(); ++row) {
+            const sql::Record& record = *_table->getRecord(row);
+            for (int i = 0; i < _columns; ++i)
+                sum += isText(i) ? lengthOf(record.getValue(i)->asString())
+                                 : record.getValue(i)->asInteger();
+        }
+        return sum;
+    }
+    long long readByName()
+    {
+        long long sum = 0;
+        for (int row = 0; row < _table->recordCount(); ++row) {
+            const sql::Record& record = *_table->getRecord(row);
+            for (int i = 0; i < _columns; ++i)
+                sum += isText(i) ? lengthOf(record.getValue(_names[i])->asString())
+                                 : record.getValue(_names[i])->asInteger();
+        }
+        return sum;
+    }
+
+private:
+    sql::Record recordOf(int key, int row) const
+    {
+        sql::Record record(*_table->fields());
+        record.setInteger(0, key);
+        for (int i = 1; i < _columns; ++i) {
+            if (isText(i))
+                record.setString(i, textOf(row, i));
+            else
+                record.setInteger(i, row * i);
+        }
+        return record;
+    }
+
+    sql::Database _database;
+    std::unique_ptr<sql::Table> _table;
+    int _columns;
+    std::vector<std::string> _names;
+};
+
+// The table through text put together by hand.
+class WideFloor {
+public:
+    WideFloor(const std::string& file, const std::vector<std::string>& names)
+        : _columns(static_cast<int>(names.size())), _names(names)
+    {
+        require(sqlite3_open(file.c_str(), &_db) == SQLITE_OK, "open");
+        std::string sql = "CREATE TABLE item (id INTEGER PRIMARY KEY";
+        for (int i = 1; i < _columns; ++i)
+            sql += ", " + names[i] + (isText(i) ? " TEXT" : " INTEGER");
+        run(sql + ")");
+        run("BEGIN TRANSACTION");
+    }
+    ~WideFloor()
+    {
+        sqlite3_close(_db);
+    }
+    WideFloor(const WideFloor&) = delete;
+    WideFloor& operator=(const WideFloor&) = delete;
+
+    void insert(int row)
+    {
+        std::string sql = "insert into item (id";
+        for (int i = 1; i < _columns; ++i)
+            (sql += ", ") += _names[i];
+        (sql += ") values (") += std::to_string(row);
+        for (int i = 1; i < _columns; ++i) {
+            sql += ", ";
+            appendCell(sql, row, i);
+        }
+        run(sql + ")");
+    }
+    void update(int row)
+    {
+        std::string sql = "update item set ";
+        for (int i = 1; i < _columns; ++i) {
+            if (i > 1)
+                sql += ", ";
+            (sql += _names[i]) += "=";
+            appendCell(sql, row + 1, i);
+        }
+        run(sql + " where id = " + std::to_string(row));
+    }
+    void load()
+    {
+        _rows.clear();
+        run("select * from item");
+    }
+    long long readByIndex()
+    {
+        long long sum = 0;
+        for (const Cells& cells : _rows) {
+            for (int i = 0; i < _columns; ++i)
+                sum += read(cells[i], i);
+        }
+        return sum;
+    }
+    long long readByName()
+    {
+        long long sum = 0;
+        for (const Cells& cells : _rows) {
+            for (int i = 0; i < _columns; ++i)
+                sum += read(cells[indexOf(_names[i])], i);
+        }
+        return sum;
+    }
+
+private:
+    using Cells = std::vector<std::optional<std::string>>;
+
+    static int keepRow(void* rows, int count, char** values, char**)
+    {
+        Cells cells;
+        cells.reserve(count);
+        for (int i = 0; i < count; ++i) {
+            if (values[i] != nullptr)
+                cells.emplace_back(values[i]);
+            else
+                cells.emplace_back(std::nullopt);
+        }
+        static_cast<std::vector<Cells>*>(rows)->push_back(std::move(cells));
+        return 0;
+    }
+    static void appendCell(std::string& sql, int row, int column)
+    {
+        if (!isText(column)) {
+            sql += std::to_string(row * column);
+            return;
+        }
+        sql += '\'';
+        for (const char c : textOf(row, column)) {
+            if (c == '\'')
+                sql += '\'';
+            sql += c;
+        }
+        sql += '\'';
+    }
+    static long long read(const std::optional<std::string>& cell, int column)
+    {
+        if (isText(column))
+            return lengthOf(std::string(*cell));
+        return std::strtoll(cell->c_str(), nullptr, 10);
+    }
+    int indexOf(const std::string& name) const
+    {
+        int i = 0;
+        while (_names[i] != name)
+            ++i;
+        return i;
+    }
+    void run(const std::string& sql)
+    {
+        require(sqlite3_exec(_db, sql.c_str(), keepRow, &_rows, nullptr) == SQLITE_OK, "run");
+    }
+
+    sqlite3* _db = nullptr;
+    int _columns;
+    std::vector<std::string> _names;
+    std::vector<Cells> _rows;
+};
+
+template <typename Wide> int runOn(Wide& wide, const std::string& operation, Meter& meter)
+{
+    const bool inserts = operation == "insert";
+    long long sum = 1;
+    for (int row = 1; row <= (inserts ? 1 : wide_rows); ++row)
+        wide.insert(row); // the first one reads the schema
+    meter.start();
+    if (inserts || operation == "update") {
+        for (int row = 1; row <= wide_rows; ++row)
+            inserts ? wide.insert(row + 1) : wide.update(row);
+    } else {
+        wide.load();
+        if (operation == "read by index")
+            sum = wide.readByIndex();
+        else if (operation == "read by name")
+            sum = wide.readByName();
+    }
+    meter.stop();
+    require(sum > 0, "cells are read");
+    return wide_rows;
+}
+
+} // namespace
+
+int runWide(const std::string& contestant, const std::string& operation, const std::string& folder,
+            int columns, Meter& meter)
+{
+    const std::string file = folder + "/wide.db";
+    std::remove(file.c_str());
+    if (contestant == "library") {
+        WideLibrary wide(file, namesOf(columns));
+        return runOn(wide, operation, meter);
+    }
+    WideFloor wide(file, namesOf(columns));
+    return runOn(wide, operation, meter);
+}
+
+} // namespace bench

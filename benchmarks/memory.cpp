@@ -1,0 +1,250 @@
+// Prints what operations need of memory, in bytes: at most and afterwards on the program's heap, at
+// most on SQLite's, and of the stack.
+//
+//     memory FOLDER CONTESTANT ROWS
+//
+// Blocks count as the C library keeps them, with its own word for each. Run it with LD_BIND_NOW=1:
+// the loader's lookups take stack too. For the library it fails when rows need more than their cells.
+
+#include "Operations.h"
+#include "SqlTable.h"
+
+#include <malloc.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+void* __libc_memalign(std::size_t alignment, std::size_t size);
+void __libc_free(void* block);
+}
+
+namespace {
+
+struct Heap {
+    std::size_t held = 0;
+    std::size_t most = 0;
+
+    void add(void* block)
+    {
+        if (block == nullptr)
+            return;
+        held += malloc_usable_size(block) + sizeof(std::size_t);
+        most = std::max(most, held);
+    }
+    void subtract(void* block)
+    {
+        if (block != nullptr)
+            held -= malloc_usable_size(block) + sizeof(std::size_t);
+    }
+};
+
+Heap programHeap;
+Heap sqliteHeap;
+
+void* counted(Heap& heap, void* block)
+{
+    heap.add(block);
+    return block;
+}
+
+void* resized(Heap& heap, void* old, std::size_t size)
+{
+    heap.subtract(old);
+    void* const block = __libc_realloc(old, size);
+    heap.add(block != nullptr || size == 0 ? block : old);
+    return block;
+}
+
+void released(Heap& heap, void* block)
+{
+    heap.subtract(block);
+    __libc_free(block);
+}
+
+} // namespace
+
+// Those of the whole process but SQLite, which has its own below.
+extern "C" void* malloc(std::size_t size)
+{
+    return counted(programHeap, __libc_malloc(size));
+}
+extern "C" void* calloc(std::size_t count, std::size_t size)
+{
+    return counted(programHeap, __libc_calloc(count, size));
+}
+extern "C" void* realloc(void* block, std::size_t size)
+{
+    return resized(programHeap, block, size);
+}
+extern "C" void* memalign(std::size_t alignment, std::size_t size)
+{
+    return counted(programHeap, __libc_memalign(alignment, size));
+}
+extern "C" void* aligned_alloc(std::size_t alignment, std::size_t size)
+{
+    return counted(programHeap, __libc_memalign(alignment, size));
+}
+extern "C" int posix_memalign(void** block, std::size_t alignment, std::size_t size)
+{
+    *block = counted(programHeap, __libc_memalign(alignment, size));
+    return *block != nullptr ? 0 : ENOMEM;
+}
+extern "C" void free(void* block)
+{
+    released(programHeap, block);
+}
+
+namespace {
+
+void* sqliteMalloc(int size)
+{
+    return counted(sqliteHeap, __libc_malloc(size));
+}
+
+void sqliteFree(void* block)
+{
+    released(sqliteHeap, block);
+}
+
+void* sqliteRealloc(void* block, int size)
+{
+    return resized(sqliteHeap, block, size);
+}
+
+int sqliteSize(void* block)
+{
+    return block != nullptr ? static_cast<int>(malloc_usable_size(block)) : 0;
+}
+
+int sqliteRoundup(int size)
+{
+    return (size + 7) & ~7;
+}
+
+int sqliteInit(void*)
+{
+    return SQLITE_OK;
+}
+
+void sqliteShutdown(void*)
+{
+}
+
+const sqlite3_mem_methods sqliteMethods = {sqliteMalloc,  sqliteFree, sqliteRealloc,  sqliteSize,
+                                           sqliteRoundup, sqliteInit, sqliteShutdown, nullptr};
+
+// The stack below the caller is painted; the lowest spot that lost its paint is how deep calls went.
+constexpr std::size_t painted = 192 * 1024;
+constexpr std::size_t own_frames = 512;
+constexpr unsigned char paint = 0xA5;
+
+[[gnu::noinline]] std::uintptr_t paintStack()
+{
+    const auto here = reinterpret_cast<std::uintptr_t>(__builtin_frame_address(0));
+    for (std::uintptr_t at = here - own_frames; at > here - painted; --at)
+        *reinterpret_cast<volatile unsigned char*>(at) = paint;
+    return here;
+}
+
+[[gnu::noinline]] std::size_t stackDepth(std::uintptr_t top)
+{
+    std::uintptr_t at = top - painted + 1;
+    while (at < top && *reinterpret_cast<volatile unsigned char*>(at) == paint)
+        ++at;
+    return top - at;
+}
+
+class MemoryMeter : public bench::Meter {
+public:
+    void start() override
+    {
+        _before = programHeap.held;
+        _sqliteBefore = sqliteHeap.held;
+        programHeap.most = programHeap.held;
+        sqliteHeap.most = sqliteHeap.held;
+        _top = paintStack();
+    }
+    void stop() override
+    {
+        stack = stackDepth(_top);
+        most = programHeap.most - _before;
+        held = static_cast<long>(programHeap.held) - static_cast<long>(_before);
+        sqliteMost = sqliteHeap.most - _sqliteBefore;
+    }
+
+    std::size_t stack = 0;
+    std::size_t most = 0;
+    long held = 0;
+    std::size_t sqliteMost = 0;
+
+private:
+    std::size_t _before = 0;
+    std::size_t _sqliteBefore = 0;
+    std::uintptr_t _top = 0;
+};
+
+// A block as the C library keeps it.
+std::size_t blockSize(std::size_t size)
+{
+    const std::size_t step = 2 * sizeof(std::size_t);
+    return std::max(2 * step, (size + sizeof(std::size_t) + step - 1) / step * step);
+}
+
+// A text of more than fifteen characters has a block, of no less than thirty.
+std::size_t textSize(const std::string& text)
+{
+    return text.size() < 16 ? 0 : blockSize(std::max<std::size_t>(text.size(), 30) + 1);
+}
+
+// What the rows of a table need when they are held: their cells, their long texts, and the records,
+// whose vector has the former block beside one twice as large while it grows.
+std::size_t needOf(int rows)
+{
+    std::size_t need = 0;
+    for (int id = 1; id <= rows; ++id) {
+        const bench::Row row = bench::makeRow(id);
+        need += blockSize(bench::column_count * sizeof(sql::Value)) + textSize(row.name)
+                + textSize(row.place) + (row.note ? textSize(*row.note) : 0)
+                + 3 * sizeof(sql::Record);
+    }
+    return need;
+}
+
+// Statements, names and what else does not depend on the number of rows.
+constexpr std::size_t rest = 4096;
+
+void checkLoad(int rows, const MemoryMeter& meter)
+{
+    std::fprintf(stderr, "rows of %zu bytes, %zu of a cell and %zu of a record\n",
+                 needOf(rows) / rows, sizeof(sql::Value), sizeof(sql::Record));
+    bench::require(meter.most <= needOf(rows) + rest, "rows held need no more than their cells");
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    sqlite3_config(SQLITE_CONFIG_MALLOC, &sqliteMethods);
+    bench::require(argc == 4, "memory FOLDER CONTESTANT ROWS");
+    const bench::Place place = {argv[1], std::atoi(argv[3])};
+    const bench::Entry& entry = bench::contestant(argv[2]);
+    bench::makeDatabase(place);
+    for (const bench::Operation& operation : bench::operations()) {
+        MemoryMeter meter;
+        operation.run(entry, place, meter);
+        std::printf("%s|%zu|%ld|%zu|%zu\n", operation.name, meter.most, meter.held,
+                    meter.sqliteMost, meter.stack);
+        if (std::strcmp(operation.name, "load") == 0 && std::strcmp(entry.name, "library") == 0)
+            checkLoad(place.rows, meter);
+    }
+    return 0;
+}
