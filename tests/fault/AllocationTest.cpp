@@ -1,17 +1,23 @@
 #include "Columns.h"
 #include "Diagnostics.h"
+#include "Environment.h"
+#include "Job.h"
 #include "SqlDatabase.h"
 #include "SqlRecord.h"
 #include "SqlRecordSet.h"
 #include "SqlTable.h"
 #include "Sqlite.h"
+#include "SqliteMemory.h"
+#include "Wording.h"
 
 #include <gmock/gmock.h>
 
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <new>
 #include <ostream>
+#include <set>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -21,7 +27,7 @@ namespace {
 // Which allocations fail while one of these lives: the nth, and those behind it when it lasts.
 class MemoryShortage {
 public:
-    MemoryShortage(int nth, bool lasts) : _left(nth), _lasts(lasts)
+    MemoryShortage(int nth, bool lasts) : _nth(nth), _left(nth), _lasts(lasts)
     {
         current = this;
     }
@@ -37,10 +43,22 @@ public:
         return _left <= 0;
     }
 
+    // Whether allocations count, and fail; they do at first.
+    void watch(bool on)
+    {
+        _watches = on;
+    }
+
+    int allocations() const // counted
+    {
+        return _nth - _left;
+    }
+
     // What the tests do to capture a report is no allocation of the library.
     static bool strikes()
     {
-        return current != nullptr && !test::Diagnostics::isCapturing() && current->countDown();
+        return current != nullptr && current->_watches && !test::Diagnostics::isCapturing()
+               && current->countDown();
     }
 
 private:
@@ -52,15 +70,29 @@ private:
 
     static MemoryShortage* current;
 
+    const int _nth;
     int _left;
     const bool _lasts;
+    bool _watches = true;
 };
 
 MemoryShortage* MemoryShortage::current = nullptr;
 
+long blocksInUse = 0;
+
 void* allocate(std::size_t size) noexcept
 {
-    return MemoryShortage::strikes() ? nullptr : std::malloc(size > 0 ? size : 1);
+    void* const memory = MemoryShortage::strikes() ? nullptr : std::malloc(size > 0 ? size : 1);
+    if (memory != nullptr)
+        ++blocksInUse;
+    return memory;
+}
+
+void release(void* memory)
+{
+    if (memory != nullptr)
+        --blocksInUse;
+    std::free(memory);
 }
 
 void* allocateOrThrow(std::size_t size)
@@ -97,22 +129,22 @@ void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
 
 void operator delete(void* memory) noexcept
 {
-    std::free(memory);
+    release(memory);
 }
 
 void operator delete[](void* memory) noexcept
 {
-    std::free(memory);
+    release(memory);
 }
 
 void operator delete(void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    release(memory);
 }
 
 void operator delete[](void* memory, std::size_t) noexcept
 {
-    std::free(memory);
+    release(memory);
 }
 
 namespace {
@@ -226,7 +258,7 @@ TEST_P(RowAllocationTest, FailureIsReportedAsAnAbortedStatement)
             break;
         EXPECT_THAT(_diagnostics.errors(),
                     ElementsAre("Failed to run the SQL stmt 'select * from product order by id'",
-                                "  rc=4=SQLITE_ABORT: query aborted"))
+                                test::worded("  rc=4=SQLITE_ABORT: query aborted")))
             << nth;
         EXPECT_THAT(_diagnostics.assertions(), IsEmpty()) << nth;
     }
@@ -314,7 +346,7 @@ protected:
         if (GetParam().load == nullptr)
             return {"a failed load"};
         return {std::string("Failed to run the SQL stmt '") + GetParam().load + "'",
-                "  rc=4=SQLITE_ABORT: query aborted"};
+                test::worded("  rc=4=SQLITE_ABORT: query aborted")};
     }
 
     int _loadsFailed = 0;
@@ -485,6 +517,96 @@ TEST(DatabaseAllocationTest, FailureLeavesTheConnectionOpenAndNoTransaction)
     }
     EXPECT_TRUE(database.transactionCommit());
     EXPECT_THAT(diagnostics.events(), IsEmpty());
+}
+
+// --- Anywhere within a whole job on a file
+
+const test::Job::Reasons no_memory_for_a_row = {{"4=SQLITE_ABORT", test::worded("query aborted")}};
+
+class JobAllocationTest : public testing::Test {
+protected:
+    // A whole job on a new file. True when an allocation failed.
+    bool work(int nth, bool lasts)
+    {
+        const test::TemporaryDirectory directory;
+        const test::SqliteMemory sqlite;
+        const long before = blocksInUse;
+        MemoryShortage shortage(nth, lasts);
+        shortage.watch(false);
+        auto job = std::make_unique<test::Job>(directory.file("shop.db"), no_memory_for_a_row,
+                                               [&](const std::string& operation, bool begins) {
+                                                   shortage.watch(begins);
+                                                   if (!begins)
+                                                       note(operation, shortage.allocations());
+                                               });
+        job->diagnostics().setLevel(9);
+        job->work();
+        job->useAgain();
+        job->close();
+        EXPECT_EQ(sqlite.blocksInUse(), 0);
+        job->verifyFile();
+        const long noted = keep(job->failures());
+        job.reset();
+        EXPECT_TRUE(!_planned || blocksInUse - before == noted) << blocksInUse - before - noted;
+        return shortage.hasStruck();
+    }
+
+    // The job without failures shows which operation needs which allocations.
+    void plan()
+    {
+        EXPECT_FALSE(work(1000 * most_allocations, false));
+        EXPECT_THAT(_failures, IsEmpty());
+        _planned = true;
+    }
+
+    void note(const std::string& operation, int allocations)
+    {
+        if (_planned)
+            return;
+        if (_ends.empty() ? allocations > 0 : allocations > _ends.back())
+            _allocating.insert(operation);
+        _ends.push_back(allocations);
+    }
+
+    // The blocks that this takes.
+    long keep(const std::set<std::string>& failures)
+    {
+        const long before = blocksInUse;
+        _failures.insert(failures.begin(), failures.end());
+        return blocksInUse - before;
+    }
+
+    void workWithEveryFailure(bool lasts)
+    {
+        plan();
+        const std::vector<int> cases = test::Job::cases(_ends);
+        for (const int nth : cases) {
+            SCOPED_TRACE(nth);
+            EXPECT_TRUE(work(nth, lasts));
+            if (HasFailure())
+                break;
+        }
+        RecordProperty("allocations", _ends.back());
+        RecordProperty("tried", static_cast<int>(cases.size()));
+    }
+
+    std::vector<int> _ends;
+    std::set<std::string> _allocating;
+    std::set<std::string> _failures;
+
+private:
+    bool _planned = false;
+};
+
+TEST_F(JobAllocationTest, OneAllocationThatFailsLosesNoAcknowledgedRow)
+{
+    workWithEveryFailure(false);
+}
+
+TEST_F(JobAllocationTest, LastingShortageLosesNoAcknowledgedRow)
+{
+    workWithEveryFailure(true);
+    EXPECT_EQ(_failures, _allocating);
 }
 
 } // namespace

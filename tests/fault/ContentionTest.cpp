@@ -1,0 +1,558 @@
+#include "Columns.h"
+#include "Diagnostics.h"
+#include "Environment.h"
+#include "Rows.h"
+#include "SqlDatabase.h"
+#include "SqlRecord.h"
+#include "SqlRecordSet.h"
+#include "SqlTable.h"
+#include "Sqlite.h"
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+using sql::Database;
+using sql::Record;
+using sql::RecordSet;
+using sql::Table;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+typedef std::vector<std::string> Texts;
+
+const int patience = 60000; // ms, longer than any of this takes
+const unsigned hang = 300;  // s, after which a process that has not ended is stopped
+const char locked[] = "database is locked";
+
+// A process that has opened no database before.
+class Process {
+public:
+    explicit Process(const std::function<bool()>& work) : _id(::fork())
+    {
+        if (_id != 0)
+            return;
+        ::alarm(hang);
+        ::_exit(work() ? 0 : 1);
+    }
+    ~Process()
+    {
+        if (_id > 0)
+            hasSucceeded();
+    }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    // Waits for its end.
+    bool hasSucceeded()
+    {
+        int status = -1;
+        const bool ended = ::waitpid(_id, &status, 0) == _id;
+        _id = -1;
+        return ended && status == 0;
+    }
+
+private:
+    pid_t _id;
+};
+
+// One process tells another to go on.
+class Signal {
+public:
+    Signal()
+    {
+        EXPECT_EQ(::pipe(_ends), 0);
+    }
+    ~Signal()
+    {
+        ::close(_ends[0]);
+        ::close(_ends[1]);
+    }
+    Signal(const Signal&) = delete;
+    Signal& operator=(const Signal&) = delete;
+
+    void send() const
+    {
+        EXPECT_EQ(::write(_ends[1], "!", 1), 1);
+    }
+    void await() const
+    {
+        char byte;
+        EXPECT_EQ(::read(_ends[0], &byte, 1), 1);
+    }
+
+private:
+    int _ends[2];
+};
+
+Record product(const sql::FieldSet& fields, const std::string& name)
+{
+    Record row(fields); // SQLite chooses the key
+    row.setString("name", name);
+    row.setDouble("price", 2.5);
+    return row;
+}
+
+Texts busyReport(const std::string& statement)
+{
+    return {"Failed to run the SQL stmt '" + statement + "'",
+            std::string("  rc=5=SQLITE_BUSY: ") + locked};
+}
+
+// What processes have to say to the test, one file for each: "added <name>", "refused" or what is
+// wrong.
+typedef std::ofstream Log;
+
+// A connection of a process that does its work among others.
+class Worker {
+public:
+    Worker(const std::string& file, const std::string& logFile, int busyTimeout)
+        : _log(logFile), _fields(test::product_columns)
+    {
+        expect(_database.open(file, Database::access_read_write, false, busyTimeout), "open");
+        // The disk is slow, and the others shall meet in what is not.
+        while (!RecordSet(_database.getHandle()).query("pragma synchronous = off"))
+            _diagnostics.clear();
+    }
+
+    void addRows(int worker, int count)
+    {
+        Table table(_database.getHandle(), "product", _fields);
+        for (int i = 0; i < count; ++i) {
+            const std::string name = std::to_string(worker) + "-" + std::to_string(i);
+            const Record row = product(_fields, name);
+            note(answered(table.addRecord(row), row.toSqlInsert("product")), name);
+        }
+    }
+
+    // Two rows of one name each time, or none.
+    void addPairs(int worker, int count)
+    {
+        Table table(_database.getHandle(), "product", _fields);
+        for (int i = 0; i < count; ++i) {
+            const std::string name = std::to_string(worker) + "-" + std::to_string(i);
+            const Record row = product(_fields, name);
+            const std::string insert = row.toSqlInsert("product");
+            expect(_database.transactionBegin(), "begin");
+            const bool added = answered(table.addRecord(row), insert)
+                               && answered(table.addRecord(row), insert)
+                               && answered(_database.transactionCommit(), "COMMIT TRANSACTION");
+            note(added, name);
+            if (!added)
+                expect(_database.transactionRollback(), "rollback");
+        }
+    }
+
+    void readPairs(int count)
+    {
+        Table table(_database.getHandle(), "product", _fields);
+        for (int i = 0; i < count; ++i) {
+            if (!answered(table.open(), "select * from product"))
+                continue;
+            std::map<std::string, int> rows;
+            for (int row = 0; row < table.recordCount(); ++row)
+                ++rows[table.getRecord(row)->getValue("name")->asString()];
+            for (const auto& [name, number] : rows)
+                expect(number == 2, "half of " + name);
+        }
+    }
+
+private:
+    // A refusal leaves its two lines, and an answer of success none.
+    bool answered(bool succeeded, const std::string& statement)
+    {
+        const Texts errors = _diagnostics.errors();
+        expect(errors == (succeeded ? Texts() : busyReport(statement)),
+               "reports: " + testing::PrintToString(errors));
+        expect(_diagnostics.assertions().empty(), "assertions");
+        _diagnostics.clear();
+        return succeeded;
+    }
+
+    void note(bool added, const std::string& name)
+    {
+        _log << (added ? "added " + name : "refused") << std::endl;
+    }
+
+    void expect(bool holds, const std::string& what)
+    {
+        if (!holds)
+            _log << what << std::endl;
+    }
+
+    Log _log;
+    test::Diagnostics _diagnostics;
+    const sql::FieldSet _fields;
+    Database _database;
+};
+
+class ContentionTest : public testing::Test {
+protected:
+    explicit ContentionTest(const std::string& journal = "delete")
+        : _file(_directory.file("shop.db")), _fields(test::product_columns)
+    {
+        test::Connection file(_file);
+        file.run("pragma journal_mode = " + journal);
+        file.run("create table product (id integer primary key, name text, price real)");
+    }
+
+    std::string rows(const std::string& query) const
+    {
+        return test::Connection(_file).rows(query);
+    }
+
+    const test::TemporaryDirectory _directory;
+    const std::string _file;
+    const sql::FieldSet _fields;
+};
+
+// --- Many processes
+
+struct Crowd {
+    int writers;
+    const char* journal;
+    int busyTimeout;
+};
+
+void PrintTo(const Crowd& crowd, std::ostream* out)
+{
+    *out << crowd.writers << " writers, journal " << crowd.journal << ", " << crowd.busyTimeout
+         << " ms";
+}
+
+class CrowdTest : public ContentionTest, public testing::WithParamInterface<Crowd> {
+protected:
+    CrowdTest() : ContentionTest(GetParam().journal)
+    {
+    }
+
+    void start(const std::function<void(Worker&)>& work)
+    {
+        const std::string log = _directory.file("log" + std::to_string(_processes.size()));
+        _logs.push_back(log);
+        _processes.emplace_back([&] {
+            Worker worker(_file, log, GetParam().busyTimeout);
+            work(worker);
+            return true;
+        });
+    }
+
+    // Waits for all processes, and takes what they say.
+    void finish()
+    {
+        for (Process& process : _processes)
+            EXPECT_TRUE(process.hasSucceeded());
+        for (const std::string& log : _logs) {
+            std::ifstream lines(log);
+            for (std::string line; std::getline(lines, line);) {
+                if (line.compare(0, 6, "added ") == 0)
+                    _added.push_back(line.substr(6));
+                else if (line == "refused")
+                    ++_refused;
+                else
+                    _problems.push_back(line);
+            }
+        }
+        std::sort(_added.begin(), _added.end());
+    }
+
+    // The names in the file, each followed by how often it is there.
+    void expectFile(const std::string& times) const
+    {
+        std::string expected;
+        for (const std::string& name : _added)
+            expected += (expected.empty() ? "" : "\n") + name + "|" + times;
+        EXPECT_EQ(rows("select name, count(*) from product group by name order by name"), expected);
+        EXPECT_EQ(rows("pragma integrity_check"), "ok");
+    }
+
+    std::list<Process> _processes;
+    Texts _logs;
+    Texts _added; // acknowledged
+    int _refused = 0;
+    Texts _problems;
+};
+
+const int rows_each = test::longRun() ? 250 : 40;
+const int reads_each = test::longRun() ? 250 : 60;
+
+TEST_P(CrowdTest, EveryAcknowledgedRowIsThereOnceAndNoOther)
+{
+    for (int writer = 0; writer < GetParam().writers; ++writer)
+        start([&](Worker& worker) { worker.addRows(writer, rows_each); });
+    finish();
+    EXPECT_THAT(_problems, IsEmpty());
+    EXPECT_EQ(static_cast<int>(_added.size()) + _refused, GetParam().writers * rows_each);
+    if (GetParam().busyTimeout == patience) {
+        EXPECT_EQ(_refused, 0);
+    }
+    expectFile("1");
+}
+
+TEST_P(CrowdTest, ReadersSeeWholeTransactions)
+{
+    for (int writer = 0; writer < GetParam().writers; ++writer)
+        start([&](Worker& worker) { worker.addPairs(writer, rows_each); });
+    for (int reader = 0; reader < 2; ++reader)
+        start([&](Worker& worker) { worker.readPairs(reads_each); });
+    finish();
+    EXPECT_THAT(_problems, IsEmpty());
+    EXPECT_EQ(static_cast<int>(_added.size()) + _refused, GetParam().writers * rows_each);
+    if (GetParam().busyTimeout == patience) {
+        EXPECT_EQ(_refused, 0);
+    }
+    expectFile("2");
+}
+
+const Crowd crowds[] = {
+    {2, "delete", patience}, {4, "delete", patience}, {8, "delete", patience}, {2, "delete", 0},
+    {4, "delete", 5},        {8, "delete", 0},        {2, "wal", patience},    {4, "wal", patience},
+    {8, "wal", patience},    {2, "wal", 0},           {4, "wal", 5},           {8, "wal", 0},
+};
+
+INSTANTIATE_TEST_SUITE_P(Crowds, CrowdTest, testing::ValuesIn(crowds));
+
+// --- A locked file
+
+const long long generous = 30000; // ms, on a busy machine
+
+// The whole milliseconds that a call takes.
+long long duration(const std::function<void()>& call)
+{
+    const auto start = std::chrono::steady_clock::now();
+    call();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now()
+                                                                 - start)
+        .count();
+}
+
+// A connection of this process, which knows the table already: what waits is the statement itself.
+class User {
+public:
+    User(const std::string& file, int busyTimeout)
+    {
+        EXPECT_TRUE(_database.open(file, Database::access_read_write, false, busyTimeout));
+        _table = std::make_unique<Table>(_database.getHandle(), "product", test::product_columns);
+        EXPECT_TRUE(_table->open());
+    }
+
+    Database& database()
+    {
+        return _database;
+    }
+    Table& table()
+    {
+        return *_table;
+    }
+
+private:
+    Database _database;
+    std::unique_ptr<Table> _table;
+};
+
+// Another process that locks the file.
+class Locker {
+public:
+    explicit Locker(const std::string& file)
+        : _process([this, &file] {
+              test::Diagnostics diagnostics;
+              Database database;
+              _start.await();
+              const bool holds = database.open(file, Database::access_read_write, false, patience)
+                                 && RecordSet(database.getHandle()).query("begin exclusive");
+              _locked.send();
+              _release.await();
+              return holds && database.transactionCommit();
+          })
+    {
+    }
+
+    void lock()
+    {
+        _start.send();
+        _locked.await();
+    }
+
+    void release()
+    {
+        _release.send();
+    }
+
+    bool hasSucceeded()
+    {
+        return _process.hasSucceeded();
+    }
+
+private:
+    const Signal _start;
+    const Signal _locked;
+    const Signal _release;
+    Process _process;
+};
+
+class LockTest : public ContentionTest {
+protected:
+    LockTest() : _insert(product(_fields, "late").toSqlInsert("product"))
+    {
+    }
+
+    const std::string _insert;
+    test::Diagnostics _diagnostics;
+};
+
+Texts busyCount(const std::string& query)
+{
+    return {"The SQL query '" + query + "' failed",
+            std::string("   the query returned 5=SQLITE_BUSY instead of SQLITE_ROW: ") + locked};
+}
+
+Texts operator+(Texts left, const Texts& right)
+{
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+struct Attempt {
+    const char* name;
+    int waits; // the statements that wait, each for the whole timeout
+    bool answer;
+    bool (*run)(User& user, const Record& row);
+    Texts (*reports)(const std::string& insert);
+};
+
+class AttemptTest : public LockTest,
+                    public testing::WithParamInterface<std::tuple<Attempt, int>> {};
+
+void PrintTo(const Attempt& attempt, std::ostream* out)
+{
+    *out << attempt.name;
+}
+
+TEST_P(AttemptTest, WaitsForAsLongAsTheBusyTimeoutSays)
+{
+    const auto& [attempt, busyTimeout] = GetParam();
+    Locker other(_file);
+    User user(_file, busyTimeout);
+    const Record row = product(_fields, "late");
+    other.lock();
+    bool answer = !attempt.answer;
+    const long long time = duration([&, &run = attempt.run] { answer = run(user, row); });
+    EXPECT_EQ(answer, attempt.answer);
+    EXPECT_EQ(_diagnostics.errors(), attempt.reports(_insert));
+    EXPECT_THAT(_diagnostics.assertions(), IsEmpty());
+    const long long expected = attempt.waits * std::max(busyTimeout, 0);
+    EXPECT_GE(time, expected);
+    EXPECT_LT(time, expected + generous);
+    other.release();
+    EXPECT_TRUE(other.hasSucceeded());
+    EXPECT_EQ(rows("select * from product"), "");
+}
+
+const Attempt attempts[] = {
+    {"addRecord", 1, false,
+     [](User& user, const Record& row) { return user.table().addRecord(row); },
+     [](const std::string& insert) {
+         return busyReport(insert);
+     }},
+    {"addOrUpdateRecord", 2, false,
+     [](User& user, const Record& row) {
+         return user.table().addOrUpdateRecord(sql::integer(7), row);
+     },
+     [](const std::string& insert) {
+         return busyCount("select count(*) from product where id = 7") + busyReport(insert);
+     }},
+    {"open", 1, false, [](User& user, const Record&) { return user.table().open(); },
+     [](const std::string&) {
+         return busyReport("select * from product");
+     }},
+    {"exists", 1, true, [](User& user, const Record&) { return user.table().exists(); },
+     [](const std::string&) {
+         return busyCount(
+                    "select count(*) from sqlite_master where type = 'table' and name = 'product'")
+                + Texts{"Failed to determine if table 'product' exists"};
+     }},
+    {"totalRecordCount", 1, false,
+     [](User& user, const Record&) { return user.table().totalRecordCount() != -1; },
+     [](const std::string&) {
+         return busyCount("select count(*) from product");
+     }},
+    {"setUserVersion", 1, false,
+     [](User& user, const Record&) { return user.database().setUserVersion(7); },
+     [](const std::string&) {
+         return Texts{"Running the SQL stmt 'PRAGMA user_version=7;' failed",
+                      std::string("  SQLite returned 5=SQLITE_BUSY instead of SQLITE_DONE: ")
+                          + locked};
+     }},
+    {"transactionBegin, which waits for nothing", 0, true,
+     [](User& user, const Record&) { return user.database().transactionBegin(); },
+     [](const std::string&) {
+         return Texts();
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Attempts, AttemptTest,
+                         testing::Combine(testing::ValuesIn(attempts),
+                                          testing::Values(-1, 0, 1, 40, 200)));
+
+TEST_F(LockTest, WaitingStatementRunsWhenTheLockIsReleased)
+{
+    Locker other(_file);
+    User user(_file, patience);
+    other.lock();
+    const Process releasing([&] {
+        ::usleep(50000); // most likely after the statement has begun to wait
+        other.release();
+        return true;
+    });
+    EXPECT_TRUE(user.table().addRecord(product(_fields, "late")));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    EXPECT_TRUE(other.hasSucceeded());
+    EXPECT_EQ(rows("select name from product"), "late");
+}
+
+TEST_F(LockTest, CommitRefusedBecauseOfAReaderCanBeRepeated)
+{
+    User reader(_file, 0);
+    User writer(_file, 40);
+    ASSERT_TRUE(reader.database().transactionBegin() && reader.table().open());
+    ASSERT_TRUE(writer.database().transactionBegin());
+    ASSERT_TRUE(writer.table().addRecord(product(_fields, "late")));
+    EXPECT_GE(duration([&] { EXPECT_FALSE(writer.database().transactionCommit()); }), 40);
+    EXPECT_EQ(_diagnostics.errors(), busyReport("COMMIT TRANSACTION"));
+    EXPECT_TRUE(reader.database().transactionCommit());
+    EXPECT_TRUE(writer.database().transactionCommit());
+    EXPECT_EQ(rows("select name from product"), "late");
+}
+
+// Each would have to wait for the other's end.
+TEST_F(LockTest, SecondOfTwoReadersThatTurnToWritingIsRefusedAtOnce)
+{
+    User first(_file, patience);
+    User second(_file, patience);
+    for (User* user : {&first, &second})
+        ASSERT_TRUE(user->database().transactionBegin() && user->table().open());
+    ASSERT_TRUE(first.table().addRecord(product(_fields, "first")));
+    const Record row = product(_fields, "late");
+    EXPECT_LT(duration([&] { EXPECT_FALSE(second.table().addRecord(row)); }), generous);
+    EXPECT_EQ(_diagnostics.errors(), busyReport(_insert));
+    EXPECT_TRUE(second.database().transactionRollback());
+    EXPECT_TRUE(first.database().transactionCommit());
+    EXPECT_TRUE(second.table().addRecord(row));
+    EXPECT_EQ(rows("select name from product"), "first\nlate");
+}
+
+} // namespace
