@@ -1,4 +1,6 @@
-"""Builds and runs the program of README.md with the project file that stands there beside it.
+"""Builds and runs what the documents show in C++: the program of README.md with the project file
+that stands there beside it, and the fragments, each as a function's body. What an example
+program contains is built with that.
 
 CXX is the compiler; for another machine's programs TOOLCHAIN is the toolchain file and EMULATOR the
 command that runs them, both else empty.
@@ -11,26 +13,65 @@ import subprocess
 import tempfile
 import unittest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-EMULATOR = os.environ["EMULATOR"].split()
-README = (ROOT / "README.md").read_text(encoding="utf-8")
+import documents
 
-# The snippet that sets the trace level, made a program that exits with the level.
-LEVEL_TARGET = """
-add_executable(level level.cpp)
-target_link_libraries(level PRIVATE platform::trace)
+EMULATOR = os.environ["EMULATOR"].split()
+
+# The fragments, made a program that runs each on a table of its own and exits with what they leave
+# as the trace level, after a line for each that failed.
+FRAGMENTS_TARGET = """
+add_executable(fragments fragments.cpp)
+target_link_libraries(fragments PRIVATE sqlwrapper::sqlwrapper platform::trace)
 """
-LEVEL_PROGRAM = """%s
-int main()
+INCLUDES = """
+#include "SqlDatabase.h"
+#include "SqlRecordSet.h"
+#include "SqlTable.h"
+#include "TraceLevel.h"
+#include <cstdio>
+static const sql::Field columns[] = {sql::Field("id", sql::type_int, sql::flag_primary_key),
+                                     sql::Field("name", sql::type_text, sql::flag_none),
+                                     sql::Field()};
+"""
+FUNCTION = """
+static bool fragment%d(sql::Table& table, const sql::string& text, const sql::string& key)
 {
-    %s
-    return trace::level();
+    (void)table, (void)text, (void)key;
+    {
+%s
+    }
+    return true;
 }
 """
+CALL = """
+    {
+        sql::Database database;
+        if (!database.open(":memory:", sql::Database::access_create, false, 0))
+            return 100;
+        sql::Table table(database.getHandle(), "product", columns);
+        if (!table.create() || !fragment%d(table, "it's", "it's secret"))
+            std::printf("%s\\n");
+    }
+"""
 
 
-def blocks(language):
-    return re.findall(rf"^```{language}\n(.*?)^```$", README, re.MULTILINE | re.DOTALL)
+def fragments():
+    """The blocks that neither are a program nor stand in one: their documents and texts."""
+    sources = documents.examples().values()
+    return [(file, block) for file in documents.FILES for block in documents.blocks(file, "cpp")
+            if "int main(" not in block
+            and not any(documents.is_part_of(block, source) for source in sources)]
+
+
+def fragments_program():
+    includes, functions, calls = INCLUDES, "", ""
+    for number, (file, block) in enumerate(fragments()):
+        includes += "".join(re.findall(r"^#include.*\n", block, re.MULTILINE))
+        body = re.sub(r"^#include.*\n", "", block, flags=re.MULTILINE)
+        # A device's folders are not here.
+        functions += FUNCTION % (number, re.sub(r'"/var/lib/.*/([^/]*)"', r'"\1"', body))
+        calls += CALL % (number, f"{file}, fragment {number}")
+    return f"{includes}{functions}\nint main()\n{{{calls}\n    return trace::level();\n}}\n"
 
 
 class ReadmeProgram(unittest.TestCase):
@@ -38,12 +79,11 @@ class ReadmeProgram(unittest.TestCase):
     def setUpClass(cls):
         cls._folder = tempfile.TemporaryDirectory()
         folder = pathlib.Path(cls._folder.name)
-        (folder / "sqlwrapper").symlink_to(ROOT)
-        program, level = blocks("cpp")
-        (folder / "CMakeLists.txt").write_text(blocks("cmake")[0] + LEVEL_TARGET, encoding="utf-8")
-        (folder / "shop.cpp").write_text(program, encoding="utf-8")
-        include, statement = level.split("\n", 1)
-        (folder / "level.cpp").write_text(LEVEL_PROGRAM % (include, statement), encoding="utf-8")
+        (folder / "sqlwrapper").symlink_to(documents.ROOT)
+        project = documents.blocks("README.md", "cmake")[0] + FRAGMENTS_TARGET
+        (folder / "CMakeLists.txt").write_text(project, encoding="utf-8")
+        (folder / "shop.cpp").write_text(documents.blocks("README.md", "cpp")[0], encoding="utf-8")
+        (folder / "fragments.cpp").write_text(fragments_program(), encoding="utf-8")
         cls.build = folder / "build"
         compiler = ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"],
                     "-DCMAKE_TOOLCHAIN_FILE=" + os.environ["TOOLCHAIN"]]
@@ -57,20 +97,23 @@ class ReadmeProgram(unittest.TestCase):
     def tearDownClass(cls):
         cls._folder.cleanup()
 
-    def run_program(self, folder):
-        return subprocess.run([*EMULATOR, self.build / "shop"], cwd=folder, capture_output=True,
+    def run_program(self, folder, name="shop"):
+        return subprocess.run([*EMULATOR, self.build / name], cwd=folder, capture_output=True,
                               text=True, check=False)
+
+    def output(self):
+        return documents.blocks("README.md", "text")[0]
 
     def test_prints_what_the_readme_says(self):
         with tempfile.TemporaryDirectory() as folder:
             done = self.run_program(folder)
-        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, blocks("text")[0], ""))
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, self.output(), ""))
 
     def test_keeps_its_rows_for_the_next_run(self):
         with tempfile.TemporaryDirectory() as folder:
             self.run_program(folder)
             done = self.run_program(folder)
-        self.assertEqual(done.stdout, blocks("text")[0] + "2|Captain's tea|2.5\n")
+        self.assertEqual(done.stdout, self.output() + "2|Captain's tea|2.5\n")
 
     def test_fails_where_no_database_can_be_made(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -78,12 +121,18 @@ class ReadmeProgram(unittest.TestCase):
             done = self.run_program(folder)
         self.assertEqual((done.returncode, done.stdout), (1, ""))
 
-    def test_level_is_set_as_shown(self):
-        done = subprocess.run([*EMULATOR, self.build / "level"], check=False)
-        self.assertEqual(done.returncode, 3)
+    def test_fragments_work_and_the_level_is_set_as_shown(self):
+        with tempfile.TemporaryDirectory() as folder:
+            done = self.run_program(folder, "fragments")
+        self.assertEqual((done.stdout, done.stderr, done.returncode), ("", "", 3))
+
+    def test_every_program_is_that_of_the_readme(self):
+        programs = [block for file in documents.FILES for block in documents.blocks(file, "cpp")
+                    if "int main(" in block]
+        self.assertEqual(programs, documents.blocks("README.md", "cpp")[:1])
 
     def test_is_about_twenty_lines_long(self):
-        self.assertLessEqual(len(blocks("cpp")[0].splitlines()), 25)
+        self.assertLessEqual(len(documents.blocks("README.md", "cpp")[0].splitlines()), 25)
 
 
 if __name__ == "__main__":

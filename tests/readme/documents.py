@@ -1,0 +1,36 @@
+"""The project's documents, and what stands in them."""
+
+import pathlib
+import re
+import textwrap
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+FILES = sorted(path.relative_to(ROOT).as_posix() for path in
+               [*ROOT.glob("*.md"), *ROOT.glob("*/*.md"), *ROOT.glob("*/*/*.md")]
+               if path.relative_to(ROOT).parts[0] != "build")
+
+
+def text(file):
+    return (ROOT / file).read_text(encoding="utf-8")
+
+
+def blocks(file, language=r"\w*"):
+    """The contents of the fenced blocks of a language, by default of all."""
+    found = re.findall(rf"^( *)```{language}\n(.*?)^ *```$", text(file), re.MULTILINE | re.DOTALL)
+    return [textwrap.dedent(content) for _, content in found]
+
+
+def prose(file):
+    """A document without its blocks."""
+    return re.sub(r"^ *```.*?^ *```$", "", text(file), flags=re.MULTILINE | re.DOTALL)
+
+
+def is_part_of(block, source):
+    """Whether the lines stand together in a source, perhaps indented."""
+    return any("\n" + textwrap.indent(block, " " * depth) in "\n" + source for depth in (0, 4, 8))
+
+
+def examples():
+    """The sources of the example programs."""
+    return {path.relative_to(ROOT).as_posix(): path.read_text(encoding="utf-8")
+            for path in sorted(ROOT.glob("examples/**/*.cpp"))}

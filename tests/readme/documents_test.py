@@ -1,0 +1,126 @@
+"""Checks the documents against the tree: links, commands, and what they quote from the examples."""
+
+import os
+import re
+import subprocess
+import unittest
+
+import documents
+
+# Commands that are run as they stand there: they are quick and change nothing.
+RUN = {"tools/mutate --file SqlField.cpp --list"}
+
+# The others, and why no test runs them so.
+NOT_RUN = {
+    "cmake --preset dev && cmake --build --preset dev && ctest --preset dev":
+        "runs this test again",
+    "script/demo": "builds the project anew, which takes longer than all other tests",
+    "script/test": "runs this test again",
+    "cmake --preset release -D SQLWRAPPER_SQLITE=sqlcipher": "leaves the tree configured that way",
+    "cmake --preset dev && cmake --build --preset dev --target cookbook":
+        "the tests of the cookbook run what a build like this made",
+    "c++ -std=c++11 settings.cpp $(pkg-config --cflags --libs sqlwrapper)":
+        "needs an installed library; the tests of the installation make one and build a program so",
+    "cmake --preset dev && cmake --build --preset dev --target SqlTableTest":
+        "changes the folder that the tests are run from",
+    "LOCPATH=build/dev/tests/locale build/dev/tests/SqlTableTest --gtest_filter='*Backup*'":
+        "the program is there only if that folder is the one in use",
+    "tools/mutate": "takes hours",
+    "tools/mutate --resume": "takes hours",
+    "tools/mutate --file SqlField.cpp --lines 60-90": "builds the project many times over",
+    "tools/mutate --sample 100": "builds the project a hundred times",
+}
+
+
+def commands():
+    """The commands of all documents, each without its comment."""
+    lines = [line for file in documents.FILES for block in documents.blocks(file, "sh")
+             for line in block.splitlines()]
+    return [command for command in (re.sub(r"(^|  +)#.*", "", line) for line in lines) if command]
+
+
+def slug(heading):
+    """What a heading is linked by."""
+    return re.sub(r"[^\w\- ]", "", heading.lower()).strip().replace(" ", "-")
+
+
+class CommandTest(unittest.TestCase):
+    def test_commands_that_can_be_run_succeed(self):
+        for command in sorted(RUN):
+            with self.subTest(command):
+                done = subprocess.run(["sh", "-c", command], cwd=documents.ROOT, check=False,
+                                      stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                self.assertEqual((done.returncode, done.stderr), (0, b""))
+
+    def test_every_command_is_run_or_has_a_reason(self):
+        self.assertEqual(set(commands()), RUN | set(NOT_RUN))
+
+    def test_programs_and_presets_exist(self):
+        presets = set(re.findall(r'"name": "([^"]+)"', documents.text("CMakePresets.json")))
+        for command in commands():
+            with self.subTest(command):
+                for program in re.findall(r"(?:^|&& )((?:script|tools)/[\w-]+)", command):
+                    self.assertTrue(os.access(documents.ROOT / program, os.X_OK), program)
+                self.assertEqual(set(re.findall(r"--preset ([\w-]+)", command)) - presets, set())
+
+    def test_settings_exist(self):
+        settings = documents.text("CMakeLists.txt")
+        for file in documents.FILES:
+            for name in re.findall(r"-D ?(SQLWRAPPER_\w+)=", documents.text(file)):
+                self.assertRegex(settings, rf"(option|set)\({name}\b", file)
+
+    def test_blocks_have_a_language_that_is_checked(self):
+        for file in documents.FILES:
+            fences = re.findall(r"^ *```(.*)$", documents.text(file), re.MULTILINE)
+            self.assertLessEqual(set(fences), {"", "cmake", "console", "cpp", "sh", "text"}, file)
+            self.assertEqual(set(fences[1::2]), {""} if fences else set(), file)
+
+
+class LinkTest(unittest.TestCase):
+    def test_local_links_lead_somewhere(self):
+        for file in documents.FILES:
+            for target in re.findall(r"\]\(([^)]+)\)", documents.prose(file)):
+                if not target.startswith(("http://", "https://")):
+                    with self.subTest(file, target=target):
+                        self.assert_leads_somewhere(file, target)
+
+    def assert_leads_somewhere(self, file, target):
+        path, _, anchor = target.partition("#")
+        place = (documents.ROOT / file).parent / path if path else documents.ROOT / file
+        self.assertTrue(place.exists())
+        if anchor:
+            headings = re.findall(r"^#+ (.*)$", place.read_text(encoding="utf-8"), re.MULTILINE)
+            self.assertIn(anchor, [slug(heading) for heading in headings])
+
+
+class CookbookTest(unittest.TestCase):
+    """docs/cookbook.md quotes the programs that its table names."""
+
+    FILE = "docs/cookbook.md"
+
+    def sections(self):
+        """The texts of the sections, by their headings."""
+        parts = re.split(r"^## (.*)\n", documents.text(self.FILE), flags=re.MULTILINE)[1:]
+        return dict(zip(parts[::2], parts[1::2]))
+
+    def rows(self):
+        return re.findall(r"^\| \[(.*)\]\(#.*\) \| \[(.*)\]\(\.\./(.*)\) \|$",
+                          documents.text(self.FILE), re.MULTILINE)
+
+    def test_each_section_quotes_its_program(self):
+        for heading, name, path in self.rows():
+            blocks = re.findall(r"^```cpp\n(.*?)^```$", self.sections()[heading],
+                                re.MULTILINE | re.DOTALL)
+            self.assertGreater(len(blocks), 0, heading)
+            for block in blocks:
+                with self.subTest(heading, block=block):
+                    self.assertTrue(documents.is_part_of(block, documents.text(path)), name)
+
+    def test_table_has_all_sections_and_all_programs(self):
+        self.assertEqual([row[0] for row in self.rows()], list(self.sections()))
+        programs = [path for path in documents.examples() if path.startswith("examples/cookbook/")]
+        self.assertEqual(sorted(row[2] for row in self.rows()), programs)
+
+
+if __name__ == "__main__":
+    unittest.main()
