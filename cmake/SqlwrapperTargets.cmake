@@ -15,7 +15,11 @@ target_compile_options(sqlwrapper_build INTERFACE
     $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_SOURCE_DIR}=.>
     $<$<NOT:$<CONFIG:Debug>>:-ffile-prefix-map=${PROJECT_BINARY_DIR}=.>)
 
-if(SQLWRAPPER_SANITIZE)
+if(SQLWRAPPER_SANITIZE STREQUAL "TRAP")
+    # No library of the sanitizer's to link: undefined behaviour ends the program by a signal.
+    target_compile_options(sqlwrapper_build INTERFACE
+        -fsanitize=undefined -fsanitize-undefined-trap-on-error -fno-omit-frame-pointer)
+elseif(SQLWRAPPER_SANITIZE)
     set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     if(CMAKE_SYSTEM_PROCESSOR STREQUAL "arm")
         # An exception leaves the marks of the stack frames that it passes, which later count as
@@ -28,6 +32,14 @@ if(SQLWRAPPER_SANITIZE)
         # Looking for leaks takes tracing the program, which an emulated one cannot be.
         list(PREPEND CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/env ASAN_OPTIONS=detect_leaks=0)
     endif()
+endif()
+
+if(SQLWRAPPER_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR
+            " The fuzzer is clang's: apt-get install clang libclang-rt-14-dev, and configure with the preset fuzz")
+    endif()
+    target_compile_options(sqlwrapper_build INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 if(SQLWRAPPER_COVERAGE)

@@ -49,17 +49,40 @@ class NeedsTest(ConfigureTestCase):
             "No SQLite with its headers: apt-get install libsqlite3-dev, or add its prefix to "
             "CMAKE_PREFIX_PATH", "-DCMAKE_DISABLE_FIND_PACKAGE_SQLite3=ON")
 
-    def old_sqlite(self, version):
-        (self.build / "sqlite3.h").write_text(f'#define SQLITE_VERSION "{version}"\n', "utf-8")
+    def old_sqlite(self, version, header="sqlite3.h"):
+        (self.build / header).write_text(f'#define SQLITE_VERSION "{version}"\n', "utf-8")
         return [f"-DSQLite3_INCLUDE_DIR={self.build}", "-DSQLite3_LIBRARY=" + os.environ["TRACE"]]
 
-    def test_sqlite_is_older_than_the_functions_used(self):
+    def test_sqlite_is_older_than_the_oldest_tested(self):
         self.assert_refused(
-            f"SQLite 3.4.2 in {self.build} is too old: install 3.5.0 or later, or add its prefix "
-            "to CMAKE_PREFIX_PATH", *self.old_sqlite("3.4.2"))
+            f"SQLite 3.7.7 in {self.build} is too old: install 3.7.7.1 or later, or add its prefix "
+            "to CMAKE_PREFIX_PATH", *self.old_sqlite("3.7.7"))
 
-    def test_sqlite_is_as_old_as_the_functions_used(self):
-        self.assert_configures(NO_TESTS, *self.old_sqlite("3.5.0"))
+    def test_sqlite_is_as_old_as_the_oldest_tested(self):
+        self.assert_configures(NO_TESTS, *self.old_sqlite("3.7.7.1"))
+
+    def test_sqlcipher_is_missing(self):
+        for missing in ("INCLUDE_DIR", "LIBRARY"):
+            with self.subTest(missing):
+                self.assert_refused(
+                    "No SQLCipher with its headers: apt-get install libsqlcipher-dev, or add its "
+                    "prefix to CMAKE_PREFIX_PATH", "-DSQLWRAPPER_SQLITE=sqlcipher",
+                    f"-DSQLWRAPPER_SQLCIPHER_INCLUDE_DIR={self.build}",
+                    "-DSQLWRAPPER_SQLCIPHER_LIBRARY=" + os.environ["TRACE"],
+                    f"-DSQLWRAPPER_SQLCIPHER_{missing}=")
+
+    def test_sqlcipher_is_older_than_the_oldest_tested(self):
+        (self.build / "sqlcipher").mkdir()
+        self.old_sqlite("3.7.7", "sqlcipher/sqlite3.h")
+        self.assert_refused(
+            f"SQLite 3.7.7 in {self.build}/sqlcipher is too old: install 3.7.7.1 or later, or add "
+            "its prefix to CMAKE_PREFIX_PATH", "-DSQLWRAPPER_SQLITE=sqlcipher",
+            f"-DSQLWRAPPER_SQLCIPHER_INCLUDE_DIR={self.build}",
+            "-DSQLWRAPPER_SQLCIPHER_LIBRARY=" + os.environ["TRACE"])
+
+    def test_sqlite_of_another_name(self):
+        self.assert_refused("SQLWRAPPER_SQLITE is 'sqlite4': set it to sqlite3 or sqlcipher",
+                            "-DSQLWRAPPER_SQLITE=sqlite4")
 
     def test_googletest_is_missing(self):
         self.assert_refused("No GoogleTest with gmock: apt-get install libgtest-dev libgmock-dev",

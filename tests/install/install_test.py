@@ -1,6 +1,6 @@
 """Builds the library in two folders, installs it, moves the installation and uses it from there.
 
-CXX is the compiler, PKG_CONFIG, NM and READELF are tools beside it. For another machine's programs
+CXX is the compiler, PKG_CONFIG, NM and READELF are tools beside it, SQLITE is the SQLite to link. For another machine's programs
 TOOLCHAIN is the toolchain file, EMULATOR the command that runs them and LIBRARIES the folder of the
 machine's libraries.
 """
@@ -18,8 +18,11 @@ CONSUMER = pathlib.Path(__file__).resolve().parent / "consumer"
 CXX = os.environ["CXX"]
 EMULATOR = os.environ["EMULATOR"].split()
 LIBRARIES = os.environ.get("LIBRARIES")
+SQLITE = os.environ["SQLITE"]
 COMPILER = (["-DCMAKE_TOOLCHAIN_FILE=" + os.environ["TOOLCHAIN"]] if os.environ["TOOLCHAIN"]
             else ["-DCMAKE_CXX_COMPILER=" + CXX])
+if os.environ.get("CMAKE_PREFIX_PATH"):  # SQLite from elsewhere, which debug information then names
+    COMPILER.append(f"-DCMAKE_CXX_FLAGS=-ffile-prefix-map={os.environ['CMAKE_PREFIX_PATH']}=")
 # Users do not know how wide the library's time_t is.
 USERS_COMPILER = [option.replace("-time64", "") for option in COMPILER]
 
@@ -73,7 +76,7 @@ class InstallTestCase:
         prefix = cls.folder / ("installed-from-" + folder.name)
         run("cmake", "-S", source, "-B", folder / "build", "-G", "Ninja", *COMPILER,
             "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DBUILD_SHARED_LIBS={cls.shared}",
-            "-DSQLWRAPPER_BUILD_TESTS=OFF", "-DSQLWRAPPER_BUILD_EXAMPLES=OFF")
+            f"-DSQLWRAPPER_SQLITE={SQLITE}", "-DSQLWRAPPER_BUILD_TESTS=OFF", "-DSQLWRAPPER_BUILD_EXAMPLES=OFF")
         run("cmake", "--build", folder / "build")
         run("cmake", "--install", folder / "build", "--prefix", prefix)
         return prefix
@@ -150,9 +153,9 @@ class SharedLibraryTest(InstallTestCase, unittest.TestCase):
         needed = {line.split("[")[1].rstrip("]") for line in self.dynamic("libsqlwrapper.so")
                   if line.startswith("(NEEDED)")}
         # The loader stands for the one function of it that 32-bit ARM programs call.
-        self.assertLessEqual(needed, {"libsqlite3.so.0", "libtrace.so", "libframework.so",
+        self.assertLessEqual(needed, {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so",
                                       "libstdc++.so.6", "libgcc_s.so.1", "libc.so.6", "libm.so.6"})
-        self.assertGreaterEqual(needed, {"libsqlite3.so.0", "libtrace.so", "libframework.so"})
+        self.assertGreaterEqual(needed, {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so"})
 
     def test_names_no_folder_to_look_for_libraries_in(self):
         for file in SHARED[:1] + PLATFORM:

@@ -7,6 +7,7 @@
 #include "Environment.h"
 #include "Rows.h"
 #include "Sqlite.h"
+#include "Wording.h"
 
 #include <gmock/gmock.h>
 
@@ -60,7 +61,8 @@ protected:
     // The ERROR lines that a job leaves where they are let through.
     void expectErrors(const Texts& errors)
     {
-        _expectedErrors = errors;
+        for (const std::string& error : errors)
+            _expectedErrors.push_back(test::worded(error));
     }
 
     // What the file holds, read past the library.

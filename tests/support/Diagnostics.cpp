@@ -1,4 +1,5 @@
 #include "Diagnostics.h"
+#include "Wording.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -251,7 +252,7 @@ std::vector<std::string> visibleAt(int level, const std::vector<std::string>& ev
         for (const auto& [tag, limit] : limits)
             open = open && (event.compare(0, tag.size(), tag) != 0 || level > limit);
         if (open)
-            visible.push_back(event);
+            visible.push_back(worded(event));
     }
     return visible;
 }

@@ -78,7 +78,8 @@ private:
     std::function<void(const Assertion&)> _assertionReaction;
 };
 
-// Those of `events` that are reported at a trace level: assertions always are.
+// Those of `events` that are reported at a trace level, worded() for the SQLite at hand: assertions
+// always are.
 std::vector<std::string> visibleAt(int level, const std::vector<std::string>& events);
 
 } // namespace test

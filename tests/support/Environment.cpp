@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <locale>
 
 namespace test {
 
@@ -33,6 +32,16 @@ struct CommaPunctuation : std::numpunct<char> {
         return "\3";
     }
 };
+
+// For C++ the punctuation alone: a std::locale by name leaks what the C library keeps of LOCPATH.
+void setLocale(const char* name)
+{
+    if (std::setlocale(LC_ALL, name) == nullptr)
+        refuse(name);
+    if (*std::localeconv()->decimal_point == ',')
+        std::locale::global(std::locale(std::locale::classic(), new CommaPunctuation));
+    std::setlocale(LC_ALL, name); // in case the line above has changed it
+}
 
 } // namespace
 
@@ -78,18 +87,24 @@ TimeZone::~TimeZone()
     ::tzset();
 }
 
-CommaLocale::CommaLocale()
+CommaLocale::CommaLocale() : _formerInC(std::setlocale(LC_ALL, nullptr))
 {
-    if (std::setlocale(LC_ALL, "de_DE.UTF-8") == nullptr)
-        refuse("setlocale de_DE.UTF-8");
-    std::locale::global(std::locale(std::locale::classic(), new CommaPunctuation));
-    std::setlocale(LC_ALL, "de_DE.UTF-8"); // in case the line above has changed it
+    setLocale("de_DE.UTF-8");
 }
 
 CommaLocale::~CommaLocale()
 {
-    std::locale::global(std::locale::classic());
-    std::setlocale(LC_ALL, "C");
+    std::locale::global(_former);
+    std::setlocale(LC_ALL, _formerInC.c_str()); // where the line above has set another one
+}
+
+void setLocaleOfRun()
+{
+    const char* const name = std::getenv("SQLWRAPPER_TEST_LOCALE");
+    if (name == nullptr)
+        return;
+    setLocale(name);
+    std::setlocale(LC_TIME, "C");
 }
 
 bool longRun()

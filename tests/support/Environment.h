@@ -1,6 +1,7 @@
 #ifndef SQLWRAPPER_TESTS_SUPPORT_ENVIRONMENT_H
 #define SQLWRAPPER_TESTS_SUPPORT_ENVIRONMENT_H
 
+#include <locale>
 #include <string>
 
 namespace test {
@@ -42,7 +43,15 @@ public:
     ~CommaLocale();
     CommaLocale(const CommaLocale&) = delete;
     CommaLocale& operator=(const CommaLocale&) = delete;
+
+private:
+    std::string _formerInC;
+    std::locale _former;
 };
+
+// Sets the locale that SQLWRAPPER_TEST_LOCALE names, if any, as C locale and as C++ global locale for
+// all tests of the program. Times keep their plain names: the language of weekdays has its own test.
+void setLocaleOfRun();
 
 // Whether tests that try many cases shall try all of them, which may take hours: SQLWRAPPER_TEST_LONG is
 // set. Otherwise they take a part that is the same in every run.

@@ -1,8 +1,8 @@
 #include "Sqlite.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include <dlfcn.h>
 
@@ -18,8 +18,11 @@ template <typename Function> Function* original(const char* name)
 // SQLite's own calls of its public functions come here as well.
 bool isSqlite(void* caller)
 {
+    static const void* const own = ::dlsym(RTLD_NEXT, "sqlite3_libversion");
+    Dl_info sqlite;
     Dl_info place;
-    return ::dladdr(caller, &place) != 0 && std::strstr(place.dli_fname, "libsqlite3") != nullptr;
+    return ::dladdr(own, &sqlite) != 0 && ::dladdr(caller, &place) != 0
+           && place.dli_fbase == sqlite.dli_fbase;
 }
 
 void note(int test::SqliteCalls::*counter, const char* name, void* caller)
@@ -28,6 +31,18 @@ void note(int test::SqliteCalls::*counter, const char* name, void* caller)
         return;
     ++(watched->*counter);
     watched->order.push_back(name);
+}
+
+// Forwards the calls of an option whose arguments are a number and where to put its value.
+int configure(sqlite3* db, int option, int value, int* result)
+{
+    if (watched != nullptr) {
+        ++watched->configures;
+        if (watched->configure)
+            return watched->configure(db, option, value);
+    }
+    static auto* const real = original<decltype(sqlite3_db_config)>("sqlite3_db_config");
+    return real(db, option, value, result);
 }
 
 } // namespace
@@ -51,6 +66,17 @@ int sqlite3_close(sqlite3* db)
         return watched->close(db);
     static auto* const real = original<decltype(sqlite3_close)>("sqlite3_close");
     return real(db);
+}
+
+// Those options alone: nobody here sets one with other arguments.
+int sqlite3_db_config(sqlite3* db, int option, ...)
+{
+    va_list arguments;
+    va_start(arguments, option);
+    const int value = va_arg(arguments, int);
+    int* const result = va_arg(arguments, int*);
+    va_end(arguments);
+    return configure(db, option, value, result);
 }
 
 int sqlite3_busy_timeout(sqlite3* db, int milliseconds)
@@ -109,6 +135,11 @@ void sqlite3_free(void* text)
 
 namespace test {
 
+int closeConnection(sqlite3* db)
+{
+    return original<decltype(sqlite3_close)>("sqlite3_close")(db);
+}
+
 namespace {
 
 [[noreturn]] void refuse(sqlite3* db, const std::string& sql)
@@ -117,10 +148,28 @@ namespace {
     std::abort();
 }
 
-int takeStatement(unsigned, void* context, void*, void* text)
+void take(void* texts, const void* text)
 {
-    static_cast<std::vector<std::string>*>(context)->push_back(static_cast<const char*>(text));
-    return 0;
+    static_cast<std::vector<std::string>*>(texts)->push_back(static_cast<const char*>(text));
+}
+
+// Starts to put the statements' texts into `texts`, or ends it when that is null.
+void trace(sqlite3* db, std::vector<std::string>* texts)
+{
+#if SQLITE_VERSION_NUMBER >= 3014000
+    sqlite3_trace_v2(
+        db, texts != nullptr ? SQLITE_TRACE_STMT : 0,
+        [](unsigned, void* context, void*, void* text) {
+            take(context, text);
+            return 0;
+        },
+        texts);
+#else
+    void (*const takeText)(void*, const char*) = [](void* context, const char* text) {
+        take(context, text);
+    };
+    sqlite3_trace(db, texts != nullptr ? takeText : nullptr, texts);
+#endif
 }
 
 } // namespace
@@ -174,12 +223,12 @@ std::string Connection::rows(const std::string& sql)
 
 Statements::Statements(sqlite3* db) : _db(db)
 {
-    sqlite3_trace_v2(_db, SQLITE_TRACE_STMT, takeStatement, &_texts);
+    trace(_db, &_texts);
 }
 
 Statements::~Statements()
 {
-    sqlite3_trace_v2(_db, 0, nullptr, nullptr);
+    trace(_db, nullptr);
 }
 
 const std::vector<std::string>& Statements::texts() const

@@ -46,6 +46,9 @@ private:
     std::vector<std::string> _texts;
 };
 
+// Closes a connection past SqliteCalls, for functions that replace sqlite3_close().
+int closeConnection(sqlite3* db);
+
 // The calls into SQLite that tests watch or replace. A function that is set is called instead of
 // SQLite's own; the counters count calls that do not come from within SQLite, whoever answers them.
 // One at a time.
@@ -59,12 +62,14 @@ public:
     typedef int (*RowCallback)(void*, int, char**, char**);
 
     std::function<int(const char*, sqlite3**, int, const char*)> open;
+    std::function<int(sqlite3*, int option, int value)> configure; // options that are on or off
     std::function<int(sqlite3*, int)> busyTimeout;
     std::function<int(sqlite3*)> close;
     std::function<int(sqlite3*, const char*, RowCallback, void*, char**)> exec;
 
     int opens = 0;
     int closes = 0;
+    int configures = 0; // not in `order`: newer SQLites alone know options to set
     int busyTimeouts = 0;
     int execs = 0;
     int prepares = 0;

@@ -4,6 +4,7 @@
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "Sqlite.h"
+#include "Wording.h"
 
 #include <gmock/gmock.h>
 
@@ -763,7 +764,7 @@ protected:
     StatementTest()
     {
         _db.run("create table product (id integer primary key, name text)");
-        _db.run("insert into product values (1, 'tea'), (2, 'milk')");
+        _db.run("insert into product select 1, 'tea' union all select 2, 'milk'");
     }
 
     test::Connection _db;
@@ -1022,7 +1023,8 @@ TEST_F(ExtendedResultCodeTest, OfAQueryThatFailsIsUnknown)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'insert into product values (1, 'tea')' failed",
-            "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 1555=unknown instead of SQLITE_ROW: UNIQUE constraint failed: product.id"));
+            test::worded(
+                "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 1555=unknown instead of SQLITE_ROW: UNIQUE constraint failed: product.id")));
 }
 
 TEST_F(ExtendedResultCodeTest, OfAQueryThatCannotBePreparedIsUnknown)
@@ -1032,7 +1034,8 @@ TEST_F(ExtendedResultCodeTest, OfAQueryThatCannotBePreparedIsUnknown)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'select 'a' < 'b' collate nowhere': ",
-            "[ERROR] SqlCommon.cpp (queryNumber) -   rc=257=unknown: no such collation sequence: nowhere"));
+            test::worded(
+                "[ERROR] SqlCommon.cpp (queryNumber) -   rc=257=unknown: no such collation sequence: nowhere")));
 }
 
 TEST_F(ExtendedResultCodeTest, OfAStatementThatFailsIsUnknown)
@@ -1042,7 +1045,8 @@ TEST_F(ExtendedResultCodeTest, OfAStatementThatFailsIsUnknown)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Running the SQL stmt 'insert into product values (1, 'tea')' failed",
-            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 1555=unknown instead of SQLITE_DONE: UNIQUE constraint failed: product.id"));
+            test::worded(
+                "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 1555=unknown instead of SQLITE_DONE: UNIQUE constraint failed: product.id")));
 }
 
 TEST_F(ExtendedResultCodeTest, OfAStatementThatCannotBePreparedIsUnknown)
@@ -1052,7 +1056,8 @@ TEST_F(ExtendedResultCodeTest, OfAStatementThatCannotBePreparedIsUnknown)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Failed to prepare the SQL statement 'select 'a' < 'b' collate nowhere': ",
-            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -  rc=257=unknown: no such collation sequence: nowhere"));
+            test::worded(
+                "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -  rc=257=unknown: no such collation sequence: nowhere")));
 }
 
 // The way through SQLite, with the log lines as they come in between.

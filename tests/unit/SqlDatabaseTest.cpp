@@ -1,11 +1,14 @@
 #include "SqlDatabase.h"
 
 #include "SqlRecordSet.h"
+#include "SqlTable.h"
 
+#include "Columns.h"
 #include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "Sqlite.h"
+#include "Wording.h"
 
 #include <gmock/gmock.h>
 
@@ -23,6 +26,7 @@ namespace {
 using sql::Database;
 using testing::Combine;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::Values;
 using testing::ValuesIn;
@@ -283,7 +287,8 @@ TEST_F(DatabaseTest, FileThatIsNoDatabaseOpensAndItsFirstStatementFails)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'PRAGMA user_version;' failed",
-            "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 26=SQLITE_NOTADB instead of SQLITE_ROW: file is not a database"));
+            test::worded(
+                "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 26=SQLITE_NOTADB instead of SQLITE_ROW: file is not a database")));
 }
 
 TEST_F(DatabaseTest, FailedOpenKeepsItsHandleUntilTheNextClose)
@@ -298,7 +303,7 @@ TEST_F(DatabaseTest, FailedOpenKeepsItsHandleUntilTheNextClose)
     sqlite3* closed = nullptr;
     calls.close = [&closed](sqlite3* db) {
         closed = db;
-        return sqlite3_close_v2(db);
+        return test::closeConnection(db);
     };
     _diagnostics.clear();
     _database.close();
@@ -385,6 +390,155 @@ TEST_F(DatabaseTest, ClosingWithoutHandleInSpiteOfSuccessIsClosedAndSilent)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+// --- string keys ---
+
+#ifdef SQLITE_DBCONFIG_DQS_DML
+
+// Opens a file as an SQLite does that was built to read double-quoted words as names alone.
+int openWithoutDoubleQuotedTexts(const char* file, sqlite3** db, int, const char*)
+{
+    const int rc = sqlite3_open(file, db);
+    int* const none = nullptr;
+    sqlite3_db_config(*db, SQLITE_DBCONFIG_DQS_DML, 0, none);
+    return rc;
+}
+
+struct KeyUse {
+    const char* name;
+    bool (*use)(sql::Table&);
+    std::vector<std::string> failure; // where a double-quoted word is no text
+};
+
+void PrintTo(const KeyUse& use, std::ostream* out)
+{
+    *out << use.name;
+}
+
+class StringKeyTest : public DatabaseTest, public WithParamInterface<KeyUse> {
+protected:
+    StringKeyTest()
+    {
+        test::Connection connection(_file);
+        connection.run("create table code (code text primary key, name text)");
+        connection.run("insert into code values ('tea', 'Tea')");
+    }
+
+    bool use(sqlite3* db)
+    {
+        sql::Table table(db, "code", test::text_key_columns);
+        return GetParam().use(table);
+    }
+};
+
+TEST_P(StringKeyTest, IsATextThoughSqliteWasBuiltToReadNamesAlone)
+{
+    test::SqliteCalls calls;
+    calls.open = openWithoutDoubleQuotedTexts;
+    EXPECT_TRUE(open());
+    EXPECT_TRUE(use(_database.getHandle()));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(StringKeyTest, IsATextThoughTheBusyTimeoutCannotBeSet)
+{
+    test::SqliteCalls calls;
+    calls.open = openWithoutDoubleQuotedTexts;
+    calls.busyTimeout = [](sqlite3*, int) {
+        return SQLITE_MISUSE;
+    };
+    EXPECT_FALSE(open());
+    _diagnostics.clear();
+    EXPECT_TRUE(use(_database.getHandle()));
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+TEST_P(StringKeyTest, IsANameOnAHandleFromElsewhereAndFails)
+{
+    sqlite3* db = nullptr;
+    openWithoutDoubleQuotedTexts(_file.c_str(), &db, 0, nullptr);
+    EXPECT_FALSE(use(db));
+    EXPECT_THAT(_diagnostics.events(), ElementsAreArray(GetParam().failure));
+    sqlite3_close(db);
+}
+
+const std::vector<KeyUse> key_uses = {
+    {"Load",
+     [](sql::Table& table) { return table.getRecordByKeyId("tea") != nullptr; },
+     {"[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'select * from code where code = \"tea\"'",
+      "[ERROR] SqlRecordSet.cpp (query) -   rc=1=SQLITE_ERROR: no such column: tea"}},
+    {"ExistenceTest",
+     [](sql::Table& table) { return table.hasRecordWithKeyId("tea"); },
+     {"[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'select count(*) from code where code = \"tea\"': ",
+      "[ERROR] SqlCommon.cpp (queryNumber) -   rc=1=SQLITE_ERROR: no such column: tea"}},
+    {"Delete",
+     [](sql::Table& table) { return table.deleteRecord("tea") && table.totalRecordCount() == 0; },
+     {"[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'delete from code where code = \"tea\"'",
+      "[ERROR] SqlRecordSet.cpp (query) -   rc=1=SQLITE_ERROR: no such column: tea"}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Uses, StringKeyTest, ValuesIn(key_uses), nameOf<KeyUse>);
+
+TEST_F(DatabaseTest, DoubleQuotedTextsAreTurnedOnForRowsBetweenOpeningAndTheBusyTimeout)
+{
+    test::SqliteCalls calls;
+    calls.configure = [&calls](sqlite3*, int option, int value) {
+        calls.order.push_back(std::to_string(option) + "=" + std::to_string(value));
+        return SQLITE_OK;
+    };
+    EXPECT_TRUE(open());
+    EXPECT_THAT(calls.order, ElementsAre("open", std::to_string(SQLITE_DBCONFIG_DQS_DML) + "=1",
+                                         "busy_timeout"));
+}
+
+TEST_F(DatabaseTest, DoubleQuotedTextsInDefinitionsStayAsSqliteWasBuilt)
+{
+    test::SqliteCalls calls;
+    calls.open = [](const char* file, sqlite3** db, int, const char*) {
+        const int rc = sqlite3_open(file, db);
+        int* const none = nullptr;
+        sqlite3_db_config(*db, SQLITE_DBCONFIG_DQS_DDL, 0, none);
+        return rc;
+    };
+    open();
+    int on = -1;
+    sqlite3_db_config(_database.getHandle(), SQLITE_DBCONFIG_DQS_DDL, -1, &on);
+    EXPECT_EQ(on, 0);
+}
+
+// As an SQLite answers that is older than the header the library was built with.
+TEST_F(DatabaseTest, SqliteThatKnowsNoSwitchForDoubleQuotedTextsOpensSilently)
+{
+    _diagnostics.setLevel(6);
+    test::SqliteCalls calls;
+    calls.configure = [](sqlite3*, int, int) {
+        return SQLITE_ERROR;
+    };
+    EXPECT_TRUE(open());
+    EXPECT_EQ(calls.configures, 1);
+    EXPECT_EQ(_database.getUserVersion(), 7);
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
+#endif // every double-quoted word that is no name is a text to an SQLite without that switch
+
+TEST_F(DatabaseTest, DoubleQuotedTextsAreLeftAloneWhenTheOpenFails)
+{
+    const test::SqliteCalls calls;
+    EXPECT_FALSE(openMissing());
+    EXPECT_EQ(calls.configures, 0);
+}
+
+TEST_F(DatabaseTest, DoubleQuotedTextsAreLeftAloneWithoutAHandle)
+{
+    test::SqliteCalls calls;
+    calls.open = [](const char*, sqlite3** db, int, const char*) {
+        *db = nullptr;
+        return SQLITE_OK;
+    };
+    EXPECT_FALSE(open());
+    EXPECT_EQ(calls.configures, 0);
+}
+
 // --- busy timeout ---
 
 class BusyTimeoutTest : public DatabaseTest, public WithParamInterface<int> {};
@@ -406,11 +560,15 @@ TEST_P(BusyTimeoutTest, IsPassedToSqliteForTheConnection)
 
 INSTANTIATE_TEST_SUITE_P(Milliseconds, BusyTimeoutTest, Values(0, 1, 2500, -1));
 
+#if SQLITE_VERSION_NUMBER >= 3015002 // 3.7.7.1 has no such pragma
+
 TEST_F(DatabaseTest, BusyTimeoutHoldsForTheConnection)
 {
     _database.open(_file, Database::access_read_only, false, 2500);
     EXPECT_EQ(sql::queryNumber(_database.getHandle(), "pragma busy_timeout"), 2500);
 }
+
+#endif
 
 TEST_F(DatabaseTest, BusyTimeoutThatFailsLeavesTheDatabaseOpen)
 {
@@ -488,7 +646,7 @@ TEST_F(DatabaseTest, UnknownModeIsReportedAfterClosingAndBeforeOpening)
     std::vector<std::size_t> reported;
     calls.close = [&](sqlite3* db) {
         reported.push_back(_diagnostics.events().size());
-        return sqlite3_close_v2(db);
+        return test::closeConnection(db);
     };
     calls.open = [&](const char*, sqlite3** db, int, const char*) {
         reported.push_back(_diagnostics.events().size());
@@ -532,7 +690,7 @@ TEST_F(DatabaseTest, DestructorCloses)
     test::SqliteCalls calls;
     calls.close = [&closed](sqlite3* connection) {
         closed = connection;
-        return sqlite3_close_v2(connection);
+        return test::closeConnection(connection);
     };
     database.reset();
     EXPECT_EQ(closed, db);
@@ -596,7 +754,7 @@ TEST_F(DatabaseTest, CloseRefusedToTheDestructorIsReported)
     database->open(_file, Database::access_read_only, false, 0);
     test::SqliteCalls calls;
     calls.close = [](sqlite3* db) {
-        sqlite3_close_v2(db);
+        test::closeConnection(db);
         return SQLITE_BUSY;
     };
     database.reset();
@@ -623,7 +781,9 @@ TEST_P(UserVersionTest, IsStoredByItsPragma)
     open();
     const test::Statements statements(_database.getHandle());
     EXPECT_TRUE(_database.setUserVersion(GetParam().version));
+#if SQLITE_VERSION_NUMBER >= 3015002 // 3.7.7.1 does not trace this pragma
     EXPECT_THAT(statements.texts(), ElementsAre(GetParam().statement));
+#endif
     EXPECT_EQ(test::Connection(_file).rows("pragma user_version"),
               std::to_string(GetParam().version));
     EXPECT_THAT(_diagnostics.events(), IsEmpty());

@@ -6,6 +6,7 @@
 #include "Environment.h"
 #include "Rows.h"
 #include "Sqlite.h"
+#include "Wording.h"
 
 #include <gmock/gmock.h>
 
@@ -85,6 +86,17 @@ protected:
         EXPECT_EQ(set.getTopRecord(), nullptr);
         EXPECT_EQ(set.getTopRecordFirstValue(), nullptr);
         EXPECT_EQ(set.toString(), "");
+    }
+
+    // A table n of the numbers below `count`.
+    void fillNumbers(int count)
+    {
+        _db.run("create table n (i integer primary key); insert into n values (0)");
+        for (int size = 1; size < count; size *= 2) {
+            const std::string next = "i + " + std::to_string(size);
+            _db.run("insert into n select " + next + " from n where " + next + " < "
+                    + std::to_string(count));
+        }
     }
 
     const test::TimeZone _zone;
@@ -402,7 +414,8 @@ TEST_F(RecordSetTest, CloseOfAnEmptySetDoesNothing)
 TEST_F(RecordSetTest, QueryHoldsTheRowsInTheOrderOfTheirDelivery)
 {
     RecordSet set(_db, _products);
-    EXPECT_TRUE(set.query("values (3, 'c', 0.5), (1, 'a', 1.5), (2, 'b', 2.5)"));
+    EXPECT_TRUE(
+        set.query("select 3, 'c', 0.5 union all select 1, 'a', 1.5 union all select 2, 'b', 2.5"));
     EXPECT_TRUE(set.isResultOk());
     EXPECT_EQ(set.count(), 3);
     EXPECT_EQ(set.toString(), "1. 3|c|0.5\r\n2. 1|a|1.5\r\n3. 2|b|2.5\r\n");
@@ -862,7 +875,8 @@ TEST_F(RecordSetTest, ExtendedResultCodeIsUnknown)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'insert into t values (7)'",
-            "[ERROR] SqlRecordSet.cpp (query) -   rc=1555=unknown: UNIQUE constraint failed: t.id"));
+            test::worded(
+                "[ERROR] SqlRecordSet.cpp (query) -   rc=1555=unknown: UNIQUE constraint failed: t.id")));
 }
 
 TEST_F(RecordSetTest, RowsBeforeTheFailureAreKept)
@@ -1113,15 +1127,15 @@ TEST_F(RecordSetTest, TextOfOneRowEndsInALineBreak)
 TEST_F(RecordSetTest, TextNumbersRowsFromOne)
 {
     RecordSet set(_db, test::text_key_columns);
-    set.query("values (7, 'tea'), (8, null)");
+    set.query("select 7, 'tea' union all select 8, null");
     EXPECT_EQ(set.toString(), "1. 7|tea\r\n2. 8|null\r\n");
 }
 
 TEST_F(RecordSetTest, RowNumbersDoNotDependOnTheLocale)
 {
     RecordSet set(_db);
-    set.query("with recursive n (i) as (select 1 union all select i + 1 from n limit 1001) "
-              "select i from n");
+    fillNumbers(1001);
+    set.query("select i from n");
     std::string expected;
     for (int i = 1; i <= 1001; ++i)
         expected += std::to_string(i) + ". \r\n";
@@ -1132,9 +1146,8 @@ TEST_F(RecordSetTest, RowNumbersDoNotDependOnTheLocale)
 TEST_F(RecordSetTest, ManyRowsAreHeld)
 {
     RecordSet set(_db, test::text_key_columns);
-    EXPECT_TRUE(
-        set.query("with recursive n (i) as (select 0 union all select i + 1 from n limit 5000) "
-                  "select i, 'row ' || i from n"));
+    fillNumbers(5000);
+    EXPECT_TRUE(set.query("select i, 'row ' || i from n"));
     ASSERT_EQ(set.count(), 5000);
     for (int i = 0; i < 5000; ++i)
         ASSERT_EQ(set.getRecord(i)->toString(), std::to_string(i) + "|row " + std::to_string(i));

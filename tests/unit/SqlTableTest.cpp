@@ -6,6 +6,7 @@
 #include "Environment.h"
 #include "Rows.h"
 #include "Sqlite.h"
+#include "Wording.h"
 
 #include <gmock/gmock.h>
 
@@ -201,7 +202,8 @@ bool updateOfATextKeyFails(Table& table)
 void fillProducts(test::Connection& db)
 {
     db.run("CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL);"
-           "insert into product values (1, 'tea', 2.5), (2, 'coffee', 4.5), (3, 'milk', 1.25)");
+           "insert into product select 1, 'tea', 2.5 union all select 2, 'coffee', 4.5"
+           " union all select 3, 'milk', 1.25");
 }
 
 const char three_products[] = "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25";
@@ -1287,7 +1289,8 @@ TEST_F(TableTest, TableOfAnUnreadableFileExistsAndIsNotCreatedDeliberately)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'select count(*) from sqlite_master where type = 'table' and name = 'product'': ",
-            "[ERROR] SqlCommon.cpp (queryNumber) -   rc=26=SQLITE_NOTADB: file is not a database",
+            test::worded(
+                "[ERROR] SqlCommon.cpp (queryNumber) -   rc=26=SQLITE_NOTADB: file is not a database"),
             "[ERROR] SqlTable.cpp (exists) - Failed to determine if table 'product' exists"));
     EXPECT_EQ(test::readFile(directory.file("notes.txt")), std::string(4096, 'x'));
 }
@@ -1466,9 +1469,10 @@ TEST_F(TableTest, LoadThatFailsOnTheWayKeepsTheRowsDelivered)
 
 TEST_F(TableTest, KeyLookupThatFailsOnTheWayIsNullAndKeepsTheRowsDelivered)
 {
-    _db.run("create table log (id INTEGER, name TEXT, price REAL);"
-            "insert into log values (7, 'first', 1), (7, 'second', -9223372036854775808);"
-            "create view checked as select id, name, abs(cast(price as integer)) from log");
+    _db.run(
+        "create table log (id INTEGER, name TEXT, price REAL);"
+        "insert into log select 7, 'first', 1 union all select 7, 'second', -9223372036854775808;"
+        "create view checked as select id, name, abs(cast(price as integer)) from log");
     Table table(_db, "checked", test::product_columns);
     EXPECT_EQ(table.getRecordByKeyId(7), nullptr);
     EXPECT_THAT(held(table), ElementsAre("7|first|1"));
@@ -1531,7 +1535,7 @@ TEST_F(TableTest, StringKeyMayContainSingleQuotesAndUtf8)
 TEST_F(TableTest, StringKeyKeepsItsBlanks)
 {
     _db.run("create table label (code TEXT PRIMARY KEY, name TEXT);"
-            "insert into label values (' 7 ', 'found'), ('7', 'other')");
+            "insert into label select ' 7 ', 'found' union all select '7', 'other'");
     Table table(_db, "label", test::text_key_columns);
     const test::Statements statements(_db);
     ASSERT_NE(table.getRecordByKeyId(" 7 "), nullptr);
@@ -1570,7 +1574,7 @@ TEST_F(TableTest, FirstOfTwoKeyColumnsIsTheKey)
 TEST_F(TableTest, SeveralRowsOfOneKeyAreARecordWithThatKey)
 {
     _db.run("create table log (id INTEGER, name TEXT, price REAL);"
-            "insert into log values (7, 'first', 1), (7, 'second', 2)");
+            "insert into log select 7, 'first', 1 union all select 7, 'second', 2");
     Table table(_db, "log", test::product_columns);
     EXPECT_TRUE(table.hasRecordWithKeyId(7));
     EXPECT_TRUE(table.hasRecordWithKeyId("7"));
@@ -1667,6 +1671,8 @@ TEST_F(TableTest, RecordWithUnnumberedColumnsCannotBeAdded)
             "[ERROR] SqlTable.cpp (addRecord) - Failed to build SQL INSERT statement for table 'product'"));
 }
 
+#if SQLITE_VERSION_NUMBER >= 3035000 // writes return no rows before
+
 TEST_F(TableTest, WriteReadsRowsThatSqliteReturnsWithTheTablesColumnsAndDropsThem)
 {
     Table table(_db, "product", test::product_columns);
@@ -1677,6 +1683,8 @@ TEST_F(TableTest, WriteReadsRowsThatSqliteReturnsWithTheTablesColumnsAndDropsThe
                                              {rowRead(coffee.dump)}}));
     EXPECT_THAT(held(table), ElementsAre("1|tea|2.5"));
 }
+
+#endif
 
 TEST_F(TableTest, KeyArgumentOnlyChoosesTheUpdateDeliberately)
 {
@@ -2013,7 +2021,8 @@ TEST_F(TableCopyTest, CopyOfAnExistingKeyFailsAndKeepsTheRowsBeforeIt)
         _diagnostics.events(),
         ElementsAre(
             "[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'insert into copy (id, name, price) values (2, 'coffee', 4.5)'",
-            "[ERROR] SqlRecordSet.cpp (query) -   rc=19=SQLITE_CONSTRAINT: UNIQUE constraint failed: copy.id"));
+            test::worded(
+                "[ERROR] SqlRecordSet.cpp (query) -   rc=19=SQLITE_CONSTRAINT: UNIQUE constraint failed: copy.id")));
 }
 
 TEST_F(TableCopyTest, CopyToATableWithoutConnectionFails)

@@ -23,8 +23,11 @@ struct sqlite3;
 // The library starts no threads, takes no locks and keeps no state of its own. A connection and all
 // that is built on it belong to one thread at a time.
 //
-// Running out of memory in the caller's own thread of control shows as std::bad_alloc from the
-// standard library's containers, where exceptions are enabled; it never passes through SQLite.
+// When SQLite runs out of memory the operation fails, with SQLITE_NOMEM in its lines. When the
+// caller's own memory runs out, the operation passes on std::bad_alloc, where exceptions are enabled,
+// without a line, and the statement that it was building has not run; the exception never passes
+// through SQLite. In both cases the objects and the connection can still be used, but SQLite may have
+// rolled back a transaction: begin it anew.
 namespace sql {
 
 typedef std::string string;

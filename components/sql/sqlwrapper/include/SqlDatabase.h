@@ -31,8 +31,12 @@ public:
     ~Database();
 
     // Opens a database file, after it has closed the connection held before, even if it fails then.
-    // A statement waits up to `busyTimeoutMs` milliseconds for another connection's lock; zero and
-    // negative numbers stand for no waiting. The flag has no effect.
+    // Every statement waits up to `busyTimeoutMs` milliseconds for another connection's lock, so that
+    // an operation of several statements may wait as often; zero and negative numbers stand for no
+    // waiting. The flag has no effect.
+    //
+    // On this connection SQLite reads a double-quoted word that names no column as a text, which
+    // string keys need, in statements that read or write rows, also where it was built not to.
     //
     // False with an ERROR line "Failed to open the database ...", when SQLite cannot open the file
     // or gives no connection, or "Failed to set the busy timeout: ...". After the latter the

@@ -55,7 +55,9 @@ public:
     //
     // False when SQLite reports an error, and when memory runs out for a row (SQLITE_ABORT): two
     // ERROR lines, "Failed to run the SQL stmt '...'" and "  rc=1=SQLITE_ERROR: ..."; the rows
-    // delivered until then stay. False after the assertion "_db" without a connection.
+    // delivered until then stay. When SQLite itself runs out of memory (SQLITE_NOMEM), the last of
+    // them may have null cells in place of values: use no row of a query that failed. False after
+    // the assertion "_db" without a connection.
     bool query(const string& sql);
 
     // Whether the latest query() succeeded; false before the first one, and after close() and

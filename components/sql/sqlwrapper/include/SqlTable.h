@@ -61,8 +61,8 @@ public:
     // False after the assertion "_db" without a connection.
     bool exists();
 
-    // Creates the table. When exists() is true it does nothing and is true: an existing table's
-    // columns are not looked at, and the rows held stay. False when SQLite refuses, and without
+    // Creates the table. When exists() is true it does nothing and is true, also where that could
+    // not be found out: an existing table's columns are not looked at, and the rows held stay. False when SQLite refuses, and without
     // columns: "Failed to build SQL CREATE TABLE stmt for table ..." and the assertion "false",
     // each twice.
     bool create();
@@ -155,8 +155,10 @@ public:
 
     // Makes this table anew as a copy of `source`, whose rows are all loaded for it. True when
     // both then count the same number of rows, and when neither can be counted. Undoes nothing on
-    // failure: what was in this table is gone. When this table cannot be dropped, its old rows
-    // stay among the new ones.
+    // failure: what was in this table is gone, and the table itself may be. When this table cannot
+    // be dropped, its old rows stay among the new ones. Within a transaction see whether it is
+    // still open (sqlite3_get_autocommit): a fault that ends it while the rows are counted leaves
+    // two tables that cannot be.
     //
     // Never back up a table onto itself, nor onto another object for the same table of the same
     // file: the rows are dropped before they are read.

@@ -26,6 +26,17 @@ int openFlags(Database::AccessMode mode)
     return 0;
 }
 
+// A table's string keys stand between double quotes. Systems may have an SQLite that takes those for
+// column names alone; it reads them as texts where told to. One that is too old to be told always
+// does, so the result does not matter.
+void readDoubleQuotedTexts([[maybe_unused]] sqlite3* db)
+{
+#ifdef SQLITE_DBCONFIG_DQS_DML
+    int* const none = nullptr;
+    sqlite3_db_config(db, SQLITE_DBCONFIG_DQS_DML, 1, none);
+#endif
+}
+
 } // namespace
 
 Database::Database() : _db(nullptr), _rc(SQLITE_ERROR)
@@ -59,6 +70,7 @@ bool Database::open(const string& fileName, AccessMode mode, bool, int busyTimeo
                     fileName.c_str());
         return false;
     }
+    readDoubleQuotedTexts(_db);
 
     const int rc = sqlite3_busy_timeout(_db, busyTimeoutMs);
     if (rc != SQLITE_OK) {
