@@ -76,7 +76,7 @@ void appendQuoted(string& out, const string& text)
         out.append(text, start, quote - start) += "''";
         start = quote + 1;
     }
-    out.append(text, start, string::npos);
+    out.append(text, start);
 }
 
 string type2Str(field_type type)
