@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <new>
 #include <utility>
 
@@ -32,7 +33,6 @@ namespace test {
 
 namespace {
 
-using testing::AnyOf;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::IsNull;
@@ -282,7 +282,8 @@ bool Job::takeReport(const Statement& statement)
             more = oneStepReports(statement.text, reason);
         reports.insert(reports.end(), more.begin(), more.end());
     }
-    const Texts next(_errors.begin(), _errors.begin() + std::min<std::size_t>(2, _errors.size()));
+    const auto count = std::min<std::ptrdiff_t>(2, _errors.end() - _errors.begin());
+    const Texts next(_errors.begin(), _errors.begin() + count);
     if (std::find(reports.begin(), reports.end(), next) == reports.end())
         return false;
     _errors.erase(_errors.begin(), _errors.begin() + 2);

@@ -13,6 +13,7 @@ namespace test {
 inline std::vector<std::string> cells(const sql::Record& record)
 {
     std::vector<std::string> texts;
+    texts.reserve(record.columnCount());
     for (int i = 0; i < record.columnCount(); ++i)
         texts.push_back(record.getValue(i)->dump(true));
     return texts;
@@ -22,6 +23,7 @@ inline std::vector<std::string> cells(const sql::Record& record)
 inline std::vector<std::string> held(sql::Table& table)
 {
     std::vector<std::string> rows;
+    rows.reserve(table.recordCount());
     for (int i = 0; i < table.recordCount(); ++i)
         rows.push_back(table.getRecord(i)->toString());
     return rows;
