@@ -481,6 +481,17 @@ TEST_F(RecordSetTest, ResultsBeyondTheColumnsAreDroppedWithoutAReport)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
+TEST_F(RecordSetTest, NullsInTheResultHaveEmptyTexts)
+{
+    RecordSet set(_db, _products);
+    EXPECT_TRUE(set.query("select null, null, null"));
+    const Record* const row = set.getRecord(0);
+    ASSERT_NE(row, nullptr);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(row->getValue(i)->asString(), "") << i;
+    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+}
+
 TEST_F(RecordSetTest, ColumnsBeyondTheResultsStayNull)
 {
     RecordSet set(_db, _products);
