@@ -24,10 +24,10 @@ struct sqlite3;
 // that is built on it belong to one thread at a time.
 //
 // When SQLite runs out of memory the operation fails, with SQLITE_NOMEM in its lines. When the
-// caller's own memory runs out, the operation passes on std::bad_alloc, where exceptions are enabled,
-// without a line, and the statement that it was building has not run; the exception never passes
-// through SQLite. In both cases the objects and the connection can still be used, but SQLite may have
-// rolled back a transaction: begin it anew.
+// caller's own memory runs out, the operation passes on std::bad_alloc, where exceptions are
+// enabled, without a line, and the statement that it was building has not run; the exception never
+// passes through SQLite. In both cases the objects and the connection can still be used, but SQLite
+// may have rolled back a transaction: begin it anew.
 namespace sql {
 
 typedef std::string string;

@@ -31,9 +31,9 @@ public:
     ~Database();
 
     // Opens a database file, after it has closed the connection held before, even if it fails then.
-    // Every statement waits up to `busyTimeoutMs` milliseconds for another connection's lock, so that
-    // an operation of several statements may wait as often; zero and negative numbers stand for no
-    // waiting. The flag has no effect.
+    // Every statement waits up to `busyTimeoutMs` milliseconds for another connection's lock, so
+    // that an operation of several statements may wait as often; zero and negative numbers stand
+    // for no waiting. The flag has no effect.
     //
     // On this connection SQLite reads a double-quoted word that names no column as a text, which
     // string keys need, in statements that read or write rows, also where it was built not to.

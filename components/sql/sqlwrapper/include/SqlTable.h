@@ -62,9 +62,9 @@ public:
     bool exists();
 
     // Creates the table. When exists() is true it does nothing and is true, also where that could
-    // not be found out: an existing table's columns are not looked at, and the rows held stay. False when SQLite refuses, and without
-    // columns: "Failed to build SQL CREATE TABLE stmt for table ..." and the assertion "false",
-    // each twice.
+    // not be found out: an existing table's columns are not looked at, and the rows held stay.
+    // False when SQLite refuses, and without columns: "Failed to build SQL CREATE TABLE stmt for
+    // table ..." and the assertion "false", each twice.
     bool create();
 
     // Drops the table with all its rows. False also when there is none.

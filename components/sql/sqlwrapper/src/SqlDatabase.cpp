@@ -26,9 +26,9 @@ int openFlags(Database::AccessMode mode)
     return 0;
 }
 
-// A table's string keys stand between double quotes. Systems may have an SQLite that takes those for
-// column names alone; it reads them as texts where told to. One that is too old to be told always
-// does, so the result does not matter.
+// A table's string keys stand between double quotes. Systems may have an SQLite that takes those
+// for column names alone; it reads them as texts where told to. One that is too old to be told
+// always does, so the result does not matter.
 void readDoubleQuotedTexts([[maybe_unused]] sqlite3* db)
 {
 #ifdef SQLITE_DBCONFIG_DQS_DML

@@ -11,9 +11,9 @@ namespace sql {
 
 namespace {
 
-// Knows of nearly every column whether it is the first of its name, without a walk through those before
-// it: statements of wide tables would cost the square of their width. Of a name that falls on the place
-// of another it cannot tell.
+// Knows of nearly every column whether it is the first of its name, without a walk through those
+// before it: statements of wide tables would cost the square of their width. Of a name that falls
+// on the place of another it cannot tell.
 class NamesSeen {
 public:
     bool isFirst(const string& name)

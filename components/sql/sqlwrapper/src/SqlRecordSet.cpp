@@ -9,8 +9,8 @@
 
 namespace sql {
 
-// The log shows the names of these two as those of the set's operations, and the assertion that of the
-// connection.
+// The log shows the names of these two as those of the set's operations, and the assertion that of
+// the connection.
 struct RecordSet::Run {
     static std::int32_t query(sqlite3* _db, const string& sql, sqlite3_callback callback,
                               void* target)
@@ -33,8 +33,8 @@ struct RecordSet::Run {
         return rc;
     }
 
-    // Without `records` the row is only traced. Memory that runs out ends the statement, since SQLite's
-    // own frames cannot be unwound: they would leak it.
+    // Without `records` the row is only traced. Memory that runs out ends the statement, since
+    // SQLite's own frames cannot be unwound: they would leak it.
     static int on_next_record(const FieldSet& fields, std::vector<Record>* records, int columnCount,
                               char** values)
     {
