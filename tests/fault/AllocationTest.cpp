@@ -1,6 +1,7 @@
 #include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Heap.h"
 #include "Job.h"
 #include "SqlDatabase.h"
 #include "SqlRecord.h"
@@ -12,7 +13,6 @@
 
 #include <gmock/gmock.h>
 
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <new>
@@ -24,16 +24,23 @@
 
 namespace {
 
+using sql::Record;
+using sql::RecordSet;
+using sql::Table;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
 // Which allocations fail while one of these lives: the nth, and those behind it when it lasts.
 class MemoryShortage {
 public:
     MemoryShortage(int nth, bool lasts) : _nth(nth), _left(nth), _lasts(lasts)
     {
         current = this;
+        test::refusesHeap = strikes;
     }
     ~MemoryShortage()
     {
-        current = nullptr;
+        test::refusesHeap = nullptr;
     }
     MemoryShortage(const MemoryShortage&) = delete;
     MemoryShortage& operator=(const MemoryShortage&) = delete;
@@ -54,14 +61,13 @@ public:
         return _nth - _left;
     }
 
+private:
     // What the tests do to capture a report is no allocation of the library.
     static bool strikes()
     {
-        return current != nullptr && current->_watches && !test::Diagnostics::isCapturing()
-               && current->countDown();
+        return current->_watches && !test::Diagnostics::isCapturing() && current->countDown();
     }
 
-private:
     bool countDown()
     {
         --_left;
@@ -77,83 +83,6 @@ private:
 };
 
 MemoryShortage* MemoryShortage::current = nullptr;
-
-long blocksInUse = 0;
-
-void* allocate(std::size_t size) noexcept
-{
-    void* const memory = MemoryShortage::strikes() ? nullptr : std::malloc(size > 0 ? size : 1);
-    if (memory != nullptr)
-        ++blocksInUse;
-    return memory;
-}
-
-void release(void* memory)
-{
-    if (memory != nullptr)
-        --blocksInUse;
-    std::free(memory);
-}
-
-void* allocateOrThrow(std::size_t size)
-{
-    void* const memory = allocate(size);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-
-} // namespace
-
-// In place of the standard library's, for the library and the tests alike. SQLite has no part in
-// them.
-void* operator new(std::size_t size)
-{
-    return allocateOrThrow(size);
-}
-
-void* operator new[](std::size_t size)
-{
-    return allocateOrThrow(size);
-}
-
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept
-{
-    return allocate(size);
-}
-
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept
-{
-    return allocate(size);
-}
-
-void operator delete(void* memory) noexcept
-{
-    release(memory);
-}
-
-void operator delete[](void* memory) noexcept
-{
-    release(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    release(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    release(memory);
-}
-
-namespace {
-
-using sql::Record;
-using sql::RecordSet;
-using sql::Table;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 const int row_count = 4;
 const int most_allocations = 10000; // far more than any operation here needs
@@ -530,7 +459,7 @@ protected:
     {
         const test::TemporaryDirectory directory;
         const test::SqliteMemory sqlite;
-        const long before = blocksInUse;
+        const long before = test::heapBlocksInUse();
         MemoryShortage shortage(nth, lasts);
         shortage.watch(false);
         auto job = std::make_unique<test::Job>(directory.file("shop.db"), no_memory_for_a_row,
@@ -547,7 +476,8 @@ protected:
         job->verifyFile();
         const long noted = keep(job->failures());
         job.reset();
-        EXPECT_TRUE(!_planned || blocksInUse - before == noted) << blocksInUse - before - noted;
+        EXPECT_TRUE(!_planned || test::heapBlocksInUse() - before == noted)
+            << test::heapBlocksInUse() - before - noted;
         return shortage.hasStruck();
     }
 
@@ -571,9 +501,9 @@ protected:
     // The blocks that this takes.
     long keep(const std::set<std::string>& failures)
     {
-        const long before = blocksInUse;
+        const long before = test::heapBlocksInUse();
         _failures.insert(failures.begin(), failures.end());
-        return blocksInUse - before;
+        return test::heapBlocksInUse() - before;
     }
 
     void workWithEveryFailure(bool lasts)

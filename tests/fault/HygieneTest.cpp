@@ -1,6 +1,7 @@
 #include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Heap.h"
 #include "SqlDatabase.h"
 #include "SqlRecord.h"
 #include "SqlRecordSet.h"
@@ -14,62 +15,8 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
-#include <new>
 #include <ostream>
 #include <string>
-
-namespace {
-
-long blocksInUse = 0;
-
-void* allocate(std::size_t size)
-{
-    void* const memory = std::malloc(size > 0 ? size : 1);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    ++blocksInUse;
-    return memory;
-}
-
-void release(void* memory)
-{
-    if (memory != nullptr)
-        --blocksInUse;
-    std::free(memory);
-}
-
-} // namespace
-
-// In place of the standard library's, for the library and the tests alike.
-void* operator new(std::size_t size)
-{
-    return allocate(size);
-}
-
-void* operator new[](std::size_t size)
-{
-    return allocate(size);
-}
-
-void operator delete(void* memory) noexcept
-{
-    release(memory);
-}
-
-void operator delete[](void* memory) noexcept
-{
-    release(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    release(memory);
-}
-
-void operator delete[](void* memory, std::size_t) noexcept
-{
-    release(memory);
-}
 
 namespace {
 
@@ -118,7 +65,7 @@ Usage usage()
 {
     const std::filesystem::directory_iterator open("/proc/self/fd");
     const long descriptors = std::distance(begin(open), end(open));
-    return {descriptors, blocksInUse, sqlite3_memory_used()};
+    return {descriptors, test::heapBlocksInUse(), sqlite3_memory_used()};
 }
 
 // Bytes of the C library's heap, those among them that it keeps ready after they were freed. Their

@@ -400,7 +400,7 @@ public:
 
 testing::Environment* const printFigures = testing::AddGlobalTestEnvironment(new PrintFigures);
 
-class PowerLossTest : public testing::TestWithParam<std::tuple<Journal, DiskKind, const char*>> {
+class PowerLossTest : public testing::TestWithParam<std::tuple<Journal, DiskKind, std::string>> {
 protected:
     PowerLossTest() : _file(_directory.file("shop.db"))
     {
@@ -543,8 +543,7 @@ const char small_pages[] = "pragma page_size = 1024; pragma cache_size = 1";
 std::string nameOfCase(const testing::TestParamInfo<PowerLossTest::ParamType>& chosen)
 {
     const auto& [journal, kind, setting] = chosen.param;
-    const bool small = setting == std::string(small_pages);
-    return std::string(journal.what) + kind.what + (small ? "SmallPages" : "");
+    return std::string(journal.what) + kind.what + (setting == small_pages ? "SmallPages" : "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Journals, PowerLossTest,
