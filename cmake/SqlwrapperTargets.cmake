@@ -29,8 +29,10 @@ elseif(SQLWRAPPER_SANITIZE)
     target_compile_options(sqlwrapper_build INTERFACE ${sanitizers})
     target_link_options(sqlwrapper_build INTERFACE ${sanitizers})
     if(CMAKE_CROSSCOMPILING_EMULATOR)
-        # Looking for leaks takes tracing the program, which an emulated one cannot be.
-        list(PREPEND CMAKE_CROSSCOMPILING_EMULATOR /usr/bin/env ASAN_OPTIONS=detect_leaks=0)
+        # Looking for leaks takes tracing the program, which an emulated one cannot be. Memory given back
+        # is soon used again, since the emulator has addresses that the sanitizer does not know.
+        list(PREPEND CMAKE_CROSSCOMPILING_EMULATOR
+            /usr/bin/env ASAN_OPTIONS=detect_leaks=0:quarantine_size_mb=16)
     endif()
 endif()
 
