@@ -1,5 +1,6 @@
-# What a user finds the installed library by: the CMake package and the pkg-config file. Both name
-# places relative to their own, so that an installation can be moved.
+# What a user finds the installed library by, the CMake package and the pkg-config file, and what
+# gdb shows its objects by. They name places relative to their own, so that an installation can be
+# moved.
 
 include(CMakePackageConfigHelpers)
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/sqlwrapper)
@@ -31,3 +32,17 @@ configure_file(
     ${CMAKE_CURRENT_LIST_DIR}/sqlwrapper.pc.in ${PROJECT_BINARY_DIR}/sqlwrapper.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/sqlwrapper.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# gdb looks for it among its own files in /usr, by the library's place, and beside the library, with
+# which it can be moved.
+if(BUILD_SHARED_LIBS)
+    install(CODE "
+        set(folder \"${CMAKE_INSTALL_LIBDIR}\")
+        if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+            set(folder \"${CMAKE_INSTALL_DATADIR}/gdb/auto-load/usr/${CMAKE_INSTALL_LIBDIR}\")
+        endif()
+        file(INSTALL \"${PROJECT_SOURCE_DIR}/components/sql/sqlwrapper/gdb/sqlwrapper-gdb.py\"
+            DESTINATION \"\${CMAKE_INSTALL_PREFIX}/\${folder}\"
+            RENAME \"libsqlwrapper.so.${PROJECT_VERSION}-gdb.py\")"
+        COMPONENT development)
+endif()

@@ -102,7 +102,7 @@ class NeedsTest(ConfigureTestCase):
     def test_library_alone_needs_none_of_the_tests_tools(self):
         self.assert_configures(NO_TESTS, "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON",
                                "-DCMAKE_DISABLE_FIND_PACKAGE_Python3=ON", "-DLOCALEDEF=",
-                               "-DPKG_CONFIG=", "-DSQLWRAPPER_EMULATOR=")
+                               "-DPKG_CONFIG=", "-DGDB=", "-DSQLWRAPPER_EMULATOR=")
 
 
 class CrossTest(ConfigureTestCase):
@@ -133,6 +133,13 @@ class EmulatorTest(ConfigureTestCase):
     def test_emulator_is_missing(self):
         self.assert_refused("No emulator qemu-arm for the tests: apt-get install qemu-user, or "
                             "turn SQLWRAPPER_BUILD_TESTS off", "-DSQLWRAPPER_EMULATOR=")
+
+
+class DebuggerTest(ConfigureTestCase):
+    """Only where the programs are for this machine."""
+
+    def test_gdb_is_missing(self):
+        self.assert_refused("No gdb for the tests: apt-get install gdb", "-DGDB=")
 
 
 class DeviceTest(ConfigureTestCase):

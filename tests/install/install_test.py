@@ -33,7 +33,8 @@ PACKAGE = [f"lib/cmake/sqlwrapper/{name}.cmake"
            for name in ("sqlwrapperConfig", "sqlwrapperConfigVersion", "sqlwrapperTargets",
                         "sqlwrapperTargets-relwithdebinfo")] + ["lib/pkgconfig/sqlwrapper.pc"]
 PLATFORM = ["lib/libframework.so", "lib/libtrace.so"]
-SHARED = ["lib/libsqlwrapper.so", "lib/libsqlwrapper.so.1", "lib/libsqlwrapper.so.1.0.0"]
+SHARED = ["lib/libsqlwrapper.so", "lib/libsqlwrapper.so.1", "lib/libsqlwrapper.so.1.0.0",
+          "lib/libsqlwrapper.so.1.0.0-gdb.py"]
 STATIC = ["lib/libsqlwrapper.a"]
 
 

@@ -25,6 +25,47 @@ NOT_RUN = {
         "changes the folder that the tests are run from",
     "LOCPATH=build/dev/tests/locale build/dev/tests/SqlTableTest --gtest_filter='*Backup*'":
         "the program is there only if that folder is the one in use",
+    "apt-get update && apt-get install g++ cmake make pkgconf libsqlite3-dev sqlite3":
+        "changes the machine",
+    "cmake -S sqlwrapper -B sqlwrapper-build -D CMAKE_BUILD_TYPE=Release -D SQLWRAPPER_BUILD_TESTS=OFF -D SQLWRAPPER_BUILD_EXAMPLES=OFF":
+        "the tests of the guide run it",
+    "cmake --build sqlwrapper-build --parallel 2": "the tests of the guide run it",
+    'cmake --install sqlwrapper-build --prefix "$HOME/sqlwrapper-1.0"':
+        "the tests of the guide run it",
+    "script/sysroot armhf": "fetches packages",
+    "cmake --preset armhf && cmake --build --preset armhf --target sqlwrapper":
+        "needs a cross compiler; the tests on armhf are built so",
+    'cmake -S sqlwrapper -B build-arm --toolchain "$PWD/sdk.cmake" -D CMAKE_BUILD_TYPE=MinSizeRel -D SQLWRAPPER_BUILD_TESTS=OFF -D SQLWRAPPER_BUILD_EXAMPLES=OFF':
+        "needs a cross compiler and the root folder of another machine",
+    "cmake --build build-arm": "needs what the command before it has made",
+    "apt-get install cmake ninja-build python3 pkgconf locales ieee-data g++ libsqlite3-dev libgtest-dev libgmock-dev libcli11-dev libcsv-dev gdb make sqlite3":
+        "changes the machine",
+    "git clone ADDRESS sqlwrapper && cd sqlwrapper": "the address is the reader's",
+    "cmake --preset dev && cmake --build --preset dev --target SqlCommonTest":
+        "changes the folder that the tests are run from",
+    "ctest --preset dev -R Quot": "the programs are there only if that folder is the one in use",
+    "clang-format -i tests/unit/SqlCommonTest.cpp": "changes the sources",
+    "script/test && script/test --preset asan && script/lint": "runs this test again",
+    "cmake --preset clang": "needs clang; script/lint does it",
+    "clangd --compile-commands-dir=build/clang --check=components/sql/sqlwrapper/src/SqlTable.cpp":
+        "needs clangd and what the command before it has made",
+    'gdb -iex "add-auto-load-safe-path build/dev" --args build/dev/examples/cookbook/catalogue shop.db':
+        "waits for somebody to type; the tests of gdb load the library's objects so",
+    "cmake --preset armhf -B build/armhf-debug -D CMAKE_BUILD_TYPE=Debug -D SQLWRAPPER_BUILD_TESTS=OFF":
+        "needs a cross compiler",
+    "cmake --build build/armhf-debug --target cookbook": "needs a cross compiler",
+    "qemu-arm -g 1234 -L /usr/arm-linux-gnueabihf -E LD_LIBRARY_PATH=build/sysroot/armhf/usr/lib/arm-linux-gnueabihf build/armhf-debug/examples/cookbook/catalogue shop.db":
+        "waits for a debugger",
+    'gdb-multiarch -iex "add-auto-load-safe-path build/armhf-debug" build/armhf-debug/examples/cookbook/catalogue':
+        "waits for somebody to type",
+    "cmake --preset asan && cmake --build --preset asan --target SqlTableTest":
+        "changes the folder that the tests are run from",
+    "LOCPATH=build/asan/tests/locale build/asan/tests/SqlTableTest":
+        "the program is there only if that folder is the one in use",
+    "LOCPATH=build/dev/tests/locale valgrind --leak-check=full --soname-synonyms=somalloc=nouserintercepts build/dev/tests/SqlTableTest":
+        "the program is there only if that folder is the one in use",
+    "pre-commit install": "changes the repository",
+    "pre-commit run --all-files": "needs pre-commit and a repository; script/lint checks the same",
     "tools/mutate": "takes hours",
     "tools/mutate --resume": "takes hours",
     "tools/mutate --file SqlField.cpp --lines 60-90": "builds the project many times over",
@@ -54,6 +95,14 @@ class CommandTest(unittest.TestCase):
 
     def test_every_command_is_run_or_has_a_reason(self):
         self.assertEqual(set(commands()), RUN | set(NOT_RUN))
+
+    def test_packages_to_install_are_those_of_the_tests(self):
+        script = documents.text("script/test")
+        packages = [name for pattern in (r"^packages=\((.*)\)", r"\*\) packages\+=\((.*)\) ;;")
+                    for name in re.search(pattern, script, re.MULTILINE).group(1).split()]
+        command, = [line for block in documents.blocks("CONTRIBUTING.md", "sh")
+                    for line in block.splitlines() if line.startswith("apt-get ")]
+        self.assertEqual(command.split()[2:], packages)
 
     def test_programs_and_presets_exist(self):
         presets = set(re.findall(r'"name": "([^"]+)"', documents.text("CMakePresets.json")))

@@ -28,3 +28,6 @@ PACKAGECONFIG[device-platform] = "-DSQLWRAPPER_DEVICE_PLATFORM=ON,-DSQLWRAPPER_D
 PACKAGES =+ "${PN}-trace ${PN}-framework"
 FILES:${PN}-trace = "${libdir}/libtrace.so"
 FILES:${PN}-framework = "${libdir}/libframework.so"
+
+# What gdb shows the library's objects by.
+FILES:${PN}-dev += "${datadir}/gdb/*"

@@ -1,0 +1,104 @@
+"""Prints a source of the reference as doxygen takes it.
+
+A Markdown page gets names for itself and its headings, and its links lead to the pages of the
+reference; a link into the tree, which is not beside the reference, becomes its text. In a header
+the comment at the start of a group is repeated for each declaration of the group.
+
+filter.py FILE
+"""
+
+import os
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+
+
+def page_name(path):
+    """What a page is referred to by: docs/limits.md as guide_limits."""
+    return "guide_" + path.stem.lower().replace("-", "_")
+
+
+def slug(heading):
+    """What a heading is linked by in Markdown."""
+    return re.sub(r"[^\w\- ]", "", heading.lower()).strip().replace(" ", "-")
+
+
+def heading_name(page, anchor):
+    return f"{page}_{anchor}".replace("-", "_")
+
+
+def heading(path, line):
+    """A heading with its name; doxygen takes no code in such a one."""
+    marks, text = line.replace("`", "").split(" ", 1)
+    name = page_name(path) if marks == "#" else heading_name(page_name(path), slug(text))
+    return f"{marks} {text} {{#{name}}}"
+
+
+def link(path, text, target):
+    if target.startswith(("http://", "https://")):
+        return f"[{text}]({target})"
+    file, _, anchor = target.partition("#")
+    place = pathlib.Path(os.path.normpath(path.parent / file)) if file else path
+    if place.suffix != ".md":
+        return text
+    name = page_name(place)
+    return f"[{text}](@ref {heading_name(name, anchor) if anchor else name})"
+
+
+def code(match):
+    """Code as doxygen takes it, whatever quotes and conversions are in it."""
+    return "``" + re.sub(r"%(?=\w)", "%%", match[1].replace('"', "&quot;")) + "``"
+
+
+def prose(path, lines):
+    """What stands outside of blocks; a link may go from one line to the next."""
+    lines = [heading(path, line) if re.match(r"#+ ", line) else re.sub(r"`([^`]+)`", code, line)
+             for line in lines]
+    return re.sub(r"(?<!!)\[((?:[^\]`]|`[^`]*`)*)\]\(([^)\s]+)\)",
+                  lambda match: link(path, " ".join(match[1].split()), match[2]),
+                  "\n".join(lines)).split("\n") if lines else []
+
+
+def guide_page(path):
+    lines, text, in_block = [], [], False
+    for line in (ROOT / path).read_text(encoding="utf-8").splitlines():
+        is_fence = line.lstrip().startswith("```")
+        if is_fence or in_block:
+            lines += [*prose(path, text), line]
+            text = []
+        else:
+            text.append(line)
+        in_block = in_block != is_fence
+    return lines + prose(path, text)
+
+
+def group(lines):
+    """The comment and the declarations of a group, the comment before each of these."""
+    comment = [line for line in lines if line.lstrip().startswith("///")]
+    declarations = "\n".join(lines[len(comment):]).rstrip().split(";\n")
+    return [line for declaration in declarations
+            for line in [*comment, declaration.rstrip(";") + ";", ""]]
+
+
+def header(path):
+    lines, members = [], None
+    for line in (ROOT / path).read_text(encoding="utf-8").splitlines():
+        if line.strip() == "/// @{":
+            members = []
+        elif line.strip() == "/// @}":
+            lines += group(members)
+            members = None
+        else:
+            (lines if members is None else members).append(line)
+    return lines
+
+
+def main():
+    path = pathlib.Path(sys.argv[1]).resolve().relative_to(ROOT)
+    print("\n".join(guide_page(path) if path.suffix == ".md" else header(path)))
+
+
+if __name__ == "__main__":
+    main()

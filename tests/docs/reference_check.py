@@ -1,0 +1,248 @@
+#!/usr/bin/env python3
+"""Checks the reference that was built in a folder: whether all that programs can call is in it with
+the messages that it may leave, whether links lead somewhere, and whether the manual pages are
+sound. The last line sums up: "N passed, N failed".
+
+reference_check.py BUILD-FOLDER
+"""
+
+import collections
+import html.parser
+import importlib.machinery
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+import urllib.parse
+import xml.etree.ElementTree
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(sys.argv[1]).resolve()
+XML = BUILD / "docs" / "reference" / "xml-man"
+HTML = BUILD / "html"
+MAN = BUILD / "man" / "man3"
+STANDARD_STRING = "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >"
+diagnostics = importlib.machinery.SourceFileLoader(
+    "list_diagnostics", str(ROOT / "tools" / "list-diagnostics")).load_module()
+
+
+def text_of(element):
+    """The text of an element, each run of blanks as one."""
+    return " ".join("".join(element.itertext()).split())
+
+
+def described(element):
+    return text_of(element.find("briefdescription")) + text_of(element.find("detaileddescription"))
+
+
+Operation = collections.namedtuple("Operation", "scope name parameters text")
+
+
+def compounds():
+    files = sorted([*XML.glob("class*.xml"), *XML.glob("namespace*.xml")])
+    return [xml.etree.ElementTree.parse(file).getroot()[0] for file in files]
+
+
+def plain_type(text):
+    """A type as both doxygen and the names of symbols have it, without any blank."""
+    text = re.sub(r"\b(sql|Database)::", "", text).replace("long long", "integer")
+    return re.sub(r"^const ([\w:]+(?:<.*>)?)(.*)$", r"\1 const\2", text.strip()).replace(" ", "")
+
+
+def gather_operations():
+    found = []
+    for compound in compounds():
+        scope = compound.findtext("compoundname")
+        for member in compound.iter("memberdef"):
+            if member.get("prot") == "public" and member.get("kind") == "function":
+                parameters = [plain_type(text_of(parameter.find("type")))
+                              for parameter in member.iterfind("param")]
+                found.append(Operation(scope, member.findtext("name"), ",".join(parameters),
+                                       described(member)))
+    return found
+
+
+def scope_texts():
+    return {compound.findtext("compoundname"): described(compound) for compound in compounds()}
+
+
+def exported():
+    """What the library exports, as recorded for its binary interface: names and parameters."""
+    recorded = (ROOT / "abi" / "x86-64.xml").read_text(encoding="utf-8")
+    symbols = re.findall(r"<elf-symbol name='(_ZNK?3sql[^']*)'", recorded)
+    names = subprocess.run(["c++filt", *symbols], check=True, capture_output=True, text=True).stdout
+    found = set()
+    for name in names.replace("[abi:cxx11]", "").splitlines():
+        full, parameters = re.fullmatch(r"(.*?)\((.*)\)(?: const)?", name).groups()
+        scope, _, operation = full.rpartition("::")
+        parameters = parameters.replace(STANDARD_STRING, "string")
+        parameters = re.sub(r", std::allocator<[\w:]+ ?> ", "", parameters)
+        found.add((scope, operation, ",".join(map(plain_type, parameters.split(", ")))))
+    return found
+
+
+def scopes_of(source):
+    """The namespace or class that a source reports for."""
+    family = source.removeprefix("Sql").removesuffix(".cpp")
+    return ["sql", "sql::Time"] if family == "Common" else ["sql::" + family]
+
+
+def reports(pattern, entry):
+    """Each text that is reported, with an operation of which it may come."""
+    for text, places in diagnostics.gather(pattern, entry).items():
+        for place in places:
+            source, name = re.fullmatch(r"`(\S+)` `(\S+)`", place).groups()
+            yield text, source, name
+
+
+class OperationTest(unittest.TestCase):
+    operations = gather_operations()
+    scopes = scope_texts()
+
+    def texts(self, source, name):
+        """What is said of the operations of that name, each with what is said of its class."""
+        found = [self.scopes[operation.scope] + " " + operation.text
+                 for operation in self.operations
+                 if operation.scope in scopes_of(source) and operation.name == name]
+        self.assertNotEqual(found, [], f"{source} {name}")
+        return found
+
+    def test_everything_exported_is_described(self):
+        known = {operation[:3] for operation in self.operations if operation.text}
+        self.assertEqual(sorted(exported() - known), [])
+
+    def test_every_operation_says_something(self):
+        self.assertEqual([operation[:3] for operation in self.operations if not operation.text], [])
+
+    def test_every_error_is_told_where_it_may_happen(self):
+        messages = reports(diagnostics.MESSAGE, lambda match: (match[1], match[2][1:-1]))
+        for (level, message), source, name in messages:
+            if level == "ERROR":
+                words = " ".join(message.split())
+                pattern = re.sub(r"%(?:s|d|lld|ld)", ".+?", re.escape(words))
+                for text in self.texts(source, name):
+                    with self.subTest(message, operation=name):
+                        self.assertRegex(text, pattern)
+
+    def test_every_assertion_is_told_where_it_may_happen(self):
+        assertions = reports(diagnostics.LITERAL_ASSERTION, lambda match: match[1])
+        for assertion, source, name in assertions:
+            with self.subTest(assertion, operation=name):
+                self.assertIn(f'assertion "{assertion}"', " ".join(self.texts(source, name)))
+
+    def test_every_class_begins_with_code(self):
+        for compound in compounds():
+            if compound.findtext("compoundname") != "trace":
+                code = [part for para in compound.find("detaileddescription") for part in para
+                        if part.tag in ("programlisting", "verbatim")]
+                self.assertEqual(len(code), 1, compound.findtext("compoundname"))
+
+
+class Page(html.parser.HTMLParser):
+    """The names that a page can be entered by, and the places that it leads to."""
+
+    def __init__(self, file):
+        super().__init__()
+        self.names = set()
+        self.targets = set()
+        self.feed(file.read_text(encoding="utf-8"))
+
+    def handle_starttag(self, tag, attributes):
+        values = dict(attributes)
+        self.names |= {values[key] for key in ("id", "name") if values.get(key)}
+        self.targets |= {values[key] for key in ("href", "src", "data") if values.get(key)}
+
+
+class HtmlTest(unittest.TestCase):
+    pages = {file.name: Page(file) for file in sorted(HTML.glob("*.html"))}
+
+    def test_links_lead_somewhere(self):
+        for name, page in self.pages.items():
+            for target in page.targets:
+                if not re.match(r"https?:|mailto:|javascript:", target):
+                    with self.subTest(name, target=target):
+                        self.assert_leads_somewhere(name, target)
+
+    def assert_leads_somewhere(self, name, target):
+        file, _, anchor = urllib.parse.unquote(target).partition("#")
+        file = file or name
+        self.assertTrue((HTML / file).exists())
+        if anchor and file in self.pages:
+            self.assertIn(anchor, self.pages[file].names)
+
+    def test_has_all_pages_of_the_guide(self):
+        files = [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md")]
+        pages = {"guide_" + file.stem.lower().replace("-", "_") + ".html" for file in files}
+        self.assertEqual({name for name in self.pages if name.startswith("guide_")}, pages)
+
+    def test_lists_the_limits_first(self):
+        text = (HTML / "pages.html").read_text(encoding="utf-8")
+        self.assertEqual(re.findall(r'href="((?:guide_|sqlwrapper)\w*\.html)', text)[0],
+                         "guide_limits.html")
+
+    def test_does_not_show_marks_that_were_not_understood(self):
+        for file in sorted(HTML.glob("*.html")):
+            text = re.sub(r"<script.*?</script>", "", file.read_text(encoding="utf-8"), flags=re.S)
+            with self.subTest(file.name):
+                marks = re.findall(r"ilinebr|%%|&lt;/?t[dtr]\b|\{#\w+\}|\]\([^)]", text)
+                self.assertEqual(marks, [])
+
+
+class ManualTest(unittest.TestCase):
+    pages = sorted(page for page in MAN.iterdir() if not page.is_symlink())
+
+    def test_has_a_page_for_every_class_and_function(self):
+        wanted = {"sqlwrapper.3", "sqlwrapper-functions.3", "sqlwrapper-trace.3"}
+        for compound in compounds():
+            name = compound.findtext("compoundname")
+            if compound.get("kind") == "class":
+                wanted.add(f"{name}.3")
+            else:
+                wanted |= {f"{name}::{operation.name}.3" for operation in OperationTest.operations
+                           if operation.scope == name}
+        self.assertEqual({page.name for page in MAN.iterdir()}, wanted)
+        self.assertEqual([page.name for page in MAN.iterdir() if not page.exists()], [])
+
+    def test_can_be_read_at_eighty_columns(self):
+        for page in self.pages:
+            shown = subprocess.run(["man", "--warnings", "-E", "UTF-8", "-l", page], check=False,
+                                   capture_output=True, encoding="utf-8",
+                                   env={**os.environ, "MANWIDTH": "80", "LC_ALL": "C.UTF-8",
+                                        "MAN_KEEP_FORMATTING": "", "PAGER": "cat"})
+            with self.subTest(page.name):
+                self.assertEqual((shown.returncode, shown.stderr), (0, ""))
+                lines = re.sub(r".\x08|\x1b\[[0-9;]*m", "", shown.stdout).splitlines()
+                self.assertGreater(len(lines), 20)
+                self.assertEqual([line for line in lines if len(line) > 80], [])
+
+    def test_pass_the_strictest_reader(self):
+        found = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", *self.pages], check=False,
+                               capture_output=True, encoding="utf-8").stdout
+        # The pages have no date: they are the same whenever they are built.
+        self.assertEqual([line for line in found.splitlines() if "missing date" not in line], [])
+
+
+class FilesTest(unittest.TestCase):
+    def test_installs_the_manual_pages(self):
+        with tempfile.TemporaryDirectory() as folder:
+            subprocess.run(["cmake", "--install", BUILD / "docs" / "reference", "--prefix", folder],
+                           check=True, stdout=subprocess.DEVNULL)
+            pages = pathlib.Path(folder) / "share" / "man" / "man3"
+            self.assertEqual(sorted(os.listdir(pages)), sorted(os.listdir(MAN)))
+
+    def test_mentions_no_folder_of_the_build(self):
+        for file in [*HTML.rglob("*"), *MAN.iterdir()]:
+            if file.is_file():
+                with self.subTest(file.name):
+                    self.assertNotIn(str(ROOT).encode(), file.read_bytes())
+
+
+if __name__ == "__main__":
+    result = unittest.main(argv=sys.argv[:1], exit=False, verbosity=2).result
+    failed = len({test.id().split(" ")[0] for test, _ in result.failures + result.errors})
+    print(f"{len(OperationTest.operations)} operations are described")
+    print(f"{result.testsRun - failed} passed, {failed} failed")
+    sys.exit(failed != 0)
