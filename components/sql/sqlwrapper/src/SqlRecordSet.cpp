@@ -37,24 +37,24 @@ struct RecordSet::Run {
     // SQLite's own frames cannot be unwound: they would leak it.
     static int on_next_record(const FieldSet& fields, std::vector<Record>* records, int columnCount,
                               char** values)
+#ifdef __cpp_exceptions
+    try
+#endif
     {
         // "pragma empty_result_callbacks" announces a result without rows this way.
         if (values == nullptr)
             return 0;
-#ifdef __cpp_exceptions
-        try {
-#endif
-            Record record(fields, columnCount, values);
-            TRACE_DEBUG3("%s", record.dump(false).c_str());
-            if (records != nullptr)
-                records->push_back(std::move(record));
-            return 0;
-#ifdef __cpp_exceptions
-        } catch (const std::bad_alloc&) {
-            return 1;
-        }
-#endif
+        Record record(fields, columnCount, values);
+        TRACE_DEBUG3("%s", record.dump(false).c_str());
+        if (records != nullptr)
+            records->push_back(std::move(record));
+        return 0;
     }
+#ifdef __cpp_exceptions
+    catch (const std::bad_alloc&) {
+        return 1;
+    }
+#endif
 };
 
 RecordSet::RecordSet() : RecordSet(nullptr)
