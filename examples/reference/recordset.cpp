@@ -21,9 +21,10 @@ int main()
     if (!database.open(":memory:", sql::Database::access_create, false, 0))
         return 1;
     if (!sql::RecordSet(database.getHandle())
-             .query(
-                 "create table tea (maker text, name text);"
-                 "insert into tea values ('Crew', 'black'), ('Crew', 'green'), ('Cook', 'mint')"))
+             .query("create table tea (maker text, name text);"
+                    "insert into tea values ('Crew', 'black');"
+                    "insert into tea values ('Crew', 'green');"
+                    "insert into tea values ('Cook', 'mint')"))
         return 1;
     //! [recordset]
     // Filled by position, whatever the names in the statement.
