@@ -18,7 +18,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,6 +49,7 @@ using sql::Record;
 using sql::RecordSet;
 using sql::Table;
 using test::held;
+using test::result;
 using test::Twin;
 using test::TwinTable;
 using testing::ElementsAre;
@@ -216,31 +216,6 @@ public:
     TwinTable supplier{_twin, "vendor", FieldSet(test::text_key_columns)};
     TwinTable archive{_twin, "archive", FieldSet(test::text_key_columns)};
 };
-
-std::string result(bool success)
-{
-    return success ? "true" : "false";
-}
-
-std::string result(int number)
-{
-    return std::to_string(number);
-}
-
-std::string result(const Record* record)
-{
-    return record != nullptr ? record->toString() : "no record";
-}
-
-std::string result(const std::optional<std::string>& record)
-{
-    return record.value_or("no record");
-}
-
-Texts held(const TwinTable& table)
-{
-    return table.held();
-}
 
 // With the rows held then.
 template <typename Rows> std::string loaded(bool success, Rows& table)

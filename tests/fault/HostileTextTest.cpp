@@ -39,6 +39,7 @@ using sql::Table;
 using sql::Value;
 using test::held;
 using test::hostileTexts;
+using test::result;
 using test::shown;
 using test::TwinTable;
 using testing::ElementsAre;
@@ -742,31 +743,6 @@ struct Step {
     std::function<std::string(Table&)> library;
     std::function<std::string(TwinTable&)> plain;
 };
-
-std::string result(bool success)
-{
-    return success ? "true" : "false";
-}
-
-std::string result(int number)
-{
-    return std::to_string(number);
-}
-
-std::string result(const Record* record)
-{
-    return record != nullptr ? record->toString() : "no record";
-}
-
-std::string result(const std::optional<std::string>& record)
-{
-    return record.value_or("no record");
-}
-
-Texts held(const TwinTable& table)
-{
-    return table.held();
-}
 
 const char* const shop =
     "create table product (id integer primary key, name text, price real);"

@@ -360,6 +360,31 @@ sql::Record TwinTable::record(const TwinRow& row) const
     return record;
 }
 
+std::string result(bool success)
+{
+    return success ? "true" : "false";
+}
+
+std::string result(int number)
+{
+    return std::to_string(number);
+}
+
+std::string result(const sql::Record* record)
+{
+    return record != nullptr ? record->toString() : "no record";
+}
+
+std::string result(const std::optional<std::string>& record)
+{
+    return record.value_or("no record");
+}
+
+std::vector<std::string> held(const TwinTable& table)
+{
+    return table.held();
+}
+
 std::string image(sqlite3* db)
 {
     sqlite3_int64 size = 0;

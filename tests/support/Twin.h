@@ -89,6 +89,13 @@ private:
     std::vector<TwinRow> _rows;
 };
 
+// What an operation gives, as a text that compares with what it gives on the twin.
+std::string result(bool success);
+std::string result(int number);
+std::string result(const sql::Record* record);
+std::string result(const std::optional<std::string>& record);
+std::vector<std::string> held(const TwinTable& table);
+
 // All that a database holds, byte for byte.
 std::string image(sqlite3* db);
 
