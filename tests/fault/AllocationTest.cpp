@@ -452,10 +452,13 @@ TEST(DatabaseAllocationTest, FailureLeavesTheConnectionOpenAndNoTransaction)
 
 const test::Job::Reasons no_memory_for_a_row = {{"4=SQLITE_ABORT", test::worded("query aborted")}};
 
-class JobAllocationTest : public testing::Test {
+class JobAllocationTest : public test::ShortageTest {
 protected:
-    // A whole job on a new file. True when an allocation failed.
-    bool work(int nth, bool lasts)
+    JobAllocationTest() : ShortageTest(1000 * most_allocations)
+    {
+    }
+
+    bool work(int nth, bool lasts) override
     {
         const test::TemporaryDirectory directory;
         const test::SqliteMemory sqlite;
@@ -481,23 +484,6 @@ protected:
         return shortage.hasStruck();
     }
 
-    // The job without failures shows which operation needs which allocations.
-    void plan()
-    {
-        EXPECT_FALSE(work(1000 * most_allocations, false));
-        EXPECT_THAT(_failures, IsEmpty());
-        _planned = true;
-    }
-
-    void note(const std::string& operation, int allocations)
-    {
-        if (_planned)
-            return;
-        if (_ends.empty() ? allocations > 0 : allocations > _ends.back())
-            _allocating.insert(operation);
-        _ends.push_back(allocations);
-    }
-
     // The blocks that this takes.
     long keep(const std::set<std::string>& failures)
     {
@@ -505,27 +491,6 @@ protected:
         _failures.insert(failures.begin(), failures.end());
         return test::heapBlocksInUse() - before;
     }
-
-    void workWithEveryFailure(bool lasts)
-    {
-        plan();
-        const std::vector<int> cases = test::Job::cases(_ends);
-        for (const int nth : cases) {
-            SCOPED_TRACE(nth);
-            EXPECT_TRUE(work(nth, lasts));
-            if (HasFailure())
-                break;
-        }
-        RecordProperty("allocations", _ends.back());
-        RecordProperty("tried", static_cast<int>(cases.size()));
-    }
-
-    std::vector<int> _ends;
-    std::set<std::string> _allocating;
-    std::set<std::string> _failures;
-
-private:
-    bool _planned = false;
 };
 
 TEST_F(JobAllocationTest, OneAllocationThatFailsLosesNoAcknowledgedRow)

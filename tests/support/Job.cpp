@@ -669,4 +669,39 @@ sql::Record Job::record(int key, const std::string& name) const
     return row;
 }
 
+ShortageTest::ShortageTest(int never) : _never(never)
+{
+}
+
+// The job without failures shows which operation needs which allocations.
+void ShortageTest::plan()
+{
+    EXPECT_FALSE(work(_never, false));
+    EXPECT_THAT(_failures, testing::IsEmpty());
+    _planned = true;
+}
+
+void ShortageTest::note(const std::string& operation, int allocations)
+{
+    if (_planned)
+        return;
+    if (_ends.empty() ? allocations > 0 : allocations > _ends.back())
+        _allocating.insert(operation);
+    _ends.push_back(allocations);
+}
+
+void ShortageTest::workWithEveryFailure(bool lasts)
+{
+    plan();
+    const std::vector<int> cases = Job::cases(_ends);
+    for (const int nth : cases) {
+        SCOPED_TRACE(nth);
+        EXPECT_TRUE(work(nth, lasts));
+        if (HasFailure())
+            break;
+    }
+    RecordProperty("allocations", _ends.back());
+    RecordProperty("tried", static_cast<int>(cases.size()));
+}
+
 } // namespace test

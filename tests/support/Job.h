@@ -6,6 +6,8 @@
 #include "SqlRecord.h"
 #include "SqlTable.h"
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <map>
 #include <memory>
@@ -121,6 +123,31 @@ private:
     bool _passedOn = false;           // it has ended with std::bad_alloc
     bool _failed = false;             // so it has, or it has left a report
     std::set<std::string> _failures;
+};
+
+// A whole job once for every allocation that may fail.
+class ShortageTest : public testing::Test {
+protected:
+    // `never` is an allocation that no job gets to.
+    explicit ShortageTest(int never);
+
+    // A job on a new file, of which the n-th allocation fails, or all from it on. True when one did.
+    virtual bool work(int nth, bool lasts) = 0;
+
+    // To be called after each operation, with the number of allocations so far.
+    void note(const std::string& operation, int allocations);
+
+    void workWithEveryFailure(bool lasts);
+
+    std::set<std::string> _allocating; // the operations that allocate
+    std::set<std::string> _failures;
+    bool _planned = false;
+
+private:
+    void plan();
+
+    const int _never;
+    std::vector<int> _ends;
 };
 
 } // namespace test
