@@ -486,7 +486,7 @@ INSTANTIATE_TEST_SUITE_P(PageSizes, DamagedPageTest, testing::Values(512, 4096),
 // The file header, with the page size, the free pages and the format's versions.
 TEST_P(DamagedPageTest, BitsOfTheHeaderAreFlipped)
 {
-    const std::size_t step = test::longRun() || pageSize() == 512 ? 1 : 3;
+    const std::size_t step = test::stride(pageSize() == 512 ? 1 : 3);
     for (std::size_t position = 0; position < 100; position += step) {
         for (std::size_t bit = 0; bit < 8; ++bit) {
             if (test::longRun() || bit == position % 8)
@@ -501,7 +501,7 @@ TEST_P(DamagedPageTest, BitsOfEachPageAreFlipped)
 {
     const std::size_t page = pageSize();
     const std::vector<std::size_t> places = {0, 1, 3, 4, 5, 7, 8, 10, page / 2, page - 3};
-    const std::size_t step = test::longRun() ? 1 : 3;
+    const std::size_t step = test::stride(3);
     for (std::size_t start = 0; start < _intact.size(); start += page) {
         const std::size_t number = start / page;
         const std::size_t header = start == 0 ? 100 : 0;
@@ -516,7 +516,7 @@ TEST_P(DamagedPageTest, BitsOfEachPageAreFlipped)
 TEST_P(DamagedPageTest, AnyByteHasABitFlipped)
 {
     const std::size_t each = pageSize() == 512 ? 1 : 7;
-    const std::size_t step = test::longRun() ? each : 2503;
+    const std::size_t step = test::longRun() ? each : test::stride(2503);
     for (std::size_t position = 0; position < _intact.size(); position += step)
         expectSameWithBit(position, static_cast<int>(position % 8));
     EXPECT_GT(_failures, 0);
@@ -531,7 +531,8 @@ TEST_P(DamagedPageTest, PageIsOverwritten)
         state = state * 1103515245U + 12345U;
         byte = static_cast<char>(state >> 16);
     }
-    for (std::size_t start = 0; start < _intact.size(); start += page) {
+    const std::size_t step = page * test::stride(1);
+    for (std::size_t start = 0; start < _intact.size(); start += step) {
         for (const std::string& other :
              {noise,
               start % (2 * page) == 0 ? std::string(page, '\0') : _intact.substr(page, page)}) {
@@ -545,7 +546,8 @@ TEST_P(DamagedPageTest, PageIsOverwritten)
 
 TEST_P(DamagedPageTest, FileIsCutShort)
 {
-    for (std::size_t size = 0; size < _intact.size(); size += 512)
+    const std::size_t step = 512 * test::stride(1);
+    for (std::size_t size = 0; size < _intact.size(); size += step)
         expectSame(_intact.substr(0, size), std::to_string(size) + " bytes");
     for (const std::size_t size : {1U, 15U, 16U, 99U, 100U, 101U, 511U, 513U, 1023U})
         expectSame(_intact.substr(0, size), std::to_string(size) + " bytes");
@@ -857,7 +859,7 @@ TEST_F(DamagedJournalTest, InterruptedTransactionIsUndone)
 
 TEST_F(DamagedJournalTest, BitsOfTheJournalAreFlipped)
 {
-    const std::size_t step = test::longRun() ? 3 : 397;
+    const std::size_t step = test::longRun() ? 3 : test::stride(397);
     for (std::size_t position = 0; position < _journal.size();
          position += position < 28 ? 1 : step) {
         SCOPED_TRACE(position);
@@ -871,7 +873,8 @@ TEST_F(DamagedJournalTest, BitsOfTheJournalAreFlipped)
 
 TEST_F(DamagedJournalTest, JournalIsCutShort)
 {
-    for (std::size_t size = 0; size < _journal.size(); size += test::longRun() ? 16 : 1024) {
+    const std::size_t step = test::longRun() ? 16 : test::stride(1024);
+    for (std::size_t size = 0; size < _journal.size(); size += step) {
         SCOPED_TRACE(size);
         write(_half, "-journal", _journal.substr(0, size));
         expectSame(Database::access_read_write, both());

@@ -175,7 +175,7 @@ protected:
     // texts will do.
     void forEach(const std::function<void(const std::string&)>& check)
     {
-        const std::size_t step = test::longRun() || GetParam() > 8 ? 1 : 8;
+        const std::size_t step = test::stride(GetParam() > 8 ? 1 : 8);
         RecordProperty("texts", static_cast<int>((hostileTexts().size() - 1) / step + 1));
         for (std::size_t i = 0; i < hostileTexts().size(); i += step) {
             const std::string& text = hostileTexts()[i];

@@ -11,8 +11,6 @@
 #include <malloc.h>
 #include <sqlite3.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <ostream>
@@ -27,20 +25,9 @@ using sql::Table;
 
 const int warm_up = 100; // buffers and caches have their size then
 
-// ARM code may run in an emulator, which takes many times as long, as valgrind does.
-bool runsSlowly()
-{
-#ifdef __arm__
-    return true;
-#else
-    const char* const preloaded = std::getenv("LD_PRELOAD");
-    return preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr;
-#endif
-}
-
 int rounds()
 {
-    return runsSlowly() && !test::longRun() ? 2000 : 10000;
+    return test::briefRun() ? 1000 : 10000;
 }
 
 // What a process may run out of.

@@ -807,8 +807,7 @@ protected:
 TEST_P(IoFaultTest, WhatWasAcknowledgedIsThereAndWhatFailedIsReported)
 {
     // With a fault that lasts, one point is much like the next.
-    const int shortStride = std::get<1>(GetParam()) ? 13 : 7;
-    const int stride = test::longRun() ? 1 : shortStride;
+    const int stride = test::stride(std::get<1>(GetParam()) ? 13 : 7);
     int nth = 1;
     while (nth < most_calls && workWithFault(nth) && !HasFailure())
         nth += stride;

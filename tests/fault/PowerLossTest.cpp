@@ -509,7 +509,7 @@ private:
 TEST_P(PowerLossTest, AcknowledgedTransactionsAreThereAndNoneIsHalfThere)
 {
     const unsigned int seeds = test::longRun() ? 5 : 1;
-    const int stride = test::longRun() ? 1 : 9;
+    const int stride = test::stride(9);
     const std::vector<std::string> contents = stages();
     for (unsigned int seed = 1; seed <= seeds && !HasFailure(); ++seed) {
         for (const PowerLoss& loss : workWithLosses(seed, stride)) {

@@ -3,6 +3,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,8 @@
 namespace test {
 
 namespace {
+
+const char* const locale_variable = "SQLWRAPPER_TEST_LOCALE";
 
 [[noreturn]] void refuse(const char* what)
 {
@@ -100,7 +103,7 @@ CommaLocale::~CommaLocale()
 
 void setLocaleOfRun()
 {
-    const char* const name = std::getenv("SQLWRAPPER_TEST_LOCALE");
+    const char* const name = std::getenv(locale_variable);
     if (name == nullptr)
         return;
     setLocale(name);
@@ -110,6 +113,26 @@ void setLocaleOfRun()
 bool longRun()
 {
     return std::getenv("SQLWRAPPER_TEST_LONG") != nullptr;
+}
+
+bool briefRun()
+{
+    if (longRun())
+        return false;
+#ifdef __arm__
+    return true;
+#else
+    const char* const preloaded = std::getenv("LD_PRELOAD");
+    return std::getenv(locale_variable) != nullptr
+           || (preloaded != nullptr && std::strstr(preloaded, "vgpreload") != nullptr);
+#endif
+}
+
+int stride(int usual)
+{
+    if (longRun())
+        return 1;
+    return briefRun() ? 5 * usual : usual;
 }
 
 void writeFile(const std::string& path, const std::string& contents)

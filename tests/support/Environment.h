@@ -57,6 +57,15 @@ void setLocaleOfRun();
 // set. Otherwise they take a part that is the same in every run.
 bool longRun();
 
+// Whether a smaller part will do: in another locale and time zone, once all of the part was tried in the
+// usual ones; and where everything takes many times as long, ARM code in an emulator, and valgrind. Not so
+// in a long run.
+bool briefRun();
+
+// How far apart the cases of a series are that a test tries: every `usual`th, a fifth of those in a brief
+// run, all of them in a long one.
+int stride(int usual);
+
 void writeFile(const std::string& path, const std::string& contents);
 std::string readFile(const std::string& path);
 
