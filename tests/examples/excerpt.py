@@ -1,4 +1,4 @@
-"""excerpt.py FROM TO: a tenth of the registry, for programs that are slow in an emulator."""
+"""excerpt.py FROM TO: a tenth of the registry, for programs that are slow."""
 
 import csv
 import pathlib
