@@ -28,6 +28,15 @@ elseif(SQLWRAPPER_SANITIZE)
     endif()
     target_compile_options(sqlwrapper_build INTERFACE ${sanitizers})
     target_link_options(sqlwrapper_build INTERFACE ${sanitizers})
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND BUILD_SHARED_LIBS)
+        # Clang puts the sanitizers into the program alone, where the linker of a library misses them.
+        execute_process(
+            COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libclang_rt.asan-${CMAKE_SYSTEM_PROCESSOR}.so
+            OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+        get_filename_component(runtime_directory ${runtime} DIRECTORY)
+        target_link_options(sqlwrapper_build INTERFACE
+            -shared-libsan LINKER:-rpath,${runtime_directory})
+    endif()
     if(CMAKE_CROSSCOMPILING_EMULATOR)
         # Looking for leaks takes tracing the program, which an emulated one cannot be. Memory given back
         # is soon used again, since the emulator has addresses that the sanitizer does not know.
