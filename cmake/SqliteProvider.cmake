@@ -9,8 +9,12 @@ set(oldest_sqlite 3.7.7.1)
 if(SQLWRAPPER_SQLITE STREQUAL "sqlite3")
     find_package(SQLite3 QUIET)
     if(NOT SQLite3_FOUND)
+        set(way "apt-get install libsqlite3-dev")
+        if(SQLWRAPPER_SYSROOT_COMMAND)
+            set(way ${SQLWRAPPER_SYSROOT_COMMAND}) # the package would be this machine's
+        endif()
         message(FATAL_ERROR
-            " No SQLite with its headers: apt-get install libsqlite3-dev, or add its prefix to CMAKE_PREFIX_PATH")
+            " No SQLite with its headers: ${way}, or add its prefix to CMAKE_PREFIX_PATH")
     endif()
     set(SQLWRAPPER_SQLITE_TARGET SQLite::SQLite3)
     set(SQLWRAPPER_SQLITE_INCLUDE_DIRECTORY ${SQLite3_INCLUDE_DIRS})

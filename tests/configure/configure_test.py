@@ -6,6 +6,7 @@ built; TRACE and FRAMEWORK stand for the device's libraries.
 
 import os
 import pathlib
+import re
 import subprocess
 import tempfile
 import unittest
@@ -15,8 +16,17 @@ TOOLCHAIN = os.environ["TOOLCHAIN"]
 DEVICE = "-DSQLWRAPPER_DEVICE_PLATFORM=ON"
 TRACE = "-DSQLWRAPPER_TRACE_LIBRARY=" + os.environ["TRACE"]
 FRAMEWORK = "-DSQLWRAPPER_FRAMEWORK_LIBRARY=" + os.environ["FRAMEWORK"]
+CONSUMER = ROOT / "tests" / "install" / "consumer"
 NO_TESTS = "-DSQLWRAPPER_BUILD_TESTS=OFF"
 NO_EXAMPLES = "-DSQLWRAPPER_BUILD_EXAMPLES=OFF"
+
+
+def way_to(*packages):
+    """How to get what the build is to link."""
+    if TOOLCHAIN:
+        arch = re.search(r"toolchain-(\w+)", TOOLCHAIN)[1]
+        return f"run script/sysroot {arch}"
+    return "apt-get install " + " ".join(packages)
 
 
 class ConfigureTestCase(unittest.TestCase):
@@ -46,7 +56,7 @@ class ConfigureTestCase(unittest.TestCase):
 class NeedsTest(ConfigureTestCase):
     def test_sqlite_is_missing(self):
         self.assert_refused(
-            "No SQLite with its headers: apt-get install libsqlite3-dev, or add its prefix to "
+            f"No SQLite with its headers: {way_to('libsqlite3-dev')}, or add its prefix to "
             "CMAKE_PREFIX_PATH", "-DCMAKE_DISABLE_FIND_PACKAGE_SQLite3=ON")
 
     def old_sqlite(self, version, header="sqlite3.h"):
@@ -85,7 +95,7 @@ class NeedsTest(ConfigureTestCase):
                             "-DSQLWRAPPER_SQLITE=sqlite4")
 
     def test_googletest_is_missing(self):
-        self.assert_refused("No GoogleTest with gmock: apt-get install libgtest-dev libgmock-dev",
+        self.assert_refused("No GoogleTest with gmock: " + way_to("libgtest-dev", "libgmock-dev"),
                             "-DCMAKE_DISABLE_FIND_PACKAGE_GTest=ON")
 
     def test_python_is_missing(self):
@@ -162,6 +172,34 @@ class DeviceTest(ConfigureTestCase):
             "No libtrace of the device: point SQLWRAPPER_TRACE_LIBRARY at it, add its prefix to "
             "CMAKE_PREFIX_PATH, or turn SQLWRAPPER_DEVICE_PLATFORM off",
             DEVICE, "-DSQLWRAPPER_TRACE_LIBRARY=/none/libtrace.so", FRAMEWORK)
+
+    def use_installed(self, *options):
+        """Configures a project that finds an installation made with the device's libraries."""
+        self.assert_configures(DEVICE, TRACE, FRAMEWORK, NO_TESTS)
+        prefix = self.build / "installed"
+        for step in (["--build", self.build], ["--install", self.build, "--prefix", prefix]):
+            subprocess.run(["cmake", *step], stdout=subprocess.DEVNULL, check=True)
+        compiler = [] if TOOLCHAIN else ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"]]
+        return subprocess.run(
+            ["cmake", "-S", CONSUMER, "-B", self.build / "user", "-G", "Ninja",
+             "-DCMAKE_TOOLCHAIN_FILE=" + TOOLCHAIN, *compiler, f"-DCMAKE_PREFIX_PATH={prefix}",
+             f"-DCMAKE_FIND_ROOT_PATH={prefix}", *options],
+            capture_output=True, text=True, check=False)
+
+    def test_installation_is_used_with_the_devices_libraries(self):
+        done = self.use_installed(TRACE, FRAMEWORK)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        subprocess.run(["cmake", "--build", self.build / "user"], stdout=subprocess.DEVNULL, check=True)
+
+    def test_user_of_an_installation_lacks_a_library(self):
+        for name, others in (("trace", [FRAMEWORK]), ("framework", [TRACE])):
+            with self.subTest(name):
+                done = self.use_installed(*others, f"-DSQLWRAPPER_{name.upper()}_LIBRARY=")
+                self.assertEqual(done.returncode, 1)
+                reason = " ".join(done.stderr.split()).rpartition(" Reason given by package: ")[2]
+                self.assertEqual(
+                    reason, f"No lib{name} of the device: point SQLWRAPPER_{name.upper()}_LIBRARY at "
+                    "it, or add its prefix to CMAKE_PREFIX_PATH")
 
 
 if __name__ == "__main__":
