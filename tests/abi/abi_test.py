@@ -63,6 +63,9 @@ CHANGES = {
     "another width of an enumeration": (
         [("include/SqlCommon.h", "enum field_type : std::int32_t", "enum field_type : std::int16_t")],
         BROKEN),
+    "another name of a private member": (
+        [("include/SqlRecordSet.h", "_records", "_rows"), ("src/SqlRecordSet.cpp", "_records", "_rows")],
+        EXTENDED),
     "a virtual function": (
         [("include/SqlTable.h", "    bool truncate();", "    virtual bool truncate();")], BROKEN),
 }
