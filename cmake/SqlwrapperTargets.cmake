@@ -22,6 +22,7 @@ if(SQLWRAPPER_SANITIZE STREQUAL "TRAP")
 elseif(SQLWRAPPER_SANITIZE)
     set(sanitizers -fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
     if(CMAKE_SYSTEM_PROCESSOR STREQUAL "arm")
+        target_link_libraries(sqlwrapper_build INTERFACE atomic) # the sanitizers' own, before ARMv7
         # An exception leaves the marks of the stack frames that it passes, which later count as
         # errors; and functions in Thumb code have odd addresses.
         list(APPEND sanitizers --param=asan-stack=0 -marm)

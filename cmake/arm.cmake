@@ -1,5 +1,6 @@
-# What the ARM toolchain files share; they set `arch`, `triplet` and `options`, the compiler options
-# for the target, before they include this one.
+# What the ARM toolchain files share. Before they include this one they set `arch`, `triplet`, `options`,
+# the compiler options for the target, `cpu`, an early processor of the kind, on which tests are to run,
+# and `time_bits`, the width of time_t.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
@@ -10,11 +11,14 @@ if(NOT SQLWRAPPER_CROSS_COMPILER)
 endif()
 set(CMAKE_CXX_COMPILER ${SQLWRAPPER_CROSS_COMPILER})
 
+set(SQLWRAPPER_TIME_BITS ${time_bits})
+
 # The compiler brings the C and C++ libraries; script/sysroot fetches the rest.
 get_filename_component(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot/${arch} ABSOLUTE)
 set(SQLWRAPPER_SYSROOT ${sysroot} CACHE PATH "The folder with the target's libraries")
+set(SQLWRAPPER_SYSROOT_COMMAND "run script/sysroot ${arch}")
 if(NOT EXISTS ${SQLWRAPPER_SYSROOT}/usr/include/sqlite3.h)
-    message(FATAL_ERROR " No SQLite for ${arch} in ${SQLWRAPPER_SYSROOT}: run script/sysroot ${arch}")
+    message(FATAL_ERROR " No SQLite for ${arch} in ${SQLWRAPPER_SYSROOT}: ${SQLWRAPPER_SYSROOT_COMMAND}")
 endif()
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SQLWRAPPER_SYSROOT)
 
@@ -39,6 +43,6 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,-rpath-link,${library_directory})
 find_program(SQLWRAPPER_EMULATOR NAMES qemu-arm qemu-arm-static DOC "The target's emulator")
 if(SQLWRAPPER_EMULATOR)
     set(CMAKE_CROSSCOMPILING_EMULATOR
-        ${SQLWRAPPER_EMULATOR} -L /usr/${triplet}
+        ${SQLWRAPPER_EMULATOR} -cpu ${cpu} -L /usr/${triplet}
         -E LD_LIBRARY_PATH=${library_directory})
 endif()

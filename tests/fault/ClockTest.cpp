@@ -10,6 +10,7 @@
 
 #include <gmock/gmock.h>
 
+#include <climits>
 #include <cstdint>
 #include <ctime>
 #include <limits>
@@ -22,6 +23,10 @@
 namespace {
 
 // What the clock and the calendar of the C library answer while a test is at it.
+#ifdef TEST_TIME_BITS
+static_assert(sizeof(time_t) * CHAR_BIT == TEST_TIME_BITS);
+#endif
+
 struct Clock {
     bool fails = false;
     bool stands = false;
