@@ -22,11 +22,11 @@
 
 namespace {
 
-// What the clock and the calendar of the C library answer while a test is at it.
 #ifdef TEST_TIME_BITS
 static_assert(sizeof(time_t) * CHAR_BIT == TEST_TIME_BITS);
 #endif
 
+// What the clock and the calendar of the C library answer while a test is at it.
 struct Clock {
     bool fails = false;
     bool stands = false;

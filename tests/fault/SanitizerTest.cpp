@@ -1,11 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <memory>
 
 // Where the sanitizers are on: whether they are.
 namespace {
 
-// Both reach their error at run time only.
+// The errors are reached at run time only.
 volatile int most = INT_MAX;
 volatile int behind = 1;
 
@@ -29,5 +30,18 @@ TEST(SanitizerDeathTest, OddAddressOfAnIntEndsTheProgram)
 {
     EXPECT_DEATH(readFromAnOddAddress(), "");
 }
+
+#ifdef TEST_ADDRESSES
+int readBehindABlock()
+{
+    const std::unique_ptr<char[]> block(new char[1]());
+    return block[behind];
+}
+
+TEST(SanitizerDeathTest, ReadingBehindABlockEndsTheProgram)
+{
+    EXPECT_DEATH(readBehindABlock(), "heap-buffer-overflow");
+}
+#endif
 
 } // namespace
