@@ -19,7 +19,7 @@ __attribute__((format(printf, 1, 0))) void capture(const char* format, std::va_l
 {
     char line[1000];
     std::vsnprintf(line, sizeof line, format, arguments);
-    // "[ERROR] SqlTable.cpp:12 (open) - text": the place changes from release to release.
+    // "[ERROR] SqlTable.cpp:NNN (open) - text": the place changes from release to release.
     const std::string text = line;
     const std::string::size_type place = text.find(" - ");
     reported += (place == std::string::npos ? text : text.substr(place + 3)) + "\n";

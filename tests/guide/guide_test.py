@@ -26,8 +26,8 @@ import documents  # pylint: disable=wrong-import-position
 
 
 def comparable(text):
-    """Without blanks at the ends of lines, and without the lines of the library's sources."""
-    return re.sub(r"(\.cpp):\d+\b", r"\1", re.sub(r" +$", "", text, flags=re.MULTILINE))
+    """Without blanks at the ends of lines, and with the numbers of source lines as pages have them."""
+    return re.sub(r"(\.cpp:)\d+", r"\1NNN", re.sub(r" +$", "", text, flags=re.MULTILINE))
 
 
 class Test(unittest.TestCase):
@@ -123,11 +123,11 @@ class DeviceTest(Test):
     def test_reports_go_to_the_devices_own(self):
         place = "components/sql/sqlwrapper/src/"
         self.assertEqual(self.run_program("device"), (0, (
-            f"{place}SqlTable.cpp: '_db' in bool sql::Table::exists()\n"
+            f"{place}SqlTable.cpp:NNN: '_db' in bool sql::Table::exists()\n"
             "not there\n"
-            "device: [ERROR] SqlFieldSet.cpp (getKeyIdName) - Failed to get name of PRIMARY KEY column\n"
-            f"{place}SqlFieldSet.cpp: 'false' in sql::string sql::FieldSet::getKeyIdName() const\n"
-            f"{place}SqlRecordSet.cpp: '_db' in bool sql::RecordSet::query(const string&)\n"
+            "device: [ERROR] SqlFieldSet.cpp:NNN (getKeyIdName) - Failed to get name of PRIMARY KEY column\n"
+            f"{place}SqlFieldSet.cpp:NNN: 'false' in sql::string sql::FieldSet::getKeyIdName() const\n"
+            f"{place}SqlRecordSet.cpp:NNN: '_db' in bool sql::RecordSet::query(const string&)\n"
             "not opened\n")))
 
 
