@@ -4,7 +4,7 @@
 #
 ################################################################################
 
-# Written to Buildroot's manual, but not built with Buildroot yet: packaging/check
+# Written to Buildroot's manual, but not built with Buildroot yet: tests/package/recipes_check.py
 # reads these files with stubs of what Buildroot brings.
 
 SQLWRAPPER_VERSION = 1.0.0

@@ -1,5 +1,5 @@
-# Written to the Yocto Project's manual, but not built with BitBake yet: packaging/check reads this
-# file by itself and compares it with what is installed.
+# Written to the Yocto Project's manual, but not built with BitBake yet: tests/package/recipes_check.py
+# reads this file by itself and compares it with what is installed.
 
 SUMMARY = "Small object layer over SQLite"
 DESCRIPTION = "Programs declare a table's columns once and then work with databases, tables, \

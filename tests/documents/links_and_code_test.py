@@ -8,7 +8,7 @@ import unittest
 import documents
 
 # Commands that are run as they stand there: they are quick and change nothing.
-RUN = {"tools/mutate --file SqlField.cpp --list"}
+RUN = {"tools/mutation/mutate --file SqlField.cpp --list"}
 
 # The others, and why no test runs them so.
 NOT_RUN = {
@@ -66,10 +66,10 @@ NOT_RUN = {
         "the program is there only if that folder is the one in use",
     "pre-commit install": "changes the repository",
     "pre-commit run --all-files": "needs pre-commit and a repository; script/lint checks the same",
-    "tools/mutate": "takes hours",
-    "tools/mutate --resume": "takes hours",
-    "tools/mutate --file SqlField.cpp --lines 60-90": "builds the project many times over",
-    "tools/mutate --sample 100": "builds the project a hundred times",
+    "tools/mutation/mutate": "takes hours",
+    "tools/mutation/mutate --resume": "takes hours",
+    "tools/mutation/mutate --file SqlField.cpp --lines 60-90": "builds the project many times over",
+    "tools/mutation/mutate --sample 100": "builds the project a hundred times",
 }
 
 
@@ -108,7 +108,7 @@ class CommandTest(unittest.TestCase):
         presets = set(re.findall(r'"name": "([^"]+)"', documents.text("CMakePresets.json")))
         for command in commands():
             with self.subTest(command):
-                for program in re.findall(r"(?:^|&& )((?:script|tools)/[\w-]+)", command):
+                for program in re.findall(r"(?:^|&& )((?:script|tools)/[\w/-]+)", command):
                     self.assertTrue(os.access(documents.ROOT / program, os.X_OK), program)
                 self.assertEqual(set(re.findall(r"--preset ([\w-]+)", command)) - presets, set())
 

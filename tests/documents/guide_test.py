@@ -12,17 +12,15 @@ import shlex
 import shutil
 import sqlite3
 import subprocess
-import sys
 import tarfile
 import tempfile
 import unittest
 
+import documents
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 GUIDE = ROOT / "examples" / "guide"
 MARK = "--- next command"
-
-sys.path.insert(0, str(ROOT / "tests" / "readme"))
-import documents  # pylint: disable=wrong-import-position
 
 
 def comparable(text):

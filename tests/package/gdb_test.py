@@ -133,7 +133,7 @@ class GdbTestCase:
         cls.folder = pathlib.Path(folder.name)
         cls.program = cls.folder / "inspected"
         run(os.environ["CXX"], "-std=c++17", *DEBUG, *cls.options, f"-I{COMPONENT}/include",
-            HERE / "Inspected.cpp", *LIBRARIES, "-o", cls.program)
+            HERE / "InspectedByGdb.cpp", *LIBRARIES, "-o", cls.program)
         cls.shown = cls.show()
 
     @classmethod

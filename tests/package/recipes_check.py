@@ -16,7 +16,7 @@ import unittest
 
 import kconfiglib
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build" / "package" / "check"
 BUILDROOT = ROOT / "packaging" / "buildroot"
 YOCTO = ROOT / "packaging" / "yocto"

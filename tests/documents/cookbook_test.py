@@ -1,6 +1,6 @@
 """Runs the programs of docs/cookbook.md, each test in a folder of its own.
 
-COOKBOOK is the folder with the programs, EMULATOR the command that runs those of another machine,
+PROGRAMS is the folder with the programs, EMULATOR the command that runs those of another machine,
 else empty, and SQLITE the SQLite that they are built with: sqlite3 or sqlcipher.
 """
 
@@ -16,7 +16,7 @@ import tempfile
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-PROGRAMS = pathlib.Path(os.environ["COOKBOOK"])
+PROGRAMS = pathlib.Path(os.environ["PROGRAMS"])
 EMULATOR = os.environ["EMULATOR"].split()
 ENCRYPTS = os.environ["SQLITE"] == "sqlcipher"
 DOCUMENT = (ROOT / "docs" / "cookbook.md").read_text(encoding="utf-8")
