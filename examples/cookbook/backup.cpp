@@ -7,6 +7,9 @@
 #include "SqlDatabase.h"
 #include "SqlTable.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 namespace {
@@ -37,12 +40,34 @@ bool copy(const sql::string& from, const sql::string& to)
            && target.transactionCommit();
 }
 
-// Under another name until it is complete: the last good backup is replaced in one step.
+// Waits until a file, or the list of files in a folder, is on the disk.
+bool sync(const sql::string& name)
+{
+    const int file = ::open(name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0)
+        return false;
+    const bool isDone = ::fsync(file) == 0;
+    ::close(file);
+    return isDone;
+}
+
+sql::string folderOf(const sql::string& file)
+{
+    const sql::string::size_type slash = file.rfind('/');
+    return slash == sql::string::npos ? "." : file.substr(0, slash + 1);
+}
+
+// Under another name until it is complete and on the disk: the last good backup is replaced in one
+// step. No connection to the copy is open any more, whose locks sync() would end.
 bool backUp(const sql::string& file)
 {
     const sql::string unfinished = file + ".new";
     const sql::string finished = file + ".bak";
-    return copy(file, unfinished) && std::rename(unfinished.c_str(), finished.c_str()) == 0;
+    if (!copy(file, unfinished) || !sync(unfinished))
+        return false;
+    if (std::rename(unfinished.c_str(), finished.c_str()) != 0)
+        return false;
+    return sync(folderOf(file));
 }
 
 bool fill(sql::Table& products)

@@ -6,6 +6,7 @@
 #include "SqlTable.h"
 
 #include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -94,7 +95,7 @@ int main(int argc, char** argv)
         return fail("cannot read", argv[1]);
     std::printf("owner: %s, starts so far: %s\n", owner.c_str(), starts.c_str());
 
-    starts = sql::intToStr(sql::Value(starts.c_str(), sql::type_int).asInteger() + 1);
+    starts = sql::intToStr(std::strtoll(starts.c_str(), nullptr, 10) + 1);
     if (!settings.set("owner", "O'Neill") || !settings.set("starts", starts))
         return fail("cannot write", argv[1]);
     return 0;

@@ -4,6 +4,7 @@
 //     upgrade DATABASE
 
 #include "SqlDatabase.h"
+#include "SqlRecordSet.h"
 #include "SqlTable.h"
 
 #include <cstdio>
@@ -29,25 +30,28 @@ const sql::Field columns[] = {
     sql::Field(),
 };
 
-// Runs the steps that the file lacks; within the caller's transaction, as the version belongs to
-// it.
-bool runSteps(sql::Database& database, int& oldVersion)
+bool isUpgradable(int version)
 {
-    oldVersion = database.getUserVersion();
-    if (oldVersion < 0 || oldVersion > latest_version)
-        return false;
-    for (int version = oldVersion; version < latest_version; ++version)
-        if (!sql::runOneStepSqlStmt(database.getHandle(), steps[version]))
-            return false;
-    return oldVersion == latest_version || database.setUserVersion(latest_version);
+    return version >= 0 && version < latest_version;
 }
 
-// All steps or none: after a power failure the file is the old one or the new one.
-bool upgrade(sql::Database& database, int& oldVersion)
+bool runSteps(sql::Database& database, int version)
 {
-    if (!database.transactionBegin())
+    for (; version < latest_version; ++version)
+        if (!sql::runOneStepSqlStmt(database.getHandle(), steps[version]))
+            return false;
+    return database.setUserVersion(latest_version);
+}
+
+// All steps that the file lacks or none: after a power failure it is the old one or the new one.
+bool upgrade(sql::Database& database, int& version)
+{
+    // Unlike transactionBegin() this waits for a program that writes, and keeps all others from it.
+    if (!sql::RecordSet(database.getHandle()).query("begin immediate"))
         return false;
-    if (runSteps(database, oldVersion) && database.transactionCommit())
+    version = database.getUserVersion(); // again: another program may have been faster
+    const bool isDone = !isUpgradable(version) || runSteps(database, version);
+    if (isDone && database.transactionCommit())
         return true;
     database.transactionRollback(); // nothing to do when SQLite has done so itself
     return false;
@@ -70,12 +74,14 @@ int main(int argc, char** argv)
     sql::Database database;
     if (!database.open(argv[1], sql::Database::access_create, false, busy_timeout_ms))
         return fail("cannot be opened", argv[1]);
-    int oldVersion = -1;
-    if (!upgrade(database, oldVersion)) {
-        const bool isNewer = oldVersion > latest_version;
-        return fail(isNewer ? "made by a newer release" : "cannot be upgraded", argv[1]);
-    }
-    std::printf("version %d, was %d\n", database.getUserVersion(), oldVersion);
+    int version = database.getUserVersion();
+    if (isUpgradable(version) && !upgrade(database, version))
+        return fail("cannot be upgraded", argv[1]);
+    if (version < 0)
+        return fail("cannot be read", argv[1]);
+    if (version > latest_version)
+        return fail("made by a newer release", argv[1]);
+    std::printf("version %d, was %d\n", database.getUserVersion(), version);
 
     sql::Table products(database.getHandle(), "product", columns);
     if (!products.open("", "id"))

@@ -153,15 +153,14 @@ bool raisePrices(sql::Database& database, sql::Table& products)
     return false;
 }
 
-bool upgrade(sql::Database& database, sql::Table&)
+bool upgrade(sql::Database& database, sql::Table& products)
 {
-    if (!database.transactionBegin())
+    if (!products.query("begin immediate")) // waits for a program that writes, keeps others from it
         return false;
     const int version = database.getUserVersion(); // 0 in a new file
     bool done = version >= 0;
     if (version == 0)
-        done = sql::runOneStepSqlStmt(database.getHandle(),
-                                      "create index by_cents on product (cents)")
+        done = products.query("create index by_cents on product (cents)")
                && database.setUserVersion(1);
     if (done && database.transactionCommit()) {
         std::printf("version %d, was %d\n", database.getUserVersion(), version);

@@ -13,6 +13,7 @@ import shlex
 import sqlite3
 import subprocess
 import tempfile
+import time
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -37,7 +38,7 @@ BAD_FILES = {
     "settings": ("cannot open a.db", "cannot open a.db"),
     "sharing": ("cannot prepare the database", "cannot prepare the database"),
     "transaction": ("cannot open the database", UNREADABLE),
-    "upgrade": ("a.db: cannot be opened", "a.db: cannot be upgraded"),
+    "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
 # What they read from standard input.
 INPUTS = {"encryption": "secret\n"}
@@ -220,7 +221,25 @@ class UpgradeTest(Test):
              "insert into product values (1, 'tea'), (2, 'pot'); pragma user_version = 1;")
     SECOND = ("alter table product add column cents integer not null default 0;"
               "update product set cents = id * 100; pragma user_version = 2;")
+    ROWS = "id = 1|name = tea|cents = 100\nid = 2|name = pot|cents = 200\n" # of the second
     LATEST = [("table", "product"), ("index", "product_by_name")]
+
+    def start(self, *command):
+        return subprocess.Popen([*EMULATOR, PROGRAMS / command[0], *command[1:]], cwd=self.folder,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8")
+
+    @staticmethod
+    def result_of(program):
+        output, _ = program.communicate()
+        return program.returncode, output
+
+    @contextlib.contextmanager
+    def writer(self):
+        """A connection that is about to write."""
+        with contextlib.closing(sqlite3.connect(self.folder / "a.db")) as connection:
+            connection.isolation_level = None
+            connection.execute("begin immediate")
+            yield connection
 
     def test_new_file_gets_the_latest_version(self):
         self.assert_success("version 3, was 0\n", "upgrade", "a.db")
@@ -236,8 +255,7 @@ class UpgradeTest(Test):
 
     def test_second_version_keeps_its_rows(self):
         self.make(self.FIRST + self.SECOND)
-        rows = "id = 1|name = tea|cents = 100\nid = 2|name = pot|cents = 200\n"
-        self.assert_success("version 3, was 2\n" + rows, "upgrade", "a.db")
+        self.assert_success("version 3, was 2\n" + self.ROWS, "upgrade", "a.db")
 
     def test_newer_version_is_refused_and_left_alone(self):
         self.make(self.FIRST + "pragma user_version = 4")
@@ -251,6 +269,28 @@ class UpgradeTest(Test):
         self.assert_failure("a.db: cannot be upgraded", "upgrade", "a.db")
         self.assertEqual(self.bytes(), before)
         self.assertEqual(self.files(), ["a.db"])
+
+
+    def test_programs_that_start_at_once_run_each_step_once(self):
+        for number in range(10 if EMULATOR else 60):
+            programs = [self.start("upgrade", f"{number}.db") for _ in range(3)]
+            self.assertEqual(sorted(map(self.result_of, programs)),
+                             [(0, "version 3, was 0\n"), *2 * [(0, "version 3, was 3\n")]])
+
+    def test_steps_of_another_program_are_waited_for_and_not_run_again(self):
+        with self.writer() as other:
+            program = self.start("upgrade", "a.db")
+            time.sleep(0.5)
+            for statement in (self.FIRST + self.SECOND).split(";"):
+                other.execute(statement)
+            other.execute("commit")
+            self.assertEqual(self.result_of(program), (0, "version 3, was 2\n" + self.ROWS))
+
+    def test_file_that_stays_locked_is_told_after_the_timeout(self):
+        with self.writer():
+            start = time.monotonic()
+            self.assert_failure("a.db: cannot be upgraded", "upgrade", "a.db")
+            self.assertGreaterEqual(time.monotonic() - start, 2)
 
 
 class TransactionTest(Test):
