@@ -22,7 +22,6 @@ BUILD = pathlib.Path(sys.argv[1]).resolve()
 XML = BUILD / "docs" / "reference" / "xml-man"
 HTML = BUILD / "html"
 MAN = BUILD / "man" / "man3"
-STANDARD_STRING = "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> >"
 
 
 def text_of(element):
@@ -63,15 +62,11 @@ def gather_operations():
 
 def exported():
     """What the library exports, as recorded for its binary interface: names and parameters."""
-    recorded = (ROOT / "abi" / "x86-64.xml").read_text(encoding="utf-8")
-    symbols = re.findall(r"<elf-symbol name='(_ZNK?3sql[^']*)'", recorded)
-    names = subprocess.run(["c++filt", *symbols], check=True, capture_output=True, text=True).stdout
+    recorded = ROOT / "components/sql/sqlwrapper/sqlwrapper.abi"
     found = set()
-    for name in names.replace("[abi:cxx11]", "").splitlines():
-        full, parameters = re.fullmatch(r"(.*?)\((.*)\)(?: const)?", name).groups()
+    for full, parameters in re.findall(r"^SQLWRAPPER_\S+ (.*?)\((.*)\)", recorded.read_text("utf-8"), re.M):
         scope, _, operation = full.rpartition("::")
-        parameters = parameters.replace(STANDARD_STRING, "string")
-        parameters = re.sub(r", std::allocator<[\w:]+ ?> ", "", parameters)
+        parameters = parameters.replace("std::string", "string")
         found.add((scope, operation, ",".join(map(plain_type, parameters.split(", ")))))
     return found
 
