@@ -342,6 +342,20 @@ class BackupTest(Test):
         self.assertEqual(self.query("select count(*) from product"), [(6,)])
 
 
+class SyncTest(Test):
+    def test_backup_is_on_the_disk_before_it_gets_its_name_and_so_is_the_name_then(self):
+        (self.folder / "shop").mkdir()
+        for file, folder in (("a.db", self.folder.name), ("shop/b.db", "shop")):
+            with self.subTest(file):
+                subprocess.run([os.environ["STRACE"], "-y", "-o", "calls", "-e", "trace=/sync|rename",
+                                PROGRAMS / "backup", file], cwd=self.folder,
+                               stdout=subprocess.DEVNULL, check=True)
+                calls = (self.folder / "calls").read_text(encoding="utf-8")
+                around = re.findall(r"^(.*)\nrename.*\n(.*)$", calls, re.MULTILINE)
+                self.assertEqual([re.findall(r"^(\w+)\(.*/(.*)>\) += 0$", call) for call in around[0]],
+                                 [[("fsync", os.path.basename(file) + ".new")], [("fsync", folder)]])
+
+
 class SharingTest(Test):
     def test_no_addition_is_lost(self):
         for _ in range(3):
