@@ -109,9 +109,9 @@ ExitStatus rename(const std::string& database, const std::string& block, const s
     const ExitStatus status = openForChange(registry, database, blockDigits(block), found);
     if (status != status_success)
         return status;
-    if (!registry.rename(found.assignment, name) || !registry.commit())
-        return fail(registry.error());
     found.name = name;
+    if (!registry.update(found) || !registry.commit())
+        return fail(registry.error());
     std::cout << lineOf(found) << '\n';
     return status_success;
 }

@@ -68,7 +68,9 @@ bool Import::readHeader()
     CsvRecord record;
     if (!_csv.read(record))
         return fail(_csv.error().empty() ? _csv.located(1, "no header") : _csv.error());
-    return record.fields == header || fail(_csv.located(record.line, "unknown header"));
+    if (record.fields != header)
+        return fail(_csv.located(record.line, "unknown header"));
+    return true;
 }
 
 bool Import::putAll(bool withProgress)
@@ -79,7 +81,9 @@ bool Import::putAll(bool withProgress)
             return false;
         progress.show(_csv.percentRead());
     }
-    return _csv.error().empty() || fail(_csv.error());
+    if (!_csv.error().empty())
+        return fail(_csv.error());
+    return true;
 }
 
 bool Import::put(const CsvRecord& record)
@@ -87,7 +91,9 @@ bool Import::put(const CsvRecord& record)
     const std::string flaw = flawOf(record);
     if (!flaw.empty())
         return fail(_csv.located(record.line, flaw));
-    return _registry.put(blockOf(record)) || fail(_csv.located(record.line, _registry.error()));
+    if (!_registry.put(blockOf(record)))
+        return fail(_csv.located(record.line, _registry.error()));
+    return true;
 }
 
 long Import::rows() const

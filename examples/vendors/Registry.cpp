@@ -35,6 +35,11 @@ sql::integer keyOf(const std::string& digits)
     return std::stoll("1" + digits, nullptr, 16);
 }
 
+std::string keyText(const std::string& digits)
+{
+    return sql::intToStr(keyOf(digits));
+}
+
 std::string textOf(const sql::Record& record, const char* column)
 {
     return record.getValue(column)->asString();
@@ -96,7 +101,9 @@ bool Registry::check()
     int number = 0;
     if (!version(number))
         return false;
-    return (number == schema_version && _table.exists()) || fail(not_ours);
+    if (number != schema_version || !_table.exists())
+        return fail(not_ours);
+    return true;
 }
 
 bool Registry::prepare()
@@ -108,14 +115,17 @@ bool Registry::prepare()
     const sql::Table everything(_database.getHandle(), catalogue, noColumns);
     if (number != 0 || everything.totalRecordCount() != 0)
         return check();
-    const bool isMade = _table.create() && _database.setUserVersion(schema_version);
-    return isMade || fail(not_writable);
+    if (!_table.create() || !_database.setUserVersion(schema_version))
+        return fail(not_writable);
+    return true;
 }
 
 bool Registry::begin()
 {
-    _hasBegun = _database.transactionBegin();
-    return _hasBegun || fail(not_readable);
+    if (!_database.transactionBegin())
+        return fail(not_readable);
+    _hasBegun = true;
+    return true;
 }
 
 bool Registry::commit()
@@ -128,38 +138,35 @@ bool Registry::commit()
 
 bool Registry::put(const Block& block)
 {
-    const sql::integer key = keyOf(block.assignment);
-    sql::Record record(*_table.fields());
-    record.setInteger("id", key);
-    record.setString("registry", block.registry);
-    record.setString("assignment", block.assignment);
-    record.setString("name", block.name);
-    record.setString("address", block.address);
     // Not addOrUpdateRecord(): on a full disk its question whether there is such a row can fail, and
     // end the transaction with that. It takes this for a no, and the row would be added for good.
-    return (_table.deleteRecord(key) && _table.addRecord(record)) || fail(not_writable);
+    if (!_table.deleteRecord(keyOf(block.assignment)) || !_table.addRecord(recordOf(block)))
+        return fail(not_writable);
+    return true;
 }
 
 bool Registry::find(const std::string& digits, std::optional<Block>& found)
 {
-    found.reset();
-    const sql::integer key = keyOf(digits);
-    if (const sql::Record* const record = _table.getRecordByKeyId(key)) {
-        found = blockOf(*record);
-        return true;
-    }
-    // No record may mean no row or a failed read; open() tells which.
-    return _table.open("id = " + sql::intToStr(key)) || fail(not_readable);
+    return findFirst("id = " + keyText(digits), found);
 }
 
 bool Registry::findAddress(const std::string& digits, std::optional<Block>& found)
 {
-    for (const std::size_t size : {9, 7, 6}) {
-        if (!find(digits.substr(0, size), found))
-            return false;
-        if (found)
-            break;
-    }
+    const std::string condition = "id in (" + keyText(digits.substr(0, 9)) + ", "
+                                  + keyText(digits.substr(0, 7)) + ", "
+                                  + keyText(digits.substr(0, 6)) + ")";
+    return findFirst(condition, found);
+}
+
+// Of blocks within each other the smallest has most digits, and so the greatest key.
+bool Registry::findFirst(const std::string& condition, std::optional<Block>& found)
+{
+    found.reset();
+    // Not getRecordByKeyId(), whose null may stand for no row or for a failed read.
+    if (!_table.open(condition, "id desc"))
+        return fail(not_readable);
+    if (const sql::Record* const record = _table.getTopRecord())
+        found = blockOf(*record);
     return true;
 }
 
@@ -173,19 +180,18 @@ bool Registry::search(const std::string& text, std::vector<Block>& found)
     return true;
 }
 
-bool Registry::rename(const std::string& digits, const std::string& name)
+bool Registry::update(const Block& block)
 {
-    const sql::Record* const old = _table.getRecordByKeyId(keyOf(digits));
-    if (old == nullptr)
-        return fail(not_readable);
-    sql::Record record(old);
-    record.setString("name", name);
-    return _table.updateRecord(record) || fail(not_writable);
+    if (!_table.updateRecord(recordOf(block)))
+        return fail(not_writable);
+    return true;
 }
 
 bool Registry::remove(const std::string& digits)
 {
-    return _table.deleteRecord(keyOf(digits)) || fail(not_writable);
+    if (!_table.deleteRecord(keyOf(digits)))
+        return fail(not_writable);
+    return true;
 }
 
 bool Registry::copyFrom(Registry& source)
@@ -195,21 +201,26 @@ bool Registry::copyFrom(Registry& source)
         return fail(source.error());
     // backup() carries on with a table that it cannot drop. Such a failure may have ended the
     // transaction, and rows would then be added for good: the table is dropped here.
-    const bool isCopied = _table.remove() && _table.backup(source._table)
-                          && _database.setUserVersion(static_cast<unsigned int>(number));
-    return isCopied || fail(not_writable);
+    if (!_table.remove() || !_table.backup(source._table)
+        || !_database.setUserVersion(static_cast<unsigned int>(number)))
+        return fail(not_writable);
+    return true;
 }
 
 bool Registry::count(int& blocks)
 {
     blocks = _table.totalRecordCount();
-    return blocks >= 0 || fail(not_readable);
+    if (blocks < 0)
+        return fail(not_readable);
+    return true;
 }
 
 bool Registry::version(int& version)
 {
     version = _database.getUserVersion();
-    return version >= 0 || fail(not_readable);
+    if (version < 0)
+        return fail(not_readable);
+    return true;
 }
 
 std::vector<std::string> Registry::columns() const
@@ -222,6 +233,17 @@ std::vector<std::string> Registry::columns() const
 const std::string& Registry::error() const
 {
     return _error;
+}
+
+sql::Record Registry::recordOf(const Block& block) const
+{
+    sql::Record record(*_table.fields());
+    record.setInteger("id", keyOf(block.assignment));
+    record.setString("registry", block.registry);
+    record.setString("assignment", block.assignment);
+    record.setString("name", block.name);
+    record.setString("address", block.address);
+    return record;
 }
 
 void Registry::rollBack()

@@ -55,8 +55,8 @@ public:
     // Looks for the blocks whose holder's name contains a text, in the order of names and digits.
     bool search(const std::string& text, std::vector<Block>& found);
 
-    // Change or remove a block that exists.
-    bool rename(const std::string& digits, const std::string& name);
+    // Write all of a block that exists, or remove it.
+    bool update(const Block& block);
     bool remove(const std::string& digits);
 
     // Makes the table anew as a copy of another database's, and takes its user version.
@@ -72,6 +72,8 @@ public:
     const std::string& error() const;
 
 private:
+    bool findFirst(const std::string& condition, std::optional<Block>& found);
+    sql::Record recordOf(const Block& block) const;
     void rollBack();
 
     // Always false.
