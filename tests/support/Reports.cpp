@@ -26,9 +26,10 @@ namespace report {
 
 namespace {
 
-const std::string query_number = "queryNumber";
-const std::string one_step = "runOneStepSqlStmt";
-const std::string query = "RecordSet::query";
+// No objects: tests make their tables of cases before those would be initialised.
+const char query_number[] = "queryNumber";
+const char one_step[] = "runOneStepSqlStmt";
+const char query[] = "RecordSet::query";
 
 // "Table::exists" out of "bool sql::Table::exists()"
 std::string operationOf(const std::string& signature)

@@ -1,163 +1,132 @@
 #include "SqlTable.h"
 
-#include "Columns.h"
-#include "Declarations.h"
-#include "Diagnostics.h"
-#include "Environment.h"
-#include "Rows.h"
-#include "Sqlite.h"
-#include "Wording.h"
+#include "Cases.h"
+#include "ProductTest.h"
 
-#include <gmock/gmock.h>
-
-#include <initializer_list>
+#include <functional>
 #include <limits>
-#include <ostream>
-#include <string>
 #include <type_traits>
 #include <vector>
 
+// Every operation of a table: its result, its statements, its reports and the rows held afterwards.
+
 namespace {
 
+namespace report = test::report;
+
 using sql::Field;
-using sql::FieldSet;
-using sql::integer;
 using sql::Record;
 using sql::string;
 using sql::Table;
-using test::declared;
-using test::held;
-using test::visibleAt;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using test::joined;
+using test::product;
+using test::Texts;
 using testing::ValuesIn;
-
-typedef std::vector<std::string> Texts;
 
 static_assert(!std::is_copy_constructible<Table>::value, "rows point into their table");
 static_assert(!std::is_copy_assignable<Table>::value, "rows point into their table");
 static_assert(!std::is_polymorphic<Table>::value, "a plain class");
 
-// The declarations, as users compile against them.
-static_assert(std::is_constructible<Table, const string&>::value);
-static_assert(std::is_constructible<Table, sqlite3*, const string&, const Field*>::value);
-static_assert(std::is_constructible<Table, sqlite3*, const string&, const FieldSet&>::value);
-static_assert(declared<bool (Table::*)(sqlite3*, const Field*)>(&Table::initTable));
-static_assert(declared<string (Table::*)() const>(&Table::name));
-static_assert(declared<const FieldSet* (Table::*)() const>(&Table::fields));
-static_assert(declared<sqlite3* (Table::*)()>(&Table::getHandle));
-static_assert(declared<bool (Table::*)()>(&Table::exists));
-static_assert(declared<bool (Table::*)()>(&Table::create));
-static_assert(declared<bool (Table::*)()>(&Table::remove));
-static_assert(declared<bool (Table::*)()>(&Table::truncate));
-static_assert(declared<int (Table::*)() const>(&Table::totalRecordCount));
-static_assert(declared<string (Table::*)() const>(&Table::getDefinition));
-static_assert(declared<string (Table::*)() const>(&Table::toString));
-static_assert(declared<bool (Table::*)()>(&Table::open));
-static_assert(declared<bool (Table::*)(const string&)>(&Table::open));
-static_assert(declared<bool (Table::*)(const string&, const string&)>(&Table::open));
-static_assert(declared<bool (Table::*)(const string&)>(&Table::query));
-static_assert(declared<int (Table::*)() const>(&Table::recordCount));
-static_assert(declared<Record* (Table::*)(int)>(&Table::getRecord));
-static_assert(declared<Record* (Table::*)()>(&Table::getTopRecord));
-static_assert(declared<Record* (Table::*)(string)>(&Table::getRecordByKeyId));
-static_assert(declared<Record* (Table::*)(integer)>(&Table::getRecordByKeyId));
-static_assert(declared<bool (Table::*)(string)>(&Table::hasRecordWithKeyId));
-static_assert(declared<bool (Table::*)(integer)>(&Table::hasRecordWithKeyId));
-static_assert(declared<bool (Table::*)(const Record&)>(&Table::addRecord));
-static_assert(declared<bool (Table::*)(const Record&)>(&Table::updateRecord));
-static_assert(declared<bool (Table::*)(string, const Record&)>(&Table::addOrUpdateRecord));
-static_assert(declared<bool (Table::*)(integer, const Record&)>(&Table::addOrUpdateRecord));
-static_assert(declared<bool (Table::*)(string)>(&Table::deleteRecord));
-static_assert(declared<bool (Table::*)(integer)>(&Table::deleteRecord));
-static_assert(declared<bool (Table::*)(const string&)>(&Table::deleteRecords));
-static_assert(declared<bool (Table::*)(Table&)>(&Table::copyRecords));
-static_assert(declared<bool (Table::*)(Table&)>(&Table::backup));
+// --- An operation with its arguments, which tells what it gave back
 
-// --- What the library reports, whole
-
-const char no_connection[] =
-    "assert '_db' in SqlRecordSet.cpp (bool sql::RecordSet::query(const string&))";
-const char nothing_to_count_on[] =
-    "assert 'db' in SqlCommon.cpp (int sql::queryNumber(sqlite3*, const string&))";
-
-Texts joined(std::initializer_list<Texts> parts)
+std::string told(Table&, bool result)
 {
-    Texts all;
-    for (const Texts& part : parts)
-        all.insert(all.end(), part.begin(), part.end());
-    return all;
+    return result ? "true" : "false";
 }
 
-// A statement that went through a record set, and one through the counting of rows.
-Texts ran(const std::string& statement)
+std::string told(Table&, int number)
 {
-    return {"[DEBUG2] SqlRecordSet.cpp (query) - stmt='" + statement + "'"};
+    return std::to_string(number);
 }
 
-Texts counted(const std::string& statement, const std::string& number)
+std::string told(Table&, const std::string& text)
 {
-    return {"[DEBUG2] SqlCommon.cpp (queryNumber) - stmt='" + statement + "'",
-            "[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=" + number};
+    return text;
 }
 
-std::string rowRead(const std::string& dump)
+// A row by its place among those held.
+std::string told(Table& table, const Record* record)
 {
-    return "[DEBUG3] SqlRecordSet.cpp (on_next_record) - " + dump;
+    for (int i = 0; i < table.recordCount(); ++i) {
+        if (record == table.getRecord(i))
+            return "row " + std::to_string(i);
+    }
+    return record == nullptr ? "null" : "a row that is not held";
 }
 
-// The same two when SQLite refuses, for a reason such as "1=SQLITE_ERROR: no such table: product".
-Texts refused(const std::string& statement, const std::string& reason)
-{
-    return {"[DEBUG2] SqlRecordSet.cpp (query) - stmt='" + statement + "'",
-            "[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt '" + statement + "'",
-            "[ERROR] SqlRecordSet.cpp (query) -   rc=" + reason};
-}
+struct Act {
+    template <typename Operation>
+    Act(Operation operation) : run([operation](Table& t) { return told(t, operation(t)); })
+    {
+    }
 
-Texts notCounted(const std::string& statement, const std::string& reason)
-{
-    return {"[DEBUG2] SqlCommon.cpp (queryNumber) - stmt='" + statement + "'",
-            "[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query '" + statement
-                + "': ",
-            "[ERROR] SqlCommon.cpp (queryNumber) -   rc=" + reason};
-}
+    std::function<std::string(Table&)> run;
+};
 
-const Texts no_key_name = {
-    "[ERROR] SqlFieldSet.cpp (getKeyIdName) - Failed to get name of PRIMARY KEY column",
-    "assert 'false' in SqlFieldSet.cpp (sql::string sql::FieldSet::getKeyIdName() const)"};
+// --- A case: one operation on a table that holds one row, unless it has no connection
 
-Texts missingKeyTwice(const std::string& function, const std::string& signature)
-{
-    return joined(
-        {no_key_name,
-         {"[ERROR] SqlTable.cpp (" + function + ") - Failed to get name of PRIMARY KEY column",
-          "assert 'false' in SqlTable.cpp (" + signature + ")"}});
-}
+struct Setup {
+    std::string stored; // the table of three products in the database, if any
+    std::string table;
+    const Field* columns;
+    bool isConnected = true;
+};
 
-Texts noDefinition(const std::string& table)
-{
-    return {
-        "[ERROR] SqlTable.cpp (getDefinition) - Failed to build SQL CREATE TABLE stmt for table "
-            + table,
-        "assert 'false' in SqlTable.cpp (sql::string sql::Table::getDefinition() const)"};
-}
+const Setup filled = {"product", "product", test::product_columns};
+const Setup missing = {"", "product", test::product_columns};
+const Setup unconnected = {"", "product", test::product_columns, false};
+const Setup without_columns = {"product", "product", test::no_columns};
+const Setup missing_without_columns = {"", "product", test::no_columns};
+const Setup without_key = {"product", "product", test::without_key_columns};
+const Setup without_name = {"product", "", test::product_columns};
+const Setup key_last = {"product", "product", test::key_last_columns};
+const Setup text_key = {"product", "product", test::text_key_columns};
+const Setup other_letter_case = {"product", "Product", test::product_columns};
+const Setup name_with_quote = {"product", "o'clock", test::product_columns};
 
-Texts noCreation(const std::string& table)
-{
-    return {"[ERROR] SqlTable.cpp (create) - Failed to build SQL CREATE TABLE stmt for table "
-                + table,
-            "assert 'false' in SqlTable.cpp (bool sql::Table::create())"};
-}
+// A name that is a table's as it stands alone, not with its quotes doubled, removed or put within
+// others.
+const Setup oddly_named = {"\"it''s my product\"", "\"it''s my product\"", test::product_columns};
 
-const std::string no_insert =
-    "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSqlInsert(const string&) const)";
-const std::string no_update =
-    "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSqlUpdate(const string&) const)";
+struct TableCase : test::Case {
+    Setup setup;
+    Act act;
+    std::string result;
+    Texts report; // at level 9
+    bool loads;   // replaces the rows held
+    Texts rowsRead;
+    std::string rowsStored;
+};
 
-std::string existenceOf(const std::string& name)
-{
-    return "select count(*) from sqlite_master where type = 'table' and name = '" + name + "'";
-}
+struct Fixture {
+    explicit Fixture(const Setup& setup)
+        : stored(setup.stored),
+          table(setup.isConnected ? db.get() : nullptr, setup.table, setup.columns)
+    {
+        if (!stored.empty())
+            test::fillProducts(db, stored);
+        if (setup.isConnected)
+            table.query("select 1, 'marked', 2.5");
+        held = test::held(table);
+    }
+
+    std::string rowsStored()
+    {
+        if (db.rows("select count(*) from sqlite_master") == "0")
+            return "no table";
+        return test::products(db, stored);
+    }
+
+    test::Connection db;
+    std::string stored;
+    Table table;
+    Texts held;
+};
+
+class TableCaseTest : public testing::TestWithParam<TableCase> {
+protected:
+    test::Diagnostics _diagnostics;
+};
 
 // Those without a level come last, since there is no way back from them.
 const int without_level = -1;
@@ -174,85 +143,66 @@ void setLevel(test::Diagnostics& diagnostics, int level)
         diagnostics.setLevel(level);
 }
 
-// --- Rows to write and rows in the database
-
-Record product(const Table& table, const std::string& name, double price)
+TEST_P(TableCaseTest, GivesItsResultAtEveryLevelAndReportsWhatTheLevelShows)
 {
-    Record record(*table.fields());
-    record.setString("name", name);
-    record.setDouble("price", price);
-    return record;
-}
-
-Record product(const Table& table, integer id, const std::string& name, double price)
-{
-    Record record = product(table, name, price);
-    record.setInteger("id", id);
-    return record;
-}
-
-bool updateOfATextKeyFails(Table& table)
-{
-    Record record(*table.fields());
-    record.setString("code", "A1");
-    record.setString("name", "rum");
-    return !table.updateRecord(record);
-}
-
-void fillProducts(test::Connection& db)
-{
-    db.run("CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL);"
-           "insert into product select 1, 'tea', 2.5 union all select 2, 'coffee', 4.5"
-           " union all select 3, 'milk', 1.25");
-}
-
-const char three_products[] = "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25";
-
-std::string products(test::Connection& db, const std::string& name = "product")
-{
-    return db.rows("select * from " + name);
-}
-
-// SQLite refuses one kind of action while this object lives.
-class Denied {
-public:
-    Denied(sqlite3* db, int action) : _db(db), _action(action)
-    {
-        sqlite3_set_authorizer(_db, answer, &_action);
+    for (const int level : levels) {
+        SCOPED_TRACE(level);
+        Fixture fixture(GetParam().setup);
+        setLevel(_diagnostics, level);
+        _diagnostics.clear();
+        EXPECT_EQ(GetParam().act.run(fixture.table), GetParam().result);
+        EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, GetParam().report));
     }
-    ~Denied()
-    {
-        sqlite3_set_authorizer(_db, nullptr, nullptr);
+}
+
+TEST_P(TableCaseTest, LeavesTheRowsHeldUnlessItLoads)
+{
+    Fixture fixture(GetParam().setup);
+    const Record* const top = fixture.table.getTopRecord();
+    GetParam().act.run(fixture.table);
+    EXPECT_EQ(test::held(fixture.table), GetParam().loads ? GetParam().rowsRead : fixture.held);
+    if (!GetParam().loads) {
+        EXPECT_EQ(fixture.table.getTopRecord(), top);
     }
-    Denied(const Denied&) = delete;
-    Denied& operator=(const Denied&) = delete;
+}
 
-private:
-    static int answer(void* denied, int action, const char*, const char*, const char*, const char*)
-    {
-        return action == *static_cast<int*>(denied) ? SQLITE_DENY : SQLITE_OK;
-    }
+TEST_P(TableCaseTest, ChangesTheRowsStoredAndNotTheTableItself)
+{
+    Fixture fixture(GetParam().setup);
+    const std::string columns = fixture.table.fields()->dump();
+    sqlite3* const handle = fixture.table.getHandle();
+    GetParam().act.run(fixture.table);
+    EXPECT_EQ(fixture.rowsStored(), GetParam().rowsStored);
+    EXPECT_EQ(fixture.table.name(), GetParam().setup.table);
+    EXPECT_EQ(fixture.table.getHandle(), handle);
+    EXPECT_EQ(fixture.table.fields()->dump(), columns);
+}
 
-    sqlite3* _db;
-    int _action;
-};
+class TableOperationTest : public TableCaseTest {};
 
-// --- Every operation that succeeds: its statements, its route and the rows held afterwards
-
-typedef bool (*Act)(Table&); // whether the result is the expected one
-
-struct Operation {
-    const char* name;
-    Act act;
+// The statements that a report shows.
+Texts statementsOf(const Texts& report)
+{
+    const std::string start = " - stmt='";
     Texts statements;
-    Texts report; // at level 9
-    Texts rowsHeld;
-};
-
-void PrintTo(const Operation& operation, std::ostream* out)
-{
-    *out << operation.name;
+    for (const std::string& event : report) {
+        const std::size_t at = event.find(start);
+        if (at != std::string::npos)
+            statements.push_back(
+                event.substr(at + start.size(), event.size() - at - start.size() - 1));
+    }
+    return statements;
 }
+
+TEST_P(TableOperationTest, RunsItsStatementsAndNoOthers)
+{
+    Fixture fixture(GetParam().setup);
+    const test::Statements statements(fixture.db);
+    GetParam().act.run(fixture.table);
+    EXPECT_EQ(statements.texts(), statementsOf(GetParam().report));
+}
+
+// --- The operations that run a statement
 
 // A row as it is traced and as it is held.
 struct Row {
@@ -265,1969 +215,467 @@ const Row coffee = {"id = 2|name = coffee|price = 4.5", "2|coffee|4.5"};
 const Row milk = {"id = 3|name = milk|price = 1.25", "3|milk|1.25"};
 const Row selected = {"id = 9|name = rum|price = 8", "9|rum|8"};
 
-const Texts all_held = {tea.text, coffee.text, milk.text};
+const std::string rows_stored = test::three_products;
 
-// The three products, of which the first was marked in memory after they were loaded.
-const Texts kept = {"1|marked|2.5", "2|coffee|4.5", "3|milk|1.25"};
+// The routes: the table's own record set, counting, a record set beside the own one, and counting
+// that chooses the statement for the latter.
+enum Route { route_load, route_count, route_write, route_choose };
 
-// The three routes: the table's own record set, counting, and a record set beside the own one.
-Operation loads(const char* name, Act act, const char* statement,
-                std::initializer_list<Row> rows = {})
-{
-    Operation operation = {name, act, {statement}, ran(statement), {}};
-    for (const Row& row : rows) {
-        operation.report.push_back(rowRead(row.dump));
-        operation.rowsHeld.push_back(row.text);
+struct Operation {
+    std::string name;
+    Act act;
+    Route route;
+    std::string statement; // with % for the table's name
+    std::string result = "true";
+    std::string failure = "false"; // the result when the statement cannot run
+    std::string rowsStored = rows_stored;
+    std::vector<Row> rowsRead = {};
+    std::string number = ""; // that was counted
+    std::string key = "";    // to choose by
+    std::string write = "";  // that was chosen
+
+    bool adds() const
+    {
+        return number == "0";
     }
-    return operation;
+};
+
+Operation loads(const char* name, const char* statement, std::vector<Row> rows, Act act)
+{
+    return {name, act, route_load, statement, "true", "false", rows_stored, rows};
 }
 
-Operation counts(const char* name, Act act, const char* statement, const char* number)
+Operation gets(const char* name, const char* statement, std::vector<Row> rows, Act act)
 {
-    return {name, act, {statement}, counted(statement, number), kept};
+    const char* const result = rows.empty() ? "null" : "row 0";
+    return {name, act, route_load, statement, result, "null", rows_stored, rows};
 }
 
-Operation writes(const char* name, Act act, const char* statement)
+Operation drops(const char* name, const char* statement, const char* rowsStored, Act act)
 {
-    return {name, act, {statement}, ran(statement), kept};
+    return {name, act, route_load, statement, "true", "false", rowsStored};
 }
 
-Operation runsNothing(const char* name, Act act)
+Operation has(const char* name, const char* statement, const char* number, Act act)
 {
-    return {name, act, {}, {}, kept};
+    const char* const result = number == string("0") ? "false" : "true";
+    return {name, act, route_count, statement, result, "false", rows_stored, {}, number};
 }
 
-Operation finds(const char* name, Act act)
+Operation writes(const char* name, const char* statement, const std::string& rowsStored, Act act)
 {
-    const std::string statement =
-        "select count(*) from sqlite_master where type = 'table' and name = 'product'";
-    const std::string line = "[DEBUG2] SqlTable.cpp (exists) - Table 'product' exists";
-    return {name, act, {statement}, joined({counted(statement, "1"), {line}}), kept};
+    return {name, act, route_write, statement, "true", "false", rowsStored};
 }
 
-Operation chooses(const char* name, Act act, const char* count, const char* number,
-                  const char* line, const char* write)
+Operation chooses(const char* name, const char* count, const char* number, const char* key,
+                  const char* write, const std::string& rowsStored, Act act)
 {
-    const std::string choice = std::string("[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - ") + line;
-    return {
-        name, act, {count, write}, joined({counted(count, number), {choice}, ran(write)}), kept};
+    return {name, act, route_choose, count, "true", "false", rowsStored, {}, number, key, write};
 }
+
+const std::string rum_added = rows_stored + "\n7|rum|8.0";
+const std::string cocoa_for_coffee = "1|tea|2.5\n2|cocoa|3.0\n3|milk|1.25";
+const char insert_rum[] = "insert into % (id, name, price) values (7, 'rum', 8.00000000)";
+const char update_coffee[] = "update % set name='cocoa', price=3.00000000 where id = 2";
 
 const Operation operations[] = {
-    finds("ExistsCounts", [](Table& t) { return t.exists(); }),
-    finds("CreateOfAnExistingTableRunsNothing", [](Table& t) { return t.create(); }),
-    loads(
-        "RemoveDropsTheTable", [](Table& t) { return t.remove(); }, "drop table product"),
-    loads(
-        "TruncateDeletesAllRows", [](Table& t) { return t.truncate(); }, "delete from product"),
-    counts(
-        "TotalRecordCountCounts", [](Table& t) { return t.totalRecordCount() == 3; },
-        "select count(*) from product", "3"),
+    drops("RemoveDropsTheTable", "drop table %", "no table", [](Table& t) { return t.remove(); }),
+    drops("TruncateDeletesAllRows", "delete from %", "", [](Table& t) { return t.truncate(); }),
+    {"TotalRecordCountCounts",
+     [](Table& t) { return t.totalRecordCount(); },
+     route_count,
+     "select count(*) from %",
+     "3",
+     "-1",
+     rows_stored,
+     {},
+     "3"},
 
-    loads("OpenLoadsAllRows", [](Table& t) { return t.open(); }, "select * from product",
-          {tea, coffee, milk}),
-    loads("OpenWithAnEmptyConditionLoadsAllRows", [](Table& t) { return t.open(""); },
-          "select * from product", {tea, coffee, milk}),
-    loads("OpenWithAnEmptyConditionAndOrderLoadsAllRows", [](Table& t) { return t.open("", ""); },
-          "select * from product", {tea, coffee, milk}),
-    loads("OpenWithACondition", [](Table& t) { return t.open("price > 2"); },
-          "select * from product where price > 2", {tea, coffee}),
-    loads("OpenWithAConditionAsItStands", [](Table& t) { return t.open(" name = 'tea' "); },
-          "select * from product where  name = 'tea' ", {tea}),
+    loads("OpenLoadsAllRows", "select * from %", {tea, coffee, milk},
+          [](Table& t) { return t.open(); }),
+    loads("OpenWithAnEmptyConditionLoadsAllRows", "select * from %", {tea, coffee, milk},
+          [](Table& t) { return t.open(""); }),
+    loads("OpenWithAnEmptyConditionAndOrderLoadsAllRows", "select * from %", {tea, coffee, milk},
+          [](Table& t) { return t.open("", ""); }),
+    loads("OpenWithAConditionAsItStands", "select * from % where  name = 'tea' ", {tea},
+          [](Table& t) { return t.open(" name = 'tea' "); }),
     loads("OpenWithAConditionAndAnOrderAsTheyStand",
-          [](Table& t) { return t.open(" id = 2 ", " 'name' "); },
-          "select * from product where  id = 2  order by  'name' ", {coffee}),
-    loads("OpenWithAConditionAndAnEmptyOrder", [](Table& t) { return t.open("price > 2", ""); },
-          "select * from product where price > 2", {tea, coffee}),
-    loads("OpenWithAnOrderAlone", [](Table& t) { return t.open("", "name"); },
-          "select * from product order by name", {coffee, milk, tea}),
-    loads("OpenWithAConditionAndAnOrder", [](Table& t) { return t.open("price > 2", "name"); },
-          "select * from product where price > 2 order by name", {coffee, tea}),
-    loads(
-        "OpenWithAConditionThatNoRowFulfils", [](Table& t) { return t.open("price > 9"); },
-        "select * from product where price > 9"),
-    loads("QueryRunsTheTextUnchanged",
-          [](Table& t) { return t.query(" select 9, 'rum', 8 -- x;"); },
-          " select 9, 'rum', 8 -- x;", {selected}),
-    loads(
-        "QueryOfAStatementWithoutRows",
-        [](Table& t) { return t.query("delete from product where id = 1"); },
-        "delete from product where id = 1"),
+          "select * from % where  id = 2  order by  'name' ", {coffee},
+          [](Table& t) { return t.open(" id = 2 ", " 'name' "); }),
+    loads("OpenWithAConditionAndAnEmptyOrder", "select * from % where price > 2", {tea, coffee},
+          [](Table& t) { return t.open("price > 2", ""); }),
+    loads("OpenWithAnOrderAlone", "select * from % order by name", {coffee, milk, tea},
+          [](Table& t) { return t.open("", "name"); }),
+    loads("OpenWithAConditionAndAnOrder", "select * from % where price > 2 order by name",
+          {coffee, tea}, [](Table& t) { return t.open("price > 2", "name"); }),
+    loads("OpenWithAConditionThatNoRowFulfils", "select * from % where price > 9", {},
+          [](Table& t) { return t.open("price > 9"); }),
 
-    loads("GetRecordByAnIntegerKey",
-          [](Table& t) { return t.getRecordByKeyId(2) == t.getRecord(0) && t.getRecord(0); },
-          "select * from product where id = 2", {coffee}),
-    loads("GetRecordByAStringKey",
-          [](Table& t) { return t.getRecordByKeyId("2") == t.getRecord(0) && t.getRecord(0); },
-          "select * from product where id = \"2\"", {coffee}),
-    loads(
-        "GetRecordByAMissingIntegerKeyIsNullAndEmptiesTheRowsHeld",
-        [](Table& t) { return t.getRecordByKeyId(7) == nullptr; },
-        "select * from product where id = 7"),
-    loads(
-        "GetRecordByAMissingStringKeyIsNullAndEmptiesTheRowsHeld",
-        [](Table& t) { return t.getRecordByKeyId("seven") == nullptr; },
-        "select * from product where id = \"seven\""),
-    loads(
-        "GetRecordByAnEmptyStringKeyIsNull",
-        [](Table& t) { return t.getRecordByKeyId("") == nullptr; },
-        "select * from product where id = \"\""),
-    counts(
-        "HasRecordWithAnIntegerKey", [](Table& t) { return t.hasRecordWithKeyId(2); },
-        "select count(*) from product where id = 2", "1"),
-    counts(
-        "HasRecordWithAStringKey", [](Table& t) { return t.hasRecordWithKeyId("2"); },
-        "select count(*) from product where id = \"2\"", "1"),
-    counts(
-        "HasNoRecordWithAMissingIntegerKey", [](Table& t) { return !t.hasRecordWithKeyId(7); },
-        "select count(*) from product where id = 7", "0"),
-    counts(
-        "HasNoRecordWithAMissingStringKey", [](Table& t) { return !t.hasRecordWithKeyId("seven"); },
-        "select count(*) from product where id = \"seven\"", "0"),
+    gets("GetRecordByAnIntegerKey", "select * from % where id = 2", {coffee},
+         [](Table& t) { return t.getRecordByKeyId(2); }),
+    gets("GetRecordByAStringKey", "select * from % where id = \"2\"", {coffee},
+         [](Table& t) { return t.getRecordByKeyId("2"); }),
+    gets("GetRecordByAMissingIntegerKeyIsNullAndEmptiesTheRowsHeld", "select * from % where id = 7",
+         {}, [](Table& t) { return t.getRecordByKeyId(7); }),
+    gets("GetRecordByAMissingStringKeyIsNullAndEmptiesTheRowsHeld",
+         "select * from % where id = \"seven\"", {},
+         [](Table& t) { return t.getRecordByKeyId("seven"); }),
+    gets("GetRecordByAnEmptyStringKeyIsNull", "select * from % where id = \"\"", {},
+         [](Table& t) { return t.getRecordByKeyId(""); }),
+    has("HasRecordWithAnIntegerKey", "select count(*) from % where id = 2", "1",
+        [](Table& t) { return t.hasRecordWithKeyId(2); }),
+    has("HasRecordWithAStringKey", "select count(*) from % where id = \"2\"", "1",
+        [](Table& t) { return t.hasRecordWithKeyId("2"); }),
+    has("HasNoRecordWithAMissingIntegerKey", "select count(*) from % where id = 7", "0",
+        [](Table& t) { return t.hasRecordWithKeyId(7); }),
+    has("HasNoRecordWithAMissingStringKey", "select count(*) from % where id = \"seven\"", "0",
+        [](Table& t) { return t.hasRecordWithKeyId("seven"); }),
 
-    writes(
-        "AddRecordInserts", [](Table& t) { return t.addRecord(product(t, 7, "rum", 8)); },
-        "insert into product (id, name, price) values (7, 'rum', 8.00000000)"),
-    writes(
-        "AddRecordWithoutAKeyLetsSqliteChooseIt",
-        [](Table& t) { return t.addRecord(product(t, "O'Brien tea", 2.5)); },
-        "insert into product (id, name, price) values (null, 'O''Brien tea', 2.50000000)"),
-    writes(
-        "UpdateRecordUpdatesTheRowOfItsKey",
-        [](Table& t) { return t.updateRecord(product(t, 2, "cocoa", 3)); },
-        "update product set name='cocoa', price=3.00000000 where id = 2"),
-    writes(
-        "UpdateRecordOfAMissingKeySucceeds",
-        [](Table& t) { return t.updateRecord(product(t, 7, "cocoa", 3)); },
-        "update product set name='cocoa', price=3.00000000 where id = 7"),
-    chooses(
-        "AddOrUpdateRecordUpdatesByAnIntegerKey",
-        [](Table& t) { return t.addOrUpdateRecord(2, product(t, 2, "cocoa", 3)); },
-        "select count(*) from product where id = 2", "1", "update record for key=2",
-        "update product set name='cocoa', price=3.00000000 where id = 2"),
-    chooses(
-        "AddOrUpdateRecordAddsByAnIntegerKey",
-        [](Table& t) { return t.addOrUpdateRecord(7, product(t, 7, "rum", 8)); },
-        "select count(*) from product where id = 7", "0", "add record for key=7",
-        "insert into product (id, name, price) values (7, 'rum', 8.00000000)"),
-    chooses(
-        "AddOrUpdateRecordUpdatesByAStringKey",
-        [](Table& t) { return t.addOrUpdateRecord("2", product(t, 2, "cocoa", 3)); },
-        "select count(*) from product where id = \"2\"", "1", "update record for key=2",
-        "update product set name='cocoa', price=3.00000000 where id = 2"),
-    chooses(
-        "AddOrUpdateRecordAddsByAStringKey",
-        [](Table& t) { return t.addOrUpdateRecord("seven", product(t, 7, "rum", 8)); },
-        "select count(*) from product where id = \"seven\"", "0", "add record for key=seven",
-        "insert into product (id, name, price) values (7, 'rum', 8.00000000)"),
-    writes(
-        "DeleteRecordByAnIntegerKey", [](Table& t) { return t.deleteRecord(1); },
-        "delete from product where id = 1"),
-    writes(
-        "DeleteRecordByAStringKey", [](Table& t) { return t.deleteRecord("1"); },
-        "delete from product where id = \"1\""),
-    writes(
-        "DeleteRecordOfAMissingIntegerKeySucceeds", [](Table& t) { return t.deleteRecord(7); },
-        "delete from product where id = 7"),
-    writes(
-        "DeleteRecordOfAMissingStringKeySucceeds", [](Table& t) { return t.deleteRecord("seven"); },
-        "delete from product where id = \"seven\""),
-    writes(
-        "DeleteRecordsWithACondition", [](Table& t) { return t.deleteRecords("price > 2"); },
-        "delete from product where price > 2"),
-    writes(
-        "DeleteRecordsWithAConditionAsItStands",
-        [](Table& t) { return t.deleteRecords(" name = 'tea' "); },
-        "delete from product where  name = 'tea' "),
-    writes(
-        "DeleteRecordsWithAnEmptyCondition", [](Table& t) { return t.deleteRecords(""); },
-        "delete from product"),
-
-    {"InitTableDiscardsTheRowsHeld",
-     [](Table& t) { return t.initTable(t.getHandle(), test::text_key_columns); },
-     {},
-     {},
-     {}},
-    runsNothing("NameIsThatOfTheTable", [](Table& t) { return t.name() == "product"; }),
-    runsNothing("FieldsAreTheColumns", [](Table& t) { return t.fields()->count() == 3; }),
-    runsNothing("GetHandleIsTheConnection", [](Table& t) { return t.getHandle() != nullptr; }),
-    runsNothing(
-        "GetDefinitionIsTheStatementThatCreates",
-        [](Table& t) {
-            return t.getDefinition()
-                   == "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL)";
-        }),
-    runsNothing("ToStringIsTheColumns",
-                [](Table& t) {
-                    return t.toString()
-                           == "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n3. price REAL";
-                }),
-    runsNothing("RecordCountIsThatOfTheRowsHeld", [](Table& t) { return t.recordCount() == 3; }),
-    runsNothing("GetRecordBehindTheRowsHeldIsNull",
-                [](Table& t) { return t.getRecord(3) == nullptr; }),
-    runsNothing("GetRecordInFrontOfTheRowsHeldIsNull",
-                [](Table& t) { return t.getRecord(-1) == nullptr; }),
-    runsNothing("GetTopRecordIsTheFirstRowHeld",
-                [](Table& t) { return t.getTopRecord() == t.getRecord(0) && t.getRecord(0); }),
+    writes("AddRecordInserts", insert_rum, rum_added,
+           [](Table& t) { return t.addRecord(product(t, 7, "rum", 8)); }),
+    writes("AddRecordWithoutAKeyLetsSqliteChooseIt",
+           "insert into % (id, name, price) values (null, 'O''Brien tea', 2.50000000)",
+           rows_stored + "\n4|O'Brien tea|2.5",
+           [](Table& t) { return t.addRecord(product(t, "O'Brien tea", 2.5)); }),
+    writes("UpdateRecordUpdatesTheRowOfItsKey", update_coffee, cocoa_for_coffee,
+           [](Table& t) { return t.updateRecord(product(t, 2, "cocoa", 3)); }),
+    writes("UpdateRecordOfAMissingKeySucceeds",
+           "update % set name='cocoa', price=3.00000000 where id = 7", rows_stored,
+           [](Table& t) { return t.updateRecord(product(t, 7, "cocoa", 3)); }),
+    chooses("AddOrUpdateRecordUpdatesByAnIntegerKey", "select count(*) from % where id = 2", "1",
+            "2", update_coffee, cocoa_for_coffee,
+            [](Table& t) { return t.addOrUpdateRecord(2, product(t, 2, "cocoa", 3)); }),
+    chooses("AddOrUpdateRecordAddsByAnIntegerKey", "select count(*) from % where id = 7", "0", "7",
+            insert_rum, rum_added,
+            [](Table& t) { return t.addOrUpdateRecord(7, product(t, 7, "rum", 8)); }),
+    chooses("AddOrUpdateRecordUpdatesByAStringKey", "select count(*) from % where id = \"2\"", "1",
+            "2", update_coffee, cocoa_for_coffee,
+            [](Table& t) { return t.addOrUpdateRecord("2", product(t, 2, "cocoa", 3)); }),
+    chooses("AddOrUpdateRecordAddsByAStringKey", "select count(*) from % where id = \"seven\"", "0",
+            "seven", insert_rum, rum_added,
+            [](Table& t) { return t.addOrUpdateRecord("seven", product(t, 7, "rum", 8)); }),
+    chooses("KeyArgumentOnlyChoosesTheUpdateDeliberately", "select count(*) from % where id = 1",
+            "1", "1", update_coffee, cocoa_for_coffee,
+            [](Table& t) { return t.addOrUpdateRecord(1, product(t, 2, "cocoa", 3)); }),
+    chooses("KeyArgumentOnlyChoosesTheInsertDeliberately",
+            "select count(*) from % where id = \"9\"", "0", "9", insert_rum, rum_added,
+            [](Table& t) { return t.addOrUpdateRecord("9", product(t, 7, "rum", 8)); }),
+    writes("DeleteRecordByAnIntegerKey", "delete from % where id = 1", "2|coffee|4.5\n3|milk|1.25",
+           [](Table& t) { return t.deleteRecord(1); }),
+    writes("DeleteRecordByAStringKey", "delete from % where id = \"1\"",
+           "2|coffee|4.5\n3|milk|1.25", [](Table& t) { return t.deleteRecord("1"); }),
+    writes("DeleteRecordOfAMissingIntegerKeySucceeds", "delete from % where id = 7", rows_stored,
+           [](Table& t) { return t.deleteRecord(7); }),
+    writes("DeleteRecordOfAMissingStringKeySucceeds", "delete from % where id = \"seven\"",
+           rows_stored, [](Table& t) { return t.deleteRecord("seven"); }),
+    writes("DeleteRecordsWithACondition", "delete from % where price > 2", "3|milk|1.25",
+           [](Table& t) { return t.deleteRecords("price > 2"); }),
+    writes("DeleteRecordsWithAConditionAsItStands", "delete from % where  name = 'tea' ",
+           "2|coffee|4.5\n3|milk|1.25", [](Table& t) { return t.deleteRecords(" name = 'tea' "); }),
+    writes("DeleteRecordsWithAnEmptyCondition", "delete from %", "",
+           [](Table& t) { return t.deleteRecords(""); }),
 };
 
-// A table that holds three rows, the first of them changed in memory.
-struct OpenedTable {
-    OpenedTable() : table(db, "product", test::product_columns)
-    {
-        fillProducts(db);
-        table.open();
-        table.getTopRecord()->setString("name", "marked");
+std::string named(std::string statement, const std::string& table)
+{
+    return statement.replace(statement.find('%'), 1, table);
+}
+
+Texts choice(const Operation& operation)
+{
+    const std::string line = operation.adds() ? "add record for key=" : "update record for key=";
+    return {report::debug(2, "Table::addOrUpdateRecord", line + operation.key)};
+}
+
+TableCase succeeding(const Operation& operation, const Setup& setup)
+{
+    const std::string statement = named(operation.statement, setup.table);
+    TableCase one = {{operation.name},
+                     setup,
+                     operation.act,
+                     operation.result,
+                     report::ran(statement),
+                     operation.route == route_load,
+                     {},
+                     operation.rowsStored};
+    for (const Row& row : operation.rowsRead) {
+        one.report.push_back(report::rowRead(row.dump));
+        one.rowsRead.push_back(row.text);
     }
-
-    test::Connection db;
-    Table table;
-};
-
-class TableOperationTest : public testing::TestWithParam<Operation> {
-protected:
-    test::Diagnostics _diagnostics;
-};
-
-TEST_P(TableOperationTest, RunsItsStatementsAndNoOthers)
-{
-    OpenedTable opened;
-    const test::Statements statements(opened.db);
-    EXPECT_TRUE(GetParam().act(opened.table));
-    EXPECT_EQ(statements.texts(), GetParam().statements);
+    if (operation.route == route_count || operation.route == route_choose)
+        one.report = report::counted(statement, operation.number);
+    if (operation.route == route_choose)
+        one.report = joined(
+            {one.report, choice(operation), report::ran(named(operation.write, setup.table))});
+    return one;
 }
 
-TEST_P(TableOperationTest, ShowsItsRouteAtDebugLevelsAlone)
+std::vector<TableCase> succeedingIn(const Setup& setup)
 {
-    for (const int level : levels) {
-        SCOPED_TRACE(level);
-        OpenedTable opened;
-        setLevel(_diagnostics, level);
-        _diagnostics.clear();
-        EXPECT_TRUE(GetParam().act(opened.table));
-        EXPECT_EQ(_diagnostics.events(), visibleAt(level, GetParam().report));
-    }
+    std::vector<TableCase> all;
+    for (const Operation& operation : operations)
+        all.push_back(succeeding(operation, setup));
+    return all;
 }
 
-TEST_P(TableOperationTest, ReplacesOrLeavesTheRowsHeld)
-{
-    OpenedTable opened;
-    Record* const top = opened.table.getTopRecord();
-    EXPECT_TRUE(GetParam().act(opened.table));
-    EXPECT_EQ(held(opened.table), GetParam().rowsHeld);
-    if (GetParam().rowsHeld == kept) {
-        EXPECT_EQ(opened.table.getTopRecord(), top);
-        EXPECT_EQ(top->toString(), "1|marked|2.5");
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(All, TableOperationTest, ValuesIn(operations));
-
-// --- Every operation that fails: its result, its report and the rows held afterwards
-
-enum Place { filled_database, empty_database, without_connection };
-
-struct Setup {
-    Place place;
-    const char* table;
-    const Field* columns;
-};
-
-struct Failure {
-    std::string name;
-    Setup setup;
-    Act act;
-    Texts report; // at level 9
-    int rowsHeld; // of the one that was held before, or of none without a connection
-};
-
-void PrintTo(const Failure& failure, std::ostream* out)
-{
-    *out << failure.name;
-}
-
-const Setup filled = {filled_database, "product", test::product_columns};
-const Setup missing = {empty_database, "product", test::product_columns};
-const Setup unconnected = {without_connection, "product", test::product_columns};
-
-// Operations that run one statement: they fail alike without a table and without a connection.
-struct Form {
-    const char* name;
-    Act act; // whether the operation has failed
-    const char* statement;
-};
-
-const Form loading_forms[] = {
-    {"Remove", [](Table& t) { return !t.remove(); }, "drop table product"},
-    {"Truncate", [](Table& t) { return !t.truncate(); }, "delete from product"},
-    {"Open", [](Table& t) { return !t.open(); }, "select * from product"},
-    {"OpenWithACondition", [](Table& t) { return !t.open("price > 2"); },
-     "select * from product where price > 2"},
-    {"OpenWithAnOrder", [](Table& t) { return !t.open("price > 2", "name"); },
-     "select * from product where price > 2 order by name"},
-    {"Query", [](Table& t) { return !t.query("select name from product"); },
-     "select name from product"},
-    {"GetRecordByIntegerKey", [](Table& t) { return t.getRecordByKeyId(7) == nullptr; },
-     "select * from product where id = 7"},
-    {"GetRecordByStringKey", [](Table& t) { return t.getRecordByKeyId("7") == nullptr; },
-     "select * from product where id = \"7\""},
-};
-
-const Form key_test_forms[] = {
-    {"HasRecordWithIntegerKey", [](Table& t) { return !t.hasRecordWithKeyId(7); },
-     "select count(*) from product where id = 7"},
-    {"HasRecordWithStringKey", [](Table& t) { return !t.hasRecordWithKeyId("7"); },
-     "select count(*) from product where id = \"7\""},
-};
-
-const Form choosing_forms[] = {
-    {"AddOrUpdateRecordByIntegerKey",
-     [](Table& t) { return !t.addOrUpdateRecord(7, product(t, 1, "rum", 8)); },
-     "select count(*) from product where id = 7"},
-    {"AddOrUpdateRecordByStringKey",
-     [](Table& t) { return !t.addOrUpdateRecord("7", product(t, 1, "rum", 8)); },
-     "select count(*) from product where id = \"7\""},
-};
-
-const char inserted[] = "insert into product (id, name, price) values (1, 'rum', 8.00000000)";
-
-const Form writing_forms[] = {
-    {"AddRecord", [](Table& t) { return !t.addRecord(product(t, 1, "rum", 8)); }, inserted},
-    {"UpdateRecord", [](Table& t) { return !t.updateRecord(product(t, 1, "rum", 8)); },
-     "update product set name='rum', price=8.00000000 where id = 1"},
-    {"DeleteRecordByIntegerKey", [](Table& t) { return !t.deleteRecord(7); },
-     "delete from product where id = 7"},
-    {"DeleteRecordByStringKey", [](Table& t) { return !t.deleteRecord("7"); },
-     "delete from product where id = \"7\""},
-    {"DeleteRecords", [](Table& t) { return !t.deleteRecords("price > 2"); },
-     "delete from product where price > 2"},
-    {"DeleteRecordsWithAnEmptyCondition", [](Table& t) { return !t.deleteRecords(""); },
-     "delete from product"},
-};
-
-const std::string adding = "[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - add record for key=7";
-
-std::vector<Failure> failuresWithoutATable()
+Texts reportWithoutATable(const Operation& operation)
 {
     const std::string reason = "1=SQLITE_ERROR: no such table: product";
-    const auto named = [](const Form& form) {
-        return form.name + std::string("OfAMissingTable");
-    };
-    std::vector<Failure> all = {{"TotalRecordCountOfAMissingTable", missing,
-                                 [](Table& t) { return t.totalRecordCount() == -1; },
-                                 notCounted("select count(*) from product", reason), 1}};
-    for (const Form& form : loading_forms)
-        all.push_back({named(form), missing, form.act, refused(form.statement, reason), 0});
-    for (const Form& form : writing_forms)
-        all.push_back({named(form), missing, form.act, refused(form.statement, reason), 1});
-    for (const Form& form : key_test_forms)
-        all.push_back({named(form), missing, form.act, notCounted(form.statement, reason), 1});
-    for (const Form& form : choosing_forms)
-        all.push_back(
-            {named(form), missing, form.act,
-             joined({notCounted(form.statement, reason), {adding}, refused(inserted, reason)}), 1});
+    const std::string statement = named(operation.statement, "product");
+    if (operation.route == route_count)
+        return report::notPrepared(statement, reason);
+    if (operation.route == route_choose)
+        return joined({report::notPrepared(statement, reason), choice(operation),
+                       report::refused(named(operation.write, "product"), reason)});
+    return report::refused(statement, reason);
+}
+
+Texts reportWithoutAConnection(const Operation& operation)
+{
+    if (operation.failure == "-1") // the count of the table alone
+        return {report::asserted("int sql::Table::totalRecordCount() const", "_db")};
+    if (operation.route == route_count)
+        return {report::nothingToCountOn()};
+    if (operation.route == route_choose)
+        return joined({{report::nothingToCountOn()}, choice(operation), {report::notConnected()}});
+    return {report::notConnected()};
+}
+
+// Without a key that is found there is nothing to update.
+std::vector<TableCase> failingIn(const Setup& setup, Texts (*reportOf)(const Operation&))
+{
+    std::vector<TableCase> all;
+    for (const Operation& operation : operations) {
+        if (operation.route != route_choose || operation.adds())
+            all.push_back({{operation.name},
+                           setup,
+                           operation.act,
+                           operation.failure,
+                           reportOf(operation),
+                           operation.route == route_load,
+                           {},
+                           "no table"});
+    }
     return all;
 }
 
-std::vector<Failure> failuresWithoutAConnection()
+INSTANTIATE_TEST_SUITE_P(Filled, TableOperationTest, ValuesIn(succeedingIn(filled)),
+                         test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(OddlyNamed, TableOperationTest, ValuesIn(succeedingIn(oddly_named)),
+                         test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(MissingTable, TableCaseTest,
+                         ValuesIn(failingIn(missing, reportWithoutATable)), test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(NoConnection, TableCaseTest,
+                         ValuesIn(failingIn(unconnected, reportWithoutAConnection)),
+                         test::NameOfCase());
+
+// --- Other operations, and other ways to fail
+
+TableCase keeps(const char* name, const Setup& setup, const char* result, const Texts& report,
+                Act act)
 {
-    const auto named = [](const Form& form) {
-        return form.name + std::string("WithoutConnection");
-    };
-    std::vector<Failure> all = {
-        {"ExistsWithoutConnection",
-         unconnected,
-         [](Table& t) { return !t.exists(); },
-         {"assert '_db' in SqlTable.cpp (bool sql::Table::exists())"},
-         0},
-        {"CreateWithoutConnection",
-         unconnected,
-         [](Table& t) { return !t.create(); },
-         {"assert '_db' in SqlTable.cpp (bool sql::Table::exists())", no_connection},
-         0},
-        {"TotalRecordCountWithoutConnection",
-         unconnected,
-         [](Table& t) { return t.totalRecordCount() == -1; },
-         {"assert '_db' in SqlTable.cpp (int sql::Table::totalRecordCount() const)"},
-         0}};
-    for (const Form& form : loading_forms)
-        all.push_back({named(form), unconnected, form.act, {no_connection}, 0});
-    for (const Form& form : writing_forms)
-        all.push_back({named(form), unconnected, form.act, {no_connection}, 0});
-    for (const Form& form : key_test_forms)
-        all.push_back({named(form), unconnected, form.act, {nothing_to_count_on}, 0});
-    for (const Form& form : choosing_forms)
-        all.push_back(
-            {named(form), unconnected, form.act, {nothing_to_count_on, adding, no_connection}, 0});
-    return all;
+    return {{name}, setup, act, result,
+            report, false, {},  setup.stored.empty() ? "no table" : rows_stored};
 }
 
-Failure failure(const char* name, const Setup& setup, Act act, const Texts& report, int rowsHeld)
+TableCase discards(const char* name, const Setup& setup, const char* result, const Texts& report,
+                   Act act)
 {
-    return {name, setup, act, report, rowsHeld};
+    TableCase one = keeps(name, setup, result, report, act);
+    one.loads = true;
+    return one;
 }
 
-const Setup without_columns = {filled_database, "product", test::no_columns};
-const Setup missing_without_columns = {empty_database, "product", test::no_columns};
-const Setup without_key = {filled_database, "product", test::without_key_columns};
-const Setup without_name = {filled_database, "", test::product_columns};
-const Setup key_last = {filled_database, "product", test::key_last_columns};
-const Setup text_key = {filled_database, "product", test::text_key_columns};
-const Setup other_letter_case = {filled_database, "Product", test::product_columns};
-const Setup name_with_quote = {filled_database, "o'clock", test::product_columns};
+const TableCase other_operations[] = {
+    keeps("ExistsCounts", filled, "true", report::present("product"),
+          [](Table& t) { return t.exists(); }),
+    keeps("CreateOfAnExistingTableRunsNothing", filled, "true", report::present("product"),
+          [](Table& t) { return t.create(); }),
+    {{"QueryRunsTheTextUnchanged"},
+     filled,
+     [](Table& t) { return t.query(" select 9, 'rum', 8 -- x;"); },
+     "true",
+     joined({report::ran(" select 9, 'rum', 8 -- x;"), {report::rowRead(selected.dump)}}),
+     true,
+     {selected.text},
+     rows_stored},
+    {{"QueryOfAStatementWithoutRows"},
+     filled,
+     [](Table& t) { return t.query("delete from product where id = 1"); },
+     "true",
+     report::ran("delete from product where id = 1"),
+     true,
+     {},
+     "2|coffee|4.5\n3|milk|1.25"},
+    keeps("NameIsThatOfTheTable", filled, "product", {}, [](Table& t) { return t.name(); }),
+    keeps("FieldsAreTheColumns", filled, "id, name, price", {},
+          [](Table& t) { return t.fields()->toSql(); }),
+    keeps("GetHandleIsTheConnection", filled, "true", {},
+          [](Table& t) { return t.getHandle() != nullptr; }),
+    keeps("GetDefinitionIsTheStatementThatCreates", oddly_named,
+          "CREATE TABLE \"it''s my product\" (id INTEGER PRIMARY KEY, name TEXT, price REAL)", {},
+          [](Table& t) { return t.getDefinition(); }),
+    keeps("ToStringIsTheColumns", filled,
+          "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n3. price REAL", {},
+          [](Table& t) { return t.toString(); }),
+    keeps("RecordCountIsThatOfTheRowsHeld", filled, "1", {},
+          [](Table& t) { return t.recordCount(); }),
+    keeps("GetRecordBehindTheRowsHeldIsNull", filled, "null", {},
+          [](Table& t) { return t.getRecord(1); }),
+    keeps("GetRecordInFrontOfTheRowsHeldIsNull", filled, "null", {},
+          [](Table& t) { return t.getRecord(-1); }),
+    keeps("GetTopRecordIsTheFirstRowHeld", filled, "row 0", {},
+          [](Table& t) { return t.getTopRecord(); }),
+};
+
+INSTANTIATE_TEST_SUITE_P(Other, TableOperationTest, ValuesIn(other_operations), test::NameOfCase());
 
 const char near_b[] = "1=SQLITE_ERROR: near \"b\": syntax error";
 const char incomplete[] = "1=SQLITE_ERROR: incomplete input";
 const char no_column[] = "1=SQLITE_ERROR: no such column: colour";
 const char key_taken[] = "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id";
+const char insert_over_tea[] =
+    "insert into product (id, name, price) values (1, 'rum', 8.00000000)";
+const std::string not_connected_table = report::asserted("bool sql::Table::exists()", "_db");
+const Texts undetermined = report::undetermined("o'clock",
+                                                "1=SQLITE_ERROR: near \"clock\": syntax error");
 
-const Texts undetermined = joined(
-    {notCounted("select count(*) from sqlite_master where type = 'table' and name = 'o'clock'",
-                "1=SQLITE_ERROR: near \"clock\": syntax error"),
-     {"[ERROR] SqlTable.cpp (exists) - Failed to determine if table 'o'clock' exists"}});
+const TableCase unconnected_failures[] = {
+    keeps("ExistsWithoutConnection", unconnected, "false", {not_connected_table},
+          [](Table& t) { return t.exists(); }),
+    keeps("CreateWithoutConnection", unconnected, "false",
+          {not_connected_table, report::notConnected()}, [](Table& t) { return t.create(); }),
+};
 
 // Without columns, key column or name.
-const Failure schema_failures[] = {
-    failure(
-        "GetDefinitionWithoutColumns", without_columns,
-        [](Table& t) { return t.getDefinition().empty(); }, noDefinition("product"), 1),
-    failure(
-        "CreateWithoutColumnsReportsTwiceDeliberately", missing_without_columns,
-        [](Table& t) { return !t.create(); },
-        joined({counted(existenceOf("product"), "0"),
-                {"[DEBUG2] SqlTable.cpp (exists) - Table 'product' does not exist"},
-                noDefinition("product"),
-                noCreation("product")}),
-        1),
-    failure(
-        "GetRecordByIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
-        [](Table& t) { return t.getRecordByKeyId(7) == nullptr; },
-        missingKeyTwice("getRecordByKeyId",
-                        "sql::Record* sql::Table::getRecordByKeyId(sql::integer)"),
-        1),
-    failure(
-        "GetRecordByStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
-        [](Table& t) { return t.getRecordByKeyId("7") == nullptr; },
-        missingKeyTwice("getRecordByKeyId",
-                        "sql::Record* sql::Table::getRecordByKeyId(sql::string)"),
-        1),
-    failure(
-        "HasRecordWithIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
-        [](Table& t) { return !t.hasRecordWithKeyId(7); },
-        missingKeyTwice("hasRecordWithKeyId", "bool sql::Table::hasRecordWithKeyId(sql::integer)"),
-        1),
-    failure(
-        "HasRecordWithStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
-        [](Table& t) { return !t.hasRecordWithKeyId("7"); },
-        missingKeyTwice("hasRecordWithKeyId", "bool sql::Table::hasRecordWithKeyId(sql::string)"),
-        1),
-    failure(
-        "DeleteRecordByIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
-        [](Table& t) { return !t.deleteRecord(7); },
-        missingKeyTwice("deleteRecord", "bool sql::Table::deleteRecord(sql::integer)"), 1),
-    failure(
-        "DeleteRecordByStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key,
-        [](Table& t) { return !t.deleteRecord("7"); },
-        missingKeyTwice("deleteRecord", "bool sql::Table::deleteRecord(sql::string)"), 1),
-    failure(
-        "UpdateRecordWithoutKeyColumn", without_key,
-        [](Table& t) { return !t.updateRecord(product(t, "rum", 8)); },
-        joined(
-            {no_key_name,
-             {"[ERROR] SqlRecord.cpp (toSqlUpdate) - Failed to get name of PRIMARY KEY column for table product",
-              no_update,
-              "[ERROR] SqlTable.cpp (updateRecord) - Failed to build SQL UPDATE statement for table 'product'"}}),
-        1),
-    failure(
-        "AddRecordWithoutColumns", without_columns,
-        [](Table& t) { return !t.addRecord(Record(*t.fields())); },
-        {"[ERROR] SqlRecord.cpp (toSqlInsert) - No fields to insert in table 'product'", no_insert,
-         "[ERROR] SqlTable.cpp (addRecord) - Failed to build SQL INSERT statement for table 'product'"},
-        1),
-    failure(
-        "AddRecordWithoutTableName", without_name,
-        [](Table& t) { return !t.addRecord(product(t, "rum", 8)); },
-        {"[ERROR] SqlRecord.cpp (toSqlInsert) - No table name given", no_insert,
-         "[ERROR] SqlTable.cpp (addRecord) - Failed to build SQL INSERT statement for table ''"},
-        1),
-    failure(
-        "UpdateRecordWithoutTableName", without_name,
-        [](Table& t) { return !t.updateRecord(product(t, "rum", 8)); },
-        {"[ERROR] SqlRecord.cpp (toSqlUpdate) - No table name given", no_update,
-         "[ERROR] SqlTable.cpp (updateRecord) - Failed to build SQL UPDATE statement for table ''"},
-        1),
+const TableCase schema_failures[] = {
+    keeps("GetDefinitionWithoutColumns", without_columns, "", report::noDefinition("product"),
+          [](Table& t) { return t.getDefinition(); }),
+    keeps("CreateWithoutColumnsReportsTwiceDeliberately", missing_without_columns, "false",
+          joined({report::absent("product"), report::notCreated("product")}),
+          [](Table& t) { return t.create(); }),
+    keeps("GetRecordByIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key, "null",
+          report::noKeyName("sql::Record* sql::Table::getRecordByKeyId(sql::integer)"),
+          [](Table& t) { return t.getRecordByKeyId(7); }),
+    keeps("GetRecordByStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key, "null",
+          report::noKeyName("sql::Record* sql::Table::getRecordByKeyId(sql::string)"),
+          [](Table& t) { return t.getRecordByKeyId("7"); }),
+    keeps("HasRecordWithIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key, "false",
+          report::noKeyName("bool sql::Table::hasRecordWithKeyId(sql::integer)"),
+          [](Table& t) { return t.hasRecordWithKeyId(7); }),
+    keeps("HasRecordWithStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key, "false",
+          report::noKeyName("bool sql::Table::hasRecordWithKeyId(sql::string)"),
+          [](Table& t) { return t.hasRecordWithKeyId("7"); }),
+    keeps("DeleteRecordByIntegerKeyWithoutKeyColumnReportsTwiceDeliberately", without_key, "false",
+          report::noKeyName("bool sql::Table::deleteRecord(sql::integer)"),
+          [](Table& t) { return t.deleteRecord(7); }),
+    keeps("DeleteRecordByStringKeyWithoutKeyColumnReportsTwiceDeliberately", without_key, "false",
+          report::noKeyName("bool sql::Table::deleteRecord(sql::string)"),
+          [](Table& t) { return t.deleteRecord("7"); }),
+    keeps(
+        "UpdateRecordWithoutKeyColumn", without_key, "false",
+        report::notUpdated(
+            "product", joined({report::noKeyName(),
+                               report::noUpdate(
+                                   "Failed to get name of PRIMARY KEY column for table product")})),
+        [](Table& t) { return t.updateRecord(product(t, "rum", 8)); }),
+    keeps("AddRecordWithoutColumns", without_columns, "false",
+          report::notAdded("product", report::noInsert("No fields to insert in table 'product'")),
+          [](Table& t) { return t.addRecord(Record(*t.fields())); }),
+    keeps("AddRecordWithoutTableName", without_name, "false",
+          report::notAdded("", report::noInsert("No table name given")),
+          [](Table& t) { return t.addRecord(product(t, "rum", 8)); }),
+    keeps("UpdateRecordWithoutTableName", without_name, "false",
+          report::notUpdated("", report::noUpdate("No table name given")),
+          [](Table& t) { return t.updateRecord(product(t, "rum", 8)); }),
 };
 
-const Failure refusals[] = {
-    failure(
-        "CreateUnderAnotherLetterCaseOfAnExistingName", other_letter_case,
-        [](Table& t) { return !t.create(); },
-        joined({counted(existenceOf("Product"), "0"),
-                {"[DEBUG2] SqlTable.cpp (exists) - Table 'Product' does not exist"},
-                refused("CREATE TABLE Product (id INTEGER PRIMARY KEY, name TEXT, price REAL)",
-                        "1=SQLITE_ERROR: table Product already exists")}),
-        0),
-    failure(
-        "ExistsIsTrueWhenTheCountFailsDeliberately", name_with_quote,
-        [](Table& t) { return t.exists(); }, undetermined, 1),
-    failure(
-        "CreateIsTrueAndRunsNothingWhenTheCountFailsDeliberately", name_with_quote,
-        [](Table& t) { return t.create(); }, undetermined, 1),
-    failure(
-        "OpenWithAnUnknownColumn", filled, [](Table& t) { return !t.open("colour = 1"); },
-        refused("select * from product where colour = 1", no_column), 0),
-    failure(
-        "OpenWithAnUnknownOrder", filled, [](Table& t) { return !t.open("", "colour"); },
-        refused("select * from product order by colour", no_column), 0),
-    failure(
-        "OpenWithABlankForACondition", filled, [](Table& t) { return !t.open(" "); },
-        refused("select * from product where  ", incomplete), 0),
-    failure(
-        "OpenWithABlankForAnOrder", filled, [](Table& t) { return !t.open("", " "); },
-        refused("select * from product order by  ", incomplete), 0),
-    failure(
-        "QueryOfABrokenStatement", filled, [](Table& t) { return !t.query("selekt"); },
-        refused("selekt", "1=SQLITE_ERROR: near \"selekt\": syntax error"), 0),
-    failure(
-        "GetRecordByAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled,
-        [](Table& t) { return t.getRecordByKeyId("a\"b") == nullptr; },
-        refused("select * from product where id = \"a\"b\"", near_b), 0),
-    failure(
-        "HasRecordWithAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled,
-        [](Table& t) { return !t.hasRecordWithKeyId("a\"b"); },
-        notCounted("select count(*) from product where id = \"a\"b\"", near_b), 1),
-    failure(
-        "DeleteRecordOfAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled,
-        [](Table& t) { return !t.deleteRecord("a\"b"); },
-        refused("delete from product where id = \"a\"b\"", near_b), 1),
-    failure(
-        "AddRecordOfAnExistingKey", filled,
-        [](Table& t) { return !t.addRecord(product(t, 1, "rum", 8)); },
-        refused(inserted, key_taken), 1),
-    failure(
-        "AddOrUpdateRecordInsertsTheRecordsOwnKeyDeliberately", filled,
-        [](Table& t) { return !t.addOrUpdateRecord(7, product(t, 1, "rum", 8)); },
-        joined({counted("select count(*) from product where id = 7", "0"),
-                {adding},
-                refused(inserted, key_taken)}),
-        1),
-    failure(
-        "UpdateRecordWithTheKeyInTheLastColumnLeavesACommaDeliberately", key_last,
-        [](Table& t) { return !t.updateRecord(product(t, 1, "rum", 8)); },
-        refused("update product set name='rum', price=8.00000000,  where id = 1",
-                "1=SQLITE_ERROR: near \"where\": syntax error"),
-        1),
-    failure(
-        "UpdateRecordOfATextKeyIsReportedAndUnquotedDeliberately", text_key, updateOfATextKeyFails,
-        joined(
-            {{"assert 'value->getType() == type_int' in SqlRecord.cpp (sql::string sql::Record::toSqlUpdate(const string&) const)"},
-             refused("update product set name='rum' where code = A1",
-                     "1=SQLITE_ERROR: no such column: code")}),
-        1),
-    failure(
-        "AddRecordOfInfinity", filled,
-        [](Table& t) {
-            return !t.addRecord(product(t, 7, "rum", std::numeric_limits<double>::infinity()));
-        },
-        refused("insert into product (id, name, price) values (7, 'rum', inf)",
-                "1=SQLITE_ERROR: no such column: inf"),
-        1),
-    failure(
-        "UpdateRecordWithNotANumber", filled,
-        [](Table& t) {
-            return !t.updateRecord(product(t, 1, "tea", std::numeric_limits<double>::quiet_NaN()));
-        },
-        refused("update product set name='tea', price=nan where id = 1",
-                "1=SQLITE_ERROR: no such column: nan"),
-        1),
-    failure(
-        "DeleteRecordsWithABlankForACondition", filled,
-        [](Table& t) { return !t.deleteRecords(" "); },
-        refused("delete from product where  ", incomplete), 1),
-    failure(
-        "DeleteRecordOfAKeyWithAZeroByteEndsTheStatementThere", filled,
-        [](Table& t) { return !t.deleteRecord(string("1\0", 2)); },
-        refused("delete from product where id = \"1",
-                "1=SQLITE_ERROR: unrecognized token: \"\"1\""),
-        1),
-    failure(
-        "DeleteRecordsWithAnUnknownColumn", filled,
-        [](Table& t) { return !t.deleteRecords("colour = 1"); },
-        refused("delete from product where colour = 1", no_column), 1),
-};
-
-// The place that a failure needs, with one row held where there is a connection.
-struct FailingTable {
-    explicit FailingTable(const Setup& setup)
-        : table(setup.place == without_connection ? nullptr : db.get(), setup.table, setup.columns)
-    {
-        if (setup.place == filled_database)
-            fillProducts(db);
-        if (setup.place != without_connection)
-            table.query("select 1, 'tea', 2.5");
-    }
-
-    test::Connection db;
-    Table table;
-};
-
-class TableFailureTest : public testing::TestWithParam<Failure> {
-protected:
-    test::Diagnostics _diagnostics;
-};
-
-TEST_P(TableFailureTest, ReportsInOrderAndKeepsItsResultAtEveryLevel)
+bool updateATextKey(Table& table)
 {
-    for (const int level : levels) {
-        SCOPED_TRACE(level);
-        FailingTable failing(GetParam().setup);
-        setLevel(_diagnostics, level);
-        _diagnostics.clear();
-        EXPECT_TRUE(GetParam().act(failing.table));
-        EXPECT_EQ(_diagnostics.events(), visibleAt(level, GetParam().report));
-    }
-}
-
-TEST_P(TableFailureTest, ChangesNeitherTheDatabaseNorTheTableItself)
-{
-    FailingTable failing(GetParam().setup);
-    const std::string schema = failing.db.rows("select sql from sqlite_master");
-    const std::string columns = failing.table.fields()->dump();
-    sqlite3* const handle = failing.table.getHandle();
-    EXPECT_TRUE(GetParam().act(failing.table));
-    EXPECT_EQ(failing.db.rows("select sql from sqlite_master"), schema);
-    if (!schema.empty()) {
-        EXPECT_EQ(products(failing.db), three_products);
-    }
-    EXPECT_EQ(failing.table.name(), GetParam().setup.table);
-    EXPECT_EQ(failing.table.getHandle(), handle);
-    EXPECT_EQ(failing.table.fields()->dump(), columns);
-}
-
-TEST_P(TableFailureTest, LeavesTheRowsHeldUnlessItLoads)
-{
-    FailingTable failing(GetParam().setup);
-    Record* const top = failing.table.getTopRecord();
-    EXPECT_TRUE(GetParam().act(failing.table));
-    EXPECT_EQ(failing.table.recordCount(), GetParam().rowsHeld);
-    EXPECT_EQ(failing.table.getTopRecord(), GetParam().rowsHeld == 1 ? top : nullptr);
-}
-
-INSTANTIATE_TEST_SUITE_P(Schema, TableFailureTest, ValuesIn(schema_failures));
-INSTANTIATE_TEST_SUITE_P(Refusal, TableFailureTest, ValuesIn(refusals));
-INSTANTIATE_TEST_SUITE_P(MissingTable, TableFailureTest, ValuesIn(failuresWithoutATable()));
-INSTANTIATE_TEST_SUITE_P(NoConnection, TableFailureTest, ValuesIn(failuresWithoutAConnection()));
-
-// --- Single behaviours
-
-class TableTest : public testing::Test {
-protected:
-    TableTest()
-    {
-        fillProducts(_db);
-    }
-
-    test::Diagnostics _diagnostics;
-    test::Connection _db;
-};
-
-const Field constrained_columns[] = {
-    Field("id", sql::type_int, sql::flag_primary_key | sql::flag_not_null),
-    Field("name", sql::type_text, sql::flag_not_null | sql::flag_unique),
-    Field("price", sql::type_float, sql::flag_none),
-    Field(),
-};
-
-const Field two_key_columns[] = {
-    Field("name", sql::type_text, sql::flag_none),
-    Field("first", sql::type_int, sql::flag_primary_key),
-    Field("second", sql::type_int, sql::flag_primary_key),
-    Field(),
-};
-
-const Field float_key_columns[] = {
-    Field("name", sql::type_text, sql::flag_none),
-    Field("price", sql::type_float, sql::flag_primary_key),
-    Field(),
-};
-
-const Field one_column[] = {
-    Field("id", sql::type_int, sql::flag_primary_key),
-    Field(),
-};
-
-// --- Construction and identity
-
-TEST_F(TableTest, NameOnlyTableHasNoConnectionColumnsOrRows)
-{
-    _diagnostics.setLevel(9);
-    Table table("product");
-    EXPECT_EQ(table.name(), "product");
-    EXPECT_EQ(table.getHandle(), nullptr);
-    ASSERT_NE(table.fields(), nullptr);
-    EXPECT_EQ(table.fields()->count(), 0);
-    EXPECT_EQ(table.recordCount(), 0);
-    EXPECT_EQ(table.getTopRecord(), nullptr);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, TableTakesConnectionNameAndColumnArray)
-{
-    _diagnostics.setLevel(9);
-    Table table(_db, "product", test::product_columns);
-    EXPECT_EQ(table.name(), "product");
-    EXPECT_EQ(table.getHandle(), _db.get());
-    EXPECT_EQ(table.fields()->dump(), FieldSet(test::product_columns).dump());
-    EXPECT_EQ(table.recordCount(), 0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, TableTakesACopyOfAFieldSet)
-{
-    _diagnostics.setLevel(9);
-    FieldSet columns(test::product_columns);
-    Table table(_db, "product", columns);
-    columns = FieldSet(test::text_key_columns);
-    EXPECT_EQ(table.name(), "product");
-    EXPECT_EQ(table.getHandle(), _db.get());
-    EXPECT_NE(table.fields(), &columns);
-    EXPECT_EQ(table.fields()->toSql(), "id, name, price");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, ColumnArrayWithoutKeyIsReportedAndKept)
-{
-    _diagnostics.setLevel(9);
-    const Table table(_db, "product", test::without_key_columns);
-    EXPECT_EQ(table.fields()->toSql(), "name, price");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "assert 'false' in SqlFieldSet.cpp (bool sql::FieldSet::initFieldSet(const sql::Field*))"));
-}
-
-TEST_F(TableTest, NullColumnArrayMakesATableWithoutColumns)
-{
-    _diagnostics.setLevel(9);
-    const Table table(_db, "product", static_cast<const Field*>(nullptr));
-    EXPECT_EQ(table.fields()->count(), 0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, InitTableMakesANameOnlyTableUsable)
-{
-    Table table("product");
-    EXPECT_TRUE(table.initTable(_db, test::product_columns));
-    EXPECT_EQ(table.name(), "product");
-    EXPECT_EQ(table.getHandle(), _db.get());
-    EXPECT_TRUE(table.exists());
-    EXPECT_TRUE(table.addRecord(product(table, 7, "rum", 8)));
-    ASSERT_NE(table.getRecordByKeyId(7), nullptr);
-    EXPECT_THAT(held(table), ElementsAre("7|rum|8.0"));
-    EXPECT_EQ(table.totalRecordCount(), 4);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, InitTableWithoutColumnsSucceedsAndDiscardsTheRowsHeld)
-{
-    const test::Connection other;
-    Table table(_db, "product", test::product_columns);
-    table.open();
-    EXPECT_TRUE(table.initTable(other, nullptr));
-    EXPECT_EQ(table.recordCount(), 0);
-    EXPECT_EQ(table.getHandle(), other.get());
-    EXPECT_EQ(table.fields()->toSql(), "id, name, price");
-}
-
-TEST_F(TableTest, InitTableGivesReadsAndCountsTheSameConnection)
-{
-    test::Connection other;
-    other.run("create table product (id INTEGER PRIMARY KEY, name TEXT, price REAL);"
-              "insert into product values (9, 'gin', 6.5)");
-    Table table(_db, "product", test::product_columns);
-    table.initTable(other, nullptr);
-    EXPECT_TRUE(table.open());
-    EXPECT_THAT(held(table), ElementsAre("9|gin|6.5"));
-    EXPECT_EQ(table.totalRecordCount(), 1);
-    EXPECT_TRUE(table.deleteRecord(9));
-    EXPECT_EQ(products(other), "");
-    EXPECT_EQ(products(_db), three_products);
-}
-
-TEST_F(TableTest, InitTableWithoutKeyColumnFailsAndKeepsColumnsAndConnection)
-{
-    _diagnostics.setLevel(9);
-    Table table("product");
-    EXPECT_FALSE(table.initTable(_db, test::without_key_columns));
-    EXPECT_EQ(table.getHandle(), _db.get());
-    EXPECT_EQ(table.fields()->toSql(), "name, price");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "assert 'false' in SqlFieldSet.cpp (bool sql::FieldSet::initFieldSet(const sql::Field*))"));
-}
-
-TEST_F(TableTest, InitTableWithAKeyOfAnotherTypeFailsAndLeavesNoColumns)
-{
-    _diagnostics.setLevel(9);
-    Table table("product");
-    EXPECT_FALSE(table.initTable(_db, float_key_columns));
-    EXPECT_EQ(table.fields()->count(), 0);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlFieldSet.cpp (initFieldSet) - PRIMARY KEY column 'price' must be of type 'integer' or 'text' instead of type 'float'",
-            "assert 'false' in SqlFieldSet.cpp (bool sql::FieldSet::initFieldSet(const sql::Field*))"));
-}
-
-TEST_F(TableTest, InitTableAppendsToTheColumnsThereAreDeliberately)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.initTable(_db, test::text_key_columns));
-    EXPECT_EQ(table.fields()->toSql(), "id, name, price, code, name");
-}
-
-TEST_F(TableTest, NameOnlyTableReportsItsMissingConnection)
-{
-    Table table("product");
-    EXPECT_FALSE(table.exists());
-    EXPECT_FALSE(table.open());
-    EXPECT_EQ(table.totalRecordCount(), -1);
-    EXPECT_FALSE(table.deleteRecords(""));
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("assert '_db' in SqlTable.cpp (bool sql::Table::exists())", no_connection,
-                    "assert '_db' in SqlTable.cpp (int sql::Table::totalRecordCount() const)",
-                    no_connection));
-}
-
-TEST_F(TableTest, CreateOfANameOnlyTableReportsItsMissingColumnsTwiceDeliberately)
-{
-    Table table("product");
-    EXPECT_FALSE(table.create());
-    EXPECT_EQ(_diagnostics.events(),
-              joined({{"assert '_db' in SqlTable.cpp (bool sql::Table::exists())"},
-                      noDefinition("product"),
-                      noCreation("product")}));
-}
-
-TEST_F(TableTest, DestroyedTableLeavesTheConnectionOpen)
-{
-    const test::SqliteCalls calls;
-    {
-        Table table(_db, "product", test::product_columns);
-        table.open();
-    }
-    EXPECT_THAT(calls.order, ElementsAre("exec"));
-    EXPECT_EQ(products(_db), three_products);
-}
-
-// A name that is a table's as it stands alone, not with its quotes doubled, removed or put within
-// others.
-const char odd_name[] = "\"it''s my product\"";
-
-struct NamedOperation {
-    const char* name;
-    Act act;
-    Texts statements; // with the name in place of %
-};
-
-void PrintTo(const NamedOperation& operation, std::ostream* out)
-{
-    *out << operation.name;
-}
-
-const NamedOperation named_operations[] = {
-    {"Remove", [](Table& t) { return t.remove(); }, {"drop table %"}},
-    {"Truncate", [](Table& t) { return t.truncate(); }, {"delete from %"}},
-    {"TotalRecordCount",
-     [](Table& t) { return t.totalRecordCount() == 0; },
-     {"select count(*) from %"}},
-    {"GetDefinition",
-     [](Table& t) {
-         return t.getDefinition()
-                == string("CREATE TABLE ") + odd_name
-                       + " (id INTEGER PRIMARY KEY, name TEXT, price REAL)";
-     },
-     {}},
-    {"Open", [](Table& t) { return t.open(); }, {"select * from %"}},
-    {"OpenWithACondition",
-     [](Table& t) { return t.open("id > 2"); },
-     {"select * from % where id > 2"}},
-    {"OpenWithAnOrder",
-     [](Table& t) { return t.open("id > 2", "name"); },
-     {"select * from % where id > 2 order by name"}},
-    {"GetRecordByIntegerKey",
-     [](Table& t) { return t.getRecordByKeyId(7) == nullptr; },
-     {"select * from % where id = 7"}},
-    {"GetRecordByStringKey",
-     [](Table& t) { return t.getRecordByKeyId("7") == nullptr; },
-     {"select * from % where id = \"7\""}},
-    {"HasRecordWithIntegerKey",
-     [](Table& t) { return !t.hasRecordWithKeyId(7); },
-     {"select count(*) from % where id = 7"}},
-    {"HasRecordWithStringKey",
-     [](Table& t) { return !t.hasRecordWithKeyId("7"); },
-     {"select count(*) from % where id = \"7\""}},
-    {"AddRecord",
-     [](Table& t) { return t.addRecord(product(t, 7, "rum", 8)); },
-     {"insert into % (id, name, price) values (7, 'rum', 8.00000000)"}},
-    {"UpdateRecord",
-     [](Table& t) { return t.updateRecord(product(t, 7, "rum", 8)); },
-     {"update % set name='rum', price=8.00000000 where id = 7"}},
-    {"AddOrUpdateRecordByIntegerKey",
-     [](Table& t) { return t.addOrUpdateRecord(7, product(t, 7, "rum", 8)); },
-     {"select count(*) from % where id = 7",
-      "insert into % (id, name, price) values (7, 'rum', 8.00000000)"}},
-    {"AddOrUpdateRecordByStringKey",
-     [](Table& t) { return t.addOrUpdateRecord("7", product(t, 7, "rum", 8)); },
-     {"select count(*) from % where id = \"7\"",
-      "insert into % (id, name, price) values (7, 'rum', 8.00000000)"}},
-    {"DeleteRecordByIntegerKey",
-     [](Table& t) { return t.deleteRecord(7); },
-     {"delete from % where id = 7"}},
-    {"DeleteRecordByStringKey",
-     [](Table& t) { return t.deleteRecord("7"); },
-     {"delete from % where id = \"7\""}},
-    {"DeleteRecords",
-     [](Table& t) { return t.deleteRecords("id > 2"); },
-     {"delete from % where id > 2"}},
-    {"DeleteRecordsWithAnEmptyCondition",
-     [](Table& t) { return t.deleteRecords(""); },
-     {"delete from %"}},
-};
-
-class TableNameTest : public TableTest, public testing::WithParamInterface<NamedOperation> {
-protected:
-    TableNameTest() : _table(_db, odd_name, test::product_columns)
-    {
-        _db.run(string("CREATE TABLE ") + odd_name + " (id INTEGER PRIMARY KEY, name, price)");
-    }
-
-    Table _table;
-};
-
-TEST_P(TableNameTest, IsInsertedAsItStands)
-{
-    Texts expected = GetParam().statements;
-    for (std::string& statement : expected)
-        statement.replace(statement.find('%'), 1, odd_name);
-    const test::Statements statements(_db);
-    EXPECT_TRUE(GetParam().act(_table));
-    EXPECT_EQ(statements.texts(), expected);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(All, TableNameTest, ValuesIn(named_operations));
-
-TEST_F(TableTest, NameIsCreatedAsItStands)
-{
-    Table table(_db, odd_name, one_column);
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.create());
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(existenceOf(odd_name),
-                            string("CREATE TABLE ") + odd_name + " (id INTEGER PRIMARY KEY)"));
-    EXPECT_EQ(_db.rows("select name from sqlite_master where name like 'it%'"), "it''s my product");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, NameWithASchemaIsInsertedAsItStands)
-{
-    Table table(_db, "main.\"my product\"", one_column);
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.create());
-    EXPECT_TRUE(table.open());
-    EXPECT_TRUE(table.remove());
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(existenceOf("main.\"my product\""),
-                            "CREATE TABLE main.\"my product\" (id INTEGER PRIMARY KEY)",
-                            "select * from main.\"my product\"", "drop table main.\"my product\""));
-}
-
-// --- The table as a whole
-
-TEST_F(TableTest, MissingTableDoesNotExist)
-{
-    _diagnostics.setLevel(9);
-    Table table(_db, "order_line", test::product_columns);
-    EXPECT_FALSE(table.exists());
-    EXPECT_EQ(_diagnostics.events(),
-              joined({counted(existenceOf("order_line"), "0"),
-                      {"[DEBUG2] SqlTable.cpp (exists) - Table 'order_line' does not exist"}}));
-}
-
-TEST_F(TableTest, ViewOfTheNameIsNoTable)
-{
-    _db.run("create view dear as select * from product where price > 2");
-    Table table(_db, "dear", test::product_columns);
-    EXPECT_FALSE(table.exists());
-}
-
-TEST_F(TableTest, TableCountedTwiceCannotBeDeterminedAndExists)
-{
-    _db.run("pragma writable_schema = on; insert into sqlite_master"
-            " select type, name, tbl_name, rootpage, sql from sqlite_master");
-    _diagnostics.setLevel(9);
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.exists());
-    EXPECT_EQ(
-        _diagnostics.events(),
-        joined(
-            {counted(existenceOf("product"), "2"),
-             {"[ERROR] SqlTable.cpp (exists) - Failed to determine if table 'product' exists"}}));
-}
-
-TEST_F(TableTest, TableOfAnUnreadableFileExistsAndIsNotCreatedDeliberately)
-{
-    const test::TemporaryDirectory directory;
-    test::writeFile(directory.file("notes.txt"), std::string(4096, 'x'));
-    test::Connection unreadable(directory.file("notes.txt"));
-    Table table(unreadable, "product", test::product_columns);
-    EXPECT_TRUE(table.create());
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'select count(*) from sqlite_master where type = 'table' and name = 'product'': ",
-            test::worded(
-                "[ERROR] SqlCommon.cpp (queryNumber) -   rc=26=SQLITE_NOTADB: file is not a database"),
-            "[ERROR] SqlTable.cpp (exists) - Failed to determine if table 'product' exists"));
-    EXPECT_EQ(test::readFile(directory.file("notes.txt")), std::string(4096, 'x'));
-}
-
-TEST_F(TableTest, CreateOfAMissingTableRunsItsDefinitionAndDiscardsTheRowsHeld)
-{
-    Table table(_db, "copy", test::product_columns);
-    table.query("select 1, 'tea', 2.5");
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.create());
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(existenceOf("copy"),
-                            "CREATE TABLE copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)"));
-    EXPECT_EQ(table.recordCount(), 0);
-    EXPECT_EQ(_db.rows("select sql from sqlite_master where name = 'copy'"),
-              "CREATE TABLE copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, CreateRunsItsDefinitionThroughTheRecordSet)
-{
-    _diagnostics.setLevel(9);
-    Table table(_db, "copy", test::product_columns);
-    EXPECT_TRUE(table.create());
-    EXPECT_EQ(_diagnostics.events(),
-              joined({counted(existenceOf("copy"), "0"),
-                      {"[DEBUG2] SqlTable.cpp (exists) - Table 'copy' does not exist"},
-                      ran("CREATE TABLE copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)")}));
-}
-
-TEST_F(TableTest, CreateDoesNotCompareTheColumnsOfAnExistingTable)
-{
-    Table table(_db, "product", test::all_type_columns);
-    EXPECT_TRUE(table.create());
-    EXPECT_EQ(_db.rows("select sql from sqlite_master"),
-              "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL)");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, RemovedTableIsGone)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.remove());
-    EXPECT_EQ(_db.rows("select * from sqlite_master"), "");
-    EXPECT_FALSE(table.exists());
-}
-
-TEST_F(TableTest, TruncatedTableIsEmptyButExists)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.truncate());
-    EXPECT_EQ(products(_db), "");
-    EXPECT_EQ(table.totalRecordCount(), 0);
-    EXPECT_TRUE(table.exists());
-}
-
-TEST_F(TableTest, TotalRecordCountIsNotTheNumberOfRowsHeld)
-{
-    Table table(_db, "product", test::product_columns);
-    table.open("id = 1");
-    EXPECT_EQ(table.recordCount(), 1);
-    EXPECT_EQ(table.totalRecordCount(), 3);
-}
-
-// --- Columns as text
-
-struct Schema {
-    const char* name;
-    const Field* columns;
-    const char* definition;
-    const char* list;
-};
-
-void PrintTo(const Schema& schema, std::ostream* out)
-{
-    *out << schema.name;
-}
-
-const Schema schemas[] = {
-    {"Product", test::product_columns,
-     "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL)",
-     "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n3. price REAL"},
-    {"AllTypes", test::all_type_columns,
-     "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL, sold INTEGER, at INTEGER)",
-     "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n3. price REAL\r\n4. sold INTEGER\r\n5. at INTEGER"},
-    {"Constraints", constrained_columns,
-     "CREATE TABLE product (id INTEGER PRIMARY KEY NOT NULL, name TEXT NOT NULL UNIQUE, price REAL)",
-     "1. id INTEGER PRIMARY KEY NOT NULL\r\n2. name TEXT NOT NULL UNIQUE\r\n3. price REAL"},
-    {"OneColumn", one_column, "CREATE TABLE product (id INTEGER PRIMARY KEY)",
-     "1. id INTEGER PRIMARY KEY"},
-};
-
-class TableSchemaTest : public testing::TestWithParam<Schema> {
-protected:
-    test::Diagnostics _diagnostics;
-    test::Connection _db;
-};
-
-TEST_P(TableSchemaTest, DefinitionCreatesTheTable)
-{
-    _diagnostics.setLevel(9);
-    const Table table(_db, "product", GetParam().columns);
-    EXPECT_EQ(table.getDefinition(), GetParam().definition);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_P(TableSchemaTest, ToStringNumbersTheColumnsWithoutALineBreakAtTheEnd)
-{
-    _diagnostics.setLevel(9);
-    const Table table(_db, "product", GetParam().columns);
-    EXPECT_EQ(table.toString(), GetParam().list);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(All, TableSchemaTest, ValuesIn(schemas));
-
-TEST_F(TableTest, ToStringWithoutColumnsIsEmpty)
-{
-    const Table table("product");
-    EXPECT_EQ(table.toString(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, ToStringShowsNoRows)
-{
-    Table table(_db, "product", one_column);
-    table.open();
-    EXPECT_EQ(table.toString(), "1. id INTEGER PRIMARY KEY");
-}
-
-TEST_F(TableTest, NumbersOfTheTextsDoNotDependOnTheLocale)
-{
-    const test::CommaLocale locale;
-    Table table(_db, "product", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.addRecord(product(table, 1234567, "rum", 8.5)));
-    EXPECT_NE(table.getRecordByKeyId(1234567), nullptr);
-    EXPECT_THAT(
-        statements.texts(),
-        ElementsAre("insert into product (id, name, price) values (1234567, 'rum', 8.50000000)",
-                    "select * from product where id = 1234567"));
-    EXPECT_EQ(table.getTopRecord()->getValue("price")->asDouble(), 8.5);
-}
-
-// --- Reads
-
-TEST_F(TableTest, RowsHeldAreTypedAfterTheColumns)
-{
-    Table table(_db, "product", test::product_columns);
-    table.open("id = 2");
-    EXPECT_EQ(table.getTopRecord()->dump(true),
-              "id = 2 (integer)|name = coffee (text)|price = 4.5 (float)");
-    EXPECT_EQ(table.getTopRecord()->fields(), table.fields());
-}
-
-TEST_F(TableTest, QueryFillsColumnsByPosition)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.query("select price, id from product where id = 2"));
-    EXPECT_EQ(table.getTopRecord()->dump(true),
-              "id = 4.5 (integer)|name = 2 (text)|price = null (float)");
-}
-
-TEST_F(TableTest, LoadThatFailsOnTheWayKeepsTheRowsDelivered)
-{
-    Table table(_db, "product", test::product_columns);
-    table.open("id = 3");
-    const std::string condition = "abs(case id when 3 then -9223372036854775808 else id end) > 0";
-    EXPECT_FALSE(table.open(condition));
-    EXPECT_THAT(held(table), ElementsAre("1|tea|2.5", "2|coffee|4.5"));
-    EXPECT_EQ(table.getTopRecord(), table.getRecord(0));
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, refused("select * from product where " + condition,
-                                   "1=SQLITE_ERROR: integer overflow")));
-}
-
-TEST_F(TableTest, KeyLookupThatFailsOnTheWayIsNullAndKeepsTheRowsDelivered)
-{
-    _db.run(
-        "create table log (id INTEGER, name TEXT, price REAL);"
-        "insert into log select 7, 'first', 1 union all select 7, 'second', -9223372036854775808;"
-        "create view checked as select id, name, abs(cast(price as integer)) from log");
-    Table table(_db, "checked", test::product_columns);
-    EXPECT_EQ(table.getRecordByKeyId(7), nullptr);
-    EXPECT_THAT(held(table), ElementsAre("7|first|1"));
-    table.query("select 1");
-    EXPECT_EQ(table.getRecordByKeyId("7"), nullptr);
-    EXPECT_THAT(held(table), ElementsAre("7|first|1"));
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, joined({refused("select * from checked where id = 7",
-                                           "1=SQLITE_ERROR: integer overflow"),
-                                   refused("select * from checked where id = \"7\"",
-                                           "1=SQLITE_ERROR: integer overflow")})));
-}
-
-TEST_F(TableTest, KeyTextFindsTheIntegerKeyDeliberately)
-{
-    Table table(_db, "product", test::product_columns);
-    table.addRecord(product(table, 7, "rum", 8));
-    ASSERT_NE(table.getRecordByKeyId("7"), nullptr);
-    EXPECT_THAT(held(table), ElementsAre("7|rum|8.0"));
-    EXPECT_TRUE(table.hasRecordWithKeyId("7"));
-}
-
-TEST_F(TableTest, StringKeyIsNotEscapedDeliberately)
-{
-    const std::string key = "x\" or \"1\" = \"1";
-    Table table(_db, "product", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_NE(table.getRecordByKeyId(key), nullptr);
-    EXPECT_EQ(table.recordCount(), 3);
-    EXPECT_TRUE(table.hasRecordWithKeyId(key));
-    EXPECT_TRUE(table.deleteRecord(key));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre("select * from product where id = \"x\" or \"1\" = \"1\"",
-                            "select count(*) from product where id = \"x\" or \"1\" = \"1\"",
-                            "delete from product where id = \"x\" or \"1\" = \"1\""));
-    EXPECT_EQ(products(_db), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, StringKeyThatNamesAColumnIsThatColumnDeliberately)
-{
-    _db.run("update product set name = id where id = 2");
-    Table table(_db, "product", test::product_columns);
-    ASSERT_NE(table.getRecordByKeyId("name"), nullptr);
-    EXPECT_THAT(held(table), ElementsAre("2|2|4.5"));
-}
-
-TEST_F(TableTest, StringKeyMayContainSingleQuotesAndUtf8)
-{
-    _db.run("create table label (code TEXT PRIMARY KEY, name TEXT);"
-            "insert into label values ('O''Brien ☕', 'found')");
-    Table table(_db, "label", test::text_key_columns);
-    ASSERT_NE(table.getRecordByKeyId("O'Brien ☕"), nullptr);
-    EXPECT_THAT(held(table), ElementsAre("O'Brien ☕|found"));
-    EXPECT_TRUE(table.hasRecordWithKeyId("O'Brien ☕"));
-    EXPECT_TRUE(table.deleteRecord("O'Brien ☕"));
-    EXPECT_EQ(products(_db, "label"), "");
-}
-
-TEST_F(TableTest, StringKeyKeepsItsBlanks)
-{
-    _db.run("create table label (code TEXT PRIMARY KEY, name TEXT);"
-            "insert into label select ' 7 ', 'found' union all select '7', 'other'");
-    Table table(_db, "label", test::text_key_columns);
-    const test::Statements statements(_db);
-    ASSERT_NE(table.getRecordByKeyId(" 7 "), nullptr);
-    EXPECT_THAT(held(table), ElementsAre(" 7 |found"));
-    EXPECT_TRUE(table.hasRecordWithKeyId(" 7 "));
-    EXPECT_TRUE(table.deleteRecord(" 7 "));
-    EXPECT_THAT(statements.texts(), ElementsAre("select * from label where code = \" 7 \"",
-                                                "select count(*) from label where code = \" 7 \"",
-                                                "delete from label where code = \" 7 \""));
-    EXPECT_EQ(products(_db, "label"), "7|other");
-}
-
-TEST_F(TableTest, BlankIsATableName)
-{
-    Table table(_db, " ", test::product_columns);
-    _diagnostics.setLevel(9);
-    EXPECT_FALSE(table.addRecord(product(table, 7, "rum", 8)));
-    EXPECT_EQ(_diagnostics.events(),
-              refused("insert into   (id, name, price) values (7, 'rum', 8.00000000)",
-                      "1=SQLITE_ERROR: near \"(\": syntax error"));
-}
-
-TEST_F(TableTest, FirstOfTwoKeyColumnsIsTheKey)
-{
-    _db.run("create table pair (name TEXT, first INTEGER, second INTEGER)");
-    Table table(_db, "pair", two_key_columns);
-    const test::Statements statements(_db);
-    EXPECT_EQ(table.getRecordByKeyId(7), nullptr);
-    EXPECT_FALSE(table.hasRecordWithKeyId("7"));
-    EXPECT_TRUE(table.deleteRecord(7));
-    EXPECT_THAT(statements.texts(), ElementsAre("select * from pair where first = 7",
-                                                "select count(*) from pair where first = \"7\"",
-                                                "delete from pair where first = 7"));
-}
-
-TEST_F(TableTest, SeveralRowsOfOneKeyAreARecordWithThatKey)
-{
-    _db.run("create table log (id INTEGER, name TEXT, price REAL);"
-            "insert into log select 7, 'first', 1 union all select 7, 'second', 2");
-    Table table(_db, "log", test::product_columns);
-    EXPECT_TRUE(table.hasRecordWithKeyId(7));
-    EXPECT_TRUE(table.hasRecordWithKeyId("7"));
-    ASSERT_NE(table.getRecordByKeyId(7), nullptr);
-    EXPECT_EQ(table.getTopRecord()->toString(), "7|first|1.0");
-    EXPECT_EQ(table.recordCount(), 2);
-}
-
-// --- Writes
-
-TEST_F(TableTest, AddedRecordIsStoredWhileTheRowsHeldStay)
-{
-    Table table(_db, "product", test::product_columns);
-    table.open();
-    EXPECT_TRUE(table.addRecord(product(table, 7, "O'Brien", 8)));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n7|O'Brien|8.0");
-    EXPECT_EQ(table.recordCount(), 3);
-    EXPECT_EQ(table.totalRecordCount(), 4);
-}
-
-TEST_F(TableTest, AddedRecordWithoutAKeyGetsTheNextOne)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.addRecord(product(table, "rum", 8)));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n4|rum|8.0");
-}
-
-TEST_F(TableTest, RowOfTheTableItselfIsWrittenBack)
-{
-    Table table(_db, "product", test::product_columns);
-    table.open();
-    table.getRecord(1)->setNull("name");
-    EXPECT_TRUE(table.updateRecord(*table.getRecord(1)));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|NULL|4.5\n3|milk|1.25");
-    EXPECT_THAT(held(table), ElementsAre("1|tea|2.5", "2|null|4.5", "3|milk|1.25"));
-}
-
-TEST_F(TableTest, UpdateOfAMissingKeyChangesNothing)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.updateRecord(product(table, 7, "rum", 8)));
-    EXPECT_EQ(products(_db), three_products);
-}
-
-TEST_F(TableTest, AllTypesAreWrittenAndReadBack)
-{
-    const test::TimeZone zone;
-    Table table(_db, "sale", test::all_type_columns);
-    table.create();
     Record record(*table.fields());
-    record.setInteger("id", 7);
-    record.setString("name", "O'Brien");
-    record.setDouble("price", 2.5);
-    record.setBool("sold", true);
-    record.setTime("at", sql::Time(1616893200));
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.addRecord(record));
-    ASSERT_NE(table.getRecordByKeyId(7), nullptr);
-    EXPECT_THAT(
-        statements.texts(),
-        ElementsAre(
-            "insert into sale (id, name, price, sold, at) values (7, 'O''Brien', 2.50000000, 1, 1616893200)",
-            "select * from sale where id = 7"));
-    EXPECT_EQ(table.getTopRecord()->toString(), "7|O'Brien|2.5|1|28-03-2021 03:00:00, Sun");
-}
-
-TEST_F(TableTest, RecordOfOtherColumnsIsWrittenWithThoseColumns)
-{
-    const FieldSet columns(test::key_last_columns);
-    Record record(columns);
+    record.setString("code", "A1");
     record.setString("name", "rum");
-    record.setInteger("id", 7);
-    Table table(_db, "product", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.addRecord(record));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre("insert into product (name, price, id) values ('rum', null, 7)"));
+    return table.updateRecord(record);
 }
 
-TEST_F(TableTest, RecordWithUnnumberedColumnsCannotBeAdded)
-{
-    const FieldSet columns(std::vector<Field>{Field("id", sql::type_int, sql::flag_primary_key)});
-    Table table(_db, "product", test::product_columns);
-    EXPECT_FALSE(table.addRecord(Record(columns)));
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlRecord.cpp (getValue) - No value for column with index -1",
-            "assert 'false' in SqlRecord.cpp (const sql::Value* sql::Record::getValue(int) const)",
-            "[ERROR] SqlRecord.cpp (toSql) - field with index 0 does not have value",
-            "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSql() const)",
-            "[ERROR] SqlRecord.cpp (toSqlInsert) - No values to insert in table 'product'",
-            "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSqlInsert(const string&) const)",
-            "[ERROR] SqlTable.cpp (addRecord) - Failed to build SQL INSERT statement for table 'product'"));
-}
-
-#if SQLITE_VERSION_NUMBER >= 3035000 // writes return no rows before
-
-TEST_F(TableTest, WriteReadsRowsThatSqliteReturnsWithTheTablesColumnsAndDropsThem)
-{
-    Table table(_db, "product", test::product_columns);
-    table.open("id = 1");
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(table.deleteRecords("id = 2 returning *"));
-    EXPECT_EQ(_diagnostics.events(), joined({ran("delete from product where id = 2 returning *"),
-                                             {rowRead(coffee.dump)}}));
-    EXPECT_THAT(held(table), ElementsAre("1|tea|2.5"));
-}
-
-#endif
-
-TEST_F(TableTest, KeyArgumentOnlyChoosesTheUpdateDeliberately)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.addOrUpdateRecord(1, product(table, 3, "cocoa", 3)));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|cocoa|3.0");
-}
-
-TEST_F(TableTest, KeyArgumentOnlyChoosesTheInsertDeliberately)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.addOrUpdateRecord("9", product(table, 7, "rum", 8)));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n7|rum|8.0");
-}
-
-TEST_F(TableTest, FailedExistenceTestLeadsToAnInsertDeliberately)
-{
-    Table table(_db, "product", test::product_columns);
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(table.addOrUpdateRecord("a\"b", product(table, 7, "rum", 8)));
-    EXPECT_EQ(_diagnostics.events(),
-              joined({notCounted("select count(*) from product where id = \"a\"b\"", near_b),
-                      {"[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - add record for key=a\"b"},
-                      ran("insert into product (id, name, price) values (7, 'rum', 8.00000000)")}));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n7|rum|8.0");
-}
-
-TEST_F(TableTest, AddOrUpdateByIntegerKeyWithoutKeyColumnInsertsDeliberately)
-{
-    Table table(_db, "product", test::without_key_columns);
-    _diagnostics.clear();
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(table.addOrUpdateRecord(1, product(table, "rum", 8)));
-    EXPECT_EQ(_diagnostics.events(),
-              joined({missingKeyTwice("hasRecordWithKeyId",
-                                      "bool sql::Table::hasRecordWithKeyId(sql::integer)"),
-                      {"[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - add record for key=1"},
-                      ran("insert into product (name, price) values ('rum', 8.00000000)")}));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n4|rum|8.0");
-}
-
-TEST_F(TableTest, AddOrUpdateByStringKeyWithoutKeyColumnInsertsDeliberately)
-{
-    Table table(_db, "product", test::without_key_columns);
-    _diagnostics.clear();
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(table.addOrUpdateRecord("1", product(table, "rum", 8)));
-    EXPECT_EQ(_diagnostics.events(),
-              joined({missingKeyTwice("hasRecordWithKeyId",
-                                      "bool sql::Table::hasRecordWithKeyId(sql::string)"),
-                      {"[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - add record for key=1"},
-                      ran("insert into product (name, price) values ('rum', 8.00000000)")}));
-}
-
-TEST_F(TableTest, BothFormsOfAKeyDeleteTheSameRow)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.deleteRecord("1"));
-    EXPECT_EQ(products(_db), "2|coffee|4.5\n3|milk|1.25");
-    EXPECT_TRUE(table.deleteRecord(2));
-    EXPECT_EQ(products(_db), "3|milk|1.25");
-}
-
-TEST_F(TableTest, DeleteOfAMissingKeyChangesNothing)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.deleteRecord(7));
-    EXPECT_TRUE(table.deleteRecord("7"));
-    EXPECT_EQ(products(_db), three_products);
-}
-
-TEST_F(TableTest, DeleteRecordsTakesTheRowsOfTheConditionAlone)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.deleteRecords("price > 2"));
-    EXPECT_EQ(products(_db), "3|milk|1.25");
-}
-
-TEST_F(TableTest, DeleteRecordsWithAnEmptyConditionEmptiesTheTable)
-{
-    Table table(_db, "product", test::product_columns);
-    EXPECT_TRUE(table.deleteRecords(""));
-    EXPECT_EQ(products(_db), "");
-    EXPECT_TRUE(table.exists());
-}
-
-TEST_F(TableTest, ZeroByteInACellCutsTheKeyOffTheUpdateWhichIsAHazard)
-{
-    Table table(_db, "product", test::product_columns);
-    Record record = product(table, 1, "tea", 2.5);
-    record.setString("price", string("5\0", 2));
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.updateRecord(record));
-    EXPECT_THAT(statements.texts(), ElementsAre("update product set name='tea', price=5"));
-    EXPECT_EQ(products(_db), "1|tea|5.0\n2|tea|5.0\n3|tea|5.0");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, ZeroByteInAConditionCutsItsRestOffWhichIsAHazard)
-{
-    Table table(_db, "product", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.deleteRecords(string("id > 1\0 and id < 3", 18)));
-    EXPECT_THAT(statements.texts(), ElementsAre("delete from product where id > 1"));
-    EXPECT_EQ(products(_db), "1|tea|2.5");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableTest, RecordIsRefusedByAFullDatabaseWhichWorksAfterwards)
-{
-    Table table(_db, "product", test::product_columns);
-    table.open();
-    const std::string pages = _db.rows("pragma page_count");
-    _db.run("pragma max_page_count = " + pages);
-    const std::string longName(100000, 'x');
-    _diagnostics.setLevel(9);
-    EXPECT_FALSE(table.addRecord(product(table, 7, longName, 8)));
-    EXPECT_EQ(_diagnostics.events(), refused("insert into product (id, name, price) values (7, '"
-                                                 + longName + "', 8.00000000)",
-                                             "13=SQLITE_FULL: database or disk is full"));
-    EXPECT_EQ(held(table), all_held);
-    EXPECT_EQ(products(_db), three_products);
-    EXPECT_TRUE(table.updateRecord(product(table, 2, "cocoa", 3)));
-    EXPECT_EQ(products(_db), "1|tea|2.5\n2|cocoa|3.0\n3|milk|1.25");
-    _db.run("pragma max_page_count = 1000");
-    EXPECT_TRUE(table.addRecord(product(table, 7, longName, 8)));
-    EXPECT_EQ(table.totalRecordCount(), 4);
-}
-
-TEST_F(TableTest, WritesJoinTheTransactionOfTheConnection)
-{
-    Table table(_db, "product", test::product_columns);
-    _db.run("begin");
-    EXPECT_TRUE(table.addRecord(product(table, 7, "rum", 8)));
-    EXPECT_TRUE(table.deleteRecord(1));
-    EXPECT_TRUE(table.updateRecord(product(table, 2, "cocoa", 3)));
-    _db.run("rollback");
-    EXPECT_EQ(products(_db), three_products);
-}
-
-// --- Keys of 64 bits
-
-struct WideKey {
-    integer key;
-    const char* text;
+const TableCase refusals[] = {
+    discards("CreateUnderAnotherLetterCaseOfAnExistingName", other_letter_case, "false",
+             joined({report::absent("Product"),
+                     report::refused(
+                         "CREATE TABLE Product (id INTEGER PRIMARY KEY, name TEXT, price REAL)",
+                         "1=SQLITE_ERROR: table Product already exists")}),
+             [](Table& t) { return t.create(); }),
+    keeps("ExistsIsTrueWhenTheCountFailsDeliberately", name_with_quote, "true", undetermined,
+          [](Table& t) { return t.exists(); }),
+    keeps("CreateIsTrueAndRunsNothingWhenTheCountFailsDeliberately", name_with_quote, "true",
+          undetermined, [](Table& t) { return t.create(); }),
+    discards("OpenWithAnUnknownColumn", filled, "false",
+             report::refused("select * from product where colour = 1", no_column),
+             [](Table& t) { return t.open("colour = 1"); }),
+    discards("OpenWithAnUnknownOrder", filled, "false",
+             report::refused("select * from product order by colour", no_column),
+             [](Table& t) { return t.open("", "colour"); }),
+    discards("OpenWithABlankForACondition", filled, "false",
+             report::refused("select * from product where  ", incomplete),
+             [](Table& t) { return t.open(" "); }),
+    discards("OpenWithABlankForAnOrder", filled, "false",
+             report::refused("select * from product order by  ", incomplete),
+             [](Table& t) { return t.open("", " "); }),
+    discards("QueryOfABrokenStatement", filled, "false",
+             report::refused("selekt", "1=SQLITE_ERROR: near \"selekt\": syntax error"),
+             [](Table& t) { return t.query("selekt"); }),
+    discards("GetRecordByAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled, "null",
+             report::refused("select * from product where id = \"a\"b\"", near_b),
+             [](Table& t) { return t.getRecordByKeyId("a\"b"); }),
+    keeps("HasRecordWithAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled, "false",
+          report::notPrepared("select count(*) from product where id = \"a\"b\"", near_b),
+          [](Table& t) { return t.hasRecordWithKeyId("a\"b"); }),
+    keeps("DeleteRecordOfAKeyWithADoubleQuoteBreaksTheStatementDeliberately", filled, "false",
+          report::refused("delete from product where id = \"a\"b\"", near_b),
+          [](Table& t) { return t.deleteRecord("a\"b"); }),
+    keeps("AddRecordOfAnExistingKey", filled, "false", report::refused(insert_over_tea, key_taken),
+          [](Table& t) { return t.addRecord(product(t, 1, "rum", 8)); }),
+    keeps("AddOrUpdateRecordInsertsTheRecordsOwnKeyDeliberately", filled, "false",
+          joined({report::counted("select count(*) from product where id = 7", "0"),
+                  {report::debug(2, "Table::addOrUpdateRecord", "add record for key=7")},
+                  report::refused(insert_over_tea, key_taken)}),
+          [](Table& t) { return t.addOrUpdateRecord(7, product(t, 1, "rum", 8)); }),
+    keeps("UpdateRecordWithTheKeyInTheLastColumnLeavesACommaDeliberately", key_last, "false",
+          report::refused("update product set name='rum', price=8.00000000,  where id = 1",
+                          "1=SQLITE_ERROR: near \"where\": syntax error"),
+          [](Table& t) { return t.updateRecord(product(t, 1, "rum", 8)); }),
+    keeps("UpdateRecordOfATextKeyIsReportedAndUnquotedDeliberately", text_key, "false",
+          joined({{report::keyIsNoInteger()},
+                  report::refused("update product set name='rum' where code = A1",
+                                  "1=SQLITE_ERROR: no such column: code")}),
+          updateATextKey),
+    keeps("AddRecordOfInfinity", filled, "false",
+          report::refused("insert into product (id, name, price) values (7, 'rum', inf)",
+                          "1=SQLITE_ERROR: no such column: inf"),
+          [](Table& t) {
+              return t.addRecord(product(t, 7, "rum", std::numeric_limits<double>::infinity()));
+          }),
+    keeps("UpdateRecordWithNotANumber", filled, "false",
+          report::refused("update product set name='tea', price=nan where id = 1",
+                          "1=SQLITE_ERROR: no such column: nan"),
+          [](Table& t) {
+              return t.updateRecord(product(t, 1, "tea", std::numeric_limits<double>::quiet_NaN()));
+          }),
+    keeps("DeleteRecordsWithABlankForACondition", filled, "false",
+          report::refused("delete from product where  ", incomplete),
+          [](Table& t) { return t.deleteRecords(" "); }),
+    keeps("DeleteRecordOfAKeyWithAZeroByteEndsTheStatementThere", filled, "false",
+          report::refused("delete from product where id = \"1",
+                          "1=SQLITE_ERROR: unrecognized token: \"\"1\""),
+          [](Table& t) { return t.deleteRecord(string("1\0", 2)); }),
+    keeps("DeleteRecordsWithAnUnknownColumn", filled, "false",
+          report::refused("delete from product where colour = 1", no_column),
+          [](Table& t) { return t.deleteRecords("colour = 1"); }),
 };
 
-void PrintTo(const WideKey& key, std::ostream* out)
-{
-    *out << key.text;
-}
-
-class TableWideKeyTest : public testing::TestWithParam<WideKey> {
-protected:
-    test::Diagnostics _diagnostics;
-    test::Connection _db;
-};
-
-TEST_P(TableWideKeyTest, IsWrittenInFullByEveryOperation)
-{
-    const std::string text = GetParam().text;
-    fillProducts(_db);
-    Table table(_db, "product", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_TRUE(table.addOrUpdateRecord(GetParam().key, product(table, GetParam().key, "rum", 8)));
-    EXPECT_TRUE(table.addOrUpdateRecord(GetParam().key, product(table, GetParam().key, "gin", 8)));
-    ASSERT_NE(table.getRecordByKeyId(GetParam().key), nullptr);
-    EXPECT_EQ(table.getTopRecord()->getValue("id")->asInteger(), GetParam().key);
-    EXPECT_TRUE(table.deleteRecord(GetParam().key));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre("select count(*) from product where id = " + text,
-                            "insert into product (id, name, price) values (" + text
-                                + ", 'rum', 8.00000000)",
-                            "select count(*) from product where id = " + text,
-                            "update product set name='gin', price=8.00000000 where id = " + text,
-                            "select * from product where id = " + text,
-                            "delete from product where id = " + text));
-    EXPECT_EQ(products(_db), three_products);
-}
-
-TEST_P(TableWideKeyTest, IsTracedInFull)
-{
-    const std::string text = GetParam().text;
-    const std::string count = "select count(*) from product where id = " + text;
-    const std::string line = "[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - ";
-    fillProducts(_db);
-    Table table(_db, "product", test::product_columns);
-    _diagnostics.setLevel(8);
-    table.addOrUpdateRecord(GetParam().key, product(table, GetParam().key, "rum", 8));
-    table.addOrUpdateRecord(GetParam().key, product(table, GetParam().key, "gin", 8));
-    EXPECT_EQ(_diagnostics.events(),
-              joined({counted(count, "0"),
-                      {line + "add record for key=" + text},
-                      ran("insert into product (id, name, price) values (" + text
-                          + ", 'rum', 8.00000000)"),
-                      counted(count, "1"),
-                      {line + "update record for key=" + text},
-                      ran("update product set name='gin', price=8.00000000 where id = " + text)}));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, TableWideKeyTest,
-    testing::Values(WideKey{std::numeric_limits<integer>::max(), "9223372036854775807"},
-                    WideKey{std::numeric_limits<integer>::min(), "-9223372036854775808"},
-                    WideKey{4294967299, "4294967299"}, WideKey{0, "0"}, WideKey{-1, "-1"}));
-
-// --- The lines of this class themselves
-
-TEST_F(TableTest, LinesNameTheirFormatPriorityAndSource)
-{
-    _diagnostics.setLevel(9);
-    Table table(_db, "product", test::product_columns);
-    table.exists();
-    const test::LogLine debug = _diagnostics.lines().back();
-    EXPECT_EQ(debug.priority, 7);
-    EXPECT_EQ(debug.format, "[DEBUG2] %s:%d (%s) - Table '%s' exists");
-    Table("copy").getDefinition();
-    const test::LogLine error = _diagnostics.lines().back();
-    EXPECT_EQ(error.priority, 3);
-    EXPECT_EQ(error.format,
-              "[ERROR] %s:%d (%s) - Failed to build SQL CREATE TABLE stmt for table %s");
-    EXPECT_EQ(_diagnostics.failedAssertions().back().path,
-              "components/sql/sqlwrapper/src/SqlTable.cpp");
-}
-
-TEST_F(TableTest, AddOrUpdateHasAFormatOfItsOwnForEveryFormOfKey)
-{
-    _diagnostics.setLevel(8);
-    Table table(_db, "product", test::product_columns);
-    table.addOrUpdateRecord(7, product(table, 7, "rum", 8));
-    table.addOrUpdateRecord(7, product(table, 7, "rum", 8));
-    table.addOrUpdateRecord("8", product(table, 8, "gin", 8));
-    table.addOrUpdateRecord("8", product(table, 8, "gin", 8));
-    Texts formats;
-    for (const test::LogLine& line : _diagnostics.lines()) {
-        if (line.file == "SqlTable.cpp")
-            formats.push_back(line.format);
-    }
-    EXPECT_THAT(formats, ElementsAre("[DEBUG2] %s:%d (%s) - add record for key=%lld",
-                                     "[DEBUG2] %s:%d (%s) - update record for key=%lld",
-                                     "[DEBUG2] %s:%d (%s) - add record for key=%s",
-                                     "[DEBUG2] %s:%d (%s) - update record for key=%s"));
-}
-
-// --- Copy and backup: from "product" to "copy"
-
-class TableCopyTest : public TableTest {
-protected:
-    TableCopyTest()
-        : _source(_db, "product", test::product_columns), _copy(_db, "copy", test::product_columns)
-    {
-    }
-
-    void makeCopy(const std::string& rows = "")
-    {
-        _db.run("create table copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)");
-        if (!rows.empty())
-            _db.run("insert into copy values " + rows);
-    }
-
-    Table _source;
-    Table _copy;
-};
-
-const Texts three_inserts = {"insert into copy (id, name, price) values (1, 'tea', 2.5)",
-                             "insert into copy (id, name, price) values (2, 'coffee', 4.5)",
-                             "insert into copy (id, name, price) values (3, 'milk', 1.25)"};
-
-const char copy_definition[] = "CREATE TABLE copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)";
-
-TEST_F(TableCopyTest, CopyAddsEveryRowThatTheSourceHolds)
-{
-    makeCopy("(9, 'gin', 6.5)");
-    _source.open();
-    _copy.open();
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.copyRecords(_source));
-    EXPECT_EQ(statements.texts(), three_inserts);
-    EXPECT_EQ(products(_db, "copy"), std::string(three_products) + "\n9|gin|6.5");
-    EXPECT_THAT(held(_copy), ElementsAre("9|gin|6.5"));
-    EXPECT_EQ(held(_source), all_held);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableCopyTest, CopyShowsTheRouteOfWrites)
-{
-    makeCopy();
-    _source.open("id = 1");
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(_copy.copyRecords(_source));
-    EXPECT_EQ(_diagnostics.events(), ran(three_inserts[0]));
-}
-
-TEST_F(TableCopyTest, CopyTakesTheRowsHeldNotThoseOfTheDatabase)
-{
-    makeCopy();
-    _source.open("id < 3");
-    _source.getRecord(0)->setString("name", "changed");
-    _source.truncate();
-    _source.query("select 1, 'changed', null");
-    EXPECT_TRUE(_copy.copyRecords(_source));
-    EXPECT_EQ(products(_db, "copy"), "1|changed|NULL");
-}
-
-TEST_F(TableCopyTest, CopyOfASourceNeverReadAddsNothing)
-{
-    makeCopy();
-    EXPECT_TRUE(_copy.copyRecords(_source));
-    EXPECT_EQ(products(_db, "copy"), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableCopyTest, CopyUsesTheSourcesColumnsUnderItsOwnNameDeliberately)
-{
-    makeCopy();
-    Table source(_db, "product", test::key_last_columns);
-    source.query("select name, price, id from product where id = 2");
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.copyRecords(source));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre("insert into copy (name, price, id) values ('coffee', 4.5, 2)"));
-    EXPECT_EQ(products(_db, "copy"), "2|coffee|4.5");
-}
-
-TEST_F(TableCopyTest, CopyOfAnExistingKeyFailsAndKeepsTheRowsBeforeIt)
-{
-    makeCopy("(2, 'gin', 6.5)");
-    _source.open();
-    const test::Statements statements(_db);
-    EXPECT_FALSE(_copy.copyRecords(_source));
-    EXPECT_THAT(statements.texts(), ElementsAre(three_inserts[0], three_inserts[1]));
-    EXPECT_EQ(products(_db, "copy"), "1|tea|2.5\n2|gin|6.5");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'insert into copy (id, name, price) values (2, 'coffee', 4.5)'",
-            test::worded(
-                "[ERROR] SqlRecordSet.cpp (query) -   rc=19=SQLITE_CONSTRAINT: UNIQUE constraint failed: copy.id")));
-}
-
-TEST_F(TableCopyTest, CopyToATableWithoutConnectionFails)
-{
-    Table copy("copy");
-    _source.open();
-    EXPECT_FALSE(copy.copyRecords(_source));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(no_connection));
-}
-
-TEST_F(TableCopyTest, CopyGoesFromOneConnectionToAnother)
-{
-    test::Connection other;
-    Table copy(other, "copy", test::product_columns);
-    copy.create();
-    _source.open();
-    EXPECT_TRUE(copy.copyRecords(_source));
-    EXPECT_EQ(products(other, "copy"), three_products);
-}
-
-TEST_F(TableCopyTest, BackupRebuildsAnExistingCopyAndCountsTheSourceFirst)
-{
-    makeCopy("(9, 'gin', 6.5)");
-    _copy.open();
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_EQ(statements.texts(),
-              joined({{existenceOf("copy"), "drop table copy", existenceOf("copy"), copy_definition,
-                       "select * from product"},
-                      three_inserts,
-                      {"select count(*) from product", "select count(*) from copy"}}));
-    EXPECT_EQ(products(_db, "copy"), three_products);
-    EXPECT_EQ(products(_db), three_products);
-    EXPECT_EQ(_copy.recordCount(), 0);
-    EXPECT_EQ(held(_source), all_held);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableCopyTest, BackupReportsTheRouteOfEveryStep)
-{
-    makeCopy();
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_EQ(_diagnostics.events(),
-              joined({counted(existenceOf("copy"), "1"),
-                      {"[DEBUG2] SqlTable.cpp (exists) - Table 'copy' exists"},
-                      ran("drop table copy"),
-                      counted(existenceOf("copy"), "0"),
-                      {"[DEBUG2] SqlTable.cpp (exists) - Table 'copy' does not exist"},
-                      ran(copy_definition),
-                      ran("select * from product"),
-                      {rowRead(tea.dump), rowRead(coffee.dump), rowRead(milk.dump)},
-                      ran(three_inserts[0]),
-                      ran(three_inserts[1]),
-                      ran(three_inserts[2]),
-                      counted("select count(*) from product", "3"),
-                      counted("select count(*) from copy", "3")}));
-}
-
-TEST_F(TableCopyTest, BackupCreatesAMissingCopyWithoutDropping)
-{
-    _db.run("delete from product");
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(existenceOf("copy"), existenceOf("copy"), copy_definition,
-                            "select * from product", "select count(*) from product",
-                            "select count(*) from copy"));
-    EXPECT_EQ(_db.rows("select sql from sqlite_master where name = 'copy'"), copy_definition);
-    EXPECT_EQ(products(_db, "copy"), "");
-}
-
-TEST_F(TableCopyTest, BackupLoadsAllRowsOfTheSourceWhateverItHeld)
-{
-    _source.open("id = 1");
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_EQ(products(_db, "copy"), three_products);
-    EXPECT_EQ(held(_source), all_held);
-}
-
-TEST_F(TableCopyTest, BackupOfATableOntoItselfLosesItsRowsDeliberately)
-{
-    Table& same = _source;
-    EXPECT_TRUE(_source.backup(same));
-    EXPECT_EQ(products(_db), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableCopyTest, BackupOfATableOntoAnotherObjectForItLosesItsRowsDeliberately)
-{
-    Table twin(_db, "product", test::product_columns);
-    twin.open();
-    const test::Statements statements(_db);
-    EXPECT_TRUE(twin.backup(_source));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(existenceOf("product"), "drop table product", existenceOf("product"),
-                            "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL)",
-                            "select * from product", "select count(*) from product",
-                            "select count(*) from product"));
-    EXPECT_EQ(products(_db), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableCopyTest, BackupIgnoresAFailedRemoveDeliberately)
-{
-    makeCopy();
-    const Denied denied(_db, SQLITE_DROP_TABLE);
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_EQ(products(_db, "copy"), three_products);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt 'drop table copy'",
-            "[ERROR] SqlRecordSet.cpp (query) -   rc=23=SQLITE_AUTH: not authorized"));
-}
-
-TEST_F(TableCopyTest, BackupWithDifferentCountsFailsWithoutAReport)
-{
-    makeCopy("(9, 'gin', 6.5)");
-    const Denied denied(_db, SQLITE_DROP_TABLE);
-    EXPECT_FALSE(_copy.backup(_source));
-    EXPECT_EQ(products(_db, "copy"), std::string(three_products) + "\n9|gin|6.5");
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, refused("drop table copy", "23=SQLITE_AUTH: not authorized")));
-}
-
-TEST_F(TableCopyTest, BackupWithTwoFailedCountsSucceedsDeliberately)
-{
-    _db.run("delete from product");
-    const Denied denied(_db, SQLITE_FUNCTION); // no count(), so every table seems to exist
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_EQ(_db.rows("select name from sqlite_master"), "product");
-    const std::string reason = "1=SQLITE_ERROR: not authorized to use function: count";
-    const std::string missing_copy = "1=SQLITE_ERROR: no such table: copy";
-    const Texts seems_to_exist = joined(
-        {notCounted(existenceOf("copy"), reason),
-         {"[ERROR] SqlTable.cpp (exists) - Failed to determine if table 'copy' exists"}});
-    EXPECT_EQ(
-        _diagnostics.events(),
-        visibleAt(3, joined({seems_to_exist, refused("drop table copy", missing_copy),
-                             seems_to_exist, notCounted("select count(*) from product", reason),
-                             notCounted("select count(*) from copy", missing_copy)})));
-}
-
-TEST_F(TableCopyTest, BackupWithoutColumnsFailsAtCreateAndLoadsNothing)
-{
-    Table copy(_db, "copy", FieldSet(nullptr));
-    const test::Statements statements(_db);
-    EXPECT_FALSE(copy.backup(_source));
-    EXPECT_THAT(statements.texts(), ElementsAre(existenceOf("copy"), existenceOf("copy")));
-    EXPECT_EQ(_source.recordCount(), 0);
-    EXPECT_EQ(_diagnostics.events(), joined({noDefinition("copy"), noCreation("copy")}));
-}
-
-TEST_F(TableCopyTest, BackupOfAMissingSourceFailsAndLeavesAnEmptyCopy)
-{
-    makeCopy("(9, 'gin', 6.5)");
-    Table source(_db, "order_line", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_FALSE(_copy.backup(source));
-    EXPECT_THAT(statements.texts(), ElementsAre(existenceOf("copy"), "drop table copy",
-                                                existenceOf("copy"), copy_definition));
-    EXPECT_EQ(products(_db, "copy"), "");
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, refused("select * from order_line",
-                                   "1=SQLITE_ERROR: no such table: order_line")));
-}
-
-TEST_F(TableCopyTest, BackupKeepsAPartlyFilledCopyDeliberately)
-{
-    _db.run("update product set name = null where id = 2");
-    Table copy(_db, "copy", constrained_columns);
-    const test::Statements statements(_db);
-    EXPECT_FALSE(copy.backup(_source));
-    EXPECT_THAT(
-        statements.texts(),
-        ElementsAre(
-            existenceOf("copy"), existenceOf("copy"),
-            "CREATE TABLE copy (id INTEGER PRIMARY KEY NOT NULL, name TEXT NOT NULL UNIQUE, price REAL)",
-            "select * from product", three_inserts[0],
-            "insert into copy (id, name, price) values (2, null, 4.5)"));
-    EXPECT_EQ(products(_db, "copy"), "1|tea|2.5");
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, refused("insert into copy (id, name, price) values (2, null, 4.5)",
-                                   "19=SQLITE_CONSTRAINT: NOT NULL constraint failed: copy.name")));
-}
-
-TEST_F(TableCopyTest, BackupWithoutConnectionFailsAtCreate)
-{
-    Table copy(nullptr, "copy", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_FALSE(copy.backup(_source));
-    EXPECT_THAT(statements.texts(), IsEmpty());
-    EXPECT_THAT(_diagnostics.events(),
-                ElementsAre("assert '_db' in SqlTable.cpp (bool sql::Table::exists())",
-                            "assert '_db' in SqlTable.cpp (bool sql::Table::exists())",
-                            no_connection));
-}
-
-TEST_F(TableCopyTest, BackupOfASourceWithoutConnectionFailsAndLeavesAnEmptyCopy)
-{
-    Table source("product");
-    EXPECT_FALSE(_copy.backup(source));
-    EXPECT_EQ(products(_db, "copy"), "");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(no_connection));
-}
+INSTANTIATE_TEST_SUITE_P(WithoutConnection, TableCaseTest, ValuesIn(unconnected_failures),
+                         test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(Schema, TableCaseTest, ValuesIn(schema_failures), test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(Refusal, TableCaseTest, ValuesIn(refusals), test::NameOfCase());
 
 } // namespace
