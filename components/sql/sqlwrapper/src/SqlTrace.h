@@ -41,15 +41,19 @@ inline bool checked(bool holds, const char* text, const char* path, int line, co
 } // namespace sql
 
 // The messages are an interface, byte for byte: log filters know their blanks and doubled words.
-#define TRACE_ERROR(text, ...) SQL_TRACE(2, LOG_ERR, "[ERROR]", text, ##__VA_ARGS__)
-#define TRACE_DEBUG1(text, ...) SQL_TRACE(6, LOG_DEBUG, "[DEBUG1]", text, ##__VA_ARGS__)
-#define TRACE_DEBUG2(text, ...) SQL_TRACE(7, LOG_DEBUG, "[DEBUG2]", text, ##__VA_ARGS__)
-#define TRACE_DEBUG3(text, ...) SQL_TRACE(8, LOG_DEBUG, "[DEBUG3]", text, ##__VA_ARGS__)
+#define TRACE_ERROR(text, ...) TRACE_ERROR_AS(__func__, text, ##__VA_ARGS__)
+#define TRACE_DEBUG1(text, ...) SQL_TRACE(6, LOG_DEBUG, "[DEBUG1]", __func__, text, ##__VA_ARGS__)
+#define TRACE_DEBUG2(text, ...) SQL_TRACE(7, LOG_DEBUG, "[DEBUG2]", __func__, text, ##__VA_ARGS__)
+#define TRACE_DEBUG3(text, ...) SQL_TRACE(8, LOG_DEBUG, "[DEBUG3]", __func__, text, ##__VA_ARGS__)
 
-#define SQL_TRACE(limit, priority, tag, text, ...)                                                 \
+// For a helper that reports for its callers: `operation` is the name of the one that called.
+#define TRACE_ERROR_AS(operation, text, ...)                                                       \
+    SQL_TRACE(2, LOG_ERR, "[ERROR]", operation, text, ##__VA_ARGS__)
+
+#define SQL_TRACE(limit, priority, tag, operation, text, ...)                                      \
     do {                                                                                           \
         if (::sql::traceLevelAbove(limit))                                                         \
-            ::syslog(priority, tag " %s:%d (%s) - " text, __FILE_NAME__, __LINE__, __func__,       \
+            ::syslog(priority, tag " %s:%d (%s) - " text, __FILE_NAME__, __LINE__, operation,      \
                      ##__VA_ARGS__);                                                               \
     } while (false)
 
