@@ -9,35 +9,25 @@
 
 struct sqlite3;
 
-// A private operation that programs cannot link to.
-#define SQLWRAPPER_LOCAL __attribute__((visibility("hidden")))
-
 #pragma GCC visibility push(default)
 
-/// A small object layer over SQLite. Nothing in it throws on its own account or aborts: an
-/// operation that fails says so by its result (false, null, -1 or an empty text) and leaves lines
-/// in the system log, as far as the device's trace level lets them through: "[ERROR]" above 2,
-/// "[DEBUG1]" above 6, "[DEBUG2]" above 7, "[DEBUG3]" above 8. A broken precondition goes to the
-/// device's assertion reporter, whatever the level, and the operation then fails as documented.
+/// A small object layer over SQLite. Declare a table's columns once, then work with objects instead
+/// of SQL:
 ///
-/// @snippet text.cpp text
+///     const sql::string name = sql::quoteStr("Captain's tea");
+///     const int length = sql::queryNumber(database.getHandle(), "select length('" + name + "')");
+///     std::printf("%d\n", length); // 13
+///     std::vector<sql::string> items;
+///     sql::listToVector("tea; rum ;pie", items, ";");
+///     std::printf("%s\n", items[1].c_str()); // rum
 ///
-/// The library starts no threads, takes no locks and keeps no state of its own. A connection and
-/// all that is built on it belong to one thread at a time. The free functions below may be called
-/// by any number of threads at once, but for listToVector(), and for those that take a connection.
-///
-/// When SQLite runs out of memory the operation fails, with SQLITE_NOMEM in its lines. When the
-/// caller's own memory runs out, the operation passes on std::bad_alloc, where exceptions are
-/// enabled, without a line, and the statement that it was building has not run; the exception never
-/// passes through SQLite. In both cases the objects and the connection can still be used, but
-/// SQLite may have rolled back a transaction: begin it anew.
+/// An operation that fails returns false, null, -1 or an empty text and reports why to the system
+/// log; nothing throws but std::bad_alloc. Use a connection, and all that is built on it, in one
+/// thread at a time.
 namespace sql {
 
-/// A text: bytes, which nothing checks to be UTF-8.
-typedef std::string string;
-
-/// Keys and integer cells: 64 bits on every target.
-typedef long long integer;
+typedef std::string string; ///< A text: bytes, which nothing checks to be UTF-8.
+typedef long long integer;  ///< Keys and integer cells: 64 bits on every target.
 
 /// What a column holds. The numbers are fixed.
 enum field_type : std::int32_t {
@@ -49,129 +39,77 @@ enum field_type : std::int32_t {
     type_undefined = 5 ///< stands for every other number
 };
 
-/// The name of a type for diagnostics and dumps: "integer", "text", "float", "bool" or "time".
-/// Any other number gives "undefined" and reports the assertion "false".
+/// Returns "integer", "text", "float", "bool" or "time". Reports any other type as "undefined".
 string type2Str(field_type type);
 
-/// A copy of `text` with every single quote doubled and no other byte changed: put between single
-/// quotes it is an SQL text literal, so this is how a text from outside gets into a condition. A
-/// zero byte would end the statement there.
+/// Doubles every single quote. Put the result between single quotes to use any text in a condition.
 string quoteStr(const string& text);
 
-/// @{
-/// Remove the blanks (what isspace() takes for one) at the start, at the end or at both ends of
-/// `text` itself, and return it.
-string& trimleft(string& text);
-string& trimright(string& text);
-string& trim(string& text);
-/// @}
+string& trimleft(string& text);  ///< Removes the blanks at the start of `text`, and returns it.
+string& trimright(string& text); ///< Removes the blanks at the end of `text`, and returns it.
+string& trim(string& text);      ///< Removes the blanks at both ends of `text`, and returns it.
+string trim(const string& text); ///< Returns a copy without the blanks at both ends.
 
-/// A copy of `text` without the blanks at both ends.
-string trim(const string& text);
-
-/// Replaces the contents of `out` by the items of `list`, each trimmed. Any run of bytes out of
-/// `delimiters` separates two items, so there are no empty items but those that trimming makes. A
-/// zero byte ends the list. `delimiters` is not null. Uses strtok(), whose position the whole
-/// process shares: neither call it while another thread uses strtok(), nor from within a loop over
-/// strtok().
+/// Splits `list` at every run of `delimiters` and stores the trimmed items in `out`. Uses strtok():
+/// call it neither beside another thread's strtok() nor inside a loop over strtok().
 void listToVector(string list, std::vector<string>& out, const char* delimiters);
 
-/// @{
-/// Plain decimal digits, after a minus sign for negative numbers, whatever the locale.
-string intToStr(int value);
-string intToStr(integer value);
-/// @}
+string intToStr(int value);     ///< Returns the number in decimal digits, whatever the locale.
+string intToStr(integer value); ///< Returns the number in decimal digits, whatever the locale.
 
-/// A calendar time: whole seconds since the epoch, in the width of the platform's time_t. Arguments
-/// wider than that are narrowed, and sums that leave its range wrap around.
+/// A calendar time in whole seconds since the epoch, as wide as the platform's time_t. Sums that
+/// leave its range wrap around.
 ///
-/// @snippet time.cpp time
+///     sql::Time start(86399); // a second before the second day
+///     sql::Time end = start;
+///     end.addMinutes(1);
+///     std::printf("%.0f s later: %s\n", end.diff(start), end.asTimeString().c_str());
 ///
-/// A plain value: one thread at a time may change it. Its size is that of time_t: library and
-/// application agree on the width. Texts are in local time, as the process's TZ and locale have it.
+/// A plain value. Texts are in local time, after the process's TZ and locale.
 class Time {
 public:
-    /// The current time; -1 second if the clock cannot be read. A time read or made from a number
-    /// is traced at DEBUG3, and that line uses ctime(), whose buffer the process shares.
-    Time();
+    Time();                             ///< Takes the current time; -1 without a clock.
+    Time(integer t);                    ///< Takes the seconds since the epoch.
+    Time(const Time& other);            ///< Copies the seconds.
+    Time& operator=(const Time& other); ///< Copies the seconds.
+    static Time now();                  ///< Returns the current time.
 
-    /// The time `t` seconds after the epoch, traced likewise.
-    Time(integer t);
-
-    /// The current time, as Time() takes it.
-    static Time now();
-
-    /// Always true, whatever the two times are: compare asInteger() to tell times apart.
+    /// Always true, whatever the two times are. Compare asInteger() instead.
     bool operator==(const Time& other);
 
-    /// The seconds from `other` to this time: positive when this one is later.
+    /// Returns the seconds from `other` to this time, positive if this one is later.
     double diff(Time& other);
 
-    /// @{
-    /// The seconds since the epoch, as 64 bits or in the platform's own type.
-    integer asInteger() const;
-    time_t getTime() const;
-    /// @}
+    integer asInteger() const; ///< Returns the seconds since the epoch.
+    time_t getTime() const;    ///< Returns the seconds since the epoch.
 
-    /// The local time as strftime() expands `fmt`, which is not null: at most 127 characters. Empty
-    /// when the expansion is longer, and when the time cannot be converted to local time, which
-    /// leaves an ERROR line: "Failed to convert calendar time to local time".
+    /// Formats the local time as strftime() does, up to 127 characters. Returns an empty text if
+    /// the result is longer. Reports a time that has no local time and returns an empty text.
     string format(const char* fmt) const;
 
-    /// Day, time and weekday: "31-12-2009 23:59:59, Thu". Fails as format() does.
-    string asString() const;
+    string asString() const;     ///< Formats as "31-12-2009 23:59:59, Thu".
+    string asTimeString() const; ///< Formats as "23:59:59".
+    string asDateString() const; ///< Formats as "31-12-2009".
 
-    /// The time of day: "23:59:59". Fails as format() does.
-    string asTimeString() const;
-
-    /// The day: "31-12-2009". Fails as format() does.
-    string asDateString() const;
-
-    /// @{
-    /// Move the time by so many seconds, or minutes, hours and days of 60, 3600 and 86400 seconds
-    /// (also across daylight-saving changes). A negative number moves it back.
-    void addValue(integer s);
-    void addMinutes(integer m);
-    void addHours(integer h);
-    void addDays(integer d);
-    /// @}
+    void addValue(integer s);   ///< Adds seconds, which may be negative.
+    void addMinutes(integer m); ///< Adds 60 seconds each.
+    void addHours(integer h);   ///< Adds 3600 seconds each.
+    void addDays(integer d);    ///< Adds 86400 seconds each, whatever the daylight-saving time.
 
 private:
     time_t _time;
 };
 
-/// The name of an SQLite result code, such as "SQLITE_BUSY"; "unknown" for extended codes, for
-/// SQLITE_NOTICE and SQLITE_WARNING, and for any other number. A constant text that lives as long
-/// as the library is loaded.
+/// Returns the name of an SQLite result code, a constant text; "unknown" for extended codes.
 const char* sqliteRc2Str(int rc);
 
-/// Runs a query that yields one number, such as a count, and returns it: the single column of the
-/// first row, narrowed to 32 bits; further rows are ignored, and so are further statements in the
-/// text. Text and number are traced at DEBUG2.
-///
-/// -1 on failure, with ERROR lines:
-/// - the query cannot be prepared: "Failed to prepare the SQL query '...': " and
-///   "  rc=1=SQLITE_ERROR: ...";
-/// - it fails or yields no row: "The SQL query '...' failed" and "   the query returned
-///   101=SQLITE_DONE instead of SQLITE_ROW: ...";
-/// - it yields not one column: "The SQL query '...' failed: query returned 2 columns in result
-///   while 1 is expected";
-/// - the number is negative: "The SQL query '...' failed" and "  SQLite returned returned number =
-///   -3 < 0".
-///
-/// With a null `db`: the assertion "db" and -1.
+/// Runs a query and returns the number in the only column of its first row, narrowed to 32 bits.
+/// Returns -1 if the query fails, yields no row or several columns, or if the number is negative,
+/// and reports which.
 int queryNumber(sqlite3* db, const string& stmt);
 
-/// Runs a statement, the first one in the text, that has to finish in one step. True when it did.
-/// The text is traced at DEBUG2.
-///
-/// False on failure, with two ERROR lines:
-/// - it cannot be prepared: "Failed to prepare the SQL statement '...': " and
-///   " rc=1=SQLITE_ERROR: ...";
-/// - it fails or yields a row: "Running the SQL stmt '...' failed" and "  SQLite returned
-///   100=SQLITE_ROW instead of SQLITE_DONE: ...".
-///
-/// With a null `db`: the assertion "db" and false.
+/// Runs a statement that has to finish in one step. Returns false, and reports why, if it fails or
+/// yields a row.
 bool runOneStepSqlStmt(sqlite3* db, const string& stmt);
 
 } // namespace sql

@@ -9,16 +9,13 @@
 
 namespace sql {
 
-/// @{
-/// Column constraints, combined by OR. A Field keeps other bits and ignores them.
-constexpr int flag_none = 0;
-constexpr int flag_not_null = 1;
-constexpr int flag_primary_key = 2;
-constexpr int flag_unique = 4;
-/// @}
+constexpr int flag_none = 0;        ///< No constraint. Combine the others by OR.
+constexpr int flag_not_null = 1;    ///< NOT NULL
+constexpr int flag_primary_key = 2; ///< PRIMARY KEY
+constexpr int flag_unique = 4;      ///< UNIQUE
 
-/// The definition of one column. An application declares a table as a static array of fields that
-/// an ending field, one without a name, closes:
+/// The definition of one column. Declare a table as a static array of fields that a field without a
+/// name, the ending field, closes:
 ///
 ///     static const sql::Field columns[] = {
 ///         sql::Field("id", sql::type_int, sql::flag_primary_key),
@@ -26,55 +23,41 @@ constexpr int flag_unique = 4;
 ///         sql::Field(),
 ///     };
 ///
-/// A plain value that owns its name and never changes but by assignment; any number of threads may
-/// read it. The name goes into SQL as it stands: plain identifiers only.
+/// A plain value that owns its name. Names go into SQL as they stand: use plain identifiers.
 class Field {
 public:
-    /// The ending field: no name, type_int, no flags.
-    Field();
+    Field(); ///< Makes the ending field.
 
-    /// A column. An empty `name` reports the assertion "name.empty() == false" and makes an ending
-    /// field; neither type nor flags are checked.
+    /// Defines a column; neither type nor flags are checked. Reports an empty `name`, which makes
+    /// an ending field.
     Field(const string& name, field_type type, int flags);
 
-    /// True for a field without a name, whatever its type and flags.
-    bool isEndingField() const;
+    Field(const Field& other);            ///< Copies name, type, position and flags.
+    Field& operator=(const Field& other); ///< Copies name, type, position and flags.
 
-    /// What the column holds, as it was declared.
-    field_type getType() const;
+    bool isEndingField() const; ///< Returns whether the field has no name.
+    field_type getType() const; ///< Returns the declared type.
+    int getIndex() const;      ///< Returns the position in its FieldSet, from 0; -1 outside of one.
+    string getName() const;    ///< Returns the column's name, empty for an ending field.
+    bool isPrimaryKey() const; ///< Returns whether flag_primary_key was given.
+    bool isNotNull() const;    ///< Returns whether flag_not_null was given.
+    bool isUnique() const;     ///< Returns whether flag_unique was given.
 
-    /// The position in the FieldSet that holds this copy, from 0; -1 for a field of its own.
-    int getIndex() const;
-
-    /// The column's name; empty for an ending field.
-    string getName() const;
-
-    /// @{
-    /// Whether the column was declared with flag_primary_key, flag_not_null or flag_unique.
-    bool isPrimaryKey() const;
-    bool isNotNull() const;
-    bool isUnique() const;
-    /// @}
-
-    /// The type in a table definition: "INTEGER" (also for type_bool and type_time), "TEXT" or
-    /// "REAL". Any other type reports the assertion "false" and gives an empty text.
+    /// Returns the type in a table definition: "INTEGER", "TEXT" or "REAL". Booleans and times are
+    /// integers. Reports any other type and returns an empty text.
     string getTypeStr() const;
 
-    /// The constraints in a table definition, each after a blank and in this order:
-    /// " PRIMARY KEY NOT NULL UNIQUE". Empty without constraints.
+    /// Returns the constraints in a table definition, each after a blank: " PRIMARY KEY NOT NULL".
     string getFlags() const;
 
-    /// The column in a table definition, without blanks at the ends: "id INTEGER PRIMARY KEY NOT
-    /// NULL". Any other type than the five fails as in getTypeStr().
+    /// Returns the column in a table definition: "id INTEGER PRIMARY KEY".
     string getDefinition() const;
 
-    /// One line for diagnostics: "0: name=id, type=integer, flags: PRIMARY KEY NOT NULL". Any other
-    /// type than the five shows as "undefined" and reports the assertion "false".
+    /// Returns a line for diagnostics: "0: name=id, type=integer, flags: PRIMARY KEY".
     string dump() const;
 
 private:
-    friend class FieldSet; // gives its copies their positions, and compares names in place
-    friend class Record;   // writes names into statements without copies of them
+    friend class FieldSet; // gives its copies their positions
 
     string _name;
     field_type _type;

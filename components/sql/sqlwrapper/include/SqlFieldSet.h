@@ -10,68 +10,54 @@
 
 namespace sql {
 
-/// The ordered columns of a table, owned as copies. The first PRIMARY KEY column is the key column,
-/// which is of type_int or type_text.
+/// The columns of a table in their order. The first PRIMARY KEY column is the key column; it holds
+/// integers or texts.
 ///
-/// @snippet fieldset.cpp fieldset
+///     const sql::FieldSet fields(columns);
+///     std::printf("%d columns, key %s\n", fields.count(), fields.getKeyIdName().c_str());
+///     if (const sql::Field* const name = fields.getByName("name"))
+///         std::printf("%s\n", name->getDefinition().c_str());
 ///
-/// Records point at the set they are built on, so it outlives them unchanged. Pointers to fields
-/// live until the set is assigned to, extended or destroyed. Any number of threads may read a set;
-/// one that changes it has it alone.
+/// Owns copies of the fields. Records borrow the set: keep it, unchanged, for as long as they live.
+/// Pointers to fields live until the set is assigned to, extended or destroyed.
 class FieldSet {
 public:
-    /// The columns of an array that an ending field closes, as initFieldSet() takes them and with
-    /// its failures, which the set does not tell afterwards. A null `fields` makes an empty set.
-    explicit FieldSet(const Field* fields);
+    /// Takes the columns as initFieldSet() does; a null `fields` makes an empty set.
+    FieldSet(const Field* fields);
 
-    /// Copies of the fields as they are: positions stay what they were (-1 for fields never in a
-    /// set, so that records do not find such columns by name), and no key column is looked for.
-    explicit FieldSet(const std::vector<Field>& fields);
+    /// Copies the fields as they are: without new positions, and without a look for a key column.
+    /// Records find no column by name whose position is still -1.
+    FieldSet(const std::vector<Field>& fields);
 
-    /// Appends the columns of an array that an ending field closes and gives them their positions,
-    /// counted from the start of the array. True when the set has a key column in the end, and for
-    /// a null `fields`, which changes nothing. The array is not needed afterwards.
-    ///
-    /// False after the assertion "false" when there is no key column; the columns stay. False as
-    /// well when a PRIMARY KEY column is of another type than type_int or type_text, with the ERROR
-    /// line "PRIMARY KEY column '...' must be of type 'integer' or 'text' instead of type '...'"
-    /// and the assertion "false"; the set is then empty.
-    ///
-    /// Meant for an empty set: on any other the positions go to the first fields of the set.
+    FieldSet(const FieldSet& other);            ///< Copies the fields.
+    FieldSet& operator=(const FieldSet& other); ///< Copies the fields.
+
+    /// Appends copies of the fields up to the ending field, and numbers them from 0. Meant for an
+    /// empty set: in any other, the numbers go to the fields at its start. Returns false, and
+    /// reports why, without a key column and, with an empty set, for a key column of a wrong type.
     bool initFieldSet(const Field* fields);
 
-    /// The number of columns.
-    int count() const;
+    int count() const; ///< Returns the number of columns.
 
-    /// The field at a position; null outside [0, count()).
+    /// Returns the field at a position; null outside [0, count()).
     const Field* getByIndex(int index) const;
 
-    /// The first field of exactly this name; null when there is none.
+    /// Returns the first field of exactly this name; null if there is none.
     const Field* getByName(const string& name) const;
 
-    /// The name of the key column. Without one: an ERROR line "Failed to get name of PRIMARY KEY
-    /// column", the assertion "false" and an empty text.
+    /// Returns the name of the key column. Reports the lack of one and returns an empty text.
     string getKeyIdName() const;
 
-    /// The columns of a CREATE TABLE statement: "id INTEGER PRIMARY KEY, name TEXT". A column of an
-    /// undefined type fails as in Field::getDefinition().
+    /// Returns the columns of a CREATE TABLE statement: "id INTEGER PRIMARY KEY, name TEXT".
     string getDefinition() const;
 
-    /// The column names: "id, name". Empty without columns. A column that cannot be found, because
-    /// the set's memory has been overwritten, is left out, with an ERROR line "No field for index
-    /// 2" and the assertion "false".
+    /// Returns the column names: "id, name".
     string toSql() const;
 
-    /// Field::dump() of every field, with CR LF between two of them, and with its failure. A lost
-    /// column as in toSql(): "No field for index 2" and the assertion "false".
+    /// Returns Field::dump() of every field, with CR LF between two of them.
     string dump() const;
 
 private:
-    friend class Record; // goes through the columns of its rows
-
-    // toSql(), appended to a statement.
-    SQLWRAPPER_LOCAL void toSql(string& statement) const;
-
     std::vector<Field> _fields;
 };
 

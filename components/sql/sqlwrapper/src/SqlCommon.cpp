@@ -1,6 +1,5 @@
 #include "SqlCommon.h"
 
-#include "SqlText.h"
 #include "SqlTrace.h"
 
 #include <sqlite3.h>
@@ -56,29 +55,6 @@ FirstRow takeFirstRow(sqlite3_stmt* query)
 
 } // namespace
 
-string joined(std::initializer_list<std::string_view> pieces, string::size_type more)
-{
-    string::size_type size = more;
-    for (const std::string_view piece : pieces)
-        size += piece.size();
-    string text;
-    text.reserve(size);
-    for (const std::string_view piece : pieces)
-        text += piece;
-    return text;
-}
-
-void appendQuoted(string& out, const string& text)
-{
-    string::size_type start = 0;
-    for (string::size_type quote = text.find('\''); quote != string::npos;
-         quote = text.find('\'', start)) {
-        out.append(text, start, quote - start) += "''";
-        start = quote + 1;
-    }
-    out.append(text, start);
-}
-
 string type2Str(field_type type)
 {
     switch (type) {
@@ -102,8 +78,11 @@ string type2Str(field_type type)
 string quoteStr(const string& text)
 {
     string quoted;
-    quoted.reserve(text.size());
-    appendQuoted(quoted, text);
+    for (const char byte : text) {
+        quoted += byte;
+        if (byte == '\'')
+            quoted += byte;
+    }
     return quoted;
 }
 
@@ -162,6 +141,9 @@ Time::Time(integer t) : _time(static_cast<time_t>(t))
 {
     TRACE_DEBUG3("Time ctor: time = %ld = '%s'", static_cast<long>(_time), calendarText(_time));
 }
+
+Time::Time(const Time&) = default;
+Time& Time::operator=(const Time&) = default;
 
 Time Time::now()
 {

@@ -14,6 +14,9 @@ Field::Field(const string& name, field_type type, int flags)
     SQL_ASSERT(name.empty() == false, "sql::Field::Field(const string&, sql::field_type, int)");
 }
 
+Field::Field(const Field&) = default;
+Field& Field::operator=(const Field&) = default;
+
 bool Field::isEndingField() const
 {
     return _name.empty();

@@ -1,6 +1,5 @@
 #include "SqlFieldSet.h"
 
-#include "SqlText.h"
 #include "SqlTrace.h"
 
 namespace sql {
@@ -21,6 +20,25 @@ const Field* findKey(const std::vector<Field>& fields)
     return nullptr;
 }
 
+// What an operation gives of every field, with a separator between two.
+string listed(const FieldSet& fields, string (Field::*text)() const, const char* separator,
+              const char* operation, const char* signature)
+{
+    string list;
+    for (int i = 0; i < fields.count(); ++i) {
+        const Field* const field = fields.getByIndex(i);
+        if (field == nullptr) {
+            TRACE_ERROR_AS(operation, "No field for index %d", i);
+            SQL_ASSERT(false, signature);
+            continue;
+        }
+        list += (field->*text)();
+        if (i < fields.count() - 1)
+            list += separator;
+    }
+    return list;
+}
+
 } // namespace
 
 FieldSet::FieldSet(const Field* fields)
@@ -31,6 +49,9 @@ FieldSet::FieldSet(const Field* fields)
 FieldSet::FieldSet(const std::vector<Field>& fields) : _fields(fields)
 {
 }
+
+FieldSet::FieldSet(const FieldSet&) = default;
+FieldSet& FieldSet::operator=(const FieldSet&) = default;
 
 bool FieldSet::initFieldSet(const Field* fields)
 {
@@ -72,7 +93,7 @@ const Field* FieldSet::getByIndex(int index) const
 const Field* FieldSet::getByName(const string& name) const
 {
     for (const Field& field : _fields) {
-        if (&field._name == &name || field._name == name)
+        if (field._name == name)
             return &field;
     }
     return nullptr;
@@ -100,41 +121,13 @@ string FieldSet::getDefinition() const
 
 string FieldSet::toSql() const
 {
-    string names;
-    toSql(names);
-    return names;
-}
-
-void FieldSet::toSql(string& statement) const
-{
-    for (int i = 0; i < count(); ++i) {
-        const Field* const field = getByIndex(i);
-        if (field == nullptr) {
-            TRACE_ERROR("No field for index %d", i);
-            SQL_ASSERT(false, "sql::string sql::FieldSet::toSql() const");
-            continue;
-        }
-        statement += field->_name;
-        if (i < count() - 1)
-            appendComma(statement);
-    }
+    return listed(*this, &Field::getName, ", ", __func__,
+                  "sql::string sql::FieldSet::toSql() const");
 }
 
 string FieldSet::dump() const
 {
-    string lines;
-    for (int i = 0; i < count(); ++i) {
-        const Field* const field = getByIndex(i);
-        if (field == nullptr) {
-            TRACE_ERROR("No field for index %d", i);
-            SQL_ASSERT(false, "sql::string sql::FieldSet::dump() const");
-            continue;
-        }
-        lines += field->dump();
-        if (i < count() - 1)
-            lines += "\r\n";
-    }
-    return lines;
+    return listed(*this, &Field::dump, "\r\n", __func__, "sql::string sql::FieldSet::dump() const");
 }
 
 } // namespace sql

@@ -1,43 +1,61 @@
 #include "SqlRecord.h"
 
-#include "SqlText.h"
 #include "SqlTrace.h"
 
-#include <bitset>
-#include <cstddef>
-#include <cstdint>
+#include <optional>
+#include <utility>
 
 namespace sql {
 
 namespace {
 
-// Knows of nearly every column whether it is the first of its name, without a walk through those
-// before it: statements of wide tables would cost the square of their width. Of a name that falls
-// on the place of another it cannot tell.
-class NamesSeen {
-public:
-    bool isFirst(const string& name)
-    {
-        const std::size_t place = hash(name) % places;
-        const bool isFirst = !_taken[place];
-        _taken[place] = true;
-        return isFirst;
+// Whether there is such a cell; reported as getValue() does otherwise.
+bool hasCell(int index, int count, const char* signature)
+{
+    if (index >= 0 && index < count)
+        return true;
+    TRACE_ERROR_AS("getValue", "No value for column with index %d", index);
+    SQL_ASSERT(false, signature);
+    return false;
+}
+
+// The column of this name; its lack is reported as getValue() does.
+const Field* namedColumn(const FieldSet& fields, const string& name, const char* signature)
+{
+    const Field* const field = fields.getByName(name);
+    if (field == nullptr) {
+        TRACE_ERROR_AS("getValue", "No value for column with name '%s'", name.c_str());
+        SQL_ASSERT(false, signature);
     }
+    return field;
+}
 
-private:
-    static constexpr std::size_t places = 2048;
-
-    // FNV-1a
-    static std::uint32_t hash(const string& name)
-    {
-        std::uint32_t hash = 2166136261;
-        for (const char byte : name)
-            hash = (hash ^ static_cast<unsigned char>(byte)) * 16777619;
-        return hash;
+// What an UPDATE sets: all columns but the key. Nothing where a column has no cell, which is
+// reported as toSqlUpdate() does.
+std::optional<string> assignments(const Record& record, const string& tableName)
+{
+    string list;
+    const int count = record.fields()->count();
+    for (int i = 0; i < count; ++i) {
+        const Field* const field = record.fields()->getByIndex(i);
+        if (field == nullptr || field->isPrimaryKey())
+            continue;
+        const string name = field->getName();
+        const Value* const value = record.getValue(name);
+        if (value == nullptr) {
+            TRACE_ERROR_AS("toSqlUpdate",
+                           "No value for column with index=%d (and name=%s) of table %s", i,
+                           name.c_str(), tableName.c_str());
+            SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
+            return std::nullopt;
+        }
+        list += name + "=" + value->toSql(field->getType());
+        // By position alone: callers know the comma that a key in the last column leaves behind.
+        if (i < count - 1)
+            list += ", ";
     }
-
-    std::bitset<places> _taken;
-};
+    return list;
+}
 
 } // namespace
 
@@ -48,18 +66,21 @@ Record::Record(const FieldSet& fields) : _fields(&fields)
         _values.emplace_back(fields.getByIndex(i)->getType());
 }
 
-Record::Record(const FieldSet& fields, int columnCount, const char* const* texts) : _fields(&fields)
-{
-    _values.reserve(fields._fields.size());
-    int i = 0;
-    for (const Field& field : fields._fields) {
-        _values.emplace_back(i < columnCount ? texts[i] : nullptr, field._type);
-        ++i;
-    }
-}
-
 Record::Record(const Record* other) : Record(*other)
 {
+}
+
+Record::Record(const Record&) = default;
+Record& Record::operator=(const Record&) = default;
+Record::Record(Record&&) noexcept = default;
+
+Record& Record::operator=(Record&& other) noexcept
+{
+    if (this != &other) {
+        _fields = other._fields;
+        _values = std::move(other._values);
+    }
+    return *this;
 }
 
 const FieldSet* Record::fields() const
@@ -85,38 +106,29 @@ bool Record::initColumnValue(int index, const char* text, field_type type)
 
 Value* Record::getValue(int index)
 {
-    if (index >= 0 && index < columnCount())
-        return &_values[index];
-    TRACE_ERROR("No value for column with index %d", index);
-    SQL_ASSERT(false, "sql::Value* sql::Record::getValue(int)");
-    return nullptr;
+    const bool found = hasCell(index, columnCount(), "sql::Value* sql::Record::getValue(int)");
+    return found ? &_values[index] : nullptr;
 }
 
 const Value* Record::getValue(int index) const
 {
-    if (index >= 0 && index < columnCount())
-        return &_values[index];
-    TRACE_ERROR("No value for column with index %d", index);
-    SQL_ASSERT(false, "const sql::Value* sql::Record::getValue(int) const");
-    return nullptr;
+    const bool found = hasCell(index, columnCount(),
+                               "const sql::Value* sql::Record::getValue(int) const");
+    return found ? &_values[index] : nullptr;
 }
 
 Value* Record::getValue(const string& name)
 {
-    if (const Field* const field = _fields->getByName(name))
-        return getValue(field->getIndex());
-    TRACE_ERROR("No value for column with name '%s'", name.c_str());
-    SQL_ASSERT(false, "sql::Value* sql::Record::getValue(const string&)");
-    return nullptr;
+    const Field* const field = namedColumn(*_fields, name,
+                                           "sql::Value* sql::Record::getValue(const string&)");
+    return field != nullptr ? getValue(field->getIndex()) : nullptr;
 }
 
 const Value* Record::getValue(const string& name) const
 {
-    if (const Field* const field = _fields->getByName(name))
-        return getValue(field->getIndex());
-    TRACE_ERROR("No value for column with name '%s'", name.c_str());
-    SQL_ASSERT(false, "const sql::Value* sql::Record::getValue(const string&) const");
-    return nullptr;
+    const Field* const field = namedColumn(
+        *_fields, name, "const sql::Value* sql::Record::getValue(const string&) const");
+    return field != nullptr ? getValue(field->getIndex()) : nullptr;
 }
 
 const Value* Record::getKeyIdValue() const
@@ -272,45 +284,28 @@ string Record::dump(bool withTypes) const
     return text;
 }
 
-string::size_type Record::statementSize() const
-{
-    string::size_type size = 0;
-    for (const Field& field : _fields->_fields)
-        size += field._name.size() + sizeof ", ";
-    for (const Value& value : _values)
-        size += value._value.size() + sizeof ", null";
-    return size;
-}
-
 string Record::toSql() const
 {
     string literals;
-    return toSql(literals) ? literals : string();
-}
-
-bool Record::toSql(string& statement) const
-{
-    NamesSeen names;
     const int count = _fields->count();
     for (int i = 0; i < count; ++i) {
         const Field* const field = _fields->getByIndex(i);
         if (field == nullptr) {
             TRACE_ERROR("field with index %d does not exist", i);
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
-            return false;
+            return string();
         }
-        const Value* const value = names.isFirst(field->_name) ? getValue(field->_index)
-                                                               : getValue(field->_name);
+        const Value* const value = getValue(field->getName());
         if (value == nullptr) {
             TRACE_ERROR("field with index %d does not have value", i);
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
-            return false;
+            return string();
         }
-        value->appendSql(statement, field->_type);
+        literals += value->toSql(field->getType());
         if (i < count - 1)
-            appendComma(statement);
+            literals += ", ";
     }
-    return true;
+    return literals;
 }
 
 string Record::toSqlInsert(const string& tableName) const
@@ -320,46 +315,19 @@ string Record::toSqlInsert(const string& tableName) const
         SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
         return string();
     }
-    string statement = joined({"insert into ", tableName, " ("},
-                              statementSize() + sizeof ") values ()");
-    const string::size_type start = statement.size();
-    _fields->toSql(statement);
-    if (statement.size() == start) {
+    const string columns = _fields->toSql();
+    if (columns.empty()) {
         TRACE_ERROR("No fields to insert in table '%s'", tableName.c_str());
         SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
         return string();
     }
-    statement += ") values (";
-    const string::size_type literals = statement.size();
-    if (!toSql(statement) || statement.size() == literals) {
+    const string values = toSql();
+    if (values.empty()) {
         TRACE_ERROR("No values to insert in table '%s'", tableName.c_str());
         SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
         return string();
     }
-    return statement += ')';
-}
-
-const Field* Record::appendAssignments(string& statement, int& position) const
-{
-    NamesSeen names;
-    const int count = _fields->count();
-    for (position = 0; position < count; ++position) {
-        const Field* const field = _fields->getByIndex(position);
-        if (field == nullptr)
-            continue;
-        const bool isFirst = names.isFirst(field->_name);
-        if (field->isPrimaryKey())
-            continue;
-        const Value* const value = isFirst ? getValue(field->_index) : getValue(field->_name);
-        if (value == nullptr)
-            return field;
-        (statement += field->_name) += '=';
-        value->appendSql(statement, field->_type);
-        // By position alone: callers know the comma that a key in the last column leaves behind.
-        if (position < count - 1)
-            appendComma(statement);
-    }
-    return nullptr;
+    return "insert into " + tableName + " (" + columns + ") values (" + values + ")";
 }
 
 string Record::toSqlUpdate(const string& tableName) const
@@ -370,14 +338,9 @@ string Record::toSqlUpdate(const string& tableName) const
         return string();
     }
 
-    string statement = joined({"update ", tableName, " set "}, statementSize() + sizeof " where ");
-    int position = 0;
-    if (const Field* const missing = appendAssignments(statement, position)) {
-        TRACE_ERROR("No value for column with index=%d (and name=%s) of table %s", position,
-                    missing->getName().c_str(), tableName.c_str());
-        SQL_ASSERT(false, "sql::string sql::Record::toSqlUpdate(const string&) const");
+    const std::optional<string> settings = assignments(*this, tableName);
+    if (!settings)
         return string();
-    }
     const string keyName = _fields->getKeyIdName();
     if (keyName.empty()) {
         TRACE_ERROR("Failed to get name of PRIMARY KEY column for table %s", tableName.c_str());
@@ -394,9 +357,8 @@ string Record::toSqlUpdate(const string& tableName) const
     // the same, without quotes.
     SQL_ASSERT(value->getType() == type_int,
                "sql::string sql::Record::toSqlUpdate(const string&) const");
-    ((statement += " where ") += keyName) += " = ";
-    value->appendSql(statement, type_int);
-    return statement;
+    return "update " + tableName + " set " + *settings + " where " + keyName + " = "
+           + value->toSql(type_int);
 }
 
 } // namespace sql

@@ -9,54 +9,6 @@
 
 namespace sql {
 
-// The log shows the names of these two as those of the set's operations, and the assertion that of
-// the connection.
-struct RecordSet::Run {
-    static std::int32_t query(sqlite3* _db, const string& sql, sqlite3_callback callback,
-                              void* target)
-    {
-        if (!SQL_ASSERT(_db, "bool sql::RecordSet::query(const string&)"))
-            return SQLITE_ERROR;
-        TRACE_DEBUG2("stmt='%s'", sql.c_str());
-
-        char* errorText = nullptr;
-        const int rc = sqlite3_exec(_db, sql.c_str(), callback, target, &errorText);
-        if (rc == SQLITE_OK)
-            return rc;
-
-        TRACE_ERROR("Failed to run the SQL stmt '%s'", sql.c_str());
-        if (errorText != nullptr)
-            TRACE_ERROR("  rc=%d=%s: %s", rc, sqliteRc2Str(rc), errorText);
-        else
-            TRACE_ERROR("  rc=%d=%s", rc, sqliteRc2Str(rc));
-        sqlite3_free(errorText);
-        return rc;
-    }
-
-    // Without `records` the row is only traced. Memory that runs out ends the statement, since
-    // SQLite's own frames cannot be unwound: they would leak it.
-    static int on_next_record(const FieldSet& fields, std::vector<Record>* records, int columnCount,
-                              char** values)
-#ifdef __cpp_exceptions
-    try
-#endif
-    {
-        // "pragma empty_result_callbacks" announces a result without rows this way.
-        if (values == nullptr)
-            return 0;
-        Record record(fields, columnCount, values);
-        TRACE_DEBUG3("%s", record.dump(false).c_str());
-        if (records != nullptr)
-            records->push_back(std::move(record));
-        return 0;
-    }
-#ifdef __cpp_exceptions
-    catch (const std::bad_alloc&) {
-        return 1;
-    }
-#endif
-};
-
 RecordSet::RecordSet() : RecordSet(nullptr)
 {
 }
@@ -96,17 +48,22 @@ void RecordSet::close()
 bool RecordSet::query(const string& sql)
 {
     close();
-    _rc = Run::query(_db, sql, on_next_record, this);
-    return isResultOk();
-}
+    if (!SQL_ASSERT(_db, "bool sql::RecordSet::query(const string&)"))
+        return false;
+    TRACE_DEBUG2("stmt='%s'", sql.c_str());
 
-bool RecordSet::write(sqlite3* db, const FieldSet& fields, const string& sql)
-{
-    const auto trace = [](void* columns, int columnCount, char** values, char**) {
-        return Run::on_next_record(*static_cast<const FieldSet*>(columns), nullptr, columnCount,
-                                   values);
-    };
-    return Run::query(db, sql, trace, const_cast<FieldSet*>(&fields)) == SQLITE_OK;
+    char* errorText = nullptr;
+    _rc = sqlite3_exec(_db, sql.c_str(), on_next_record, this, &errorText);
+    if (isResultOk())
+        return true;
+
+    TRACE_ERROR("Failed to run the SQL stmt '%s'", sql.c_str());
+    if (errorText != nullptr)
+        TRACE_ERROR("  rc=%d=%s: %s", _rc, sqliteRc2Str(_rc), errorText);
+    else
+        TRACE_ERROR("  rc=%d=%s", _rc, sqliteRc2Str(_rc));
+    sqlite3_free(errorText);
+    return false;
 }
 
 bool RecordSet::isResultOk() const
@@ -155,10 +112,31 @@ string RecordSet::toString() const
     return lines;
 }
 
-int RecordSet::on_next_record(void* recordSet, int columnCount, char** values, char**)
+// Memory that runs out ends the statement, since SQLite's own frames cannot be unwound: they would
+// leak it.
+int RecordSet::on_next_record(void* recordSet, int columnCount, char** values, char** columnNames)
+#ifdef __cpp_exceptions
+try
+#endif
 {
+    // "pragma empty_result_callbacks" announces a result without rows this way.
+    if (values == nullptr && columnNames != nullptr)
+        return 0;
+
     RecordSet& set = *static_cast<RecordSet*>(recordSet);
-    return Run::on_next_record(set._fields, &set._records, columnCount, values);
+    Record record(set._fields);
+    for (int i = 0; values != nullptr && i < columnCount; ++i) {
+        if (const Field* const field = set._fields.getByIndex(i))
+            record.initColumnValue(i, values[i], field->getType());
+    }
+    TRACE_DEBUG3("%s", record.dump(false).c_str());
+    set._records.push_back(std::move(record));
+    return 0;
 }
+#ifdef __cpp_exceptions
+catch (const std::bad_alloc&) {
+    return 1;
+}
+#endif
 
 } // namespace sql

@@ -1,28 +1,41 @@
 #include "SqlTable.h"
 
-#include "SqlText.h"
 #include "SqlTrace.h"
 
 namespace sql {
 
 namespace {
 
-// The word that stands before a condition or an order, if there is one.
-const char* before(const string& clause, const char* word)
+// " where id = 7", or nothing: a condition or an order behind its word, if there is one.
+string clause(const char* word, const string& text)
 {
-    return clause.empty() ? "" : word;
+    return text.empty() ? string() : word + text;
 }
 
 // A double-quoted word is a text to SQLite as long as no column is called so, and is compared with
 // the key column under its affinity: the key "7" finds the integer 7 too.
-string keyStatement(const char* start, const string& name, const string& keyName, const string& key)
+string keyLiteral(const string& key)
 {
-    return joined({start, name, " where ", keyName, " = \"", key, "\""});
+    return "\"" + key + "\"";
 }
 
-string keyStatement(const char* start, const string& name, const string& keyName, integer key)
+// The condition that finds a key. Empty without a key column: reported after the FieldSet has done
+// so, so that the log names both the cause and the operation that failed.
+string keyCondition(const FieldSet& fields, const string& literal, const char* operation,
+                    const char* signature)
 {
-    return joined({start, name, " where ", keyName, " = ", intToStr(key)});
+    const string keyName = fields.getKeyIdName();
+    if (keyName.empty()) {
+        TRACE_ERROR_AS(operation, "Failed to get name of PRIMARY KEY column");
+        SQL_ASSERT(false, signature);
+        return string();
+    }
+    return keyName + " = " + literal;
+}
+
+bool hasRow(sqlite3* db, const string& table, const string& condition)
+{
+    return queryNumber(db, "select count(*) from " + table + " where " + condition) > 0;
 }
 
 } // namespace
@@ -149,8 +162,8 @@ bool Table::open(const string& whereCondition)
 
 bool Table::open(const string& whereCondition, const string& sortBy)
 {
-    return _recordSet.query(joined({"select * from ", _name, before(whereCondition, " where "),
-                                    whereCondition, before(sortBy, " order by "), sortBy}));
+    return query("select * from " + _name + clause(" where ", whereCondition)
+                 + clause(" order by ", sortBy));
 }
 
 bool Table::query(const string& sql)
@@ -173,50 +186,33 @@ Record* Table::getTopRecord()
     return getRecord(0);
 }
 
-// The operations on keys report a missing key column after the FieldSet has, so that the log names
-// both the cause and the operation that failed.
 Record* Table::getRecordByKeyId(string key)
 {
-    const string keyName = fields()->getKeyIdName();
-    if (keyName.empty()) {
-        TRACE_ERROR("Failed to get name of PRIMARY KEY column");
-        SQL_ASSERT(false, "sql::Record* sql::Table::getRecordByKeyId(sql::string)");
-        return nullptr;
-    }
-    return query(keyStatement("select * from ", _name, keyName, key)) ? getTopRecord() : nullptr;
+    const string condition = keyCondition(*fields(), keyLiteral(key), __func__,
+                                          "sql::Record* sql::Table::getRecordByKeyId(sql::string)");
+    return !condition.empty() && open(condition) ? getTopRecord() : nullptr;
 }
 
 Record* Table::getRecordByKeyId(integer key)
 {
-    const string keyName = fields()->getKeyIdName();
-    if (keyName.empty()) {
-        TRACE_ERROR("Failed to get name of PRIMARY KEY column");
-        SQL_ASSERT(false, "sql::Record* sql::Table::getRecordByKeyId(sql::integer)");
-        return nullptr;
-    }
-    return query(keyStatement("select * from ", _name, keyName, key)) ? getTopRecord() : nullptr;
+    const string condition = keyCondition(
+        *fields(), intToStr(key), __func__,
+        "sql::Record* sql::Table::getRecordByKeyId(sql::integer)");
+    return !condition.empty() && open(condition) ? getTopRecord() : nullptr;
 }
 
 bool Table::hasRecordWithKeyId(string key)
 {
-    const string keyName = fields()->getKeyIdName();
-    if (keyName.empty()) {
-        TRACE_ERROR("Failed to get name of PRIMARY KEY column");
-        SQL_ASSERT(false, "bool sql::Table::hasRecordWithKeyId(sql::string)");
-        return false;
-    }
-    return queryNumber(_db, keyStatement("select count(*) from ", _name, keyName, key)) > 0;
+    const string condition = keyCondition(*fields(), keyLiteral(key), __func__,
+                                          "bool sql::Table::hasRecordWithKeyId(sql::string)");
+    return !condition.empty() && hasRow(_db, _name, condition);
 }
 
 bool Table::hasRecordWithKeyId(integer key)
 {
-    const string keyName = fields()->getKeyIdName();
-    if (keyName.empty()) {
-        TRACE_ERROR("Failed to get name of PRIMARY KEY column");
-        SQL_ASSERT(false, "bool sql::Table::hasRecordWithKeyId(sql::integer)");
-        return false;
-    }
-    return queryNumber(_db, keyStatement("select count(*) from ", _name, keyName, key)) > 0;
+    const string condition = keyCondition(*fields(), intToStr(key), __func__,
+                                          "bool sql::Table::hasRecordWithKeyId(sql::integer)");
+    return !condition.empty() && hasRow(_db, _name, condition);
 }
 
 bool Table::addRecord(const Record& record)
@@ -226,7 +222,7 @@ bool Table::addRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL INSERT statement for table '%s'", _name.c_str());
         return false;
     }
-    return RecordSet::write(_db, *fields(), statement);
+    return RecordSet(_db, *fields()).query(statement);
 }
 
 bool Table::updateRecord(const Record& record)
@@ -236,7 +232,7 @@ bool Table::updateRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL UPDATE statement for table '%s'", _name.c_str());
         return false;
     }
-    return RecordSet::write(_db, *fields(), statement);
+    return RecordSet(_db, *fields()).query(statement);
 }
 
 bool Table::addOrUpdateRecord(string key, const Record& record)
@@ -261,31 +257,22 @@ bool Table::addOrUpdateRecord(integer key, const Record& record)
 
 bool Table::deleteRecord(string key)
 {
-    const string keyName = fields()->getKeyIdName();
-    if (keyName.empty()) {
-        TRACE_ERROR("Failed to get name of PRIMARY KEY column");
-        SQL_ASSERT(false, "bool sql::Table::deleteRecord(sql::string)");
-        return false;
-    }
-    return RecordSet::write(_db, *fields(), keyStatement("delete from ", _name, keyName, key));
+    const string condition = keyCondition(*fields(), keyLiteral(key), __func__,
+                                          "bool sql::Table::deleteRecord(sql::string)");
+    return !condition.empty() && deleteRecords(condition);
 }
 
 bool Table::deleteRecord(integer key)
 {
-    const string keyName = fields()->getKeyIdName();
-    if (keyName.empty()) {
-        TRACE_ERROR("Failed to get name of PRIMARY KEY column");
-        SQL_ASSERT(false, "bool sql::Table::deleteRecord(sql::integer)");
-        return false;
-    }
-    return RecordSet::write(_db, *fields(), keyStatement("delete from ", _name, keyName, key));
+    const string condition = keyCondition(*fields(), intToStr(key), __func__,
+                                          "bool sql::Table::deleteRecord(sql::integer)");
+    return !condition.empty() && deleteRecords(condition);
 }
 
 bool Table::deleteRecords(const string& whereCondition)
 {
-    return RecordSet::write(
-        _db, *fields(),
-        joined({"delete from ", _name, before(whereCondition, " where "), whereCondition}));
+    return RecordSet(_db, *fields())
+        .query("delete from " + _name + clause(" where ", whereCondition));
 }
 
 bool Table::copyRecords(Table& source)

@@ -1,7 +1,5 @@
 #include "SqlValue.h"
 
-#include "SqlText.h"
-
 #include <locale.h>
 #include <stdlib.h>
 
@@ -20,24 +18,14 @@ constexpr std::size_t double_text_limit = 127;
 // The longest double has a sign, 309 digits, the point and eight decimals.
 constexpr std::size_t double_text_buffer = 320;
 
-// Whether the text is what intToStr() makes of the number in it, as it is in nearly every cell.
-bool isPlainInteger(const string& text)
-{
-    const bool small = !text.empty() && text.size() <= 18;
-    return small && text[0] != '0'
-           && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
-
 } // namespace
 
 Value::Value(field_type type) : _isNull(true), _type(type)
 {
 }
 
-Value::Value(const char* text, field_type type)
-    : _value(text != nullptr ? text : ""), _isNull(text == nullptr), _type(type)
-{
-}
+Value::Value(const Value&) = default;
+Value& Value::operator=(const Value&) = default;
 
 void Value::setValue(const char* text, field_type type)
 {
@@ -172,27 +160,13 @@ bool Value::equals(const Value& other) const
 
 string Value::toSql(field_type type) const
 {
-    string literal;
-    appendSql(literal, type);
-    return literal;
-}
-
-void Value::appendSql(string& statement, field_type type) const
-{
-    if (_isNull) {
-        statement += "null";
-    } else if (type == type_text) {
-        statement += '\'';
-        if (_type == type_time)
-            appendQuoted(statement, asString());
-        else
-            appendQuoted(statement, _value);
-        statement += '\'';
-    } else if (_type == type_time && !isPlainInteger(_value)) {
-        statement += intToStr(asInteger());
-    } else {
-        statement += _value;
-    }
+    if (_isNull)
+        return "null";
+    if (type == type_text)
+        return "'" + quoteStr(asString()) + "'";
+    if (_type == type_time)
+        return intToStr(asInteger());
+    return _value;
 }
 
 } // namespace sql
