@@ -14,7 +14,8 @@ int main()
     std::printf("%s, about %lld\n", text.c_str(), price.asInteger());
     // -> 2.50000000, about 2
 
-    const sql::Value name("Captain's tea", sql::type_text);
+    sql::Value name(sql::type_text);
+    name.setString("Captain's tea");
     std::printf("%s\n", name.toSql(sql::type_text).c_str());
     // -> 'Captain''s tea'
     //! [value]

@@ -23,7 +23,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 static_assert(!std::is_polymorphic<FieldSet>::value, "a plain value");
-static_assert(std::is_nothrow_move_constructible<FieldSet>::value, "moves like its vector");
 
 static_assert(std::is_constructible<FieldSet, const Field*>::value, "an array of columns");
 static_assert(std::is_constructible<FieldSet, const std::vector<Field>&>::value, "copied fields");

@@ -20,7 +20,6 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 static_assert(!std::is_polymorphic<Field>::value, "a plain value");
-static_assert(std::is_nothrow_move_constructible<Field>::value, "sets grow without copies");
 
 static_assert(std::is_default_constructible<Field>::value, "the ending field");
 static_assert(std::is_constructible<Field, const std::string&, sql::field_type, int>::value,

@@ -37,9 +37,6 @@ using testing::IsEmpty;
 
 static_assert(!std::is_default_constructible<Value>::value, "a value always has a type");
 static_assert(!std::is_polymorphic<Value>::value, "a plain value");
-static_assert(std::is_nothrow_move_constructible<Value>::value, "vectors move their elements");
-static_assert(std::is_nothrow_move_constructible<sql::Field>::value, "vectors move their elements");
-static_assert(std::is_nothrow_move_constructible<sql::FieldSet>::value, "moves like its vector");
 static_assert(std::is_nothrow_move_constructible<sql::Record>::value,
               "vectors move their elements");
 
@@ -236,22 +233,6 @@ TEST_P(ValueTypeTest, SetNullKeepsTheType)
     EXPECT_EQ(value.asInteger(), 0);
     EXPECT_EQ(value.toString(), "null");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_P(ValueTypeTest, ConstructionTakesTheTextAndTheType)
-{
-    const Value value("1", GetParam());
-    EXPECT_FALSE(value.isNull());
-    EXPECT_EQ(value.getType(), GetParam());
-    EXPECT_EQ(value.asInteger(), 1);
-}
-
-TEST_P(ValueTypeTest, ConstructionWithoutATextMakesNullOfTheType)
-{
-    const Value value(nullptr, GetParam());
-    EXPECT_TRUE(value.isNull());
-    EXPECT_EQ(value.getType(), GetParam());
-    EXPECT_EQ(value.asInteger(), 0);
 }
 
 TEST_P(ValueTypeTest, SetValueTakesTheTextAndTheType)
