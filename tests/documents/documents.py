@@ -30,6 +30,16 @@ def is_part_of(block, source):
     return any("\n" + textwrap.indent(block, " " * depth) in "\n" + source for depth in (0, 4, 8))
 
 
+def header_examples():
+    """The code in the comment above each class of the public headers, and above their namespace."""
+    headers = "".join(path.read_text(encoding="utf-8")
+                      for path in sorted(ROOT.glob("components/*/*/include/*.h")))
+    found = re.findall(r"((?:^///.*\n)*)^(namespace|class) (\w+) *[:{]", headers, re.MULTILINE)
+    return {name: "".join(re.findall(r"^///     (.*\n)", comment, re.MULTILINE))
+            for comment, kind, name in found
+            if (comment or kind == "class") and "@snippet" not in comment}
+
+
 def examples():
     """The sources of the example programs."""
     return {path.relative_to(ROOT).as_posix(): path.read_text(encoding="utf-8")

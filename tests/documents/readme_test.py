@@ -1,6 +1,6 @@
-"""Builds and runs what the documents show in C++: the program of README.md with the project file
-that stands there beside it, and the fragments, each as a function's body. What an example
-program contains is built with that.
+"""Builds and runs what the documents and the public headers show in C++: the program of README.md with
+the project file that stands there beside it, and the fragments, each as a function's body. What an
+example program contains is built with that.
 
 CXX is the compiler; for another machine's programs TOOLCHAIN is the toolchain file and EMULATOR the
 command that runs them, both else empty.
@@ -22,6 +22,9 @@ EMULATOR = os.environ["EMULATOR"].split()
 FRAGMENTS_TARGET = """
 add_executable(fragments fragments.cpp)
 target_link_libraries(fragments PRIVATE sqlwrapper::sqlwrapper platform::trace)
+add_executable(headers headers.cpp)
+set_target_properties(headers PROPERTIES CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
+target_link_libraries(headers PRIVATE sqlwrapper::sqlwrapper platform::trace)
 """
 INCLUDES = """
 #include "SqlDatabase.h"
@@ -29,10 +32,13 @@ INCLUDES = """
 #include "SqlTable.h"
 #include "TraceLevel.h"
 #include <cstdio>
+"""
+COLUMNS = """
 static const sql::Field columns[] = {sql::Field("id", sql::type_int, sql::flag_primary_key),
                                      sql::Field("name", sql::type_text, sql::flag_none),
-                                     sql::Field()};
+                                     %s sql::Field()};
 """
+PRICE = 'sql::Field("price", sql::type_float, sql::flag_none),'
 FUNCTION = """
 static bool fragment%d(sql::Table& table, const sql::string& text, const sql::string& key)
 {
@@ -55,6 +61,46 @@ CALL = """
 """
 
 
+# The examples of the headers, made a program that runs the one it is told.
+HEADER_EXAMPLE = """
+static int example%s(sql::Database& database, sql::Table& products)
+{
+    (void)database, (void)products;
+    {
+%s
+    }
+    return 0;
+}
+"""
+HEADERS_MAIN = """
+#include <syslog.h>
+int main(int, char** argv)
+{
+    openlog("headers", LOG_PERROR, LOG_USER);
+    trace::setLevel(trace::trace_errors);
+    sql::Database database;
+    if (!database.open(":memory:", sql::Database::access_create, false, 0))
+        return 100;
+    sql::Table products(database.getHandle(), "product", columns);
+    sql::Record rum(*products.fields());
+    rum.setString("name", "rum");
+    rum.setDouble("price", 2.5);
+    if (!products.create() || !products.addRecord(rum))
+        return 100;
+    const sql::string name = argv[1];
+%s    return 101;
+}
+"""
+
+
+def headers_program():
+    examples = documents.header_examples()
+    functions = "".join(HEADER_EXAMPLE % example for example in examples.items())
+    calls = "".join(f'    if (name == "{name}")\n        return example{name}(database, products);\n'
+                    for name in examples)
+    return INCLUDES + COLUMNS % PRICE + functions + HEADERS_MAIN % calls
+
+
 def fragments():
     """The blocks that neither are a program nor stand in one: their documents and texts."""
     sources = documents.examples().values()
@@ -64,7 +110,7 @@ def fragments():
 
 
 def fragments_program():
-    includes, functions, calls = INCLUDES, "", ""
+    includes, functions, calls = INCLUDES, COLUMNS % "", ""
     for number, (file, block) in enumerate(fragments()):
         includes += "".join(re.findall(r"^#include.*\n", block, re.MULTILINE))
         body = re.sub(r"^#include.*\n", "", block, flags=re.MULTILINE)
@@ -84,6 +130,7 @@ class ReadmeProgram(unittest.TestCase):
         (folder / "CMakeLists.txt").write_text(project, encoding="utf-8")
         (folder / "shop.cpp").write_text(documents.blocks("README.md", "cpp")[0], encoding="utf-8")
         (folder / "fragments.cpp").write_text(fragments_program(), encoding="utf-8")
+        (folder / "headers.cpp").write_text(headers_program(), encoding="utf-8")
         cls.build = folder / "build"
         compiler = ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"],
                     "-DCMAKE_TOOLCHAIN_FILE=" + os.environ["TOOLCHAIN"]]
@@ -97,9 +144,9 @@ class ReadmeProgram(unittest.TestCase):
     def tearDownClass(cls):
         cls._folder.cleanup()
 
-    def run_program(self, folder, name="shop"):
-        return subprocess.run([*EMULATOR, self.build / name], cwd=folder, capture_output=True,
-                              text=True, check=False)
+    def run_program(self, folder, name="shop", *arguments):
+        return subprocess.run([*EMULATOR, self.build / name, *arguments], cwd=folder,
+                              capture_output=True, text=True, check=False)
 
     def output(self):
         return documents.blocks("README.md", "text")[0]
@@ -125,6 +172,18 @@ class ReadmeProgram(unittest.TestCase):
         with tempfile.TemporaryDirectory() as folder:
             done = self.run_program(folder, "fragments")
         self.assertEqual((done.stdout, done.stderr, done.returncode), ("", "", 3))
+
+    def test_examples_of_the_headers_print_what_their_comments_say(self):
+        for name, code in documents.header_examples().items():
+            with self.subTest(name), tempfile.TemporaryDirectory() as folder:
+                done = self.run_program(folder, "headers", name)
+                printed = done.stdout.splitlines()
+                said = re.findall(r"printf\(.*\); *// (.*)", code) or printed
+                self.assertEqual((done.returncode, printed, done.stderr), (0, said, ""))
+
+    def test_examples_of_the_headers_are_short(self):
+        for name, code in documents.header_examples().items():
+            self.assertIn(len(code.splitlines()), range(4, 9), f"{name}\n{code}")
 
     def test_every_program_is_that_of_the_readme_or_an_example(self):
         sources = documents.examples().values()
