@@ -1,8 +1,6 @@
-"""Prints a source of the reference as doxygen takes it.
-
-A Markdown page gets names for itself and its headings, and its links lead to the pages of the
-reference; a link into the tree, which is not beside the reference, becomes its text. In a header
-the comment at the start of a group is repeated for each declaration of the group.
+"""Prints a page of the guide as doxygen takes it: with names for itself and its headings, and with
+links that lead to the pages of the reference. A link into the tree, which is not beside the reference,
+becomes its text.
 
 filter.py FILE
 """
@@ -74,30 +72,9 @@ def guide_page(path):
     return lines + prose(path, text)
 
 
-def group(lines):
-    """The comment and the declarations of a group, the comment before each of these."""
-    comment = [line for line in lines if line.lstrip().startswith("///")]
-    declarations = "\n".join(lines[len(comment):]).rstrip().split(";\n")
-    return [line for declaration in declarations
-            for line in [*comment, declaration.rstrip(";") + ";", ""]]
-
-
-def header(path):
-    lines, members = [], None
-    for line in (ROOT / path).read_text(encoding="utf-8").splitlines():
-        if line.strip() == "/// @{":
-            members = []
-        elif line.strip() == "/// @}":
-            lines += group(members)
-            members = None
-        else:
-            (lines if members is None else members).append(line)
-    return lines
-
-
 def main():
     path = pathlib.Path(sys.argv[1]).resolve().relative_to(ROOT)
-    print("\n".join(guide_page(path) if path.suffix == ".md" else header(path)))
+    print("\n".join(guide_page(path)))
 
 
 if __name__ == "__main__":

@@ -64,11 +64,6 @@ def styled(element):
     return f"\\fB{text}\\fP" if element.tag == "computeroutput" else text
 
 
-def listing(element):
-    text = "\n".join(plain(line) for line in element.iter("codeline"))
-    return indented(unfilled(escaped(textwrap.dedent(text).strip("\n")).splitlines()))
-
-
 def verbatim(element):
     text = textwrap.dedent(element.text).strip("\n")
     return indented(unfilled(escaped(text).splitlines()))
@@ -78,7 +73,7 @@ def items(element):
     return [line for item in element for line in [".IP * 2", *started(paragraph(item[0]))]]
 
 
-BLOCKS = {"programlisting": listing, "verbatim": verbatim, "itemizedlist": items}
+BLOCKS = {"verbatim": verbatim, "itemizedlist": items}
 
 
 def paragraph(element):

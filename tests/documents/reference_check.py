@@ -85,7 +85,7 @@ class OperationTest(unittest.TestCase):
         for compound in compounds():
             if compound.findtext("compoundname") != "trace":
                 code = [part for para in compound.find("detaileddescription") for part in para
-                        if part.tag in ("programlisting", "verbatim")]
+                        if part.tag == "verbatim"]
                 self.assertEqual(len(code), 1, compound.findtext("compoundname"))
 
 

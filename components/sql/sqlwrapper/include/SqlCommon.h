@@ -15,7 +15,8 @@ struct sqlite3;
 /// of SQL:
 ///
 ///     const sql::string name = sql::quoteStr("Captain's tea");
-///     const int length = sql::queryNumber(database.getHandle(), "select length('" + name + "')");
+///     const int length = sql::queryNumber(
+///         database.getHandle(), "select length('" + name + "')");
 ///     std::printf("%d\n", length); // 13
 ///     std::vector<sql::string> items;
 ///     sql::listToVector("tea; rum ;pie", items, ";");
@@ -63,7 +64,8 @@ string intToStr(integer value); ///< Returns the number in decimal digits, whate
 ///     sql::Time start(86399); // a second before the second day
 ///     sql::Time end = start;
 ///     end.addMinutes(1);
-///     std::printf("%.0f s later: %s\n", end.diff(start), end.asTimeString().c_str());
+///     std::printf("%.0f s later: %s\n", end.diff(start),
+///                 end.asTimeString().c_str());
 ///
 /// A plain value. Texts are in local time, after the process's TZ and locale.
 class Time {

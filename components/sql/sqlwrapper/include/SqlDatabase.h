@@ -12,7 +12,8 @@ namespace sql {
 /// A connection to a database file.
 ///
 ///     sql::Database database;
-///     if (!database.open("products.db", sql::Database::access_create, false, 2000))
+///     if (!database.open("products.db", sql::Database::access_create,
+///                        false, 2000))
 ///         return 1;
 ///     if (database.getUserVersion() == 0 && !database.setUserVersion(1))
 ///         return 1;

@@ -14,7 +14,8 @@ namespace sql {
 /// integers or texts.
 ///
 ///     const sql::FieldSet fields(columns);
-///     std::printf("%d columns, key %s\n", fields.count(), fields.getKeyIdName().c_str());
+///     std::printf("%d columns, key %s\n", fields.count(),
+///                 fields.getKeyIdName().c_str());
 ///     if (const sql::Field* const name = fields.getByName("name"))
 ///         std::printf("%s\n", name->getDefinition().c_str());
 ///

@@ -14,9 +14,10 @@ namespace sql {
 /// A named table on an open connection, together with the rows of its latest read.
 ///
 ///     sql::Table products(database.getHandle(), "product", columns);
-///     sql::Record tea(*products.fields()); // SQLite chooses the key of a null cell
+///     sql::Record tea(*products.fields()); // SQLite chooses its key
 ///     tea.setString("name", "Captain's tea");
-///     if (!products.create() || !products.addRecord(tea) || !products.open("price < 3", "name"))
+///     if (!products.create() || !products.addRecord(tea)
+///         || !products.open("price < 3", "name"))
 ///         return 1;
 ///     for (int i = 0; i < products.recordCount(); ++i)
 ///         std::printf("%s\n", products.getRecord(i)->toString().c_str());
