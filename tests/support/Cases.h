@@ -11,6 +11,13 @@ namespace test {
 // A case of a test that is run for many. Its name becomes the test's:
 //     INSTANTIATE_TEST_SUITE_P(All, TableTest, ValuesIn(cases), test::NameOfCase());
 struct Case {
+    Case(const char* text) : name(text)
+    {
+    }
+    Case(const std::string& text) : name(text)
+    {
+    }
+
     std::string name;
 };
 

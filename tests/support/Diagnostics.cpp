@@ -128,11 +128,10 @@ const char* __asan_default_options()
 
 namespace test {
 
-Diagnostics::Diagnostics() : _level(3)
+Diagnostics::Diagnostics()
 {
     current = this;
-    traceObject.level = &_level;
-    g_traceObject = &traceObject;
+    setLevel(3);
 }
 
 Diagnostics::~Diagnostics()
@@ -144,16 +143,8 @@ Diagnostics::~Diagnostics()
 void Diagnostics::setLevel(int level)
 {
     _level = level;
-}
-
-void Diagnostics::removeLevel()
-{
-    traceObject.level = nullptr;
-}
-
-void Diagnostics::removeTraceObject()
-{
-    g_traceObject = nullptr;
+    traceObject.level = level == without_level ? nullptr : &_level;
+    g_traceObject = level == without_trace_object ? nullptr : &traceObject;
 }
 
 void Diagnostics::onLine(std::function<void(const LogLine&)> reaction)

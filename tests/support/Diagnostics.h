@@ -26,6 +26,12 @@ struct Assertion {
     std::string function;
 };
 
+// Levels of a trace library that has none, and of none at all; and the levels at which something
+// changes, with those two.
+const int without_level = -1000;
+const int without_trace_object = -1001;
+const int trace_levels[] = {0, 2, 3, 6, 7, 8, 9, without_level, without_trace_object};
+
 // Everything that the library reports while this object lives; one at a time. Stands in for the
 // trace library (the level starts at 3, which lets ERROR lines through), for the assertion reporter
 // and for syslog() with its checked twin.
@@ -37,8 +43,14 @@ public:
     Diagnostics& operator=(const Diagnostics&) = delete;
 
     void setLevel(int level);
-    void removeLevel();       // the trace object stays, without a level
-    void removeTraceObject(); // g_traceObject is null
+    void removeLevel() // the trace object stays, without a level
+    {
+        setLevel(without_level);
+    }
+    void removeTraceObject() // g_traceObject is null
+    {
+        setLevel(without_trace_object);
+    }
 
     // Called after every line was captured: may change the level.
     void onLine(std::function<void(const LogLine&)> reaction);
@@ -78,8 +90,8 @@ private:
     std::function<void(const Assertion&)> _assertionReaction;
 };
 
-// Those of `events` that are reported at a trace level, worded() for the SQLite at hand: assertions
-// always are.
+// Those of `events` that are reported at a trace level, which assertions always are, worded() for the
+// SQLite at hand.
 std::vector<std::string> visibleAt(int level, const std::vector<std::string>& events);
 
 } // namespace test

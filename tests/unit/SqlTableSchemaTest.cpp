@@ -298,21 +298,16 @@ struct Schema : test::Case {
 };
 
 const Schema schemas[] = {
-    {{"Product"},
-     test::product_columns,
+    {"Product", test::product_columns,
      "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL)",
      "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n3. price REAL"},
-    {{"AllTypes"},
-     test::all_type_columns,
+    {"AllTypes", test::all_type_columns,
      "CREATE TABLE product (id INTEGER PRIMARY KEY, name TEXT, price REAL, sold INTEGER, at INTEGER)",
      "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n3. price REAL\r\n4. sold INTEGER\r\n5. at INTEGER"},
-    {{"Constraints"},
-     constrained_columns,
+    {"Constraints", constrained_columns,
      "CREATE TABLE product (id INTEGER PRIMARY KEY NOT NULL, name TEXT NOT NULL UNIQUE, price REAL)",
      "1. id INTEGER PRIMARY KEY NOT NULL\r\n2. name TEXT NOT NULL UNIQUE\r\n3. price REAL"},
-    {{"OneColumn"},
-     one_column,
-     "CREATE TABLE product (id INTEGER PRIMARY KEY)",
+    {"OneColumn", one_column, "CREATE TABLE product (id INTEGER PRIMARY KEY)",
      "1. id INTEGER PRIMARY KEY"},
 };
 

@@ -128,27 +128,12 @@ protected:
     test::Diagnostics _diagnostics;
 };
 
-// Those without a level come last, since there is no way back from them.
-const int without_level = -1;
-const int without_trace_object = -2;
-const int levels[] = {0, 2, 3, 6, 7, 8, 9, without_level, without_trace_object};
-
-void setLevel(test::Diagnostics& diagnostics, int level)
-{
-    if (level == without_level)
-        diagnostics.removeLevel();
-    else if (level == without_trace_object)
-        diagnostics.removeTraceObject();
-    else
-        diagnostics.setLevel(level);
-}
-
 TEST_P(TableCaseTest, GivesItsResultAtEveryLevelAndReportsWhatTheLevelShows)
 {
-    for (const int level : levels) {
+    for (const int level : test::trace_levels) {
         SCOPED_TRACE(level);
         Fixture fixture(GetParam().setup);
-        setLevel(_diagnostics, level);
+        _diagnostics.setLevel(level);
         _diagnostics.clear();
         EXPECT_EQ(GetParam().act.run(fixture.table), GetParam().result);
         EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, GetParam().report));
@@ -390,7 +375,7 @@ Texts choice(const Operation& operation)
 TableCase succeeding(const Operation& operation, const Setup& setup)
 {
     const std::string statement = named(operation.statement, setup.table);
-    TableCase one = {{operation.name},
+    TableCase one = {operation.name,
                      setup,
                      operation.act,
                      operation.result,
@@ -447,7 +432,7 @@ std::vector<TableCase> failingIn(const Setup& setup, Texts (*reportOf)(const Ope
     std::vector<TableCase> all;
     for (const Operation& operation : operations) {
         if (operation.route != route_choose || operation.adds())
-            all.push_back({{operation.name},
+            all.push_back({operation.name,
                            setup,
                            operation.act,
                            operation.failure,
@@ -474,7 +459,7 @@ INSTANTIATE_TEST_SUITE_P(NoConnection, TableCaseTest,
 TableCase keeps(const char* name, const Setup& setup, const char* result, const Texts& report,
                 Act act)
 {
-    return {{name}, setup, act, result,
+    return {name,   setup, act, result,
             report, false, {},  setup.stored.empty() ? "no table" : rows_stored};
 }
 
@@ -491,7 +476,7 @@ const TableCase other_operations[] = {
           [](Table& t) { return t.exists(); }),
     keeps("CreateOfAnExistingTableRunsNothing", filled, "true", report::present("product"),
           [](Table& t) { return t.create(); }),
-    {{"QueryRunsTheTextUnchanged"},
+    {"QueryRunsTheTextUnchanged",
      filled,
      [](Table& t) { return t.query(" select 9, 'rum', 8 -- x;"); },
      "true",
@@ -499,7 +484,7 @@ const TableCase other_operations[] = {
      true,
      {selected.text},
      rows_stored},
-    {{"QueryOfAStatementWithoutRows"},
+    {"QueryOfAStatementWithoutRows",
      filled,
      [](Table& t) { return t.query("delete from product where id = 1"); },
      "true",

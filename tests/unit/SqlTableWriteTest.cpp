@@ -240,11 +240,10 @@ TEST_P(TableWideKeyTest, IsWrittenAndTracedInFullByEveryOperation)
 
 INSTANTIATE_TEST_SUITE_P(
     All, TableWideKeyTest,
-    testing::Values(
-        WideKey{{"Highest"}, std::numeric_limits<integer>::max(), "9223372036854775807"},
-        WideKey{{"Lowest"}, std::numeric_limits<integer>::min(), "-9223372036854775808"},
-        WideKey{{"Above32Bits"}, 4294967299, "4294967299"}, WideKey{{"Zero"}, 0, "0"},
-        WideKey{{"MinusOne"}, -1, "-1"}),
+    testing::Values(WideKey{"Highest", std::numeric_limits<integer>::max(), "9223372036854775807"},
+                    WideKey{"Lowest", std::numeric_limits<integer>::min(), "-9223372036854775808"},
+                    WideKey{"Above32Bits", 4294967299, "4294967299"}, WideKey{"Zero", 0, "0"},
+                    WideKey{"MinusOne", -1, "-1"}),
     test::NameOfCase());
 
 } // namespace
