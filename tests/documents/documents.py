@@ -37,7 +37,7 @@ def header_examples():
     found = re.findall(r"((?:^///.*\n)*)^(namespace|class) (\w+) *[:{]", headers, re.MULTILINE)
     return {name: "".join(re.findall(r"^///     (.*\n)", comment, re.MULTILINE))
             for comment, kind, name in found
-            if (comment or kind == "class") and "@snippet" not in comment}
+            if comment or kind == "class"}
 
 
 def examples():
