@@ -1,65 +1,31 @@
-"""Runs what docs/start.md, docs/tour.md, docs/integration.md and docs/faq.md show.
-
-PROGRAMS is the folder with the programs of examples/guide, and EMULATOR the command that runs those
-of another machine, else empty. CXX is the compiler, which stands in for g++.
+"""Runs what docs/start.md, docs/tour.md, docs/integration.md and docs/faq.md show, the programs as
+programs.py says. CXX is the compiler, which stands in for g++.
 """
 
-import contextlib
 import os
 import pathlib
 import re
 import shlex
 import shutil
-import sqlite3
 import subprocess
 import tarfile
 import tempfile
 import unittest
 
 import documents
+from documents import ROOT
+from programs import Test, comparable, steps_of
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
 GUIDE = ROOT / "examples" / "guide"
 MARK = "--- next command"
 
 
-def comparable(text):
-    """Without blanks at the ends of lines, and with the numbers of source lines as pages have them."""
-    return re.sub(r"(\.cpp:)\d+", r"\1NNN", re.sub(r" +$", "", text, flags=re.MULTILINE))
-
-
-class Test(unittest.TestCase):
-    maxDiff = 10000
-
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
-
-
-    def run_program(self, name, *arguments):
-        """Its exit status and what it prints, standard error included."""
-        program = [*os.environ["EMULATOR"].split(), os.path.join(os.environ["PROGRAMS"], name)]
-        # A program may define what the stand-ins do, in their place.
-        options = os.environ.get("ASAN_OPTIONS", "") + ":detect_odr_violation=0"
-        done = subprocess.run([*program, *arguments], cwd=self.folder,
-                              env={**os.environ, "TZ": "UTC", "ASAN_OPTIONS": options},
-                              stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, encoding="utf-8", check=False)
-        return done.returncode, comparable(done.stdout)
-
-    def make(self, script):
-        with contextlib.closing(sqlite3.connect(self.folder / "a.db")) as connection:
-            connection.executescript(script)
-
-    def query(self, statement):
-        with contextlib.closing(sqlite3.connect(self.folder / "a.db")) as connection:
-            return connection.execute(statement).fetchall()
-
-
 class TourTest(Test):
-    def run_tour(self, *arguments):
-        return self.run_program("tour", *arguments)
+    def tour(self, *arguments):
+        """Its exit status and what it prints, standard error included."""
+        program = self.start("tour", *arguments, stderr=subprocess.STDOUT)
+        output, _ = program.communicate()
+        return program.returncode, comparable(output)
 
     def test_prints_what_is_shown(self):
         parts = re.split(r"^## (.*)\n", documents.text("docs/tour.md"), flags=re.MULTILINE)[1:]
@@ -67,66 +33,60 @@ class TourTest(Test):
         for heading, section in zip(parts[::2], parts[1::2]):
             output = "".join(re.findall(r"^```text\n(.*?)^```$", section, re.M | re.S))
             shown += f"-- {heading}\n{output}" if output else ""
-        self.assertEqual(self.run_tour("a.db"), (0, comparable(shown)))
+        self.assertEqual(self.tour("a.db"), (0, comparable(shown)))
 
-    def test_can_be_taken_again(self):
-        self.run_tour("a.db")
-        status, output = self.run_tour("a.db")
-        self.assertEqual(status, 0)
-        self.assertIn("version 1, was 1\n", output)
+    def test_can_be_taken_again_and_leaves_an_empty_table(self):
+        for version in ("version 1, was 0\n", "version 1, was 1\n"):
+            status, output = self.tour("a.db")
+            self.assertIn(version, output)
+            self.assertEqual(status, 0, output)
+            self.assertEqual(self.query("select name from sqlite_master"),
+                             [("product",), ("sqlite_autoindex_product_1",), ("by_cents",)])
+            self.assertEqual(self.query("select count(*) from product"), [(0,)])
 
-    def test_leaves_an_empty_table(self):
-        self.run_tour("a.db")
-        self.assertEqual(self.query("select name from sqlite_master"),
-                         [("product",), ("sqlite_autoindex_product_1",), ("by_cents",)])
-        self.assertEqual(self.query("select count(*) from product"), [(0,)])
-
-    def test_missing_file_name_is_told(self):
-        self.assertEqual(self.run_tour(), (2, "usage: tour DATABASE\n"))
-
-    def test_file_that_is_no_database_is_told(self):
+    def test_wrong_use_and_a_file_that_is_no_database_are_told(self):
+        self.assert_ends(self.start("tour"), 2, "", "usage: tour DATABASE\n")
         (self.folder / "a.db").write_text("This is no database.\n" * 100, encoding="utf-8")
-        self.assertEqual(self.run_tour("a.db"), (1, "tour: cannot open the database\n"))
+        self.assert_fails("cannot open the database", "tour", "a.db")
 
     def test_task_that_fails_ends_the_tour(self):
         self.make("create table product (id integer primary key)")
-        status, output = self.run_tour("a.db")
+        status, output = self.tour("a.db")
         self.assertEqual((status, output.splitlines()[-2:]),
                          (1, ["-- Add rows", "tour: this task failed"]))
 
 
 class QuestionsTest(Test):
-    OUTPUT = "hall|20\nhall|21\nhall|9223372036854775807\nstray reading: refused\n"
-
     def test_settings_hold_and_keys_are_not_used_again(self):
         for room in (1, 2):
-            self.assertEqual(self.run_program("questions", "a.db"),
-                             (0, f"room {room}\n{self.OUTPUT}"))
+            self.assert_prints(f"room {room}\nhall|20\nhall|21\nhall|9223372036854775807\n"
+                               "stray reading: refused\n", "questions", "a.db")
         self.assertEqual(self.query("select count(*) from reading"), [(0,)])
         self.assertEqual(self.query("select seq from sqlite_sequence"), [(6,)])
 
     def test_setting_that_sqlite_does_not_take_is_told(self):
-        self.assertEqual(self.run_program("questions", ":memory:"), (1, "questions: failed\n"))
+        self.assert_fails("failed", "questions", ":memory:")
 
     def test_rows_that_are_refused_are_taken_back(self):
-        self.make("create table reading (id integer primary key, room, value unique check (value < 99))")
-        self.assertEqual(self.run_program("questions", "a.db"), (1, "room 1\nquestions: failed\n"))
+        self.make("create table reading"
+                  " (id integer primary key, room, value unique check (value < 99))")
+        self.assert_fails("failed", "questions", "a.db", output="room 1\n")
         self.assertEqual(self.query("select count(*) from reading"), [(0,)])
 
     def test_missing_file_name_is_told(self):
-        self.assertEqual(self.run_program("questions"), (2, "usage: questions DATABASE\n"))
+        self.assert_ends(self.start("questions"), 2, "", "usage: questions DATABASE\n")
 
 
 class DeviceTest(Test):
     def test_reports_go_to_the_devices_own(self):
         place = "components/sql/sqlwrapper/src/"
-        self.assertEqual(self.run_program("device"), (0, (
+        self.assert_ends(self.start("device", stderr=subprocess.STDOUT), 0, (
             f"{place}SqlTable.cpp:NNN: '_db' in bool sql::Table::exists()\n"
             "not there\n"
             "device: [ERROR] SqlFieldSet.cpp:NNN (getKeyIdName) - Failed to get name of PRIMARY KEY column\n"
             f"{place}SqlFieldSet.cpp:NNN: 'false' in sql::string sql::FieldSet::getKeyIdName() const\n"
             f"{place}SqlRecordSet.cpp:NNN: '_db' in bool sql::RecordSet::query(const string&)\n"
-            "not opened\n")))
+            "not opened\n"), None)
 
 
 class InstalledTest(Test):
@@ -144,14 +104,12 @@ class InstalledTest(Test):
         compiler.chmod(0o755)
         program = [block for block in documents.blocks("docs/start.md", "cpp") if "main(" in block]
         (cls.home / "notes.cpp").write_text(program[0], encoding="utf-8")
-        steps = cls.steps()
-        cls.commands = [command for command, _ in steps]
-        cls.shown = [output for _, output in steps]
-        script = "".join(f"echo '{MARK}'\n{command}\n" for command in cls.commands)
+        cls.steps = cls.steps_of_the_document()
+        script = "".join(f"echo '{MARK}'\n{command}\n" for command, _ in cls.steps)
         cls.printed = cls.run_in_shell(script).stdout.split(f"{MARK}\n")[1:]
 
     @staticmethod
-    def steps():
+    def steps_of_the_document():
         """The commands of docs/start.md in their order, each with what it prints, or None."""
         steps = []
         for language, block in re.findall(r"^```(sh|console)\n(.*?)^```$",
@@ -159,8 +117,7 @@ class InstalledTest(Test):
             if language == "sh":
                 steps += [(line, None) for line in block.splitlines() if "apt-get" not in line]
             else:
-                steps += [(step.partition("\n")[0], step.partition("\n")[2])
-                          for step in re.split(r"^\$ ", block, flags=re.MULTILINE)[1:]]
+                steps += steps_of(block)
         return steps
 
     @classmethod
@@ -172,8 +129,8 @@ class InstalledTest(Test):
                               check=False)
 
     def test_session_prints_what_is_shown(self):
-        self.assertEqual(len(self.printed), len(self.commands), self.printed)
-        for command, shown, printed in zip(self.commands, self.shown, self.printed):
+        self.assertEqual(len(self.printed), len(self.steps), self.printed)
+        for (command, shown), printed in zip(self.steps, self.printed):
             if shown is not None:
                 with self.subTest(command):
                     self.assertEqual(comparable(printed), comparable(shown), self.printed)
