@@ -1,10 +1,10 @@
 #include "SqlCommon.h"
 
-#include "Declarations.h"
+#include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Reports.h"
 #include "Sqlite.h"
-#include "Wording.h"
 
 #include <gmock/gmock.h>
 
@@ -12,75 +12,35 @@
 #include <climits>
 #include <cstdint>
 #include <ctime>
-#include <functional>
 #include <limits>
-#include <ostream>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace {
 
+namespace report = test::report;
+
 using sql::Time;
-using testing::Combine;
+using test::Texts;
+using test::visibleAt;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
-using testing::TestWithParam;
 using testing::Values;
 using testing::ValuesIn;
+using testing::WithParamInterface;
 
-template <typename Parameter> std::string nameOf(const testing::TestParamInfo<Parameter>& info)
-{
-    return info.param.name;
-}
-
-static_assert(std::is_same_v<sql::string, std::string>);
 static_assert(std::is_signed_v<sql::integer> && sizeof(sql::integer) == 8);
-
-static_assert(sizeof(sql::field_type) == 4);
 static_assert(sql::type_int == 0);
 static_assert(sql::type_text == 1);
 static_assert(sql::type_float == 2);
 static_assert(sql::type_bool == 3);
 static_assert(sql::type_time == 4);
 static_assert(sql::type_undefined < 0 || sql::type_undefined > 4);
-
-static_assert(test::declared<std::string (*)(sql::field_type)>(sql::type2Str));
-static_assert(test::declared<std::string (*)(const std::string&)>(sql::quoteStr));
-static_assert(test::declared<std::string& (*)(std::string&)>(sql::trimleft));
-static_assert(test::declared<std::string& (*)(std::string&)>(sql::trimright));
-static_assert(test::declared<std::string& (*)(std::string&)>(sql::trim));
-static_assert(test::declared<std::string (*)(const std::string&)>(sql::trim));
-static_assert(test::declared<void (*)(std::string, std::vector<std::string>&, const char*)>(
-    sql::listToVector));
-static_assert(test::declared<std::string (*)(int)>(sql::intToStr));
-static_assert(test::declared<std::string (*)(sql::integer)>(sql::intToStr));
-static_assert(test::declared<const char* (*)(int)>(sql::sqliteRc2Str));
-static_assert(test::declared<int (*)(sqlite3*, const std::string&)>(sql::queryNumber));
-static_assert(test::declared<bool (*)(sqlite3*, const std::string&)>(sql::runOneStepSqlStmt));
-
-static_assert(std::is_default_constructible_v<Time>);
-static_assert(std::is_convertible_v<sql::integer, Time>);
-static_assert(std::is_copy_constructible_v<Time>);
-static_assert(std::is_same_v<decltype(std::declval<Time&>() = std::declval<const Time&>()), Time&>);
-static_assert(test::declared<Time (*)()>(&Time::now));
-static_assert(test::declared<bool (Time::*)(const Time&)>(&Time::operator==));
-static_assert(test::declared<double (Time::*)(Time&)>(&Time::diff));
-static_assert(test::declared<sql::integer (Time::*)() const>(&Time::asInteger));
-static_assert(test::declared<time_t (Time::*)() const>(&Time::getTime));
-static_assert(test::declared<std::string (Time::*)(const char*) const>(&Time::format));
-static_assert(test::declared<std::string (Time::*)() const>(&Time::asString));
-static_assert(test::declared<std::string (Time::*)() const>(&Time::asTimeString));
-static_assert(test::declared<std::string (Time::*)() const>(&Time::asDateString));
-static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addValue));
-static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addMinutes));
-static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addHours));
-static_assert(test::declared<void (Time::*)(sql::integer)>(&Time::addDays));
 static_assert(!std::is_polymorphic_v<Time> && sizeof(Time) == sizeof(time_t));
 
+// Nothing but statements and times is traced: silence is that of the highest level.
 class CommonTest : public testing::Test {
 protected:
     CommonTest()
@@ -91,63 +51,36 @@ protected:
     test::Diagnostics _diagnostics;
 };
 
-// --- type names ---
+// --- Type names
 
-struct TypeName {
-    const char* name;
-    sql::field_type type;
-    const char* text;
-};
-
-void PrintTo(const TypeName& type, std::ostream* out)
+TEST_F(CommonTest, TypeNamesAreInLowerCase)
 {
-    *out << type.name;
-}
-
-class TypeNameTest : public CommonTest, public testing::WithParamInterface<TypeName> {};
-
-TEST_P(TypeNameTest, IsTheLowerCaseName)
-{
-    EXPECT_EQ(sql::type2Str(GetParam().type), GetParam().text);
+    Texts names;
+    for (const auto type :
+         {sql::type_int, sql::type_text, sql::type_float, sql::type_bool, sql::type_time})
+        names.push_back(sql::type2Str(type));
+    EXPECT_THAT(names, ElementsAre("integer", "text", "float", "bool", "time"));
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, TypeNameTest,
-                         Values(TypeName{"Integer", sql::type_int, "integer"},
-                                TypeName{"Text", sql::type_text, "text"},
-                                TypeName{"Float", sql::type_float, "float"},
-                                TypeName{"Bool", sql::type_bool, "bool"},
-                                TypeName{"Time", sql::type_time, "time"}),
-                         nameOf<TypeName>);
-
-class UnknownTypeTest : public CommonTest, public testing::WithParamInterface<int> {};
-
-TEST_P(UnknownTypeTest, IsUndefinedAndReported)
+TEST_F(CommonTest, UnknownTypeIsUndefinedAndReported)
 {
-    EXPECT_EQ(sql::type2Str(sql::field_type(GetParam())), "undefined");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "assert 'false' in SqlCommon.cpp (sql::string sql::type2Str(sql::field_type))"));
+    for (const int type : {int(sql::type_undefined), 5, 6, 7, 256, -1, INT_MAX, INT_MIN}) {
+        EXPECT_EQ(sql::type2Str(sql::field_type(type)), "undefined") << type;
+        EXPECT_THAT(_diagnostics.events(),
+                    ElementsAre(report::asserted("sql::string sql::type2Str(sql::field_type)")));
+        _diagnostics.clear();
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Types, UnknownTypeTest,
-                         Values(int(sql::type_undefined), 5, 6, 7, 256, -1, INT_MAX, INT_MIN));
+// --- Quoting
 
-// --- quoting ---
-
-struct Quoting {
-    const char* name;
+struct Quoting : test::Case {
     std::string text;
     std::string quoted;
 };
 
-void PrintTo(const Quoting& quoting, std::ostream* out)
-{
-    *out << quoting.name;
-}
-
-class QuoteTest : public CommonTest, public testing::WithParamInterface<Quoting> {};
+class QuoteTest : public CommonTest, public WithParamInterface<Quoting> {};
 
 TEST_P(QuoteTest, DoublesSingleQuotesOnly)
 {
@@ -166,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(
            Quoting{"BlanksAndLines", " ' \r\n\t", " '' \r\n\t"},
            Quoting{"ZeroByte", std::string("a\0'b", 4), std::string("a\0''b", 5)},
            Quoting{"Percent", "100% 'pure' %s", "100% ''pure'' %s"}),
-    nameOf<Quoting>);
+    test::NameOfCase());
 
 TEST_F(CommonTest, QuotingKeepsEveryOtherByte)
 {
@@ -180,54 +113,35 @@ TEST_F(CommonTest, QuotingKeepsEveryOtherByte)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-// --- trimming ---
+// --- Trimming
 
-struct Trimming {
-    const char* name;
+struct Trimming : test::Case {
     std::string text;
     std::string left;
     std::string right;
     std::string both;
 };
 
-void PrintTo(const Trimming& trimming, std::ostream* out)
-{
-    *out << trimming.name;
-}
+class TrimTest : public CommonTest, public WithParamInterface<Trimming> {};
 
-class TrimTest : public CommonTest, public testing::WithParamInterface<Trimming> {};
-
-TEST_P(TrimTest, LeftErasesTheLeadingBlanks)
+TEST_P(TrimTest, ErasesTheBlanksAtItsEndInPlace)
 {
-    std::string text = GetParam().text;
-    std::string& result = sql::trimleft(text);
-    EXPECT_EQ(&result, &text);
-    EXPECT_EQ(text, GetParam().left);
+    std::string left = GetParam().text;
+    std::string right = GetParam().text;
+    std::string both = GetParam().text;
+    EXPECT_EQ(&sql::trimleft(left), &left);
+    EXPECT_EQ(&sql::trimright(right), &right);
+    EXPECT_EQ(&sql::trim(both), &both);
+    EXPECT_EQ(left, GetParam().left);
+    EXPECT_EQ(right, GetParam().right);
+    EXPECT_EQ(both, GetParam().both);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_P(TrimTest, RightErasesTheTrailingBlanks)
+TEST_P(TrimTest, OfAConstantIsACopy)
 {
-    std::string text = GetParam().text;
-    std::string& result = sql::trimright(text);
-    EXPECT_EQ(&result, &text);
-    EXPECT_EQ(text, GetParam().right);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_P(TrimTest, BothEndsInPlace)
-{
-    std::string text = GetParam().text;
-    std::string& result = sql::trim(text);
-    EXPECT_EQ(&result, &text);
-    EXPECT_EQ(text, GetParam().both);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_P(TrimTest, CopyLeavesTheArgument)
-{
-    std::string text = GetParam().text;
-    EXPECT_EQ(sql::trim(std::as_const(text)), GetParam().both);
+    const std::string text = GetParam().text;
+    EXPECT_EQ(sql::trim(text), GetParam().both);
     EXPECT_EQ(text, GetParam().text);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
@@ -243,7 +157,7 @@ INSTANTIATE_TEST_SUITE_P(
                     std::string(" \0", 2), std::string("\0", 1)},
            Trimming{"HighBytesAreNoBlanks", "\xa0\x85\xff", "\xa0\x85\xff", "\xa0\x85\xff",
                     "\xa0\x85\xff"}),
-    nameOf<Trimming>);
+    test::NameOfCase());
 
 TEST_F(CommonTest, BlanksAreTheSixOfTheDefaultLocale)
 {
@@ -255,28 +169,22 @@ TEST_F(CommonTest, BlanksAreTheSixOfTheDefaultLocale)
     EXPECT_EQ(blanks, "\t\n\v\f\r ");
 }
 
-// --- lists ---
+// --- Lists
 
-struct List {
-    const char* name;
+struct List : test::Case {
     std::string list;
     const char* delimiters;
-    std::vector<std::string> items;
+    Texts items;
 };
 
-void PrintTo(const List& list, std::ostream* out)
-{
-    *out << list.name;
-}
-
-class ListTest : public CommonTest, public testing::WithParamInterface<List> {};
+class ListTest : public CommonTest, public WithParamInterface<List> {};
 
 TEST_P(ListTest, GivesItsTrimmedItemsInPlaceOfTheFormerOnes)
 {
     std::string list = GetParam().list;
-    std::vector<std::string> items = {"former", "contents"};
+    Texts items = {"former", "contents"};
     sql::listToVector(list, items, GetParam().delimiters);
-    EXPECT_THAT(items, ElementsAreArray(GetParam().items));
+    EXPECT_EQ(items, GetParam().items);
     EXPECT_EQ(list, GetParam().list);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
@@ -298,76 +206,40 @@ INSTANTIATE_TEST_SUITE_P(
            List{"ZeroByteEndsTheList", std::string("a,b\0,c", 6), ",", {"a", "b"}},
            List{"ZeroByteFirst", std::string("\0a,b", 4), ",", {}},
            List{"RepeatedItems", "a,a,a", ",", {"a", "a", "a"}}),
-    nameOf<List>);
+    test::NameOfCase());
 
-// --- number texts ---
+// --- Number texts
 
-struct IntText {
-    const char* name;
-    int value;
-    const char* text;
+class NumberTextTest : public CommonTest, public WithParamInterface<const char*> {
+protected:
+    void expectText()
+    {
+        const sql::integer value = std::stoll(GetParam());
+        EXPECT_EQ(sql::intToStr(value), GetParam());
+        if (value >= INT_MIN && value <= INT_MAX) {
+            EXPECT_EQ(sql::intToStr(static_cast<int>(value)), GetParam());
+        }
+        EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    }
 };
 
-void PrintTo(const IntText& parameter, std::ostream* out)
+TEST_P(NumberTextTest, IsPlainDecimal)
 {
-    *out << parameter.text;
+    expectText();
 }
 
-struct IntegerText {
-    const char* name;
-    sql::integer value;
-    const char* text;
-};
-
-void PrintTo(const IntegerText& parameter, std::ostream* out)
-{
-    *out << parameter.text;
-}
-
-class IntTextTest : public CommonTest, public testing::WithParamInterface<IntText> {};
-class IntegerTextTest : public CommonTest, public testing::WithParamInterface<IntegerText> {};
-
-TEST_P(IntTextTest, IsPlainDecimal)
-{
-    EXPECT_EQ(sql::intToStr(GetParam().value), GetParam().text);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_P(IntTextTest, DoesNotDependOnTheLocale)
+TEST_P(NumberTextTest, DoesNotDependOnTheLocale)
 {
     const test::CommaLocale locale;
-    EXPECT_EQ(sql::intToStr(GetParam().value), GetParam().text);
+    expectText();
 }
 
-TEST_P(IntegerTextTest, IsPlainDecimal)
-{
-    EXPECT_EQ(sql::intToStr(GetParam().value), GetParam().text);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
+INSTANTIATE_TEST_SUITE_P(All, NumberTextTest,
+                         Values("0", "7", "-1", "1000", "-1234567", "2147483647", "-2147483648",
+                                "2147483648", "-2147483649", "9223372036854775807",
+                                "-9223372036854775808"));
 
-TEST_P(IntegerTextTest, DoesNotDependOnTheLocale)
-{
-    const test::CommaLocale locale;
-    EXPECT_EQ(sql::intToStr(GetParam().value), GetParam().text);
-}
-
-INSTANTIATE_TEST_SUITE_P(Numbers, IntTextTest,
-                         Values(IntText{"Zero", 0, "0"}, IntText{"Seven", 7, "7"},
-                                IntText{"MinusOne", -1, "-1"}, IntText{"Thousand", 1000, "1000"},
-                                IntText{"Million", -1234567, "-1234567"},
-                                IntText{"Highest", INT32_MAX, "2147483647"},
-                                IntText{"Lowest", INT32_MIN, "-2147483648"}),
-                         nameOf<IntText>);
-
-INSTANTIATE_TEST_SUITE_P(Numbers, IntegerTextTest,
-                         Values(IntegerText{"Zero", 0, "0"}, IntegerText{"MinusOne", -1, "-1"},
-                                IntegerText{"AboveInt", 2147483648, "2147483648"},
-                                IntegerText{"BelowInt", -2147483649, "-2147483649"},
-                                IntegerText{"Highest", INT64_MAX, "9223372036854775807"},
-                                IntegerText{"Lowest", INT64_MIN, "-9223372036854775808"}),
-                         nameOf<IntegerText>);
-
-// --- time ---
+// --- Time
 
 constexpr time_t latest = std::numeric_limits<time_t>::max();
 constexpr time_t earliest = std::numeric_limits<time_t>::min();
@@ -382,7 +254,7 @@ protected:
     test::TimeZone _zone;
 };
 
-class TimeRangeTest : public TimeTest, public testing::WithParamInterface<sql::integer> {};
+class TimeRangeTest : public TimeTest, public WithParamInterface<sql::integer> {};
 
 TEST_P(TimeRangeTest, SecondsAreNarrowedToTheWidthOfTime)
 {
@@ -402,20 +274,10 @@ TEST_F(TimeTest, ConstructionTracesTheCalendarTextWithItsLineEnd)
 {
     _diagnostics.setLevel(9);
     const Time time(1711796400);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 1711796400 = 'Sat Mar 30 12:00:00 2024\n'"));
-}
-
-TEST_F(TimeTest, ConstructionTracesANegativeTime)
-{
-    _diagnostics.setLevel(9);
-    const Time time(-1);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = -1 = 'Thu Jan  1 00:59:59 1970\n'"));
+    const Time negative(-1);
+    EXPECT_THAT(_diagnostics.events(),
+                ElementsAre(report::timeMade("1711796400", "Sat Mar 30 12:00:00 2024\n"),
+                            report::timeMade("-1", "Thu Jan  1 00:59:59 1970\n")));
 }
 
 TEST_F(TimeTest, ConstructionIsSilentBelowLevelNine)
@@ -432,38 +294,17 @@ TEST_F(TimeTest, CurrentTimeIsTracedOnce)
     const Time time;
     const time_t seconds = time.getTime();
     EXPECT_THAT(_diagnostics.events(),
-                ElementsAre("[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = "
-                            + std::to_string(seconds) + " = '" + std::ctime(&seconds) + "'"));
+                ElementsAre(report::timeMade(std::to_string(seconds), std::ctime(&seconds))));
 }
 
-TEST_F(TimeTest, CopyHoldsTheSameSecondsAndIsSilent)
-{
-    const Time time(77);
-    _diagnostics.setLevel(9);
-    const Time copy(time);
-    EXPECT_EQ(copy.asInteger(), 77);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TimeTest, AssignmentCopiesTheSecondsAndIsSilent)
+TEST_F(TimeTest, CopyAndAssignmentAreSilent)
 {
     const Time time(77);
     Time other(5);
     _diagnostics.setLevel(9);
-    Time& result = other = time;
-    EXPECT_EQ(&result, &other);
+    const Time copy(time);
+    other = copy;
     EXPECT_EQ(other.asInteger(), 77);
-    EXPECT_EQ(time.asInteger(), 77);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TimeTest, AssignmentToItselfChangesNothing)
-{
-    Time time(77);
-    const Time& itself = time;
-    _diagnostics.setLevel(9);
-    time = itself;
-    EXPECT_EQ(time.asInteger(), 77);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
@@ -497,8 +338,7 @@ TEST_F(TimeTest, DifferenceOfDistantTimesDoesNotWrap)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-struct TimeTexts {
-    const char* name;
+struct TimeTexts : test::Case {
     const char* zone;
     sql::integer seconds;
     const char* text;
@@ -506,12 +346,7 @@ struct TimeTexts {
     const char* date;
 };
 
-void PrintTo(const TimeTexts& texts, std::ostream* out)
-{
-    *out << texts.name;
-}
-
-class TimeTextTest : public TestWithParam<TimeTexts> {
+class TimeTextTest : public testing::TestWithParam<TimeTexts> {
 protected:
     TimeTextTest() : _zone(GetParam().zone)
     {
@@ -549,7 +384,7 @@ INSTANTIATE_TEST_SUITE_P(Zones, TimeTextTest,
                                           "31-03-2024 13:00:00, Sun", "13:00:00", "31-03-2024"},
                                 TimeTexts{"LastOf32Bits", utc, 2147483647,
                                           "19-01-2038 03:14:07, Tue", "03:14:07", "19-01-2038"}),
-                         nameOf<TimeTexts>);
+                         test::NameOfCase());
 
 TEST_F(TimeTest, WeekdayIsInTheLanguageOfTheProcess)
 {
@@ -559,18 +394,12 @@ TEST_F(TimeTest, WeekdayIsInTheLanguageOfTheProcess)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-struct Format {
-    const char* name;
+struct Format : test::Case {
     std::string format;
     std::string text;
 };
 
-void PrintTo(const Format& format, std::ostream* out)
-{
-    *out << format.name;
-}
-
-class TimeFormatTest : public TimeTest, public testing::WithParamInterface<Format> {};
+class TimeFormatTest : public TimeTest, public WithParamInterface<Format> {};
 
 TEST_P(TimeFormatTest, IsExpandedUpTo127Characters)
 {
@@ -598,22 +427,16 @@ INSTANTIATE_TEST_SUITE_P(
            Format{"Text1000", std::string(1000, 'x'), ""},
            Format{"Years127", times(31, "%Y") + "abc", times(31, "2024") + "abc"},
            Format{"Years128", times(32, "%Y"), ""}, Format{"Years4000", times(1000, "%Y"), ""}),
-    nameOf<Format>);
+    test::NameOfCase());
 
-struct Shift {
-    const char* name;
+struct Shift : test::Case {
     void (Time::*operation)(sql::integer);
     time_t start;
     sql::integer count;
     time_t result;
 };
 
-void PrintTo(const Shift& shift, std::ostream* out)
-{
-    *out << shift.name;
-}
-
-class TimeShiftTest : public TimeTest, public testing::WithParamInterface<Shift> {};
+class TimeShiftTest : public TimeTest, public WithParamInterface<Shift> {};
 
 TEST_P(TimeShiftTest, IsExactAndWrapsInTheWidthOfTime)
 {
@@ -634,7 +457,7 @@ INSTANTIATE_TEST_SUITE_P(
            Shift{"Highest", &Time::addValue, 0, INT64_MAX, static_cast<time_t>(INT64_MAX)},
            Shift{"Lowest", &Time::addValue, 0, INT64_MIN, static_cast<time_t>(INT64_MIN)},
            Shift{"Above32Bits", &Time::addValue, 5, 4294967296, static_cast<time_t>(4294967301)}),
-    nameOf<Shift>);
+    test::NameOfCase());
 
 INSTANTIATE_TEST_SUITE_P(
     Minutes, TimeShiftTest,
@@ -645,7 +468,7 @@ INSTANTIATE_TEST_SUITE_P(
            Shift{"PastTheEarliest", &Time::addMinutes, earliest, -1, latest - 59},
            Shift{"ProductWraps", &Time::addMinutes, 0, INT64_MAX, -60},
            Shift{"ProductOfTheLowestWraps", &Time::addMinutes, 7, INT64_MIN, 7}),
-    nameOf<Shift>);
+    test::NameOfCase());
 
 INSTANTIATE_TEST_SUITE_P(Hours, TimeShiftTest,
                          Values(Shift{"Forward", &Time::addHours, 100, 2, 7300},
@@ -656,7 +479,7 @@ INSTANTIATE_TEST_SUITE_P(Hours, TimeShiftTest,
                                       latest - 3599},
                                 Shift{"ProductWraps", &Time::addHours, 0, INT64_MAX, -3600},
                                 Shift{"ProductOfTheLowestWraps", &Time::addHours, 7, INT64_MIN, 7}),
-                         nameOf<Shift>);
+                         test::NameOfCase());
 
 INSTANTIATE_TEST_SUITE_P(Days, TimeShiftTest,
                          Values(Shift{"Forward", &Time::addDays, 100, 2, 172900},
@@ -669,31 +492,35 @@ INSTANTIATE_TEST_SUITE_P(Days, TimeShiftTest,
                                 Shift{"ProductOfTheLowestWraps", &Time::addDays, 7, INT64_MIN, 7},
                                 Shift{"NarrowedCount", &Time::addDays, 0, 4294967297,
                                       static_cast<time_t>(INT64_C(4294967297) * 86400)}),
-                         nameOf<Shift>);
+                         test::NameOfCase());
 
-TEST_F(TimeTest, DayIs86400SecondsWhenDaylightSavingTimeBegins)
+struct Day : test::Case {
+    sql::integer noon;
+    const char* text;
+    const char* nextDay;
+};
+
+class DayTest : public TimeTest, public WithParamInterface<Day> {};
+
+TEST_P(DayTest, Is86400SecondsWhateverTheLocalTime)
 {
-    Time time(1711796400);
+    Time time(GetParam().noon);
     _diagnostics.setLevel(9);
-    ASSERT_EQ(time.asString(), "30-03-2024 12:00:00, Sat");
+    EXPECT_EQ(time.asString(), GetParam().text);
     time.addDays(1);
-    EXPECT_EQ(time.asInteger(), 1711882800);
-    EXPECT_EQ(time.asString(), "31-03-2024 13:00:00, Sun");
+    EXPECT_EQ(time.asInteger(), GetParam().noon + 86400);
+    EXPECT_EQ(time.asString(), GetParam().nextDay);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(TimeTest, DayIs86400SecondsWhenDaylightSavingTimeEnds)
-{
-    Time time(1729936800);
-    _diagnostics.setLevel(9);
-    ASSERT_EQ(time.asString(), "26-10-2024 12:00:00, Sat");
-    time.addDays(1);
-    EXPECT_EQ(time.asInteger(), 1730023200);
-    EXPECT_EQ(time.asString(), "27-10-2024 11:00:00, Sun");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
+INSTANTIATE_TEST_SUITE_P(All, DayTest,
+                         Values(Day{"DaylightSavingTimeBegins", 1711796400,
+                                    "30-03-2024 12:00:00, Sat", "31-03-2024 13:00:00, Sun"},
+                                Day{"DaylightSavingTimeEnds", 1729936800,
+                                    "26-10-2024 12:00:00, Sat", "27-10-2024 11:00:00, Sun"}),
+                         test::NameOfCase());
 
-// --- result codes ---
+// --- Result codes
 
 TEST_F(CommonTest, ResultCodesUpTo110HaveTheirNames)
 {
@@ -717,23 +544,14 @@ TEST_F(CommonTest, ResultCodesUpTo110HaveTheirNames)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(CommonTest, ExtendedResultCodesAreUnknown)
+TEST_F(CommonTest, OtherResultCodesAreUnknown)
 {
+    for (const int rc : {-1, 255, INT_MAX, INT_MIN})
+        EXPECT_STREQ(sql::sqliteRc2Str(rc), "unknown") << rc;
     for (int rc = 256; rc < 256 * 64; ++rc)
         ASSERT_STREQ(sql::sqliteRc2Str(rc), "unknown") << rc;
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
-
-class UnknownResultCodeTest : public CommonTest, public testing::WithParamInterface<int> {};
-
-TEST_P(UnknownResultCodeTest, IsUnknown)
-{
-    EXPECT_STREQ(sql::sqliteRc2Str(GetParam()), "unknown");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(ResultCodes, UnknownResultCodeTest,
-                         Values(-1, 27, 28, 99, 102, 255, 256, 266, INT_MAX, INT_MIN));
 
 TEST_F(CommonTest, ResultCodeNameOutlivesTheNextOnes)
 {
@@ -745,401 +563,214 @@ TEST_F(CommonTest, ResultCodeNameOutlivesTheNextOnes)
     EXPECT_STREQ(unknown, "unknown");
 }
 
-// --- one-step statements ---
+// --- Statements of one step
 
-struct NumberQuery {
-    const char* name;
-    const char* query;
-    int result;
-    std::vector<std::string> events; // past "stmt='...'"
-};
+// The way through SQLite, with the tags of the log lines as they come in between.
+const Texts unprepared = {"[DEBUG2]", "prepare", "[ERROR]", "[ERROR]"};
 
-void PrintTo(const NumberQuery& query, std::ostream* out)
-{
-    *out << query.name;
-}
-
-class StatementTest : public testing::Test {
-protected:
-    StatementTest()
-    {
-        _db.run("create table product (id integer primary key, name text)");
-        _db.run("insert into product select 1, 'tea' union all select 2, 'milk'");
-    }
-
-    test::Connection _db;
-    test::Diagnostics _diagnostics;
-};
-
-class QueryNumberTest : public StatementTest,
-                        public testing::WithParamInterface<std::tuple<NumberQuery, int>> {};
-
-TEST_P(QueryNumberTest, YieldsItsNumberOrReports)
-{
-    const auto& [query, level] = GetParam();
-    _diagnostics.setLevel(level);
-    std::vector<std::string> events = {"[DEBUG2] SqlCommon.cpp (queryNumber) - stmt='"
-                                       + std::string(query.query) + "'"};
-    events.insert(events.end(), query.events.begin(), query.events.end());
-
-    EXPECT_EQ(sql::queryNumber(_db, query.query), query.result);
-    EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, events));
-    EXPECT_EQ(sqlite3_next_stmt(_db, nullptr), nullptr);
-}
-
-const std::vector<NumberQuery> number_queries = {
-    {"Constant",
-     "select 5",
-     5,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=5"}},
-    {"Zero", "select 0", 0, {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=0"}},
-    {"Count",
-     "select count(*) from product",
-     2,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=2"}},
-    {"Highest",
-     "select 2147483647",
-     2147483647,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=2147483647"}},
-    {"NarrowedTo32Bits",
-     "select 4294967301",
-     5,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=5"}},
-    {"NarrowedToANegativeNumber",
-     "select 2147483648",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select 2147483648' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -   SQLite returned returned number = -2147483648 < 0"}},
-    {"Null", "select null", 0, {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=0"}},
-    {"Text",
-     "select '7 apples'",
-     7,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=7"}},
-    {"Real", "select 2.9", 2, {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=2"}},
-    {"FirstOfSeveralRows",
-     "select id from product order by id desc",
-     2,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=2"}},
-    {"FirstOfSeveralStatements",
-     "select 5; select 6; nonsense",
-     5,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=5"}},
-    {"PercentSigns",
-     "select length('%s%n%d')",
-     6,
-     {"[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number=6"}},
-    {"Negative",
-     "select -3",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select -3' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -   SQLite returned returned number = -3 < 0"}},
-    {"MinusOneIsRefusedToo",
-     "select -1",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select -1' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -   SQLite returned returned number = -1 < 0"}},
-    {"TwoColumns",
-     "select 5, 6",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select 5, 6' failed: query returned 2 columns in result while 1 is expected"}},
-    {"TwoColumnsWithANegativeNumber",
-     "select -5, -6",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select -5, -6' failed: query returned 2 columns in result while 1 is expected"}},
-    {"ThreeColumns",
-     "select 5, 6, 7",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select 5, 6, 7' failed: query returned 3 columns in result while 1 is expected"}},
-    {"NoRow",
-     "select 1 where 0",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select 1 where 0' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 101=SQLITE_DONE instead of SQLITE_ROW: not an error"}},
-    {"NoRowOfTwoColumns",
-     "select 1, 2 where 0",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select 1, 2 where 0' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 101=SQLITE_DONE instead of SQLITE_ROW: not an error"}},
-    {"FailingStep",
-     "select abs(-9223372036854775807 - 1)",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'select abs(-9223372036854775807 - 1)' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 1=SQLITE_ERROR instead of SQLITE_ROW: integer overflow"}},
-    {"Constraint",
-     "insert into product values (1, 'tea')",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'insert into product values (1, 'tea')' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 19=SQLITE_CONSTRAINT instead of SQLITE_ROW: UNIQUE constraint failed: product.id"}},
-    {"Empty",
-     "",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - The SQL query '' failed",
-      "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 21=SQLITE_MISUSE instead of SQLITE_ROW: not an error"}},
-    {"SyntaxError",
-     "selec 5",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'selec 5': ",
-      "[ERROR] SqlCommon.cpp (queryNumber) -   rc=1=SQLITE_ERROR: near \"selec\": syntax error"}},
-    {"MissingTable",
-     "select count(*) from nowhere",
-     -1,
-     {"[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'select count(*) from nowhere': ",
-      "[ERROR] SqlCommon.cpp (queryNumber) -   rc=1=SQLITE_ERROR: no such table: nowhere"}},
-};
-
-template <typename Parameter>
-std::string nameAtLevel(const testing::TestParamInfo<std::tuple<Parameter, int>>& info)
-{
-    return std::string(std::get<0>(info.param).name) + "AtLevel"
-           + std::to_string(std::get<1>(info.param));
-}
-
-INSTANTIATE_TEST_SUITE_P(Queries, QueryNumberTest,
-                         Combine(ValuesIn(number_queries), Values(2, 3, 7, 8, 9)),
-                         nameAtLevel<NumberQuery>);
-
-TEST_F(StatementTest, QueryWithoutConnectionIsReported)
-{
-    _diagnostics.setLevel(9);
-    EXPECT_EQ(sql::queryNumber(nullptr, "select 5"), -1);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "assert 'db' in SqlCommon.cpp (int sql::queryNumber(sqlite3*, const string&))"));
-}
-
-TEST_F(StatementTest, QueryReadsOnlyTheFirstRow)
-{
-    const test::SqliteCalls calls;
-    sql::queryNumber(_db, "select id from product");
-    EXPECT_THAT(calls.order, ElementsAre("prepare", "step", "finalize"));
-}
-
-struct OneStep {
-    const char* name;
+struct OneStep : test::Case {
     const char* statement;
-    bool result;
-    std::vector<std::string> events; // past "stmt='...'"
+    int result; // -1 or false for a failure
+    Texts report;
+    Texts order;
 };
 
-void PrintTo(const OneStep& step, std::ostream* out)
+class OneStepTest : public testing::Test, public WithParamInterface<OneStep> {
+protected:
+    void expect(int (*run)(sqlite3*, const std::string&))
+    {
+        for (const int level : test::trace_levels) {
+            SCOPED_TRACE(level);
+            test::Connection db;
+            db.run("create table product (id integer primary key, name text)");
+            db.run("insert into product select 1, 'tea' union all select 2, 'milk'");
+            test::Diagnostics diagnostics;
+            diagnostics.setLevel(level);
+            test::SqliteCalls calls;
+            diagnostics.onLine([&](const test::LogLine& line) {
+                if (level == 9)
+                    calls.order.push_back(line.tag);
+            });
+            EXPECT_EQ(run(db, GetParam().statement), GetParam().result);
+            EXPECT_EQ(diagnostics.events(), visibleAt(level, GetParam().report));
+            EXPECT_EQ(calls.order, level == 9 ? GetParam().order : callsAlone(GetParam().order));
+            EXPECT_EQ(sqlite3_next_stmt(db, nullptr), nullptr);
+        }
+    }
+
+private:
+    static Texts callsAlone(Texts order)
+    {
+        const auto isTag = [](const std::string& step) {
+            return step[0] == '[';
+        };
+        order.erase(std::remove_if(order.begin(), order.end(), isTag), order.end());
+        return order;
+    }
+};
+
+class QueryNumberTest : public OneStepTest {};
+
+TEST_P(QueryNumberTest, YieldsItsNumberOrReportsAndFinalizesFirst)
 {
-    *out << step.name;
+    expect(sql::queryNumber);
 }
 
-class RunOneStepTest : public StatementTest,
-                       public testing::WithParamInterface<std::tuple<OneStep, int>> {};
-
-TEST_P(RunOneStepTest, SucceedsWhenDoneOrReports)
+OneStep counts(const char* name, const char* query, int number)
 {
-    const auto& [step, level] = GetParam();
-    _diagnostics.setLevel(level);
-    std::vector<std::string> events = {"[DEBUG2] SqlCommon.cpp (runOneStepSqlStmt) - stmt='"
-                                       + std::string(step.statement) + "'"};
-    events.insert(events.end(), step.events.begin(), step.events.end());
-
-    EXPECT_EQ(sql::runOneStepSqlStmt(_db, step.statement), step.result);
-    EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, events));
-    EXPECT_EQ(sqlite3_next_stmt(_db, nullptr), nullptr);
+    return {name,
+            query,
+            number,
+            report::counted(query, std::to_string(number)),
+            {"[DEBUG2]", "prepare", "step", "finalize", "[DEBUG2]"}};
 }
 
-const std::vector<OneStep> one_steps = {
-    {"Insert", "insert into product values (3, 'salt')", true, {}},
-    {"CreateTable", "create table stock (id integer)", true, {}},
-    {"QueryWithoutRows", "select 1 where 0", true, {}},
-    {"PercentSigns", "insert into product values (3, '%s%n%d')", true, {}},
-    {"QueryWithARow",
-     "select 5",
-     false,
-     {"[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Running the SQL stmt 'select 5' failed",
-      "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 100=SQLITE_ROW instead of SQLITE_DONE: another row available"}},
-    {"Constraint",
-     "insert into product values (1, 'tea')",
-     false,
-     {"[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Running the SQL stmt 'insert into product values (1, 'tea')' failed",
-      "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 19=SQLITE_CONSTRAINT instead of SQLITE_DONE: UNIQUE constraint failed: product.id"}},
+OneStep fails(const char* name, const char* query,
+              Texts (*report)(const std::string&, const std::string&), const char* reason)
+{
+    return {name,
+            query,
+            -1,
+            report(query, reason),
+            {"[DEBUG2]", "prepare", "step", "finalize", "[ERROR]", "[ERROR]"}};
+}
+
+OneStep hasColumns(const char* name, const char* query, int columns)
+{
+    return {name,
+            query,
+            -1,
+            report::columnsInstead(query, columns),
+            {"[DEBUG2]", "prepare", "step", "finalize", "[ERROR]"}};
+}
+
+OneStep isNoQuery(const char* name, const char* query, const char* reason)
+{
+    return {name, query, -1, report::notPrepared(query, reason), unprepared};
+}
+
+const OneStep number_queries[] = {
+    counts("Constant", "select 5", 5),
+    counts("Zero", "select 0", 0),
+    counts("Count", "select count(*) from product", 2),
+    counts("Highest", "select 2147483647", 2147483647),
+    counts("NarrowedTo32Bits", "select 4294967301", 5),
+    counts("Null", "select null", 0),
+    counts("Text", "select '7 apples'", 7),
+    counts("Real", "select 2.9", 2),
+    counts("FirstOfSeveralRows", "select id from product order by id desc", 2),
+    counts("FirstOfSeveralStatements", "select 5; select 6; nonsense", 5),
+    counts("PercentSigns", "select length('%s%n%d')", 6),
+    fails("NarrowedToANegativeNumber", "select 2147483648", report::negative, "-2147483648"),
+    fails("Negative", "select -3", report::negative, "-3"),
+    fails("MinusOneIsRefusedToo", "select -1", report::negative, "-1"),
+    hasColumns("TwoColumns", "select 5, 6", 2),
+    hasColumns("TwoColumnsWithANegativeNumber", "select -5, -6", 2),
+    hasColumns("ThreeColumns", "select 5, 6, 7", 3),
+    fails("NoRow", "select 1 where 0", report::noRow, "101=SQLITE_DONE: not an error"),
+    fails("NoRowOfTwoColumns", "select 1, 2 where 0", report::noRow,
+          "101=SQLITE_DONE: not an error"),
+    fails("FailingStep", "select abs(-9223372036854775807 - 1)", report::noRow,
+          "1=SQLITE_ERROR: integer overflow"),
+    fails("Constraint", "insert into product values (1, 'tea')", report::noRow,
+          "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id"),
     {"Empty",
      "",
-     false,
-     {"[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Running the SQL stmt '' failed",
-      "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 21=SQLITE_MISUSE instead of SQLITE_DONE: not an error"}},
-    {"SyntaxError",
-     "inser",
-     false,
-     {"[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Failed to prepare the SQL statement 'inser': ",
-      "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -  rc=1=SQLITE_ERROR: near \"inser\": syntax error"}},
-    {"MissingTable",
-     "delete from nowhere",
-     false,
-     {"[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Failed to prepare the SQL statement 'delete from nowhere': ",
-      "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -  rc=1=SQLITE_ERROR: no such table: nowhere"}},
+     -1,
+     report::noRow("", "21=SQLITE_MISUSE: not an error"),
+     {"[DEBUG2]", "prepare", "step", "finalize null", "[ERROR]", "[ERROR]"}},
+    isNoQuery("SyntaxError", "selec 5", "1=SQLITE_ERROR: near \"selec\": syntax error"),
+    isNoQuery("MissingTable", "select count(*) from nowhere",
+              "1=SQLITE_ERROR: no such table: nowhere"),
 };
 
-INSTANTIATE_TEST_SUITE_P(Statements, RunOneStepTest,
-                         Combine(ValuesIn(one_steps), Values(2, 3, 7, 8, 9)), nameAtLevel<OneStep>);
+INSTANTIATE_TEST_SUITE_P(All, QueryNumberTest, ValuesIn(number_queries), test::NameOfCase());
 
-TEST_F(StatementTest, StatementWithoutConnectionIsReported)
+class RunOneStepTest : public OneStepTest {};
+
+TEST_P(RunOneStepTest, SucceedsWhenDoneOrReportsBeforeItFinalizes)
 {
-    _diagnostics.setLevel(9);
+    expect([](sqlite3* db, const std::string& statement) {
+        return static_cast<int>(sql::runOneStepSqlStmt(db, statement));
+    });
+}
+
+OneStep isDone(const char* name, const char* statement)
+{
+    return {name,
+            statement,
+            true,
+            report::stepped(statement),
+            {"[DEBUG2]", "prepare", "step", "finalize"}};
+}
+
+OneStep isNotDone(const char* name, const char* statement, const char* reason,
+                  const char* last = "finalize")
+{
+    return {name,
+            statement,
+            false,
+            report::stepFailed(statement, reason),
+            {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]", last}};
+}
+
+OneStep isNoStatement(const char* name, const char* statement, const char* reason)
+{
+    return {name, statement, false, report::stepNotPrepared(statement, reason), unprepared};
+}
+
+const OneStep one_steps[] = {
+    isDone("Insert", "insert into product values (3, 'salt')"),
+    isDone("CreateTable", "create table stock (id integer)"),
+    isDone("QueryWithoutRows", "select 1 where 0"),
+    isDone("PercentSigns", "insert into product values (3, '%s%n%d')"),
+    isNotDone("QueryWithARow", "select 5", "100=SQLITE_ROW: another row available"),
+    isNotDone("QueryWithRows", "select id from product", "100=SQLITE_ROW: another row available"),
+    isNotDone("Constraint", "insert into product values (1, 'tea')",
+              "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id"),
+    isNotDone("Empty", "", "21=SQLITE_MISUSE: not an error", "finalize null"),
+    isNoStatement("SyntaxError", "inser", "1=SQLITE_ERROR: near \"inser\": syntax error"),
+    isNoStatement("MissingTable", "delete from nowhere", "1=SQLITE_ERROR: no such table: nowhere"),
+};
+
+INSTANTIATE_TEST_SUITE_P(All, RunOneStepTest, ValuesIn(one_steps), test::NameOfCase());
+
+TEST_F(CommonTest, WithoutConnectionIsAssertedAndSqliteNotCalled)
+{
+    const test::SqliteCalls calls;
+    EXPECT_EQ(sql::queryNumber(nullptr, "select 5"), -1);
     EXPECT_FALSE(sql::runOneStepSqlStmt(nullptr, "select 5"));
-    EXPECT_THAT(
+    EXPECT_THAT(_diagnostics.events(),
+                ElementsAre(report::nothingToCountOn(), report::nothingToStepOn()));
+    EXPECT_THAT(calls.order, IsEmpty());
+}
+
+TEST_F(CommonTest, OnlyTheFirstOfSeveralStatementsIsRun)
+{
+    test::Connection db;
+    db.run("create table product (id integer primary key)");
+    EXPECT_TRUE(sql::runOneStepSqlStmt(db, "insert into product values (1); delete from product"));
+    EXPECT_EQ(db.rows("select id from product"), "1");
+}
+
+TEST_F(CommonTest, ExtendedResultCodesAreUnknownInReports)
+{
+    const char insert[] = "insert into product values (1)";
+    const char collate[] = "select 'a' < 'b' collate nowhere";
+    const char taken[] = "1555=unknown: UNIQUE constraint failed: product.id";
+    const char no_collation[] = "257=unknown: no such collation sequence: nowhere";
+    test::Connection db;
+    db.run("create table product (id integer primary key); insert into product values (1)");
+    sqlite3_extended_result_codes(db, 1);
+    EXPECT_EQ(sql::queryNumber(db, insert), -1);
+    EXPECT_EQ(sql::queryNumber(db, collate), -1);
+    EXPECT_FALSE(sql::runOneStepSqlStmt(db, insert));
+    EXPECT_FALSE(sql::runOneStepSqlStmt(db, collate));
+    EXPECT_EQ(
         _diagnostics.events(),
-        ElementsAre(
-            "assert 'db' in SqlCommon.cpp (bool sql::runOneStepSqlStmt(sqlite3*, const string&))"));
+        test::joined({report::noRow(insert, taken), report::notPrepared(collate, no_collation),
+                      report::stepFailed(insert, taken),
+                      report::stepNotPrepared(collate, no_collation)}));
 }
-
-TEST_F(StatementTest, StatementTakesEffect)
-{
-    sql::runOneStepSqlStmt(_db, "insert into product values (3, 'salt')");
-    EXPECT_EQ(_db.rows("select name from product where id = 3"), "salt");
-}
-
-TEST_F(StatementTest, OnlyTheFirstOfSeveralStatementsIsRun)
-{
-    EXPECT_TRUE(
-        sql::runOneStepSqlStmt(_db, "delete from product where id = 1; delete from product"));
-    EXPECT_EQ(_db.rows("select id from product"), "2");
-}
-
-TEST_F(StatementTest, OnlyTheFirstStepIsRunWhenThereAreRows)
-{
-    const test::SqliteCalls calls;
-    EXPECT_FALSE(sql::runOneStepSqlStmt(_db, "select id from product"));
-    EXPECT_EQ(calls.steps, 1);
-}
-
-class ExtendedResultCodeTest : public StatementTest {
-protected:
-    ExtendedResultCodeTest()
-    {
-        sqlite3_extended_result_codes(_db, 1);
-    }
-};
-
-TEST_F(ExtendedResultCodeTest, OfAQueryThatFailsIsUnknown)
-{
-    EXPECT_EQ(sql::queryNumber(_db, "insert into product values (1, 'tea')"), -1);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlCommon.cpp (queryNumber) - The SQL query 'insert into product values (1, 'tea')' failed",
-            test::worded(
-                "[ERROR] SqlCommon.cpp (queryNumber) -    the query returned 1555=unknown instead of SQLITE_ROW: UNIQUE constraint failed: product.id")));
-}
-
-TEST_F(ExtendedResultCodeTest, OfAQueryThatCannotBePreparedIsUnknown)
-{
-    EXPECT_EQ(sql::queryNumber(_db, "select 'a' < 'b' collate nowhere"), -1);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlCommon.cpp (queryNumber) - Failed to prepare the SQL query 'select 'a' < 'b' collate nowhere': ",
-            test::worded(
-                "[ERROR] SqlCommon.cpp (queryNumber) -   rc=257=unknown: no such collation sequence: nowhere")));
-}
-
-TEST_F(ExtendedResultCodeTest, OfAStatementThatFailsIsUnknown)
-{
-    EXPECT_FALSE(sql::runOneStepSqlStmt(_db, "insert into product values (1, 'tea')"));
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Running the SQL stmt 'insert into product values (1, 'tea')' failed",
-            test::worded(
-                "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -   SQLite returned 1555=unknown instead of SQLITE_DONE: UNIQUE constraint failed: product.id")));
-}
-
-TEST_F(ExtendedResultCodeTest, OfAStatementThatCannotBePreparedIsUnknown)
-{
-    EXPECT_FALSE(sql::runOneStepSqlStmt(_db, "select 'a' < 'b' collate nowhere"));
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - Failed to prepare the SQL statement 'select 'a' < 'b' collate nowhere': ",
-            test::worded(
-                "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) -  rc=257=unknown: no such collation sequence: nowhere")));
-}
-
-// The way through SQLite, with the log lines as they come in between.
-struct Route {
-    const char* name;
-    std::function<void(sqlite3*)> act;
-    std::vector<std::string> order;
-};
-
-void PrintTo(const Route& route, std::ostream* out)
-{
-    *out << route.name;
-}
-
-class RouteTest : public StatementTest, public testing::WithParamInterface<Route> {};
-
-TEST_P(RouteTest, ReportsAndFinalizesInItsOrder)
-{
-    _diagnostics.setLevel(8);
-    test::SqliteCalls calls;
-    _diagnostics.onLine([&calls](const test::LogLine& line) { calls.order.push_back(line.tag); });
-    GetParam().act(_db);
-    EXPECT_EQ(calls.order, GetParam().order);
-}
-
-// Without a level the same calls are made.
-TEST_P(RouteTest, IsTheSameWithoutLines)
-{
-    _diagnostics.removeTraceObject();
-    std::vector<std::string> order;
-    for (const std::string& step : GetParam().order) {
-        if (step[0] != '[')
-            order.push_back(step);
-    }
-    const test::SqliteCalls calls;
-    GetParam().act(_db);
-    EXPECT_EQ(calls.order, order);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Routes, RouteTest,
-    Values(Route{"Number",
-                 [](sqlite3* db) { sql::queryNumber(db, "select 5"); },
-                 {"[DEBUG2]", "prepare", "step", "finalize", "[DEBUG2]"}},
-           Route{"NumberPrepareFails",
-                 [](sqlite3* db) { sql::queryNumber(db, "selec"); },
-                 {"[DEBUG2]", "prepare", "[ERROR]", "[ERROR]"}},
-           Route{"NumberStepFails",
-                 [](sqlite3* db) { sql::queryNumber(db, "select 1 where 0"); },
-                 {"[DEBUG2]", "prepare", "step", "finalize", "[ERROR]", "[ERROR]"}},
-           Route{"NumberOfTwoColumns",
-                 [](sqlite3* db) { sql::queryNumber(db, "select 5, 6"); },
-                 {"[DEBUG2]", "prepare", "step", "finalize", "[ERROR]"}},
-           Route{"NegativeNumber",
-                 [](sqlite3* db) { sql::queryNumber(db, "select -3"); },
-                 {"[DEBUG2]", "prepare", "step", "finalize", "[ERROR]", "[ERROR]"}},
-           Route{"NumberOfNothing",
-                 [](sqlite3* db) { sql::queryNumber(db, ""); },
-                 {"[DEBUG2]", "prepare", "step", "finalize null", "[ERROR]", "[ERROR]"}},
-           Route{"NumberWithoutConnection",
-                 [](sqlite3*) { sql::queryNumber(nullptr, "select 5"); },
-                 {}},
-           Route{"OneStep",
-                 [](sqlite3* db) { sql::runOneStepSqlStmt(db, "delete from product"); },
-                 {"[DEBUG2]", "prepare", "step", "finalize"}},
-           Route{"OneStepPrepareFails",
-                 [](sqlite3* db) { sql::runOneStepSqlStmt(db, "inser"); },
-                 {"[DEBUG2]", "prepare", "[ERROR]", "[ERROR]"}},
-           Route{"OneStepFails",
-                 [](sqlite3* db) {
-                     sql::runOneStepSqlStmt(db, "insert into product values (1, 'tea')");
-                 },
-                 {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]", "finalize"}},
-           Route{"OneStepWithARow",
-                 [](sqlite3* db) { sql::runOneStepSqlStmt(db, "select 5"); },
-                 {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]", "finalize"}},
-           Route{"OneStepOfNothing",
-                 [](sqlite3* db) { sql::runOneStepSqlStmt(db, ""); },
-                 {"[DEBUG2]", "prepare", "step", "[ERROR]", "[ERROR]", "finalize null"}},
-           Route{"OneStepWithoutConnection",
-                 [](sqlite3*) { sql::runOneStepSqlStmt(nullptr, "select 5"); },
-                 {}}),
-    nameOf<Route>);
 
 } // namespace
