@@ -1,53 +1,32 @@
 #include "SqlFieldSet.h"
 
 #include "Columns.h"
-#include "Declarations.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Reports.h"
 
 #include <gmock/gmock.h>
 
-#include <syslog.h>
-
-#include <ostream>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 namespace {
 
+namespace report = test::report;
+
 using sql::Field;
 using sql::FieldSet;
+using test::visibleAt;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 static_assert(!std::is_polymorphic<FieldSet>::value, "a plain value");
 
-static_assert(std::is_constructible<FieldSet, const Field*>::value, "an array of columns");
-static_assert(std::is_constructible<FieldSet, const std::vector<Field>&>::value, "copied fields");
-static_assert(std::is_copy_constructible<FieldSet>::value, "a plain value");
-static_assert(std::is_same<decltype(std::declval<FieldSet&>() = std::declval<const FieldSet&>()),
-                           FieldSet&>::value,
-              "assignments chain");
-static_assert(test::declared<bool (FieldSet::*)(const Field*)>(&FieldSet::initFieldSet));
-static_assert(test::declared<int (FieldSet::*)() const>(&FieldSet::count));
-static_assert(test::declared<const Field* (FieldSet::*)(int) const>(&FieldSet::getByIndex));
-static_assert(
-    test::declared<const Field* (FieldSet::*)(const std::string&) const>(&FieldSet::getByName));
-static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::getKeyIdName));
-static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::getDefinition));
-static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::toSql));
-static_assert(test::declared<std::string (FieldSet::*)() const>(&FieldSet::dump));
-
-const char init_assertion[] =
-    "assert 'false' in SqlFieldSet.cpp (bool sql::FieldSet::initFieldSet(const sql::Field*))";
-const char key_name_error[] =
-    "[ERROR] SqlFieldSet.cpp (getKeyIdName) - Failed to get name of PRIMARY KEY column";
-const char key_name_assertion[] =
-    "assert 'false' in SqlFieldSet.cpp (sql::string sql::FieldSet::getKeyIdName() const)";
-
 const Field* const no_array = nullptr;
+const Field id("id", sql::type_int, sql::flag_primary_key);
+const Field name("name", sql::type_text, sql::flag_none);
+const sql::field_type undefined = static_cast<sql::field_type>(7);
 
 std::vector<std::string> namesOf(const FieldSet& fields)
 {
@@ -68,19 +47,15 @@ std::vector<int> indexesOf(const FieldSet& fields)
 std::vector<Field> freshFields(const std::vector<std::string>& names)
 {
     std::vector<Field> fields;
-    for (const std::string& name : names)
-        fields.push_back(Field(name, sql::type_text, sql::flag_none));
+    for (const std::string& one : names)
+        fields.push_back(Field(one, sql::type_text, sql::flag_none));
     return fields;
 }
 
 // A key column of a type that none may have, and an unnamed field in the middle.
 std::vector<Field> uncheckedFields()
 {
-    return {
-        Field("price", sql::type_float, sql::flag_primary_key),
-        Field(),
-        Field("name", sql::type_text, sql::flag_none),
-    };
+    return {Field("price", sql::type_float, sql::flag_primary_key), Field(), name};
 }
 
 class FieldSetTest : public testing::Test {
@@ -90,94 +65,75 @@ protected:
         _diagnostics.setLevel(9);
     }
 
+    // Whether the set takes the columns, with what it reports.
+    void expectInit(bool succeeds, const Field* columns, const test::Texts& events)
+    {
+        _diagnostics.clear();
+        EXPECT_EQ(_fields.initFieldSet(columns), succeeds);
+        EXPECT_EQ(_diagnostics.events(), events);
+    }
+
     test::Diagnostics _diagnostics;
+    FieldSet _fields{no_array};
 };
+
+// --- A set of an array, and initFieldSet()
 
 TEST_F(FieldSetTest, NullArrayMakesAnEmptySetSilently)
 {
-    const FieldSet fields(no_array);
-    EXPECT_EQ(fields.count(), 0);
+    EXPECT_EQ(_fields.count(), 0);
+    EXPECT_EQ(_fields.getDefinition(), "");
+    EXPECT_EQ(_fields.toSql(), "");
+    EXPECT_EQ(_fields.dump(), "");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(FieldSetTest, ColumnsOfAnArrayGetTheirPositions)
+TEST_F(FieldSetTest, ColumnsOfAnArrayAreCopiedAndGetTheirPositions)
 {
     const FieldSet fields(test::key_last_columns);
     EXPECT_EQ(fields.count(), 3);
     EXPECT_EQ(fields.dump(), "0: name=name, type=text, flags:\r\n"
                              "1: name=price, type=float, flags:\r\n"
                              "2: name=id, type=integer, flags: PRIMARY KEY");
+    EXPECT_EQ(test::key_last_columns[1].getIndex(), -1);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(FieldSetTest, ColumnsAreCopied)
+TEST_F(FieldSetTest, ArrayIsReadUpToTheFirstFieldWithoutAName)
 {
-    const FieldSet fields(test::product_columns);
-    EXPECT_NE(fields.getByIndex(0), &test::product_columns[0]);
-    EXPECT_EQ(test::product_columns[1].getIndex(), -1);
-}
-
-TEST_F(FieldSetTest, ArrayIsReadUpToTheFirstEndingField)
-{
-    const Field columns[] = {
-        Field("id", sql::type_int, sql::flag_primary_key),
-        Field(),
-        Field("name", sql::type_text, sql::flag_none),
-        Field(),
-    };
-    EXPECT_THAT(namesOf(FieldSet(columns)), ElementsAre("id"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, FieldWithoutANameEndsTheArrayWhateverItsTypeAndFlags)
-{
-    const Field columns[] = {
-        Field("id", sql::type_int, sql::flag_primary_key),
-        Field("", sql::type_float, sql::flag_primary_key),
-    };
+    const Field ended[] = {id, Field(), name, Field()};
+    const Field unnamed[] = {id, Field("", sql::type_float, sql::flag_primary_key)};
     _diagnostics.clear();
-    EXPECT_THAT(namesOf(FieldSet(columns)), ElementsAre("id"));
+    EXPECT_THAT(namesOf(FieldSet(ended)), ElementsAre("id"));
+    EXPECT_THAT(namesOf(FieldSet(unnamed)), ElementsAre("id"));
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, EndingFieldAloneMakesAnEmptySetWithoutAKeyAndIsReported)
 {
-    const FieldSet fields(test::no_columns);
-    EXPECT_EQ(fields.count(), 0);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(init_assertion));
-    EXPECT_EQ(_diagnostics.failedAssertions()[0].path,
-              "components/sql/sqlwrapper/src/SqlFieldSet.cpp");
+    EXPECT_EQ(FieldSet(test::no_columns).count(), 0);
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::badColumns()));
 }
 
 TEST_F(FieldSetTest, ColumnsWithoutAKeyAreKeptAndReported)
 {
-    const FieldSet fields(test::without_key_columns);
-    EXPECT_THAT(namesOf(fields), ElementsAre("name", "price"));
-    EXPECT_THAT(indexesOf(fields), ElementsAre(0, 1));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(init_assertion));
-}
-
-TEST_F(FieldSetTest, InitWithoutAKeyFailsAndKeepsTheColumns)
-{
-    FieldSet fields(no_array);
-    EXPECT_FALSE(fields.initFieldSet(test::without_key_columns));
-    EXPECT_THAT(namesOf(fields), ElementsAre("name", "price"));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(init_assertion));
+    expectInit(false, test::without_key_columns, {report::badColumns()});
+    EXPECT_THAT(namesOf(_fields), ElementsAre("name", "price"));
+    EXPECT_THAT(indexesOf(_fields), ElementsAre(0, 1));
+    const FieldSet made(test::without_key_columns);
+    EXPECT_EQ(made.dump(), _fields.dump());
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::badColumns(), report::badColumns()));
 }
 
 TEST_F(FieldSetTest, InitWithAKeyInAnyPositionSucceeds)
 {
-    FieldSet fields(no_array);
-    EXPECT_TRUE(fields.initFieldSet(test::key_last_columns));
-    EXPECT_THAT(indexesOf(fields), ElementsAre(0, 1, 2));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    expectInit(true, test::key_last_columns, {});
+    EXPECT_THAT(indexesOf(_fields), ElementsAre(0, 1, 2));
 }
 
 TEST_F(FieldSetTest, InitWithATextKeySucceeds)
 {
-    FieldSet fields(no_array);
-    EXPECT_TRUE(fields.initFieldSet(test::text_key_columns));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    expectInit(true, test::text_key_columns, {});
 }
 
 TEST_F(FieldSetTest, OnlyThePrimaryKeyFlagMakesAKey)
@@ -186,82 +142,93 @@ TEST_F(FieldSetTest, OnlyThePrimaryKeyFlagMakesAKey)
         Field("id", sql::type_int, sql::flag_not_null | sql::flag_unique | 8),
         Field(),
     };
-    FieldSet fields(no_array);
-    EXPECT_FALSE(fields.initFieldSet(columns));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(init_assertion));
+    expectInit(false, columns, {report::badColumns()});
 }
 
-TEST_F(FieldSetTest, InitWithANullArrayChangesNothing)
+TEST_F(FieldSetTest, InitWithANullArrayChangesNothingWithOrWithoutAKey)
 {
-    FieldSet fields(test::product_columns);
-    EXPECT_TRUE(fields.initFieldSet(nullptr));
-    EXPECT_THAT(namesOf(fields), ElementsAre("id", "name", "price"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, InitWithANullArraySucceedsWithoutAKeyToo)
-{
-    FieldSet fields(no_array);
-    EXPECT_TRUE(fields.initFieldSet(nullptr));
-    EXPECT_EQ(fields.count(), 0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    expectInit(true, nullptr, {});
+    EXPECT_EQ(_fields.count(), 0);
+    _fields = FieldSet(test::product_columns);
+    expectInit(true, nullptr, {});
+    EXPECT_THAT(namesOf(_fields), ElementsAre("id", "name", "price"));
 }
 
 TEST_F(FieldSetTest, InitOfASetWithFieldsNumbersTheEarlierOnesDeliberately)
 {
     const FieldSet numbered(test::product_columns);
     const Field columns[] = {*numbered.getByIndex(2), *numbered.getByIndex(0), Field()};
-    FieldSet fields(freshFields({"a", "b", "c"}));
-    EXPECT_TRUE(fields.initFieldSet(columns));
-    EXPECT_THAT(namesOf(fields), ElementsAre("a", "b", "c", "price", "id"));
-    EXPECT_THAT(indexesOf(fields), ElementsAre(0, 1, -1, 2, 0));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    _fields = FieldSet(freshFields({"a", "b", "c"}));
+    expectInit(true, columns, {});
+    EXPECT_THAT(namesOf(_fields), ElementsAre("a", "b", "c", "price", "id"));
+    EXPECT_THAT(indexesOf(_fields), ElementsAre(0, 1, -1, 2, 0));
 }
 
 TEST_F(FieldSetTest, InitWithMoreColumnsThanTheSetHeldNumbersSomeOfTheCopiesDeliberately)
 {
-    FieldSet fields(freshFields({"a"}));
-    EXPECT_TRUE(fields.initFieldSet(test::product_columns));
-    EXPECT_THAT(namesOf(fields), ElementsAre("a", "id", "name", "price"));
-    EXPECT_THAT(indexesOf(fields), ElementsAre(0, 1, 2, -1));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    _fields = FieldSet(freshFields({"a"}));
+    expectInit(true, test::product_columns, {});
+    EXPECT_THAT(namesOf(_fields), ElementsAre("a", "id", "name", "price"));
+    EXPECT_THAT(indexesOf(_fields), ElementsAre(0, 1, 2, -1));
 }
 
 TEST_F(FieldSetTest, KeyThatTheSetHeldBeforeCounts)
 {
-    FieldSet fields(test::product_columns);
-    EXPECT_TRUE(fields.initFieldSet(test::without_key_columns));
-    EXPECT_EQ(fields.count(), 5);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, InitWithTheEndingFieldAloneChecksTheKeyOfTheFieldsHeld)
-{
-    FieldSet fields(test::product_columns);
-    EXPECT_TRUE(fields.initFieldSet(test::no_columns));
-    EXPECT_EQ(fields.count(), 3);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    _fields = FieldSet(test::product_columns);
+    expectInit(true, test::no_columns, {});
+    EXPECT_EQ(_fields.count(), 3);
+    expectInit(true, test::without_key_columns, {});
+    EXPECT_EQ(_fields.count(), 5);
 }
 
 TEST_F(FieldSetTest, KeyOfAnyTypeThatTheSetHeldBeforeCounts)
 {
-    FieldSet fields(uncheckedFields());
-    EXPECT_TRUE(fields.initFieldSet(test::without_key_columns));
-    EXPECT_THAT(namesOf(fields), ElementsAre("price", "", "name", "name", "price"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    _fields = FieldSet(uncheckedFields());
+    expectInit(true, test::without_key_columns, {});
+    EXPECT_THAT(namesOf(_fields), ElementsAre("price", "", "name", "name", "price"));
 }
 
-TEST_F(FieldSetTest, WrongKeyTypeIsOneLogLineOfErrorPriority)
+// --- A key of another type than integer or text
+
+class FieldSetWrongKeyTest : public FieldSetTest,
+                             public testing::WithParamInterface<sql::field_type> {
+protected:
+    const Field _columns[5] = {
+        id,
+        name,
+        Field("key", GetParam(), sql::flag_primary_key | sql::flag_not_null),
+        Field("price", sql::type_float, sql::flag_none),
+        Field(),
+    };
+    const test::Texts _events = report::wrongKeyType("key", sql::type2Str(GetParam()));
+};
+
+TEST_P(FieldSetWrongKeyTest, IsReportedAndLeavesTheSetEmpty)
 {
-    const Field columns[] = {Field("at", sql::type_time, sql::flag_primary_key), Field()};
-    FieldSet fields(no_array);
-    fields.initFieldSet(columns);
-    ASSERT_EQ(_diagnostics.lines().size(), 1U);
-    EXPECT_EQ(_diagnostics.lines()[0].priority, LOG_ERR);
-    EXPECT_EQ(
-        _diagnostics.lines()[0].format,
-        "[ERROR] %s:%d (%s) - PRIMARY KEY column '%s' must be of type 'integer' or 'text' instead of type '%s'");
+    for (const int level : test::trace_levels) {
+        _diagnostics.clear();
+        _diagnostics.setLevel(level);
+        EXPECT_EQ(FieldSet(_columns).count(), 0);
+        EXPECT_EQ(_diagnostics.events(), visibleAt(level, _events));
+    }
 }
+
+TEST_P(FieldSetWrongKeyTest, FailsInitAndDropsTheFieldsHeldAfterTheReport)
+{
+    std::vector<int> counts;
+    _diagnostics.onLine([&](const test::LogLine&) { counts.push_back(_fields.count()); });
+    _diagnostics.onAssertion([&](const test::Assertion&) { counts.push_back(_fields.count()); });
+    _fields = FieldSet(test::product_columns);
+    expectInit(false, _columns, _events);
+    EXPECT_THAT(counts, ElementsAre(5, 5)); // the former three, and those before the key
+    EXPECT_EQ(_fields.count(), 0);
+    EXPECT_EQ(_fields.getByName("id"), nullptr);
+    expectInit(true, test::product_columns, {});
+    EXPECT_THAT(indexesOf(_fields), ElementsAre(0, 1, 2));
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, FieldSetWrongKeyTest,
+                         testing::Values(sql::type_float, sql::type_bool, sql::type_time));
 
 TEST_F(FieldSetTest, RestOfAnArrayIsNotReadAfterAWrongKeyType)
 {
@@ -270,159 +237,34 @@ TEST_F(FieldSetTest, RestOfAnArrayIsNotReadAfterAWrongKeyType)
         Field("second", sql::type_bool, sql::flag_primary_key),
     };
     EXPECT_EQ(FieldSet(columns).count(), 0);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlFieldSet.cpp (initFieldSet) - PRIMARY KEY column 'first' must be of type 'integer' or 'text' instead of type 'float'",
-            init_assertion));
+    EXPECT_EQ(_diagnostics.events(), report::wrongKeyType("first", "float"));
 }
 
-TEST_F(FieldSetTest, WrongKeyTypeBelowTheErrorLevelIsAnAssertionAlone)
+TEST_F(FieldSetTest, UndefinedKeyTypeIsNamedForTheLogLineAlone)
 {
+    const Field columns[] = {Field("a", undefined, sql::flag_primary_key), Field()};
+    expectInit(false, columns,
+               test::joined({{report::asserted("sql::string sql::type2Str(sql::field_type)")},
+                             report::wrongKeyType("a", "undefined")}));
     _diagnostics.setLevel(2);
-    const Field columns[] = {Field("a", sql::type_bool, sql::flag_primary_key), Field()};
-    FieldSet fields(no_array);
-    EXPECT_FALSE(fields.initFieldSet(columns));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(init_assertion));
-}
-
-TEST_F(FieldSetTest, WrongKeyTypeWithoutATraceObjectIsAnAssertionAlone)
-{
-    _diagnostics.removeTraceObject();
-    const Field columns[] = {Field("a", sql::type_bool, sql::flag_primary_key), Field()};
-    FieldSet fields(no_array);
-    EXPECT_FALSE(fields.initFieldSet(columns));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(init_assertion));
-}
-
-TEST_F(FieldSetTest, UndefinedKeyTypeIsNamedForTheLogLineOnly)
-{
-    _diagnostics.setLevel(2);
-    const Field columns[] = {
-        Field("a", static_cast<sql::field_type>(7), sql::flag_primary_key),
-        Field(),
-    };
-    EXPECT_EQ(FieldSet(columns).count(), 0);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(init_assertion));
-}
-
-TEST_F(FieldSetTest, UndefinedKeyTypeReportsItsNameThenTheLineThenTheRejection)
-{
-    _diagnostics.setLevel(3);
-    const Field columns[] = {
-        Field("a", static_cast<sql::field_type>(7), sql::flag_primary_key),
-        Field(),
-    };
-    EXPECT_EQ(FieldSet(columns).count(), 0);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "assert 'false' in SqlCommon.cpp (sql::string sql::type2Str(sql::field_type))",
-            "[ERROR] SqlFieldSet.cpp (initFieldSet) - PRIMARY KEY column 'a' must be of type 'integer' or 'text' instead of type 'undefined'",
-            init_assertion));
+    expectInit(false, columns, {report::badColumns()});
 }
 
 TEST_F(FieldSetTest, UndefinedTypeOfAnotherColumnIsTaken)
 {
-    const Field columns[] = {
-        Field("id", sql::type_int, sql::flag_primary_key),
-        Field("odd", static_cast<sql::field_type>(7), sql::flag_not_null),
-        Field(),
-    };
-    FieldSet fields(no_array);
-    EXPECT_TRUE(fields.initFieldSet(columns));
-    EXPECT_THAT(namesOf(fields), ElementsAre("id", "odd"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    const Field columns[] = {id, Field("odd", undefined, sql::flag_not_null), Field()};
+    expectInit(true, columns, {});
+    EXPECT_THAT(namesOf(_fields), ElementsAre("id", "odd"));
 }
 
-struct WrongKey {
-    sql::field_type type;
-    const char* error;
-};
-
-void PrintTo(const WrongKey& key, std::ostream* out)
-{
-    *out << key.type;
-}
-
-class FieldSetWrongKeyTest : public FieldSetTest, public testing::WithParamInterface<WrongKey> {
-protected:
-    FieldSetWrongKeyTest()
-        : _columns{
-            Field("id", sql::type_int, sql::flag_primary_key),
-            Field("name", sql::type_text, sql::flag_none),
-            Field("key", GetParam().type, sql::flag_primary_key | sql::flag_not_null),
-            Field("price", sql::type_float, sql::flag_none),
-            Field(),
-        }
-    {
-        _diagnostics.setLevel(3);
-    }
-
-    const Field _columns[5];
-};
-
-TEST_P(FieldSetWrongKeyTest, SetIsEmptyAndTheRejectionReported)
-{
-    EXPECT_EQ(FieldSet(_columns).count(), 0);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(GetParam().error, init_assertion));
-}
-
-TEST_P(FieldSetWrongKeyTest, InitFails)
-{
-    FieldSet fields(no_array);
-    EXPECT_FALSE(fields.initFieldSet(_columns));
-    EXPECT_EQ(fields.count(), 0);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(GetParam().error, init_assertion));
-}
-
-TEST_P(FieldSetWrongKeyTest, FieldsHeldBeforeAreDroppedToo)
-{
-    FieldSet fields(test::product_columns);
-    EXPECT_FALSE(fields.initFieldSet(_columns));
-    EXPECT_EQ(fields.count(), 0);
-    EXPECT_EQ(fields.getByName("id"), nullptr);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(GetParam().error, init_assertion));
-}
-
-TEST_P(FieldSetWrongKeyTest, SetIsEmptiedAfterTheReport)
-{
-    FieldSet fields(test::product_columns);
-    std::vector<int> counts;
-    _diagnostics.onLine([&](const test::LogLine&) { counts.push_back(fields.count()); });
-    _diagnostics.onAssertion([&](const test::Assertion&) { counts.push_back(fields.count()); });
-    fields.initFieldSet(_columns);
-    EXPECT_THAT(counts, ElementsAre(5, 5)); // the former three, and those before the key
-    EXPECT_EQ(fields.count(), 0);
-}
-
-TEST_P(FieldSetWrongKeyTest, SetCanBeFilledAfterwards)
-{
-    FieldSet fields(_columns);
-    _diagnostics.clear();
-    EXPECT_TRUE(fields.initFieldSet(test::product_columns));
-    EXPECT_THAT(indexesOf(fields), ElementsAre(0, 1, 2));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Types, FieldSetWrongKeyTest,
-    testing::Values(
-        WrongKey{
-            sql::type_float,
-            "[ERROR] SqlFieldSet.cpp (initFieldSet) - PRIMARY KEY column 'key' must be of type 'integer' or 'text' instead of type 'float'"},
-        WrongKey{
-            sql::type_bool,
-            "[ERROR] SqlFieldSet.cpp (initFieldSet) - PRIMARY KEY column 'key' must be of type 'integer' or 'text' instead of type 'bool'"},
-        WrongKey{
-            sql::type_time,
-            "[ERROR] SqlFieldSet.cpp (initFieldSet) - PRIMARY KEY column 'key' must be of type 'integer' or 'text' instead of type 'time'"}));
+// --- A set of a vector
 
 TEST_F(FieldSetTest, VectorIsTakenAsItIsWithoutPositions)
 {
     const FieldSet fields(freshFields({"a", "b"}));
     EXPECT_THAT(namesOf(fields), ElementsAre("a", "b"));
     EXPECT_THAT(indexesOf(fields), ElementsAre(-1, -1));
+    EXPECT_EQ(FieldSet(std::vector<Field>()).count(), 0);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
@@ -438,55 +280,24 @@ TEST_F(FieldSetTest, VectorKeepsThePositionsAndFlagsItsFieldsHave)
 TEST_F(FieldSetTest, VectorIsNotCheckedForItsKeyNorForEndingFields)
 {
     const FieldSet fields(uncheckedFields());
-    EXPECT_THAT(namesOf(fields), ElementsAre("price", "", "name"));
     EXPECT_EQ(fields.getKeyIdName(), "price");
+    EXPECT_EQ(fields.getByName(""), fields.getByIndex(1));
+    EXPECT_EQ(fields.getDefinition(), "price REAL PRIMARY KEY, INTEGER, name TEXT");
+    EXPECT_EQ(fields.toSql(), "price, , name");
+    EXPECT_EQ(fields.dump(), "-1: name=price, type=float, flags: PRIMARY KEY\r\n"
+                             "-1: name=, type=integer, flags:\r\n"
+                             "-1: name=name, type=text, flags:");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(FieldSetTest, EmptyVectorMakesAnEmptySetSilently)
-{
-    EXPECT_EQ(FieldSet(std::vector<Field>()).count(), 0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, CopyOwnsItsFields)
-{
-    FieldSet original(test::product_columns);
-    const FieldSet copy(original);
-    original = FieldSet(no_array);
-    EXPECT_EQ(copy.dump(), "0: name=id, type=integer, flags: PRIMARY KEY\r\n"
-                           "1: name=name, type=text, flags:\r\n"
-                           "2: name=price, type=float, flags:");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, AssignmentReplacesTheFields)
-{
-    const FieldSet source(test::text_key_columns);
-    FieldSet fields(test::product_columns);
-    EXPECT_EQ(&(fields = source), &fields);
-    EXPECT_THAT(namesOf(fields), ElementsAre("code", "name"));
-    EXPECT_NE(fields.getByIndex(0), source.getByIndex(0));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, SelfAssignmentKeepsTheFieldsWhereTheyAre)
-{
-    FieldSet fields(test::product_columns);
-    const Field* const first = fields.getByIndex(0);
-    const FieldSet& same = fields;
-    EXPECT_EQ(&(fields = same), &fields);
-    EXPECT_EQ(fields.getByIndex(0), first);
-    EXPECT_THAT(namesOf(fields), ElementsAre("id", "name", "price"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
+// --- Lookups
 
 TEST_F(FieldSetTest, PositionOutsideTheSetHasNoField)
 {
     const FieldSet fields(test::product_columns);
     EXPECT_EQ(fields.getByIndex(-1), nullptr);
     EXPECT_EQ(fields.getByIndex(fields.count()), nullptr);
-    EXPECT_EQ(FieldSet(no_array).getByIndex(0), nullptr);
+    EXPECT_EQ(_fields.getByIndex(0), nullptr);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
@@ -501,19 +312,9 @@ TEST_F(FieldSetTest, LookupsPointAtTheSameFields)
 TEST_F(FieldSetTest, NameIsFoundOnlyByteForByte)
 {
     const FieldSet fields(test::product_columns);
-    EXPECT_EQ(fields.getByName("Name"), nullptr);
-    EXPECT_EQ(fields.getByName("nam"), nullptr);
-    EXPECT_EQ(fields.getByName("name "), nullptr);
-    EXPECT_EQ(fields.getByName(" name"), nullptr);
-    EXPECT_EQ(fields.getByName(std::string("name\0", 5)), nullptr);
-    EXPECT_EQ(fields.getByName(""), nullptr);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, UnnamedFieldIsFoundByTheEmptyName)
-{
-    const FieldSet fields(uncheckedFields());
-    EXPECT_EQ(fields.getByName(""), fields.getByIndex(1));
+    for (const std::string& other : {std::string("Name"), std::string("nam"), std::string("name "),
+                                     std::string(" name"), std::string("name\0", 5), std::string()})
+        EXPECT_EQ(fields.getByName(other), nullptr) << other;
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
@@ -523,54 +324,44 @@ TEST_F(FieldSetTest, FirstOfTwoFieldsWithOneNameIsFound)
     EXPECT_EQ(fields.getByName("b"), fields.getByIndex(1));
 }
 
-TEST_F(FieldSetTest, KeyIsFoundInAnyPosition)
-{
-    EXPECT_EQ(FieldSet(test::key_last_columns).getKeyIdName(), "id");
-    EXPECT_EQ(FieldSet(test::text_key_columns).getKeyIdName(), "code");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, FirstOfTwoKeysCounts)
+TEST_F(FieldSetTest, FirstKeyCountsInAnyPosition)
 {
     const Field columns[] = {
-        Field("name", sql::type_text, sql::flag_none),
+        name,
         Field("first", sql::type_text, sql::flag_primary_key | sql::flag_unique),
-        Field("second", sql::type_int, sql::flag_primary_key),
+        id,
         Field(),
     };
+    EXPECT_EQ(FieldSet(test::key_last_columns).getKeyIdName(), "id");
     EXPECT_EQ(FieldSet(columns).getKeyIdName(), "first");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, MissingKeyIsLoggedThenAsserted)
 {
-    _diagnostics.setLevel(3);
-    const FieldSet fields(test::without_key_columns);
-    _diagnostics.clear();
-    EXPECT_EQ(fields.getKeyIdName(), "");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(key_name_error, key_name_assertion));
-    EXPECT_EQ(_diagnostics.lines()[0].priority, LOG_ERR);
+    for (const FieldSet& fields : {_fields, FieldSet(freshFields({"name"}))}) {
+        for (const int level : test::trace_levels) {
+            _diagnostics.setLevel(level);
+            _diagnostics.clear();
+            EXPECT_EQ(fields.getKeyIdName(), "");
+            EXPECT_EQ(_diagnostics.events(), visibleAt(level, report::noKeyName()));
+        }
+    }
 }
 
-TEST_F(FieldSetTest, MissingKeyBelowTheErrorLevelIsAnAssertionAlone)
-{
-    _diagnostics.setLevel(2);
-    EXPECT_EQ(FieldSet(no_array).getKeyIdName(), "");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(key_name_assertion));
-}
+// --- Texts
 
-TEST_F(FieldSetTest, EmptySetHasNoKeyNorDebugLines)
+TEST_F(FieldSetTest, TextsListAllColumnsWithSeparatorsInBetween)
 {
-    EXPECT_EQ(FieldSet(no_array).getKeyIdName(), "");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(key_name_error, key_name_assertion));
-}
-
-TEST_F(FieldSetTest, TextsOfAnEmptySetAreEmpty)
-{
-    const FieldSet fields(no_array);
-    EXPECT_EQ(fields.getDefinition(), "");
-    EXPECT_EQ(fields.toSql(), "");
-    EXPECT_EQ(fields.dump(), "");
+    const FieldSet fields(test::all_type_columns);
+    EXPECT_EQ(fields.getDefinition(),
+              "id INTEGER PRIMARY KEY, name TEXT, price REAL, sold INTEGER, at INTEGER");
+    EXPECT_EQ(fields.toSql(), "id, name, price, sold, at");
+    EXPECT_EQ(fields.dump(), "0: name=id, type=integer, flags: PRIMARY KEY\r\n"
+                             "1: name=name, type=text, flags:\r\n"
+                             "2: name=price, type=float, flags:\r\n"
+                             "3: name=sold, type=bool, flags:\r\n"
+                             "4: name=at, type=time, flags:");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
@@ -585,62 +376,27 @@ TEST_F(FieldSetTest, TextsOfOneFieldHaveNoSeparator)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(FieldSetTest, TextsListAnUnnamedFieldLikeAnyOther)
+TEST_F(FieldSetTest, NamesAreListedAsTheyStand)
 {
-    const FieldSet fields(uncheckedFields());
-    EXPECT_EQ(fields.getDefinition(), "price REAL PRIMARY KEY, INTEGER, name TEXT");
-    EXPECT_EQ(fields.toSql(), "price, , name");
-    EXPECT_EQ(fields.dump(), "-1: name=price, type=float, flags: PRIMARY KEY\r\n"
-                             "-1: name=, type=integer, flags:\r\n"
-                             "-1: name=name, type=text, flags:");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, DefinitionListsTheColumnDefinitions)
-{
-    const FieldSet fields(test::all_type_columns);
-    EXPECT_EQ(fields.getDefinition(),
-              "id INTEGER PRIMARY KEY, name TEXT, price REAL, sold INTEGER, at INTEGER");
+    EXPECT_EQ(FieldSet(freshFields({"it's", " b "})).toSql(), "it's,  b ");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, DefinitionOfAnUndefinedTypeIsReportedByTheField)
 {
-    const std::vector<Field> odd = {
-        Field("a", static_cast<sql::field_type>(7), sql::flag_none),
-        Field("b", sql::type_text, sql::flag_none),
-    };
-    EXPECT_EQ(FieldSet(odd).getDefinition(), "a, b TEXT");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("assert 'false' in SqlField.cpp (sql::string sql::Field::getTypeStr() const)"));
-}
-
-TEST_F(FieldSetTest, SqlListsTheColumnNamesAsTheyStand)
-{
-    EXPECT_EQ(FieldSet(test::all_type_columns).toSql(), "id, name, price, sold, at");
-    EXPECT_EQ(FieldSet(freshFields({"it's", " b "})).toSql(), "it's,  b ");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(FieldSetTest, DumpHasALineBreakBetweenTwoFieldsOnly)
-{
-    EXPECT_EQ(FieldSet(test::all_type_columns).dump(),
-              "0: name=id, type=integer, flags: PRIMARY KEY\r\n"
-              "1: name=name, type=text, flags:\r\n"
-              "2: name=price, type=float, flags:\r\n"
-              "3: name=sold, type=bool, flags:\r\n"
-              "4: name=at, type=time, flags:");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    const std::vector<Field> odd = {Field("a", undefined, sql::flag_none), name};
+    EXPECT_EQ(FieldSet(odd).getDefinition(), "a, name TEXT");
+    EXPECT_THAT(_diagnostics.events(),
+                ElementsAre(report::asserted("sql::string sql::Field::getTypeStr() const")));
 }
 
 TEST_F(FieldSetTest, PositionInADumpHasNoDigitGrouping)
 {
-    std::vector<Field> columns(1235, Field("a", sql::type_int, sql::flag_primary_key));
+    std::vector<Field> columns(1235, id);
     columns.push_back(Field());
     const FieldSet fields(columns.data());
     const test::CommaLocale comma;
-    EXPECT_EQ(fields.getByIndex(1234)->dump(), "1234: name=a, type=integer, flags: PRIMARY KEY");
+    EXPECT_EQ(fields.getByIndex(1234)->dump(), "1234: name=id, type=integer, flags: PRIMARY KEY");
 }
 
 } // namespace

@@ -1,10 +1,10 @@
+#include "Cases.h"
 #include "Environment.h"
 #include "Sqlite.h"
 #include "Wording.h"
 
 #include <gmock/gmock.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -18,11 +18,6 @@ using testing::IsEmpty;
 using testing::Values;
 using testing::ValuesIn;
 using testing::WithParamInterface;
-
-template <typename Parameter> std::string nameOf(const testing::TestParamInfo<Parameter>& info)
-{
-    return info.param.name;
-}
 
 // The rows that sqlite3_exec() hands to its callback.
 struct Rows {
@@ -68,7 +63,7 @@ protected:
     std::string _error;
 };
 
-// --- statements run with a row callback ---
+// --- Statements run with a row callback
 
 TEST_F(SqliteTest, ExecDeliversEveryRowAndNoErrorText)
 {
@@ -133,49 +128,43 @@ TEST_F(SqliteTest, ExecEndsAtAZeroByte)
     EXPECT_THAT(_rows.texts, ElementsAre("5"));
 }
 
-// --- the texts of values ---
+// --- The texts of values
 
-struct ValueText {
-    const char* name;
+struct ValueText : test::Case {
     const char* expression;
     const char* text;
 };
 
-void PrintTo(const ValueText& value, std::ostream* out)
-{
-    *out << value.expression;
-}
-
 class ValueTextTest : public SqliteTest, public WithParamInterface<ValueText> {};
 
-TEST_P(ValueTextTest, IsDeliveredToTheCallback)
+TEST_P(ValueTextTest, IsDeliveredToTheCallbackAlikeInEveryLocale)
 {
-    EXPECT_EQ(exec(std::string("select ") + GetParam().expression), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, ElementsAre(GetParam().text));
-}
-
-TEST_P(ValueTextTest, DoesNotDependOnTheLocale)
-{
+    const std::string query = std::string("select ") + GetParam().expression;
+    EXPECT_EQ(exec(query), SQLITE_OK);
     const test::CommaLocale locale;
-    EXPECT_EQ(exec(std::string("select ") + GetParam().expression), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, ElementsAre(GetParam().text));
+    EXPECT_EQ(exec(query), SQLITE_OK);
+    EXPECT_THAT(_rows.texts, ElementsAre(GetParam().text, GetParam().text));
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Values, ValueTextTest,
-    Values(ValueText{"Null", "null", "NULL"}, ValueText{"Integer", "7", "7"},
-           ValueText{"LowestInteger", "-9223372036854775807 - 1", "-9223372036854775808"},
-           ValueText{"Text", "'tea'", "tea"}, ValueText{"EmptyText", "''", ""},
-           ValueText{"DoubledQuote", "'O''Brien'", "O'Brien"},
-           ValueText{"OtherBytes", "'\"\\\x80\xff'", "\"\\\x80\xff"},
-           ValueText{"TextEndsAtAZeroByte", "cast(x'610062' as text)", "a"},
-           ValueText{"Bool", "1 = 1", "1"}, ValueText{"RealThatIsWhole", "2.0", "2.0"},
-           ValueText{"Real", "1.50000000", "1.5"},
-           ValueText{"RealOf15Digits", "1.0 / 3", "0.333333333333333"},
-           ValueText{"LargeReal", "1e100", "1.0e+100"}),
-    nameOf<ValueText>);
+const ValueText value_texts[] = {
+    {"Null", "null", "NULL"},
+    {"Integer", "7", "7"},
+    {"LowestInteger", "-9223372036854775807 - 1", "-9223372036854775808"},
+    {"Text", "'tea'", "tea"},
+    {"EmptyText", "''", ""},
+    {"DoubledQuote", "'O''Brien'", "O'Brien"},
+    {"OtherBytes", "'\"\\\x80\xff'", "\"\\\x80\xff"},
+    {"TextEndsAtAZeroByte", "cast(x'610062' as text)", "a"},
+    {"Bool", "1 = 1", "1"},
+    {"RealThatIsWhole", "2.0", "2.0"},
+    {"Real", "1.50000000", "1.5"},
+    {"RealOf15Digits", "1.0 / 3", "0.333333333333333"},
+    {"LargeReal", "1e100", "1.0e+100"},
+};
 
-// --- single steps ---
+INSTANTIATE_TEST_SUITE_P(All, ValueTextTest, ValuesIn(value_texts), test::NameOfCase());
+
+// --- Single steps
 
 class NoStatementTest : public SqliteTest, public WithParamInterface<const char*> {};
 
@@ -256,16 +245,10 @@ TEST(SqliteErrorTextTest, OfNoConnectionIsThatForNoMemory)
     EXPECT_STREQ(sqlite3_errmsg(nullptr), "out of memory");
 }
 
-struct IntRead {
-    const char* name;
+struct IntRead : test::Case {
     const char* expression;
     int number;
 };
-
-void PrintTo(const IntRead& read, std::ostream* out)
-{
-    *out << read.expression;
-}
 
 class IntReadTest : public StepTest, public WithParamInterface<IntRead> {};
 
@@ -275,16 +258,19 @@ TEST_P(IntReadTest, IsConvertedAndNarrowedTo32Bits)
     EXPECT_EQ(sqlite3_column_int(_statement, 0), GetParam().number);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, IntReadTest,
-                         Values(IntRead{"Highest", "2147483647", 2147483647},
-                                IntRead{"AboveTheHighest", "2147483648", -2147483647 - 1},
-                                IntRead{"LowerBitsOnly", "4294967301", 5},
-                                IntRead{"Null", "null", 0}, IntRead{"Text", "'7 apples'", 7},
-                                IntRead{"TextWithoutDigits", "'tea'", 0},
-                                IntRead{"Real", "-2.9", -2}),
-                         nameOf<IntRead>);
+const IntRead int_reads[] = {
+    {"Highest", "2147483647", 2147483647},
+    {"AboveTheHighest", "2147483648", -2147483647 - 1},
+    {"LowerBitsOnly", "4294967301", 5},
+    {"Null", "null", 0},
+    {"Text", "'7 apples'", 7},
+    {"TextWithoutDigits", "'tea'", 0},
+    {"Real", "-2.9", -2},
+};
 
-// --- connections ---
+INSTANTIATE_TEST_SUITE_P(All, IntReadTest, ValuesIn(int_reads), test::NameOfCase());
+
+// --- Connections
 
 class SqliteFileTest : public testing::Test {
 protected:
@@ -312,17 +298,16 @@ protected:
     sqlite3* _db = nullptr;
 };
 
-class MissingFileTest : public SqliteFileTest, public WithParamInterface<int> {};
-
-TEST_P(MissingFileTest, GivesAHandleThatKnowsTheError)
+TEST_F(SqliteFileTest, MissingFileGivesAHandleThatKnowsTheError)
 {
-    EXPECT_EQ(open(GetParam()), SQLITE_CANTOPEN);
-    EXPECT_NE(_db, nullptr);
-    EXPECT_STREQ(sqlite3_errmsg(_db), "unable to open database file");
+    for (const int flags : {SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE}) {
+        EXPECT_EQ(open(flags), SQLITE_CANTOPEN);
+        EXPECT_NE(_db, nullptr);
+        EXPECT_STREQ(sqlite3_errmsg(_db), "unable to open database file");
+        sqlite3_close(_db);
+    }
+    _db = nullptr;
 }
-
-INSTANTIATE_TEST_SUITE_P(Flags, MissingFileTest,
-                         Values(SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE));
 
 TEST_F(SqliteFileTest, FlagsZeroAreRefused)
 {
@@ -399,16 +384,10 @@ TEST_F(SqliteFileTest, NegativeBusyTimeoutIsTakenForNone)
 
 #endif
 
-struct UserVersion {
-    const char* name;
+struct UserVersion : test::Case {
     const char* given;
     const char* kept;
 };
-
-void PrintTo(const UserVersion& version, std::ostream* out)
-{
-    *out << version.given;
-}
 
 class UserVersionTest : public SqliteTest, public WithParamInterface<UserVersion> {};
 
@@ -418,26 +397,22 @@ TEST_P(UserVersionTest, IsKeptIn32SignedBits)
     EXPECT_EQ(_db.rows("PRAGMA user_version;"), GetParam().kept);
 }
 
-INSTANTIATE_TEST_SUITE_P(Versions, UserVersionTest,
-                         Values(UserVersion{"Zero", "0", "0"},
-                                UserVersion{"Highest", "2147483647", "2147483647"},
-                                UserVersion{"TooHighIsZero", "2147483648", "0"},
-                                UserVersion{"Negative", "-7", "-7"},
-                                UserVersion{"Lowest", "-2147483648", "-2147483648"}),
-                         nameOf<UserVersion>);
+const UserVersion user_versions[] = {
+    {"Zero", "0", "0"},
+    {"Highest", "2147483647", "2147483647"},
+    {"TooHighIsZero", "2147483648", "0"},
+    {"Negative", "-7", "-7"},
+    {"Lowest", "-2147483648", "-2147483648"},
+};
 
-// --- keys and names ---
+INSTANTIATE_TEST_SUITE_P(All, UserVersionTest, ValuesIn(user_versions), test::NameOfCase());
 
-struct Lookup {
-    const char* name;
+// --- Keys and names
+
+struct Lookup : test::Case {
     const char* condition;
     std::vector<std::string> ids;
 };
-
-void PrintTo(const Lookup& lookup, std::ostream* out)
-{
-    *out << lookup.condition;
-}
 
 class LookupTest : public SqliteTest, public WithParamInterface<Lookup> {};
 
@@ -449,17 +424,18 @@ TEST_P(LookupTest, FindsItsRows)
     EXPECT_EQ(_rows.texts, GetParam().ids);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Conditions, LookupTest,
-    Values(Lookup{"Integer", "id = 7", {"7"}},
-           Lookup{"DoubleQuotedWordIsAText", "name = \"tea\"", {"7"}},
-           Lookup{"DoubleQuotedNumberFindsTheInteger", "id = \"7\"", {"7"}},
-           Lookup{"DoubleQuotedNumberIsConvertedAsAWhole", "id = \" 7.0 \"", {"7"}},
-           Lookup{"DoubleQuotedWordIsNoInteger", "id = \"7 apples\"", {}},
-           Lookup{"DoubleQuotedColumnNameIsTheColumn", "id = \"id\"", {"7", "8"}},
-           Lookup{"DoubleQuotedColumnNameInAnyCase", "id = \"ID\"", {"7", "8"}},
-           Lookup{"EmptyDoubleQuotedWord", "name = \"\"", {}}),
-    nameOf<Lookup>);
+const Lookup lookups[] = {
+    {"Integer", "id = 7", {"7"}},
+    {"DoubleQuotedWordIsAText", "name = \"tea\"", {"7"}},
+    {"DoubleQuotedNumberFindsTheInteger", "id = \"7\"", {"7"}},
+    {"DoubleQuotedNumberIsConvertedAsAWhole", "id = \" 7.0 \"", {"7"}},
+    {"DoubleQuotedWordIsNoInteger", "id = \"7 apples\"", {}},
+    {"DoubleQuotedColumnNameIsTheColumn", "id = \"id\"", {"7", "8"}},
+    {"DoubleQuotedColumnNameInAnyCase", "id = \"ID\"", {"7", "8"}},
+    {"EmptyDoubleQuotedWord", "name = \"\"", {}},
+};
+
+INSTANTIATE_TEST_SUITE_P(All, LookupTest, ValuesIn(lookups), test::NameOfCase());
 
 TEST_F(SqliteTest, IntegerPrimaryKeyIsAssignedForNull)
 {
@@ -504,31 +480,20 @@ TEST_F(SqliteTest, RenamedTableIsKnownByItsNewNameOnly)
     EXPECT_EQ(_db.rows("select name from sqlite_master where type = 'table'"), "goods");
 }
 
-class NoRowWriteTest : public SqliteTest, public WithParamInterface<const char*> {};
-
-TEST_P(NoRowWriteTest, Succeeds)
+TEST_F(SqliteTest, WriteOfNoRowSucceeds)
 {
-    EXPECT_EQ(exec(GetParam()), SQLITE_OK);
+    EXPECT_EQ(exec("update product set name='salt' where id = 9"), SQLITE_OK);
+    EXPECT_EQ(exec("delete from product where id = 9"), SQLITE_OK);
     EXPECT_EQ(_db.rows("select count(*) from product where name <> 'salt'"), "2");
 }
 
-INSTANTIATE_TEST_SUITE_P(Statements, NoRowWriteTest,
-                         Values("update product set name='salt' where id = 9",
-                                "delete from product where id = 9"));
+// --- Refusals
 
-// --- refusals ---
-
-struct Refusal {
-    const char* name;
+struct Refusal : test::Case {
     const char* statement;
     int rc;
     const char* error;
 };
-
-void PrintTo(const Refusal& refusal, std::ostream* out)
-{
-    *out << refusal.statement;
-}
 
 class RefusalTest : public SqliteTest, public WithParamInterface<Refusal> {};
 
@@ -539,7 +504,7 @@ TEST_P(RefusalTest, HasItsResultCodeAndText)
     EXPECT_EQ(_db.rows("select id from product order by id"), "7\n8");
 }
 
-const std::vector<Refusal> refusals = {
+const Refusal refusals[] = {
     {"DuplicateKey", "insert into product values (7, 'salt', 1)", SQLITE_CONSTRAINT,
      "UNIQUE constraint failed: product.id"},
     {"KeyThatIsNoInteger", "insert into product values ('x', 'salt', 1)", SQLITE_MISMATCH,
@@ -560,12 +525,11 @@ const std::vector<Refusal> refusals = {
      "cannot rollback - no transaction is active"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Statements, RefusalTest, ValuesIn(refusals), nameOf<Refusal>);
+INSTANTIATE_TEST_SUITE_P(All, RefusalTest, ValuesIn(refusals), test::NameOfCase());
 
 TEST_F(SqliteTest, RefusedBeginLeavesTheFirstTransactionOpen)
 {
-    exec("BEGIN TRANSACTION");
-    exec("BEGIN TRANSACTION");
+    exec("BEGIN TRANSACTION; BEGIN TRANSACTION");
     EXPECT_EQ(sqlite3_get_autocommit(_db), 0);
 }
 
