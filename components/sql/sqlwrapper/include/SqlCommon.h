@@ -9,6 +9,9 @@
 
 struct sqlite3;
 
+// A private operation that programs cannot link to.
+#define SQLWRAPPER_LOCAL __attribute__((visibility("hidden")))
+
 #pragma GCC visibility push(default)
 
 /// A small object layer over SQLite. Declare a table's columns once, then work with objects instead

@@ -58,6 +58,7 @@ public:
 
 private:
     friend class FieldSet; // gives its copies their positions
+    friend class Record;   // looks for cells by the names of all columns
 
     string _name;
     field_type _type;

@@ -90,6 +90,11 @@ public:
     string toSqlUpdate(const string& tableName) const;
 
 private:
+    friend class RecordSet; // builds its rows
+
+    // A row as SQLite hands it out: cells without a text are null.
+    SQLWRAPPER_LOCAL Record(const FieldSet& fields, int textCount, const char* const* texts);
+
     const FieldSet* _fields;
     std::vector<Value> _values;
 };

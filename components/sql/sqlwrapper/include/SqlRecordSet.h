@@ -68,6 +68,11 @@ public:
     static int on_next_record(void* recordSet, int columnCount, char** values, char** columnNames);
 
 private:
+    friend class Table; // writes beside the rows that it holds
+
+    // Does what query() does, in a set of its own.
+    SQLWRAPPER_LOCAL bool queryAside(const string& sql);
+
     sqlite3* _db;
     std::int32_t _rc;
     FieldSet _fields;

@@ -62,6 +62,10 @@ public:
     string toSql(field_type type) const;
 
 private:
+    friend class Record; // fills its cells, and writes statements without copies of the texts
+
+    SQLWRAPPER_LOCAL void appendSql(string& statement, field_type type) const;
+
     string _value;
     bool _isNull;
     field_type _type;

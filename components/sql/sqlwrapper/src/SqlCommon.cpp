@@ -1,5 +1,6 @@
 #include "SqlCommon.h"
 
+#include "SqlText.h"
 #include "SqlTrace.h"
 
 #include <sqlite3.h>
@@ -78,11 +79,7 @@ string type2Str(field_type type)
 string quoteStr(const string& text)
 {
     string quoted;
-    for (const char byte : text) {
-        quoted += byte;
-        if (byte == '\'')
-            quoted += byte;
-    }
+    appendQuoted(quoted, text);
     return quoted;
 }
 

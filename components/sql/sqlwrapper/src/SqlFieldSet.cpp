@@ -6,6 +6,9 @@ namespace sql {
 
 namespace {
 
+// Most names need no more, with what stands between two: no copies while the list grows.
+constexpr int usual_name_size = 16;
+
 bool canBeKey(field_type type)
 {
     return type == type_int || type == type_text;
@@ -20,23 +23,16 @@ const Field* findKey(const std::vector<Field>& fields)
     return nullptr;
 }
 
-// What an operation gives of every field, with a separator between two.
-string listed(const FieldSet& fields, string (Field::*text)() const, const char* separator,
-              const char* operation, const char* signature)
+// The field at a position below the count; its lack is reported for the operation.
+const Field* fieldAt(const FieldSet& fields, int index, const char* operation,
+                     const char* signature)
 {
-    string list;
-    for (int i = 0; i < fields.count(); ++i) {
-        const Field* const field = fields.getByIndex(i);
-        if (field == nullptr) {
-            TRACE_ERROR_AS(operation, "No field for index %d", i);
-            SQL_ASSERT(false, signature);
-            continue;
-        }
-        list += (field->*text)();
-        if (i < fields.count() - 1)
-            list += separator;
+    const Field* const field = fields.getByIndex(index);
+    if (field == nullptr) {
+        TRACE_ERROR_AS(operation, "No field for index %d", index);
+        SQL_ASSERT(false, signature);
     }
-    return list;
+    return field;
 }
 
 } // namespace
@@ -121,13 +117,33 @@ string FieldSet::getDefinition() const
 
 string FieldSet::toSql() const
 {
-    return listed(*this, &Field::getName, ", ", __func__,
-                  "sql::string sql::FieldSet::toSql() const");
+    string names;
+    names.reserve(usual_name_size * count());
+    for (int i = 0; i < count(); ++i) {
+        const Field* const field = fieldAt(*this, i, __func__,
+                                           "sql::string sql::FieldSet::toSql() const");
+        if (field == nullptr)
+            continue;
+        names += field->_name;
+        if (i < count() - 1)
+            names += ", ";
+    }
+    return names;
 }
 
 string FieldSet::dump() const
 {
-    return listed(*this, &Field::dump, "\r\n", __func__, "sql::string sql::FieldSet::dump() const");
+    string lines;
+    for (int i = 0; i < count(); ++i) {
+        const Field* const field = fieldAt(*this, i, __func__,
+                                           "sql::string sql::FieldSet::dump() const");
+        if (field == nullptr)
+            continue;
+        lines += field->dump();
+        if (i < count() - 1)
+            lines += "\r\n";
+    }
+    return lines;
 }
 
 } // namespace sql

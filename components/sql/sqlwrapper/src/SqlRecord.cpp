@@ -9,6 +9,9 @@ namespace sql {
 
 namespace {
 
+// Most literals need no more, with what stands between two: no copies while the list grows.
+constexpr int usual_literal_size = 16;
+
 // Whether there is such a cell; reported as getValue() does otherwise.
 bool hasCell(int index, int count, const char* signature)
 {
@@ -59,11 +62,21 @@ std::optional<string> assignments(const Record& record, const string& tableName)
 
 } // namespace
 
-Record::Record(const FieldSet& fields) : _fields(&fields)
+Record::Record(const FieldSet& fields) : Record(fields, 0, nullptr)
 {
-    _values.reserve(fields.count());
-    for (int i = 0; i < fields.count(); ++i)
+}
+
+Record::Record(const FieldSet& fields, int textCount, const char* const* texts) : _fields(&fields)
+{
+    const int count = fields.count();
+    _values.reserve(count);
+    for (int i = 0; i < count; ++i) {
         _values.emplace_back(fields.getByIndex(i)->getType());
+        if (i < textCount && texts[i] != nullptr) {
+            _values.back()._value += texts[i];
+            _values.back()._isNull = false;
+        }
+    }
 }
 
 Record::Record(const Record* other) : Record(*other)
@@ -288,6 +301,7 @@ string Record::toSql() const
 {
     string literals;
     const int count = _fields->count();
+    literals.reserve(usual_literal_size * count);
     for (int i = 0; i < count; ++i) {
         const Field* const field = _fields->getByIndex(i);
         if (field == nullptr) {
@@ -295,13 +309,13 @@ string Record::toSql() const
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
             return string();
         }
-        const Value* const value = getValue(field->getName());
+        const Value* const value = getValue(field->_name);
         if (value == nullptr) {
             TRACE_ERROR("field with index %d does not have value", i);
             SQL_ASSERT(false, "sql::string sql::Record::toSql() const");
             return string();
         }
-        literals += value->toSql(field->getType());
+        value->appendSql(literals, field->_type);
         if (i < count - 1)
             literals += ", ";
     }
@@ -327,7 +341,10 @@ string Record::toSqlInsert(const string& tableName) const
         SQL_ASSERT(false, "sql::string sql::Record::toSqlInsert(const string&) const");
         return string();
     }
-    return "insert into " + tableName + " (" + columns + ") values (" + values + ")";
+    string statement;
+    statement.reserve(tableName.size() + columns.size() + values.size() + 32); // in one allocation
+    statement.append("insert into ").append(tableName).append(" (").append(columns);
+    return statement.append(") values (").append(values).append(")");
 }
 
 string Record::toSqlUpdate(const string& tableName) const

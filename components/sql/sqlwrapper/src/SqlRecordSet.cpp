@@ -66,6 +66,18 @@ bool RecordSet::query(const string& sql)
     return false;
 }
 
+// Not by a second set: copying the columns would take longer than building most statements.
+bool RecordSet::queryAside(const string& sql)
+{
+    std::vector<Record> held;
+    held.swap(_records);
+    const std::int32_t rc = _rc;
+    const bool done = query(sql);
+    _records.swap(held);
+    _rc = rc;
+    return done;
+}
+
 bool RecordSet::isResultOk() const
 {
     return _rc == SQLITE_OK;
@@ -124,11 +136,7 @@ try
         return 0;
 
     RecordSet& set = *static_cast<RecordSet*>(recordSet);
-    Record record(set._fields);
-    for (int i = 0; values != nullptr && i < columnCount; ++i) {
-        if (const Field* const field = set._fields.getByIndex(i))
-            record.initColumnValue(i, values[i], field->getType());
-    }
+    Record record(set._fields, values != nullptr ? columnCount : 0, values);
     TRACE_DEBUG3("%s", record.dump(false).c_str());
     set._records.push_back(std::move(record));
     return 0;

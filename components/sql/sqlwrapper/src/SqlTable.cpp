@@ -222,7 +222,7 @@ bool Table::addRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL INSERT statement for table '%s'", _name.c_str());
         return false;
     }
-    return RecordSet(_db, *fields()).query(statement);
+    return _recordSet.queryAside(statement);
 }
 
 bool Table::updateRecord(const Record& record)
@@ -232,7 +232,7 @@ bool Table::updateRecord(const Record& record)
         TRACE_ERROR("Failed to build SQL UPDATE statement for table '%s'", _name.c_str());
         return false;
     }
-    return RecordSet(_db, *fields()).query(statement);
+    return _recordSet.queryAside(statement);
 }
 
 bool Table::addOrUpdateRecord(string key, const Record& record)
@@ -271,8 +271,7 @@ bool Table::deleteRecord(integer key)
 
 bool Table::deleteRecords(const string& whereCondition)
 {
-    return RecordSet(_db, *fields())
-        .query("delete from " + _name + clause(" where ", whereCondition));
+    return _recordSet.queryAside("delete from " + _name + clause(" where ", whereCondition));
 }
 
 bool Table::copyRecords(Table& source)

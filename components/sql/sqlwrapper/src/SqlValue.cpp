@@ -1,5 +1,7 @@
 #include "SqlValue.h"
 
+#include "SqlText.h"
+
 #include <locale.h>
 #include <stdlib.h>
 
@@ -160,13 +162,27 @@ bool Value::equals(const Value& other) const
 
 string Value::toSql(field_type type) const
 {
-    if (_isNull)
-        return "null";
-    if (type == type_text)
-        return "'" + quoteStr(asString()) + "'";
-    if (_type == type_time)
-        return intToStr(asInteger());
-    return _value;
+    string literal;
+    appendSql(literal, type);
+    return literal;
+}
+
+void Value::appendSql(string& statement, field_type type) const
+{
+    if (_isNull) {
+        statement += "null";
+    } else if (type == type_text) {
+        statement += '\'';
+        if (_type == type_time)
+            appendQuoted(statement, asString());
+        else
+            appendQuoted(statement, _value);
+        statement += '\'';
+    } else if (_type == type_time) {
+        statement += intToStr(asInteger());
+    } else {
+        statement += _value;
+    }
 }
 
 } // namespace sql
