@@ -450,7 +450,7 @@ TEST(DatabaseAllocationTest, FailureLeavesTheConnectionOpenAndNoTransaction)
 
 // --- Anywhere within a whole job on a file
 
-const test::Job::Reasons no_memory_for_a_row = {{"4=SQLITE_ABORT", test::worded("query aborted")}};
+const std::vector<test::Reason> no_memory_for_a_row = {{"4=SQLITE_ABORT", test::worded("query aborted")}};
 
 class JobAllocationTest : public test::ShortageTest {
 protected:
@@ -472,7 +472,8 @@ protected:
                                                        note(operation, shortage.allocations());
                                                });
         job->diagnostics().setLevel(9);
-        job->work();
+        if (job->open())
+            job->take(test::wholeJob());
         job->useAgain();
         job->close();
         EXPECT_EQ(sqlite.blocksInUse(), 0);

@@ -1,15 +1,8 @@
-#include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Job.h"
 #include "Rows.h"
-#include "Sqlite.h"
-#include "Twin.h"
-
-#include "SqlDatabase.h"
-#include "SqlField.h"
-#include "SqlRecord.h"
-#include "SqlRecordSet.h"
-#include "SqlTable.h"
+#include "Shop.h"
 
 #include <gmock/gmock.h>
 
@@ -28,60 +21,26 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-// Found before the C library's own functions of the same names: here no power fails, and waiting for
-// the disk is most of the time.
-extern "C" int fsync(int)
-{
-    return 0;
-}
-
-extern "C" int fdatasync(int)
-{
-    return 0;
-}
-
 namespace {
 
 using sql::Database;
-using sql::Field;
-using sql::FieldSet;
-using sql::Record;
-using sql::RecordSet;
-using sql::Table;
 using test::held;
 using test::result;
-using test::Twin;
-using test::TwinTable;
+using test::Shop;
+using test::Step;
+using test::TwinShop;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 typedef std::vector<std::string> Texts;
 
-const Field goods_columns[] = {
-    Field("id", sql::type_int, sql::flag_primary_key),
-    Field("name", sql::type_text, sql::flag_not_null),
-    Field("price", sql::type_float, sql::flag_none),
-    Field("sold", sql::type_bool, sql::flag_none),
-    Field("code", sql::type_text, sql::flag_unique),
-    Field(),
-};
-
-const int busy_timeout = 0;
-
-Record good(const FieldSet& fields, int id, std::size_t nameLength)
+sql::Record good(int id, std::size_t nameLength)
 {
-    Record record(fields);
-    record.setInteger("id", id);
-    record.setString("name", std::string(nameLength, static_cast<char>('a' + id % 26)));
-    record.setDouble("price", id * 0.5);
-    record.setBool("sold", id % 2 == 0);
-    record.setString("code", "c" + std::to_string(id));
-    return record;
+    return test::good(id, std::string(nameLength, static_cast<char>('a' + id % 26)));
 }
 
-Record vendor(const FieldSet& fields, int number)
+sql::Record vendor(int number)
 {
-    Record record(fields);
+    sql::Record record(test::vendors());
     record.setString("code", "v" + std::to_string(number));
     if (number % 3 != 0)
         record.setString("name", "vendor " + std::to_string(number));
@@ -92,130 +51,22 @@ Record vendor(const FieldSet& fields, int number)
 // column, the other with a text key; pages of deleted rows; a user version.
 void makeShop(const std::string& path, int pageSize)
 {
-    Database db;
-    db.open(path, Database::access_create, false, busy_timeout);
-    RecordSet(db.getHandle()).query("pragma page_size = " + std::to_string(pageSize));
-    const FieldSet goods(goods_columns);
-    const FieldSet vendors(test::text_key_columns);
-    Table product(db.getHandle(), "product", goods);
-    Table supplier(db.getHandle(), "vendor", vendors);
-    product.create();
-    supplier.create();
-    db.transactionBegin();
+    Shop shop(path);
+    shop.open();
+    shop.query("pragma page_size = " + std::to_string(pageSize));
+    shop.product.create();
+    shop.supplier.create();
+    shop.transact("BEGIN");
     const auto page = static_cast<std::size_t>(pageSize);
     for (int id = 1; id <= 40; ++id)
-        product.addRecord(good(goods, id, id % 8 == 0 ? page * 5 / 2 : page / 12));
+        shop.product.addRecord(good(id, id % 8 == 0 ? page * 5 / 2 : page / 12));
     for (int number = 1; number <= 40; ++number)
-        supplier.addRecord(vendor(vendors, number));
-    db.transactionCommit();
-    product.deleteRecord(16);
-    product.deleteRecords("id > 35");
-    db.setUserVersion(7);
+        shop.supplier.addRecord(vendor(number));
+    shop.transact("COMMIT");
+    shop.product.deleteRecord(16);
+    shop.product.deleteRecords("id > 35");
+    shop.setUserVersion(7);
 }
-
-// A database as an application uses it: the connection and its tables.
-class Shop {
-public:
-    explicit Shop(const std::string& path) : _path(path)
-    {
-    }
-
-    bool open(Database::AccessMode mode)
-    {
-        const bool opened = _db.open(_path, mode, false, busy_timeout);
-        product.initTable(_db.getHandle(), goods_columns);
-        supplier.initTable(_db.getHandle(), test::text_key_columns);
-        archive.initTable(_db.getHandle(), test::text_key_columns);
-        return opened;
-    }
-
-    int getUserVersion()
-    {
-        return _db.getUserVersion();
-    }
-
-    bool setUserVersion(unsigned int version)
-    {
-        return _db.setUserVersion(version);
-    }
-
-    bool transact(const std::string& word)
-    {
-        if (word == "BEGIN")
-            return _db.transactionBegin();
-        return word == "COMMIT" ? _db.transactionCommit() : _db.transactionRollback();
-    }
-
-    Table product{"product"};
-    Table supplier{"vendor"};
-    Table archive{"archive"};
-
-private:
-    const std::string _path;
-    Database _db;
-};
-
-// What it has to do, told by plain SQLite on a file with the same contents.
-class TwinShop {
-public:
-    TwinShop(const std::string& path, const std::string& reportedPath)
-        : _path(path), _reportedPath(reportedPath), _db(nullptr)
-    {
-    }
-
-    ~TwinShop()
-    {
-        EXPECT_EQ(sqlite3_close(_db), SQLITE_OK);
-    }
-    TwinShop(const TwinShop&) = delete;
-    TwinShop& operator=(const TwinShop&) = delete;
-
-    bool open(Database::AccessMode mode)
-    {
-        static const int flags[] = {SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE,
-                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE};
-        const int rc = sqlite3_open_v2(_path.c_str(), &_db, flags[mode], nullptr);
-        _twin.use(_db);
-        const std::string start = "SqlDatabase.cpp (open) - ";
-        _twin.report("[DEBUG1] " + start + "Opening database '" + _reportedPath + "'");
-        if (rc != SQLITE_OK)
-            _twin.report("[ERROR] " + start + "Failed to open the database " + _reportedPath
-                         + ": rc=" + std::to_string(rc) + "=" + sql::sqliteRc2Str(rc) + ": "
-                         + sqlite3_errmsg(_db));
-        return rc == SQLITE_OK;
-    }
-
-    int getUserVersion()
-    {
-        return _twin.number("PRAGMA user_version;");
-    }
-
-    bool setUserVersion(unsigned int version)
-    {
-        return _twin.oneStep("PRAGMA user_version=" + std::to_string(version) + ";");
-    }
-
-    bool transact(const std::string& word)
-    {
-        return _twin.query(word + " TRANSACTION");
-    }
-
-    const Texts& events() const
-    {
-        return _twin.events();
-    }
-
-private:
-    const std::string _path;
-    const std::string _reportedPath;
-    sqlite3* _db;
-    Twin _twin;
-
-public:
-    TwinTable product{_twin, "product", FieldSet(goods_columns)};
-    TwinTable supplier{_twin, "vendor", FieldSet(test::text_key_columns)};
-    TwinTable archive{_twin, "archive", FieldSet(test::text_key_columns)};
-};
 
 // With the rows held then.
 template <typename Rows> std::string loaded(bool success, Rows& table)
@@ -224,28 +75,6 @@ template <typename Rows> std::string loaded(bool success, Rows& table)
     for (const std::string& row : held(table))
         text += "\n" + row;
     return text;
-}
-
-// One operation, for the library and for its twin.
-struct Step {
-    template <typename Generic> Step(Generic run) : library(run), plain(run)
-    {
-    }
-
-    std::function<std::string(Shop&)> library;
-    std::function<std::string(TwinShop&)> plain;
-};
-
-const FieldSet& goods()
-{
-    static const FieldSet fields(goods_columns);
-    return fields;
-}
-
-const FieldSet& vendors()
-{
-    static const FieldSet fields(test::text_key_columns);
-    return fields;
 }
 
 const std::vector<Step> reads = {
@@ -268,25 +97,23 @@ const std::vector<Step> reads = {
 
 const std::vector<Step> writes = {
     [](auto& shop) { return result(shop.transact("BEGIN")); },
-    [](auto& shop) { return result(shop.product.addRecord(good(goods(), 50, 3000))); },
+    [](auto& shop) { return result(shop.product.addRecord(good(50, 3000))); },
     [](auto& shop) { return result(shop.supplier.deleteRecord("v3")); },
     [](auto& shop) { return result(shop.transact("ROLLBACK")); },
-    [](auto& shop) { return result(shop.product.addRecord(good(goods(), 50, 20))); },
-    [](auto& shop) { return result(shop.product.addRecord(good(goods(), 51, 3000))); },
-    [](auto& shop) { return result(shop.product.updateRecord(good(goods(), 5, 1000))); },
-    [](auto& shop) { return result(shop.product.updateRecord(good(goods(), 8, 5))); },
-    [](auto& shop) { return result(shop.product.addOrUpdateRecord(20, good(goods(), 20, 2))); },
+    [](auto& shop) { return result(shop.product.addRecord(good(50, 20))); },
+    [](auto& shop) { return result(shop.product.addRecord(good(51, 3000))); },
+    [](auto& shop) { return result(shop.product.updateRecord(good(5, 1000))); },
+    [](auto& shop) { return result(shop.product.updateRecord(good(8, 5))); },
+    [](auto& shop) { return result(shop.product.addOrUpdateRecord(20, good(20, 2))); },
     [](auto& shop) { return result(shop.product.deleteRecord(24)); },
     [](auto& shop) { return result(shop.product.deleteRecords("price > 16")); },
-    [](auto& shop) {
-        return result(shop.supplier.addOrUpdateRecord("v50", vendor(vendors(), 50)));
-    },
+    [](auto& shop) { return result(shop.supplier.addOrUpdateRecord("v50", vendor(50))); },
     [](auto& shop) { return result(shop.supplier.deleteRecord("v3")); },
     [](auto& shop) { return result(shop.transact("BEGIN")); },
-    [](auto& shop) { return result(shop.supplier.addRecord(vendor(vendors(), 51))); },
+    [](auto& shop) { return result(shop.supplier.addRecord(vendor(51))); },
     [](auto& shop) { return result(shop.transact("COMMIT")); },
     [](auto& shop) { return result(shop.transact("BEGIN")); },
-    [](auto& shop) { return result(shop.archive.backup(shop.supplier)); },
+    [](auto& shop) { return result(shop.archive.backup(shop.product)); },
     [](auto& shop) { return result(shop.transact("COMMIT")); },
     [](auto& shop) { return result(shop.setUserVersion(9)); },
     [](auto& shop) { return loaded(shop.product.open(), shop.product); },
@@ -295,12 +122,7 @@ const std::vector<Step> writes = {
     [](auto& shop) { return result(shop.product.create()); },
 };
 
-std::vector<Step> both()
-{
-    std::vector<Step> steps = reads;
-    steps.insert(steps.end(), writes.begin(), writes.end());
-    return steps;
-}
+const std::vector<Step> both = reads + writes;
 
 // What somebody sees who uses a file.
 struct Outcome {
@@ -319,6 +141,8 @@ bool hasFailed(const Outcome& outcome)
         return event.compare(0, 7, "[ERROR]") == 0;
     });
 }
+
+const std::vector<Step> no_steps;
 
 long openDescriptors()
 {
@@ -374,8 +198,8 @@ protected:
         {
             Shop shop(_library);
             outcome.results = {result(shop.open(mode))};
-            for (std::size_t i = 0; i < steps.size() && outcome.results.front() == "true"; ++i)
-                outcome.results.push_back(steps[i].library(shop));
+            for (const Step& step : shop.database.isOpen() ? steps : no_steps)
+                outcome.results.push_back(step.library(shop));
         }
         outcome.events = _diagnostics.events();
         return outcome;
@@ -383,13 +207,33 @@ protected:
 
     Outcome runPlain(Database::AccessMode mode, const std::vector<Step>& steps) const
     {
-        TwinShop shop(_plain, _library);
+        TwinShop shop;
+        sqlite3* const db = open(shop, mode);
+        const bool opened = shop.events().size() == 1;
         Outcome outcome;
-        outcome.results = {result(shop.open(mode))};
-        for (std::size_t i = 0; i < steps.size() && outcome.results.front() == "true"; ++i)
-            outcome.results.push_back(steps[i].plain(shop));
+        outcome.results = {result(opened)};
+        for (const Step& step : opened ? steps : no_steps)
+            outcome.results.push_back(step.plain(shop));
         outcome.events = shop.events();
+        EXPECT_EQ(sqlite3_close(db), SQLITE_OK);
         return outcome;
+    }
+
+    // As the library has to, which reports the name of its own file.
+    sqlite3* open(TwinShop& shop, Database::AccessMode mode) const
+    {
+        static const int flags[] = {SQLITE_OPEN_READONLY, SQLITE_OPEN_READWRITE,
+                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE};
+        sqlite3* db = nullptr;
+        const int rc = sqlite3_open_v2(_plain.c_str(), &db, flags[mode], nullptr);
+        shop.use(db);
+        const std::string start = "SqlDatabase.cpp (open) - ";
+        shop.report("[DEBUG1] " + start + "Opening database '" + _library + "'");
+        const test::Reason reason = test::reasonOf(rc, sqlite3_errmsg(db));
+        if (rc != SQLITE_OK)
+            shop.report("[ERROR] " + start + "Failed to open the database " + _library
+                        + ": rc=" + reason.code + ": " + reason.text);
+        return db;
     }
 
     // The same results, reports and files, and nothing left open.
@@ -462,7 +306,7 @@ protected:
     {
         SCOPED_TRACE(what);
         write(bytes);
-        DamagedFileTest::expectSame(Database::access_read_write, both());
+        DamagedFileTest::expectSame(Database::access_read_write, both);
     }
 
     void expectSameWithBit(std::size_t position, int bit)
@@ -564,7 +408,7 @@ TEST_P(DamagedPageTest, FileIsLongerThanItSays)
 TEST_P(DamagedPageTest, IntactFileGivesItsRowsAndTakesOthers)
 {
     write(_intact);
-    const Outcome outcome = DamagedFileTest::expectSame(Database::access_read_write, both());
+    const Outcome outcome = DamagedFileTest::expectSame(Database::access_read_write, both);
     EXPECT_FALSE(hasFailed(outcome));
     ASSERT_EQ(outcome.results.size(), 40U);
     EXPECT_EQ(Texts(outcome.results.begin(), outcome.results.begin() + 7),
@@ -645,7 +489,7 @@ TEST_F(DamagedFileTest, FilesOfAnyKindGiveWhatSqliteMakesOfThem)
         for (const Database::AccessMode mode :
              {Database::access_read_only, Database::access_read_write, Database::access_create}) {
             write(bytes);
-            expectSame(mode, both());
+            expectSame(mode, both);
         }
     }
 }
@@ -654,11 +498,11 @@ TEST_F(DamagedFileTest, FolderIsRefused)
 {
     prepare([](const std::string& path) { std::filesystem::create_directory(path); });
     const std::string start = "Failed to open the database " + _library + ": rc=";
-    const Outcome reading = expectSame(Database::access_read_only, both());
+    const Outcome reading = expectSame(Database::access_read_only, both);
     EXPECT_THAT(reading.results, ElementsAre("false"));
     EXPECT_THAT(errors(reading), ElementsAre(start + "10=SQLITE_IOERR: disk I/O error"));
     for (const Database::AccessMode mode : {Database::access_read_write, Database::access_create}) {
-        const Outcome writing = expectSame(mode, both());
+        const Outcome writing = expectSame(mode, both);
         EXPECT_THAT(writing.results, ElementsAre("false"));
         EXPECT_THAT(errors(writing),
                     ElementsAre(start + "14=SQLITE_CANTOPEN: unable to open database file"));
@@ -669,7 +513,7 @@ TEST_F(DamagedFileTest, LinkThatLeadsNowhereIsRefused)
 {
     prepare(
         [](const std::string& path) { std::filesystem::create_symlink("missing/shop.db", path); });
-    const Outcome outcome = expectSame(Database::access_create, both());
+    const Outcome outcome = expectSame(Database::access_create, both);
     EXPECT_THAT(outcome.results, ElementsAre("false"));
 }
 
@@ -682,7 +526,7 @@ TEST_F(DamagedFileTest, DeviceIsAnEmptyDatabase)
             clean(path);
             std::filesystem::create_symlink(device, path);
         });
-        const Outcome outcome = expectSame(Database::access_read_only, both());
+        const Outcome outcome = expectSame(Database::access_read_only, both);
         EXPECT_EQ(outcome.results.at(1), "0");
         EXPECT_EQ(outcome.results.at(2), "false");
         expectSame(Database::access_read_write, {reads[0], reads[1], reads[4]});
@@ -700,7 +544,7 @@ TEST_F(DamagedFileTest, PipeDoesNotHang)
     });
     for (const Database::AccessMode mode :
          {Database::access_read_only, Database::access_read_write})
-        expectSame(mode, both());
+        expectSame(mode, both);
     ::close(ends[0]);
     ::close(ends[1]);
 }
@@ -779,7 +623,7 @@ TEST_F(ForbiddenFileTest, UnreadableFileIsRefused)
     });
     for (const Database::AccessMode mode :
          {Database::access_read_only, Database::access_read_write, Database::access_create})
-        EXPECT_EQ(report(mode, both()),
+        EXPECT_EQ(report(mode, both),
                   "false\nFailed to open the database " + _library
                       + ": rc=14=SQLITE_CANTOPEN: unable to open database file\n");
 }
@@ -828,16 +672,15 @@ protected:
     DamagedJournalTest() : _intact(shopBytes(512))
     {
         const std::string path = _directory.file("intact.db");
-        Database db;
-        db.open(path, Database::access_read_write, false, busy_timeout);
-        Table product(db.getHandle(), "product", goods_columns);
-        product.query("pragma cache_size = 4"); // so that changed pages reach the file at once
-        db.transactionBegin();
+        Shop shop(path);
+        shop.open();
+        shop.query("pragma cache_size = 4"); // so that changed pages reach the file at once
+        shop.transact("BEGIN");
         for (int id = 1; id <= 35; ++id)
-            product.updateRecord(good(goods(), id, 700));
+            shop.product.updateRecord(good(id, 700));
         _half = test::readFile(path);
         _journal = test::readFile(path + "-journal");
-        db.transactionRollback();
+        shop.transact("ROLLBACK");
     }
 
     const std::string _intact;
@@ -866,7 +709,7 @@ TEST_F(DamagedJournalTest, BitsOfTheJournalAreFlipped)
         std::string journal = _journal;
         journal[position] = static_cast<char>(journal[position] ^ (1 << position % 8));
         write(_half, "-journal", journal);
-        expectSame(Database::access_read_write, both());
+        expectSame(Database::access_read_write, both);
     }
     EXPECT_GT(_failures, 0);
 }
@@ -877,7 +720,7 @@ TEST_F(DamagedJournalTest, JournalIsCutShort)
     for (std::size_t size = 0; size < _journal.size(); size += step) {
         SCOPED_TRACE(size);
         write(_half, "-journal", _journal.substr(0, size));
-        expectSame(Database::access_read_write, both());
+        expectSame(Database::access_read_write, both);
     }
 }
 
@@ -892,7 +735,7 @@ TEST_F(DamagedJournalTest, GarbageBesideTheFileChangesNothingOrIsReported)
                  {Database::access_read_only, Database::access_read_write}) {
                 SCOPED_TRACE(suffix);
                 write(_intact, suffix, garbage);
-                expectSame(mode, both());
+                expectSame(mode, both);
             }
         }
     }
@@ -902,7 +745,7 @@ TEST_F(DamagedJournalTest, FolderInPlaceOfTheJournalKeepsRowsFromBeingWritten)
 {
     write(_intact);
     prepare([](const std::string& path) { std::filesystem::create_directory(path + "-journal"); });
-    const Outcome outcome = expectSame(Database::access_read_write, both());
+    const Outcome outcome = expectSame(Database::access_read_write, both);
     EXPECT_TRUE(hasFailed(outcome));
 }
 

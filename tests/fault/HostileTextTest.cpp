@@ -751,12 +751,33 @@ const char* const shop =
     "insert into vendor values ('tea', 'one'), ('7', 'two'), ('', 'three'), ('vendor', 'vendor'), ('%s', '%n');"
     "pragma user_version = 7";
 
+// All that a database holds, byte for byte.
+std::string image(sqlite3* db)
+{
+    sqlite3_int64 size = 0;
+    unsigned char* const bytes = sqlite3_serialize(db, "main", &size, 0);
+    std::string text(reinterpret_cast<const char*>(bytes),
+                     bytes != nullptr ? static_cast<std::size_t>(size) : 0);
+    sqlite3_free(bytes);
+    return text;
+}
+
+// Replaces it in memory.
+void load(sqlite3* db, const std::string& image)
+{
+    auto* const bytes = static_cast<unsigned char*>(sqlite3_malloc64(image.size()));
+    std::copy(image.begin(), image.end(), bytes);
+    const auto size = static_cast<sqlite3_int64>(image.size());
+    sqlite3_deserialize(db, "main", bytes, size, size,
+                        SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_RESIZEABLE);
+}
+
 const std::string& shopImage()
 {
     static const std::string bytes = [] {
         test::Connection db;
         db.run(std::string("pragma page_size = 512;") + shop);
-        return test::image(db);
+        return image(db);
     }();
     return bytes;
 }
@@ -765,8 +786,8 @@ const std::string& shopImage()
 struct Pair {
     Pair()
     {
-        test::load(library, shopImage());
-        test::load(plain, shopImage());
+        load(library, shopImage());
+        load(plain, shopImage());
     }
 
     test::Connection library;
@@ -797,7 +818,7 @@ protected:
     void expectSame(const Pair& pair, const test::Twin& twin)
     {
         expectEvents(twin.events());
-        EXPECT_TRUE(test::image(pair.library) == test::image(pair.plain));
+        EXPECT_TRUE(image(pair.library) == image(pair.plain));
         EXPECT_EQ(sqlite3_get_autocommit(pair.library), sqlite3_get_autocommit(pair.plain));
     }
 

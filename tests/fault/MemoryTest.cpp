@@ -6,13 +6,14 @@
 #include <sqlite3.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
 using test::Job;
 using test::SqliteMemory;
 
-const Job::Reasons out_of_memory = {
+const std::vector<test::Reason> out_of_memory = {
     {"7=SQLITE_NOMEM", "out of memory"},
     {"7=SQLITE_NOMEM", ""}, // nor was there memory for the text
 };
@@ -34,7 +35,8 @@ protected:
                         note(operation, memory.allocations());
                 });
         memory.refuse(nth, lasts);
-        job.work();
+        if (job.open())
+            job.take(test::wholeJob());
         job.useAgain();
         job.close();
         EXPECT_EQ(memory.blocksInUse(), 0);

@@ -1,12 +1,8 @@
-#include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "FaultVfs.h"
+#include "Job.h"
 #include "Rows.h"
-#include "SqlDatabase.h"
-#include "SqlRecord.h"
-#include "SqlRecordSet.h"
-#include "SqlTable.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
@@ -14,12 +10,11 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -27,10 +22,6 @@
 
 namespace {
 
-using sql::Database;
-using sql::Record;
-using sql::RecordSet;
-using sql::Table;
 using test::FileAccess;
 using test::FileCall;
 using testing::AnyOf;
@@ -254,143 +245,17 @@ void PrintTo(const Journal& journal, std::ostream* out)
     *out << journal.what;
 }
 
-const char product_table[] = "create table product (id integer primary key, name text, price real)";
-
-std::string nameOf(int version)
-{
-    return "version " + std::to_string(version) + std::string(600, 'x');
-}
-
-Record record(const Table& table, int id, int version)
-{
-    Record record(*table.fields());
-    record.setInteger("id", id);
-    record.setString("name", nameOf(version));
-    record.setDouble("price", 2.5);
-    return record;
-}
-
-std::string replacement(int id, int version)
-{
-    return "replace into product values (" + std::to_string(id) + ", '" + nameOf(version)
-           + "', 2.5);";
-}
-
-struct Program {
-    Database db;
-    Table product{"product"};
-    Table spare{"spare"};
-};
-
-// What a program does and is told to be done, and the same in plain statements.
-struct Job {
-    std::function<bool(Program&)> run;
-    std::string statements;
-};
-
-Job adding()
-{
-    std::string statements;
-    for (int id = 1; id <= 16; ++id)
-        statements += replacement(id, 1);
-    return {[](Program& program) {
-                bool done = program.db.transactionBegin();
-                for (int id = 1; id <= 16; ++id)
-                    done = done && program.product.addRecord(record(program.product, id, 1));
-                return done && program.db.transactionCommit();
-            },
-            statements};
-}
-
-Job changing(int version)
-{
-    const int added = 20 + version;
-    return {[=](Program& program) {
-                Table& table = program.product;
-                return program.db.transactionBegin()
-                       && table.updateRecord(record(table, 1, version))
-                       && table.updateRecord(record(table, 16, version))
-                       && table.deleteRecord(sql::integer(version))
-                       && table.addRecord(record(table, added, version))
-                       && program.db.transactionCommit();
-            },
-            replacement(1, version) + replacement(16, version) + replacement(added, version)
-                + "delete from product where id = " + std::to_string(version)};
-}
-
-Job changingOne(int id, int version)
-{
-    return {[=](Program& program) {
-                return program.product.addOrUpdateRecord(sql::integer(id),
-                                                         record(program.product, id, version));
-            },
-            replacement(id, version)};
-}
-
-Job backingUp()
-{
-    return {[](Program& program) {
-                return program.db.transactionBegin() && program.spare.backup(program.product)
-                       && program.db.transactionCommit();
-            },
-            "drop table if exists spare;"
-            "create table spare (id integer primary key, name text, price real);"
-            "insert into spare select * from product"};
-}
-
-std::vector<Job> jobs()
-{
-    return {
-        {[](Program& program) { return program.product.create(); }, product_table},
-        adding(),
-        changing(2),
-        changingOne(5, 2),
-        {[](Program& program) { return program.db.setUserVersion(7); }, "pragma user_version = 7"},
-        backingUp(),
-        changing(3),
-        changingOne(30, 1),
-        backingUp(),
-        {[](Program& program) { return program.product.deleteRecords("id > 20"); },
-         "delete from product where id > 20"},
-        changing(4),
-        {[](Program& program) { return program.spare.remove(); }, "drop table spare"},
-        changing(6),
-    };
-}
-
-std::string contentsOf(test::Connection& db)
-{
-    std::string text = "user version " + db.rows("pragma user_version");
-    std::istringstream names(db.rows("select name from sqlite_master where type = 'table'"));
-    for (std::string name; std::getline(names, name);)
-        text += "\n" + name + ":\n" + db.rows("select * from " + name);
-    return text;
-}
-
-// What there is after each number of jobs.
-std::vector<std::string> stages()
-{
-    test::Connection db;
-    std::vector<std::string> contents = {contentsOf(db)};
-    for (const Job& job : jobs()) {
-        db.run(job.statements);
-        contents.push_back(contentsOf(db));
-    }
-    return contents;
-}
-
 struct PowerLoss {
-    int call;     // into the file system, before which the power fails
-    int done;     // jobs acknowledged before
-    bool maySlip; // the journal may be there again
+    int call;         // into the file system, before which the power fails
+    std::size_t done; // changes acknowledged before
+    bool maySlip;     // the journal may be there again
     Files files;
 };
 
 int lossesTried = 0;
 int lastCommitsLost = 0;
 
-class PrintFigures : public testing::Environment {
-public:
+struct PrintFigures : testing::Environment {
     void TearDown() override
     {
         std::printf("power losses: %d tried, %d of them took the last commit back\n", lossesTried,
@@ -406,20 +271,19 @@ protected:
     {
     }
 
-    // Does all jobs, and lets the power fail before every nth call that changes something.
+    // Makes all changes, and lets the power fail before every nth call that changes something.
     std::vector<PowerLoss> workWithLosses(unsigned int seed, int stride)
     {
-        const Journal& journal = std::get<0>(GetParam());
-        const DiskKind& kind = std::get<1>(GetParam());
+        const auto& [journal, kind, pages] = GetParam();
         removeFiles();
         std::vector<PowerLoss> losses;
         Disk disk(kind);
         std::mt19937 random(seed);
-        int done = 0;
+        std::size_t done = 0;
         int calls = static_cast<int>(random() % stride);
-        const auto lose = [&] {
-            losses.push_back({calls, done, journal.losesLastCommit && disk.hasRemovalsPending(),
-                              disk.afterPowerLoss(random)});
+        const auto lose = [&, slips = journal.losesLastCommit] {
+            losses.push_back(
+                {calls, done, slips && disk.hasRemovalsPending(), disk.afterPowerLoss(random)});
         };
         test::FaultVfs vfs;
         vfs.pretendDisk(kind.sectorSize,
@@ -432,28 +296,24 @@ protected:
         vfs.after = [&](const FileAccess& access) {
             disk.take(access);
         };
-        work({std::get<2>(GetParam()), journal.setting}, done);
+        work({pages, journal.setting}, done);
         lose();
         return losses;
     }
 
     // Starts again with what is left.
-    void startAgain(const PowerLoss& loss, const std::vector<std::string>& stages)
+    void startAgain(const PowerLoss& loss)
     {
         removeFiles();
         for (const auto& [path, bytes] : loss.files)
             test::writeFile(path, bytes);
-        const std::string rows = readByLibrary();
-        test::Connection db(_file);
-        EXPECT_EQ(db.rows("pragma integrity_check"), "ok");
-        const std::string there = contentsOf(db);
-        EXPECT_NE(there.find(rows), std::string::npos);
-        const int last = static_cast<int>(stages.size()) - 1;
-        EXPECT_THAT(there, AnyOf(stages[loss.done], stages[std::min(loss.done + 1, last)],
-                                 stages[std::max(loss.done - loss.maySlip, 0)]));
+        const std::vector<std::string> rows = readByLibrary();
+        const std::string there = test::contents(_file);
+        const std::string& before = after(loss.done - loss.maySlip);
+        EXPECT_THAT(there, AnyOf(after(loss.done), after(loss.done + 1), before));
+        EXPECT_EQ(rows, rowsIn(there));
         ++lossesTried;
-        if (there == stages[std::max(loss.done - 1, 0)] && there != stages[loss.done])
-            ++lastCommitsLost;
+        lastCommitsLost += loss.maySlip && there == before;
     }
 
 private:
@@ -470,37 +330,49 @@ private:
                || (access.call == FileCall::open && (access.flags & SQLITE_OPEN_CREATE) != 0);
     }
 
-    void work(const std::vector<std::string>& settings, int& done)
+    void work(const std::vector<std::string>& settings, std::size_t& done)
     {
-        Program program;
-        ASSERT_TRUE(program.db.open(_file, Database::access_create, false, 0));
-        for (const std::string& setting : settings)
-            EXPECT_TRUE(RecordSet(program.db.getHandle()).query(setting));
-        program.product.initTable(program.db.getHandle(), test::product_columns);
-        program.spare.initTable(program.db.getHandle(), test::product_columns);
-        for (const Job& job : jobs()) {
-            EXPECT_TRUE(job.run(program)) << done;
+        test::Shop shop(_file);
+        ASSERT_TRUE(shop.open());
+        for (const std::string& pragma : settings)
+            EXPECT_TRUE(shop.query(pragma));
+        for (const test::Change& change : _changes) {
+            for (const test::Step& step : change.steps)
+                EXPECT_EQ(step.library(shop), "true") << step.name;
             ++done;
         }
         EXPECT_THAT(_diagnostics.events(), IsEmpty());
     }
 
-    std::string readByLibrary()
+    // What the file holds after so many changes.
+    const std::string& after(std::size_t changes) const
     {
-        Database db;
-        EXPECT_TRUE(db.open(_file, Database::access_create, false, 0));
-        EXPECT_TRUE(RecordSet(db.getHandle()).query("pragma synchronous = off")); // it stays on now
-        Table product(db.getHandle(), "product", test::product_columns);
-        std::string rows;
-        if (product.exists()) {
-            EXPECT_TRUE(product.open());
-            for (const std::string& row : test::held(product))
-                rows += "\n" + row;
-        }
-        EXPECT_THAT(_diagnostics.events(), IsEmpty());
-        return rows;
+        static const std::string nothing = test::contents(*std::make_unique<test::Connection>());
+        return changes == 0 ? nothing : _changes[std::min(changes, _changes.size()) - 1].after;
     }
 
+    std::vector<std::string> readByLibrary()
+    {
+        test::Shop shop(_file);
+        EXPECT_TRUE(shop.open() && shop.query("pragma synchronous = off")); // it stays on now
+        EXPECT_TRUE(!shop.product.exists() || shop.product.open("", "id"));
+        EXPECT_THAT(_diagnostics.events(), IsEmpty());
+        return test::held(shop.product);
+    }
+
+    // The rows of products in the contents of a file.
+    static std::vector<std::string> rowsIn(const std::string& contents)
+    {
+        test::Connection db;
+        db.run(contents);
+        test::TwinShop shop;
+        shop.use(db);
+        return shop.product.open("", "id") ? shop.product.held() : std::vector<std::string>();
+    }
+
+    const std::vector<test::Change> _changes = test::changesOf(
+        test::filling(19) + test::changing() + test::backingUp() + test::changing()
+        + test::backingUp() + test::removing());
     test::Diagnostics _diagnostics;
     const test::TemporaryDirectory _directory;
     const std::string _file;
@@ -510,10 +382,9 @@ TEST_P(PowerLossTest, AcknowledgedTransactionsAreThereAndNoneIsHalfThere)
 {
     const unsigned int seeds = test::longRun() ? 5 : 1;
     const int stride = test::stride(9);
-    const std::vector<std::string> contents = stages();
     for (unsigned int seed = 1; seed <= seeds && !HasFailure(); ++seed) {
         for (const PowerLoss& loss : workWithLosses(seed, stride)) {
-            startAgain(loss, contents);
+            startAgain(loss);
             if (HasFailure()) {
                 std::printf("with seed %u before call %d\n", seed, loss.call);
                 break;

@@ -2,14 +2,11 @@
 #define SQLWRAPPER_TESTS_SUPPORT_JOB_H
 
 #include "Diagnostics.h"
-#include "SqlDatabase.h"
-#include "SqlRecord.h"
-#include "SqlTable.h"
+#include "Shop.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -17,29 +14,48 @@
 
 namespace test {
 
-// The work of an application on one database file while something runs short: the library's
-// operations one after the other, each tried whatever became of those before it. It keeps account of
-// what the answers promise, and fails the test where an answer does not agree with what was
-// reported, with the rows held or, in the end, with the file.
+// For rows that are told apart by their version: longer than any text buffer, for every fourth
+// version longer than a small page.
+std::string nameOf(int version);
+
+// What an application does to its file, as steps of one operation each.
+Step setting(const std::string& pragma);
+std::vector<Step> filling(int rows); // makes the table of products
+std::vector<Step> changing();
+std::vector<Step> backingUp(); // in a transaction
+std::vector<Step> reading();
+std::vector<Step> removing(); // the backup
+std::vector<Step>
+wholeJob(); // all this, and operations of several statements outside a transaction
+
+std::vector<Step> operator+(std::vector<Step> first, const std::vector<Step>& second);
+
+// Steps whose end changes what the file holds, and what it holds then.
+struct Change {
+    std::vector<Step> steps;
+    std::string after;
+};
+
+std::vector<Change> changesOf(const std::vector<Step>& steps);
+
+// The work of an application on one database file while something runs short, each operation tried
+// whatever became of those before it. It keeps account of all that the database may hold by what the
+// operations have answered and reported, told by plain SQLite; and fails the test where a result, a
+// report or the rows held cannot come from any of that, or, in the end, the file.
 class Job {
 public:
     // Called right before (true) and right after (false) every operation of the library: all else
     // is the test's own doing.
     typedef std::function<void(const std::string& operation, bool begins)> Watch;
 
-    // What SQLite says when it fails: "7=SQLITE_NOMEM" and "out of memory", which may be missing.
-    struct Reason {
-        std::string code;
-        std::string text;
-    };
-    typedef std::vector<Reason> Reasons;
-
-    // Operations may fail for the reasons given, and for those that the job's state gives them.
-    Job(const std::string& fileName, Reasons shortage, Watch watch);
+    // Operations may fail for the reasons given; of those that do the effect may stay where that is
+    // known too late.
+    Job(const std::string& file, std::vector<Reason> reasons, Watch watch, bool failsLate = false);
 
     Diagnostics& diagnostics();
 
-    void work();
+    bool open();
+    void take(const std::vector<Step>& steps);
 
     // Nothing is short any more: whatever has happened, the same objects do their work.
     void useAgain();
@@ -49,79 +65,54 @@ public:
     // The file holds what was acknowledged and nothing else.
     void verifyFile() const;
 
-    // Which of the things that may fail to try: all of them in a long run, otherwise some of every
-    // operation, its first and last among them. `ends` counts them after every operation.
-    static std::vector<int> cases(const std::vector<int>& ends);
+    // All that the file may hold.
+    std::set<std::string> possible() const;
 
-    // The operations that have failed, be it by their result, by a report or by std::bad_alloc.
+    // The operations that were taken, and those that have failed, be it by a report or by
+    // std::bad_alloc.
+    int operations() const;
+    int failed() const;
     const std::set<std::string>& failures() const;
 
 private:
-    typedef std::map<int, std::string> Rows; // the names by key; the price follows from the key
+    struct State {
+        std::string now;   // the contents as the connection sees them
+        std::string begun; // as they were when its transaction began; empty outside of one
 
-    struct Contents {
-        std::map<std::string, Rows> tables;
-        int userVersion = 0;
-    };
-    typedef std::function<void(Contents&)> Effect;
-
-    // The ways in which the library runs a statement, each with reports of its own.
-    enum Route { by_query, by_number, by_one_step };
-    struct Statement {
-        Route route;
-        std::string text;
-        Reasons refusals; // those that the job's state gives
+        bool operator<(const State& other) const;
     };
 
-    bool perform(const std::string& operation, const std::function<bool()>& call);
-    bool run(const std::string& operation, const Statement& statement,
-             const std::function<bool()>& call, const Effect& effect = nullptr);
-    bool takeReport(const Statement& statement);
-    bool takeExistenceReport(const std::string& table);
-    bool takeAddReport(const std::string& table, int key, const std::string& name);
-    void settle(bool answer, const Effect& effect);
+    bool perform(const std::string& operation, const std::function<void()>& call);
+    void take(const Step& step);
+    void tryCourses(const State& state, const Step& step, std::set<State>& then);
+    void tryCourse(const State& state, const Step& step, const Course& course,
+                   std::set<State>& then);
+    void load(const State& state);
+    bool holdsTheSame();
+    std::string outcome(const std::string& result, const std::vector<std::string>& errors) const;
 
-    bool openFile();
-    void makeTables();
-    void useUserVersion(int version);
-    void useTransaction(bool keep);
-    bool endTransaction(bool keep);
-    void create(sql::Table& table);
-    void add(int key);
-    void update(int key, const std::string& name);
-    void addOrUpdate(bool textKey, int key, const std::string& name);
-    void removeRows();
-    void empty(sql::Table& table, const std::string& operation);
-    void read();
-    bool readByCondition(const std::string& condition, const std::string& order);
-    void expectRows(std::vector<std::string> expected, bool all);
-    void readByKey(bool textKey, int key);
-    void testForKey(bool textKey, int key);
-    void count();
-    void copy();
-    void backUp();
-    void takeWhatIsThere(const std::string& table, const Rows& before, const Rows& source);
-
-    bool inTransaction();
-    bool has(const std::string& table) const;
-    Rows rowsOf(const std::string& table) const;
-    Reasons missing(const std::string& table) const;
-    sql::Record record(int key, const std::string& name) const;
-
-    const std::string _fileName;
-    const Reasons _shortage;
-    const Watch _watch;
-    const sql::FieldSet _fields;
+    const std::string _file;
+    const std::vector<Reason> _reasons;
+    Watch _watch;
+    const bool _failsLate;
     Diagnostics _diagnostics;
-    sql::Database _database;
-    std::unique_ptr<sql::Table> _product;
-    std::unique_ptr<sql::Table> _archive;
+    Shop _shop;
 
-    Contents _now;                    // as the connection sees it
-    Contents _committed;              // as the file holds it
-    std::vector<std::string> _errors; // of the operation, those that were not looked at yet
-    bool _passedOn = false;           // it has ended with std::bad_alloc
-    bool _failed = false;             // so it has, or it has left a report
+    std::unique_ptr<Connection> _plain; // what is loaded at the moment, and its twin
+    std::unique_ptr<State> _loaded;
+    TwinShop _twin;
+
+    std::set<State> _possible;
+    std::vector<std::vector<TwinRow>> _held; // by each table
+
+    // Of the latest operation.
+    std::string _result;
+    std::vector<std::string> _errors;
+    bool _passedOn = false; // it has ended with std::bad_alloc
+    std::string _expected;
+
+    int _operations = 0;
+    int _failed = 0;
     std::set<std::string> _failures;
 };
 
@@ -146,8 +137,12 @@ protected:
 private:
     void plan();
 
+    // Which allocations to try: all of them in a long run, otherwise some of every operation, its
+    // first and last among them.
+    std::vector<int> cases() const;
+
     const int _never;
-    std::vector<int> _ends;
+    std::vector<int> _ends; // the allocations so far, after each operation
 };
 
 } // namespace test

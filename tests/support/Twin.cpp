@@ -43,11 +43,6 @@ int takeRow(void* context, int count, char** values, char**)
     return 0;
 }
 
-std::string named(int rc)
-{
-    return std::to_string(rc) + "=" + sql::sqliteRc2Str(rc);
-}
-
 std::string literal(const sql::Value& value, sql::field_type type)
 {
     if (value.isNull())
@@ -73,6 +68,11 @@ std::string quoted(const std::string& key)
 
 } // namespace
 
+Reason reasonOf(int rc, const char* text)
+{
+    return {std::to_string(rc) + "=" + sql::sqliteRc2Str(rc), text != nullptr ? text : ""};
+}
+
 Twin::Twin(sqlite3* db) : _db(db)
 {
 }
@@ -82,20 +82,54 @@ void Twin::use(sqlite3* db)
     _db = db;
 }
 
+bool Twin::hasWritten() const
+{
+    return _hasWritten;
+}
+
+bool Twin::inTransaction() const
+{
+    return sqlite3_get_autocommit(_db) == 0;
+}
+
+void Twin::follow(const Course& course)
+{
+    clear();
+    _course = course;
+}
+
+int Twin::statements() const
+{
+    return _statements;
+}
+
+int Twin::refused() const
+{
+    return _refused;
+}
+
 bool Twin::query(const std::string& statement, const sql::FieldSet& fields,
                  std::vector<TwinRow>& rows)
 {
+    begin(by_query, statement);
     rows.clear();
-    reportStatement("SqlRecordSet.cpp (query)", statement);
+    if (!isRefused(by_query, statement))
+        return run(statement, fields, rows);
+    if (statement.compare(0, 6, "select") == 0) { // the first of the rows may have come
+        Result result = {fields, rows, _events};
+        sqlite3_exec(_db, statement.c_str(), takeRow, &result, nullptr);
+    }
+    return false;
+}
+
+bool Twin::run(const std::string& statement, const sql::FieldSet& fields,
+               std::vector<TwinRow>& rows)
+{
     Result result = {fields, rows, _events};
     char* error = nullptr;
     const int rc = sqlite3_exec(_db, statement.c_str(), takeRow, &result, &error);
-    if (rc != SQLITE_OK) {
-        report("[ERROR] SqlRecordSet.cpp (query) - Failed to run the SQL stmt '" + shown(statement)
-               + "'");
-        report("[ERROR] SqlRecordSet.cpp (query) -   rc=" + named(rc)
-               + (error != nullptr ? std::string(": ") + error : ""));
-    }
+    if (rc != SQLITE_OK)
+        report(refusal(by_query, true, statement, reasonOf(rc, error)));
     sqlite3_free(error);
     return rc == SQLITE_OK;
 }
@@ -108,56 +142,127 @@ bool Twin::query(const std::string& statement)
 
 int Twin::number(const std::string& statement)
 {
-    const std::string error = "[ERROR] SqlCommon.cpp (queryNumber) - ";
-    const std::string failed = error + "The SQL query '" + shown(statement) + "' failed";
-    reportStatement("SqlCommon.cpp (queryNumber)", statement);
+    begin(by_number, statement);
+    if (isRefused(by_number, statement))
+        return -1;
     sqlite3_stmt* query = nullptr;
     int rc = sqlite3_prepare_v2(_db, statement.c_str(), -1, &query, nullptr);
     if (rc != SQLITE_OK) {
-        report(error + "Failed to prepare the SQL query '" + shown(statement) + "': ");
-        report(error + "  rc=" + named(rc) + ": " + sqlite3_errmsg(_db));
+        refuse(by_number, false, statement, rc);
         return -1;
     }
     rc = sqlite3_step(query);
     const int columns = rc == SQLITE_ROW ? sqlite3_column_count(query) : 0;
     const int number = columns == 1 ? sqlite3_column_int(query, 0) : -1;
     sqlite3_finalize(query);
-    if (rc != SQLITE_ROW) {
-        report(failed);
-        report(error + "   the query returned " + named(rc)
-               + " instead of SQLITE_ROW: " + sqlite3_errmsg(_db));
-    } else if (columns != 1) {
+    const std::string where = "SqlCommon.cpp (queryNumber) - ";
+    const std::string failed = "[ERROR] " + where + "The SQL query '" + shown(statement)
+                               + "' failed";
+    if (rc != SQLITE_ROW)
+        refuse(by_number, true, statement, rc);
+    else if (columns != 1)
         report(failed + ": query returned " + std::to_string(columns)
                + " columns in result while 1 is expected");
-    } else if (number < 0) {
-        report(failed);
-        report(error + "  SQLite returned returned number = " + std::to_string(number) + " < 0");
-    } else {
-        report("[DEBUG2] SqlCommon.cpp (queryNumber) - SQLite returned number="
-               + std::to_string(number));
-    }
+    else if (number < 0)
+        report({failed, "[ERROR] " + where + "  SQLite returned returned number = "
+                            + std::to_string(number) + " < 0"});
+    else
+        report("[DEBUG2] " + where + "SQLite returned number=" + std::to_string(number));
     return number < 0 ? -1 : number;
 }
 
 bool Twin::oneStep(const std::string& statement)
 {
-    const std::string error = "[ERROR] SqlCommon.cpp (runOneStepSqlStmt) - ";
-    reportStatement("SqlCommon.cpp (runOneStepSqlStmt)", statement);
+    begin(by_one_step, statement);
+    if (isRefused(by_one_step, statement))
+        return false;
     sqlite3_stmt* prepared = nullptr;
     int rc = sqlite3_prepare_v2(_db, statement.c_str(), -1, &prepared, nullptr);
     if (rc != SQLITE_OK) {
-        report(error + "Failed to prepare the SQL statement '" + shown(statement) + "': ");
-        report(error + " rc=" + named(rc) + ": " + sqlite3_errmsg(_db));
+        refuse(by_one_step, false, statement, rc);
         return false;
     }
     rc = sqlite3_step(prepared);
-    if (rc != SQLITE_DONE) {
-        report(error + "Running the SQL stmt '" + shown(statement) + "' failed");
-        report(error + "  SQLite returned " + named(rc)
-               + " instead of SQLITE_DONE: " + sqlite3_errmsg(_db));
-    }
+    if (rc != SQLITE_DONE)
+        refuse(by_one_step, true, statement, rc);
     sqlite3_finalize(prepared);
     return rc == SQLITE_DONE;
+}
+
+int Twin::getUserVersion()
+{
+    return number("PRAGMA user_version;");
+}
+
+bool Twin::setUserVersion(unsigned int version)
+{
+    return oneStep("PRAGMA user_version=" + std::to_string(version) + ";");
+}
+
+bool Twin::transact(const std::string& word)
+{
+    return query(word + " TRANSACTION");
+}
+
+// --- Reports
+
+const char* const places[] = {"SqlRecordSet.cpp (query) - ", "SqlCommon.cpp (queryNumber) - ",
+                              "SqlCommon.cpp (runOneStepSqlStmt) - "};
+
+void Twin::begin(Route route, const std::string& statement)
+{
+    if (_course.interruptedAt == _statements)
+        throw Interrupted();
+    ++_statements;
+    _hasWritten = _hasWritten || (route != by_number && statement.compare(0, 6, "select") != 0);
+    report(std::string("[DEBUG2] ") + places[route] + "stmt='" + shown(statement) + "'");
+}
+
+// When it is, its effect and report are what the course says.
+bool Twin::isRefused(Route route, const std::string& statement)
+{
+    if (_errors + 2 > _course.errors.size())
+        return false;
+    const Report next(_course.errors[_errors], _course.errors[_errors + 1]);
+    bool found = false;
+    for (const Reason& reason : _course.reasons)
+        found = found || next == refusal(route, true, statement, reason)
+                || next == refusal(route, false, statement, reason);
+    if (!found || _course.spared-- > 0)
+        return false;
+    if ((_course.effective >> _refused & 1) != 0)
+        sqlite3_exec(_db, statement.c_str(), nullptr, nullptr, nullptr);
+    if (_course.endsTransactionAt == _refused)
+        sqlite3_exec(_db, "rollback", nullptr, nullptr, nullptr);
+    ++_refused;
+    report(next);
+    return true;
+}
+
+void Twin::refuse(Route route, bool prepared, const std::string& statement, int rc)
+{
+    report(refusal(route, prepared, statement, reasonOf(rc, sqlite3_errmsg(_db))));
+}
+
+Twin::Report Twin::refusal(Route route, bool prepared, const std::string& statement,
+                           const Reason& reason)
+{
+    const std::string start = std::string("[ERROR] ") + places[route];
+    const std::string quoted = "'" + shown(statement) + "'";
+    const std::string code = "rc=" + reason.code;
+    if (route == by_query)
+        return {start + "Failed to run the SQL stmt " + quoted,
+                start + "  " + code + (reason.text.empty() ? "" : ": " + reason.text)};
+    if (!prepared)
+        return {start + "Failed to prepare the SQL "
+                    + (route == by_number ? "query " : "statement ") + quoted + ": ",
+                start + (route == by_number ? "  " : " ") + code + ": " + reason.text};
+    if (route == by_number)
+        return {start + "The SQL query " + quoted + " failed",
+                start + "   the query returned " + reason.code
+                    + " instead of SQLITE_ROW: " + reason.text};
+    return {start + "Running the SQL stmt " + quoted + " failed",
+            start + "  SQLite returned " + reason.code + " instead of SQLITE_DONE: " + reason.text};
 }
 
 const std::vector<std::string>& Twin::events() const
@@ -168,16 +273,23 @@ const std::vector<std::string>& Twin::events() const
 void Twin::clear()
 {
     _events.clear();
+    _course = Course();
+    _errors = 0;
+    _statements = 0;
+    _refused = 0;
+    _hasWritten = false;
 }
 
 void Twin::report(const std::string& event)
 {
+    _errors += event.compare(0, 7, "[ERROR]") == 0;
     _events.push_back(event);
 }
 
-void Twin::reportStatement(const std::string& where, const std::string& statement)
+void Twin::report(const Report& lines)
 {
-    report("[DEBUG2] " + where + " - stmt='" + shown(statement) + "'");
+    report(lines.first);
+    report(lines.second);
 }
 
 TwinTable::TwinTable(Twin& twin, const std::string& name, const sql::FieldSet& fields)
@@ -226,7 +338,42 @@ bool TwinTable::open(const std::string& condition, const std::string& order)
 
 bool TwinTable::query(const std::string& statement)
 {
-    return _twin->query(statement, _fields, _rows);
+    _holdsAll = _twin->query(statement, _fields, _rows);
+    return _holdsAll;
+}
+
+bool TwinTable::copyRecords(const TwinTable& source)
+{
+    return std::all_of(source._rows.begin(), source._rows.end(),
+                       [&](const TwinRow& row) { return addRecord(source.record(row)); });
+}
+
+const std::vector<TwinRow>& TwinTable::rows() const
+{
+    return _rows;
+}
+
+bool TwinTable::holdsAll() const
+{
+    return _holdsAll;
+}
+
+void TwinTable::hold(const std::vector<TwinRow>& rows)
+{
+    _rows = rows;
+    _holdsAll = true;
+}
+
+std::vector<TwinRow> rowsOf(sql::Table& table)
+{
+    std::vector<TwinRow> rows(static_cast<std::size_t>(table.recordCount()));
+    for (int i = 0; i < table.recordCount(); ++i) {
+        for (int j = 0; j < table.fields()->count(); ++j) {
+            const sql::Value& cell = *table.getRecord(i)->getValue(j);
+            rows[i].push_back(cell.isNull() ? std::nullopt : std::make_optional(cell.asString()));
+        }
+    }
+    return rows;
 }
 
 std::vector<std::string> TwinTable::held() const
@@ -317,12 +464,8 @@ bool TwinTable::backup(TwinTable& source)
 {
     if (exists())
         remove();
-    if (!create() || !source.open())
+    if (!create() || !source.open() || !copyRecords(source))
         return false;
-    for (const TwinRow& row : source._rows) {
-        if (!addRecord(source.record(row)))
-            return false;
-    }
     const int expected = source.totalRecordCount();
     return expected == totalRecordCount();
 }
@@ -383,25 +526,6 @@ std::string result(const std::optional<std::string>& record)
 std::vector<std::string> held(const TwinTable& table)
 {
     return table.held();
-}
-
-std::string image(sqlite3* db)
-{
-    sqlite3_int64 size = 0;
-    unsigned char* const bytes = sqlite3_serialize(db, "main", &size, 0);
-    std::string text(reinterpret_cast<const char*>(bytes),
-                     bytes != nullptr ? static_cast<std::size_t>(size) : 0);
-    sqlite3_free(bytes);
-    return text;
-}
-
-void load(sqlite3* db, const std::string& image)
-{
-    auto* const bytes = static_cast<unsigned char*>(sqlite3_malloc64(image.size()));
-    std::copy(image.begin(), image.end(), bytes);
-    const auto size = static_cast<sqlite3_int64>(image.size());
-    sqlite3_deserialize(db, "main", bytes, size, size,
-                        SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_RESIZEABLE);
 }
 
 } // namespace test

@@ -3,17 +3,38 @@
 
 #include "SqlFieldSet.h"
 #include "SqlRecord.h"
+#include "SqlTable.h"
 
 #include <sqlite3.h>
 
+#include <exception>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace test {
 
 // A cell's text, or NULL.
 typedef std::vector<std::optional<std::string>> TwinRow;
+
+// Why SQLite refuses a statement: "7=SQLITE_NOMEM" and "out of memory", which may be missing.
+struct Reason {
+    std::string code;
+    std::string text;
+};
+
+Reason reasonOf(int rc, const char* text);
+
+// How an operation went while something ran short.
+struct Course {
+    std::vector<std::string> errors; // that the library has reported
+    std::vector<Reason> reasons;     // for which a statement may have been refused
+    int spared = 0;             // statements that ran although they read like the first one refused
+    int interruptedAt = -1;     // the statement before which it was left by an exception
+    int endsTransactionAt = -1; // the refused statement at which SQLite has rolled back
+    unsigned effective = 0; // a bit for each refused statement that has had its effect nevertheless
+};
 
 // A connection with the same contents as the one the library works on. Plain SQLite runs on it the
 // statements that the library has to run, and so tells what the library has to give back and report.
@@ -23,12 +44,29 @@ public:
 
     void use(sqlite3* db);
 
+    // Statements that the library has reported as refused are refused here too, from now on.
+    void follow(const Course& course);
+
+    // What came of it: the statements, and those of them that were refused.
+    int statements() const;
+    int refused() const;
+    bool hasWritten() const;
+
+    bool inTransaction() const;
+
+    struct Interrupted : std::exception {};
+
     // As a RecordSet with these columns runs a statement; `rows` receives what it holds then.
     bool query(const std::string& statement, const sql::FieldSet& fields,
                std::vector<TwinRow>& rows);
 
     // The same for a set without columns, whose rows nobody looks at.
     bool query(const std::string& statement);
+
+    // Like the operations of a Database.
+    int getUserVersion();
+    bool setUserVersion(unsigned int version);
+    bool transact(const std::string& word);
 
     // As queryNumber() and runOneStepSqlStmt().
     int number(const std::string& statement);
@@ -40,10 +78,25 @@ public:
     void report(const std::string& event);
 
 private:
-    void reportStatement(const std::string& where, const std::string& statement);
+    // The ways in which the library runs a statement, each with reports of its own.
+    enum Route { by_query, by_number, by_one_step };
+    typedef std::pair<std::string, std::string> Report; // its two lines
+
+    void report(const Report& lines);
+    void begin(Route route, const std::string& statement);
+    bool isRefused(Route route, const std::string& statement);
+    void refuse(Route route, bool prepared, const std::string& statement, int rc);
+    static Report refusal(Route route, bool prepared, const std::string& statement,
+                          const Reason& reason);
+    bool run(const std::string& statement, const sql::FieldSet& fields, std::vector<TwinRow>& rows);
 
     sqlite3* _db;
     std::vector<std::string> _events;
+    Course _course;
+    std::size_t _errors = 0; // reported
+    int _statements = 0;
+    int _refused = 0;
+    bool _hasWritten = false;
 };
 
 // What a Table has to do on a twin. No column is of type_time, and there is a key column.
@@ -60,7 +113,11 @@ public:
     bool open(const std::string& condition = std::string(),
               const std::string& order = std::string());
     bool query(const std::string& statement);
+    bool copyRecords(const TwinTable& source);
     std::vector<std::string> held() const;
+    const std::vector<TwinRow>& rows() const;
+    bool holdsAll() const; // or else may hold the first of its rows only
+    void hold(const std::vector<TwinRow>& rows);
     std::optional<std::string> getRecordByKeyId(const std::string& key);
     std::optional<std::string> getRecordByKeyId(sql::integer key);
     bool hasRecordWithKeyId(const std::string& key);
@@ -87,7 +144,11 @@ private:
     std::string _name;
     sql::FieldSet _fields;
     std::vector<TwinRow> _rows;
+    bool _holdsAll = true;
 };
+
+// The rows that a table of the library holds.
+std::vector<TwinRow> rowsOf(sql::Table& table);
 
 // What an operation gives, as a text that compares with what it gives on the twin.
 std::string result(bool success);
@@ -95,12 +156,6 @@ std::string result(int number);
 std::string result(const sql::Record* record);
 std::string result(const std::optional<std::string>& record);
 std::vector<std::string> held(const TwinTable& table);
-
-// All that a database holds, byte for byte.
-std::string image(sqlite3* db);
-
-// Replaces it in memory.
-void load(sqlite3* db, const std::string& image);
 
 } // namespace test
 
