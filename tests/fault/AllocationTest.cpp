@@ -450,7 +450,7 @@ TEST(DatabaseAllocationTest, FailureLeavesTheConnectionOpenAndNoTransaction)
 
 // --- Anywhere within a whole job on a file
 
-const std::vector<test::Reason> no_memory_for_a_row = {{"4=SQLITE_ABORT", test::worded("query aborted")}};
+const test::Texts no_memory_for_a_row = {test::worded("4=SQLITE_ABORT: query aborted")};
 
 class JobAllocationTest : public test::ShortageTest {
 protected:

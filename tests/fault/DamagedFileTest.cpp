@@ -227,12 +227,9 @@ protected:
         sqlite3* db = nullptr;
         const int rc = sqlite3_open_v2(_plain.c_str(), &db, flags[mode], nullptr);
         shop.use(db);
-        const std::string start = "SqlDatabase.cpp (open) - ";
-        shop.report("[DEBUG1] " + start + "Opening database '" + _library + "'");
-        const test::Reason reason = test::reasonOf(rc, sqlite3_errmsg(db));
-        if (rc != SQLITE_OK)
-            shop.report("[ERROR] " + start + "Failed to open the database " + _library
-                        + ": rc=" + reason.code + ": " + reason.text);
+        shop.report(rc == SQLITE_OK ? test::report::opening(_library)
+                                    : test::report::notOpened(
+                                        _library, test::reasonOf(rc, sqlite3_errmsg(db))));
         return db;
     }
 

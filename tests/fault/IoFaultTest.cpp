@@ -94,9 +94,9 @@ Figures& figures = *new Figures;
 testing::Environment* const printFigures = testing::AddGlobalTestEnvironment(&figures);
 
 // What SQLite may make of a fault.
-std::vector<test::Reason> reasons()
+test::Texts reasons()
 {
-    std::vector<test::Reason> all;
+    test::Texts all;
     for (const int rc :
          {SQLITE_BUSY, SQLITE_IOERR, SQLITE_CORRUPT, SQLITE_FULL, SQLITE_CANTOPEN, SQLITE_NOTADB})
         all.push_back(test::reasonOf(rc, sqlite3_errstr(rc)));

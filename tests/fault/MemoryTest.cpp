@@ -6,17 +6,14 @@
 #include <sqlite3.h>
 
 #include <string>
-#include <vector>
 
 namespace {
 
 using test::Job;
 using test::SqliteMemory;
 
-const std::vector<test::Reason> out_of_memory = {
-    {"7=SQLITE_NOMEM", "out of memory"},
-    {"7=SQLITE_NOMEM", ""}, // nor was there memory for the text
-};
+// When there was no memory for the text either, it is missing.
+const test::Texts out_of_memory = {"7=SQLITE_NOMEM: out of memory", "7=SQLITE_NOMEM"};
 
 class MemoryTest : public test::ShortageTest {
 protected:

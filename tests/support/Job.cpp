@@ -31,7 +31,6 @@ namespace test {
 using testing::IsEmpty;
 
 typedef std::vector<Step> Steps;
-typedef std::vector<std::string> Texts;
 
 // --- The steps
 
@@ -295,7 +294,7 @@ bool Job::State::operator<(const State& other) const
     return std::tie(now, begun) < std::tie(other.now, other.begun);
 }
 
-Job::Job(const std::string& file, std::vector<Reason> reasons, Watch watch, bool failsLate)
+Job::Job(const std::string& file, Texts reasons, Watch watch, bool failsLate)
     : _file(file), _reasons(std::move(reasons)), _watch(std::move(watch)), _failsLate(failsLate),
       _shop(file)
 {
@@ -314,9 +313,8 @@ bool Job::open()
     EXPECT_EQ(_result, result(opened));
     EXPECT_EQ(_shop.database.isOpen(), opened);
     Texts reports;
-    for (const Reason& reason : _reasons)
-        reports.push_back("[ERROR] SqlDatabase.cpp (open) - Failed to open the database " + _file
-                          + ": rc=" + reason.code + ": " + reason.text);
+    for (const std::string& reason : _reasons)
+        reports.push_back(report::notOpened(_file, reason).back());
     EXPECT_LE(_errors.size(), 1U);
     EXPECT_THAT(reports, testing::IsSupersetOf(_errors));
     _held.assign(3, {});

@@ -50,7 +50,7 @@ public:
 
     // Operations may fail for the reasons given; of those that do the effect may stay where that is
     // known too late.
-    Job(const std::string& file, std::vector<Reason> reasons, Watch watch, bool failsLate = false);
+    Job(const std::string& file, Texts reasons, Watch watch, bool failsLate = false);
 
     Diagnostics& diagnostics();
 
@@ -89,10 +89,10 @@ private:
                    std::set<State>& then);
     void load(const State& state);
     bool holdsTheSame();
-    std::string outcome(const std::string& result, const std::vector<std::string>& errors) const;
+    std::string outcome(const std::string& result, const Texts& errors) const;
 
     const std::string _file;
-    const std::vector<Reason> _reasons;
+    const Texts _reasons;
     Watch _watch;
     const bool _failsLate;
     Diagnostics _diagnostics;
@@ -107,7 +107,7 @@ private:
 
     // Of the latest operation.
     std::string _result;
-    std::vector<std::string> _errors;
+    Texts _errors;
     bool _passedOn = false; // it has ended with std::bad_alloc
     std::string _expected;
 

@@ -14,7 +14,7 @@ namespace {
 struct Result {
     const sql::FieldSet& fields;
     std::vector<TwinRow>& rows;
-    std::vector<std::string>& events;
+    Texts& events;
 };
 
 std::string dump(const sql::FieldSet& fields, const TwinRow& row)
@@ -37,8 +37,7 @@ int takeRow(void* context, int count, char** values, char**)
         if (values[i] != nullptr)
             row[i] = values[i];
     }
-    result.events.push_back("[DEBUG3] SqlRecordSet.cpp (on_next_record) - "
-                            + shown(dump(result.fields, row)));
+    result.events.push_back(report::rowRead(shown(dump(result.fields, row))));
     result.rows.push_back(row);
     return 0;
 }
@@ -68,9 +67,10 @@ std::string quoted(const std::string& key)
 
 } // namespace
 
-Reason reasonOf(int rc, const char* text)
+std::string reasonOf(int rc, const char* text)
 {
-    return {std::to_string(rc) + "=" + sql::sqliteRc2Str(rc), text != nullptr ? text : ""};
+    const std::string code = std::to_string(rc) + "=" + sql::sqliteRc2Str(rc);
+    return text != nullptr ? code + ": " + text : code;
 }
 
 Twin::Twin(sqlite3* db) : _db(db)
@@ -129,7 +129,7 @@ bool Twin::run(const std::string& statement, const sql::FieldSet& fields,
     char* error = nullptr;
     const int rc = sqlite3_exec(_db, statement.c_str(), takeRow, &result, &error);
     if (rc != SQLITE_OK)
-        report(refusal(by_query, true, statement, reasonOf(rc, error)));
+        reportEnd(report::refused(shown(statement), reasonOf(rc, error)));
     sqlite3_free(error);
     return rc == SQLITE_OK;
 }
@@ -145,29 +145,25 @@ int Twin::number(const std::string& statement)
     begin(by_number, statement);
     if (isRefused(by_number, statement))
         return -1;
+    const std::string text = shown(statement);
     sqlite3_stmt* query = nullptr;
     int rc = sqlite3_prepare_v2(_db, statement.c_str(), -1, &query, nullptr);
     if (rc != SQLITE_OK) {
-        refuse(by_number, false, statement, rc);
+        reportEnd(report::notPrepared(text, reasonOf(rc, sqlite3_errmsg(_db))));
         return -1;
     }
     rc = sqlite3_step(query);
     const int columns = rc == SQLITE_ROW ? sqlite3_column_count(query) : 0;
     const int number = columns == 1 ? sqlite3_column_int(query, 0) : -1;
     sqlite3_finalize(query);
-    const std::string where = "SqlCommon.cpp (queryNumber) - ";
-    const std::string failed = "[ERROR] " + where + "The SQL query '" + shown(statement)
-                               + "' failed";
     if (rc != SQLITE_ROW)
-        refuse(by_number, true, statement, rc);
+        reportEnd(report::noRow(text, reasonOf(rc, sqlite3_errmsg(_db))));
     else if (columns != 1)
-        report(failed + ": query returned " + std::to_string(columns)
-               + " columns in result while 1 is expected");
+        reportEnd(report::columnsInstead(text, columns));
     else if (number < 0)
-        report({failed, "[ERROR] " + where + "  SQLite returned returned number = "
-                            + std::to_string(number) + " < 0"});
+        reportEnd(report::negative(text, std::to_string(number)));
     else
-        report("[DEBUG2] " + where + "SQLite returned number=" + std::to_string(number));
+        reportEnd(report::counted(text, std::to_string(number)));
     return number < 0 ? -1 : number;
 }
 
@@ -179,12 +175,12 @@ bool Twin::oneStep(const std::string& statement)
     sqlite3_stmt* prepared = nullptr;
     int rc = sqlite3_prepare_v2(_db, statement.c_str(), -1, &prepared, nullptr);
     if (rc != SQLITE_OK) {
-        refuse(by_one_step, false, statement, rc);
+        reportEnd(report::stepNotPrepared(shown(statement), reasonOf(rc, sqlite3_errmsg(_db))));
         return false;
     }
     rc = sqlite3_step(prepared);
     if (rc != SQLITE_DONE)
-        refuse(by_one_step, true, statement, rc);
+        reportEnd(report::stepFailed(shown(statement), reasonOf(rc, sqlite3_errmsg(_db))));
     sqlite3_finalize(prepared);
     return rc == SQLITE_DONE;
 }
@@ -206,28 +202,55 @@ bool Twin::transact(const std::string& word)
 
 // --- Reports
 
-const char* const places[] = {"SqlRecordSet.cpp (query) - ", "SqlCommon.cpp (queryNumber) - ",
-                              "SqlCommon.cpp (runOneStepSqlStmt) - "};
-
 void Twin::begin(Route route, const std::string& statement)
 {
     if (_course.interruptedAt == _statements)
         throw Interrupted();
     ++_statements;
     _hasWritten = _hasWritten || (route != by_number && statement.compare(0, 6, "select") != 0);
-    report(std::string("[DEBUG2] ") + places[route] + "stmt='" + shown(statement) + "'");
+    const std::string text = shown(statement);
+    if (route == by_query)
+        report(report::ran(text));
+    else
+        report(route == by_number ? report::counted(text, "").front()
+                                  : report::stepped(text).front());
 }
+
+namespace {
+
+// The reports of a statement that is refused for one reason.
+std::vector<Texts> queryRefusals(const std::string& statement, const std::string& reason)
+{
+    return {report::refused(statement, reason)};
+}
+
+std::vector<Texts> numberRefusals(const std::string& statement, const std::string& reason)
+{
+    return {report::notPrepared(statement, reason), report::noRow(statement, reason)};
+}
+
+std::vector<Texts> stepRefusals(const std::string& statement, const std::string& reason)
+{
+    return {report::stepNotPrepared(statement, reason), report::stepFailed(statement, reason)};
+}
+
+} // namespace
 
 // When it is, its effect and report are what the course says.
 bool Twin::isRefused(Route route, const std::string& statement)
 {
+    static constexpr std::vector<Texts> (*refusals[])(const std::string&, const std::string&) = {
+        queryRefusals, numberRefusals, stepRefusals};
     if (_errors + 2 > _course.errors.size())
         return false;
-    const Report next(_course.errors[_errors], _course.errors[_errors + 1]);
+    const Texts next(_course.errors.begin() + _errors, _course.errors.begin() + _errors + 2);
     bool found = false;
-    for (const Reason& reason : _course.reasons)
-        found = found || next == refusal(route, true, statement, reason)
-                || next == refusal(route, false, statement, reason);
+    for (const std::string& reason : _course.reasons) {
+        if (route != by_query && reason.find(':') == std::string::npos)
+            continue; // the text is never missing there
+        for (const Texts& report : refusals[route](shown(statement), reason))
+            found = found || std::equal(next.begin(), next.end(), report.begin() + 1);
+    }
     if (!found || _course.spared-- > 0)
         return false;
     if ((_course.effective >> _refused & 1) != 0)
@@ -239,33 +262,13 @@ bool Twin::isRefused(Route route, const std::string& statement)
     return true;
 }
 
-void Twin::refuse(Route route, bool prepared, const std::string& statement, int rc)
+// Without its first line, the statement's.
+void Twin::reportEnd(const Texts& lines)
 {
-    report(refusal(route, prepared, statement, reasonOf(rc, sqlite3_errmsg(_db))));
+    report(Texts(lines.begin() + 1, lines.end()));
 }
 
-Twin::Report Twin::refusal(Route route, bool prepared, const std::string& statement,
-                           const Reason& reason)
-{
-    const std::string start = std::string("[ERROR] ") + places[route];
-    const std::string quoted = "'" + shown(statement) + "'";
-    const std::string code = "rc=" + reason.code;
-    if (route == by_query)
-        return {start + "Failed to run the SQL stmt " + quoted,
-                start + "  " + code + (reason.text.empty() ? "" : ": " + reason.text)};
-    if (!prepared)
-        return {start + "Failed to prepare the SQL "
-                    + (route == by_number ? "query " : "statement ") + quoted + ": ",
-                start + (route == by_number ? "  " : " ") + code + ": " + reason.text};
-    if (route == by_number)
-        return {start + "The SQL query " + quoted + " failed",
-                start + "   the query returned " + reason.code
-                    + " instead of SQLITE_ROW: " + reason.text};
-    return {start + "Running the SQL stmt " + quoted + " failed",
-            start + "  SQLite returned " + reason.code + " instead of SQLITE_DONE: " + reason.text};
-}
-
-const std::vector<std::string>& Twin::events() const
+const Texts& Twin::events() const
 {
     return _events;
 }
@@ -286,10 +289,10 @@ void Twin::report(const std::string& event)
     _events.push_back(event);
 }
 
-void Twin::report(const Report& lines)
+void Twin::report(const Texts& events)
 {
-    report(lines.first);
-    report(lines.second);
+    for (const std::string& event : events)
+        report(event);
 }
 
 TwinTable::TwinTable(Twin& twin, const std::string& name, const sql::FieldSet& fields)
@@ -299,14 +302,12 @@ TwinTable::TwinTable(Twin& twin, const std::string& name, const sql::FieldSet& f
 
 bool TwinTable::exists()
 {
-    const int count = _twin->number(
-        "select count(*) from sqlite_master where type = 'table' and name = '" + _name + "'");
+    const int count = _twin->number(report::existenceQuery(_name));
+    const std::string table = shown(_name);
     if (count == 0 || count == 1)
-        _twin->report("[DEBUG2] SqlTable.cpp (exists) - Table '" + shown(_name)
-                      + (count == 1 ? "' exists" : "' does not exist"));
+        _twin->report((count == 1 ? report::present(table) : report::absent(table)).back());
     else
-        _twin->report("[ERROR] SqlTable.cpp (exists) - Failed to determine if table '"
-                      + shown(_name) + "' exists");
+        _twin->report(report::undetermined(table, ": ").back());
     return count != 0;
 }
 
@@ -376,9 +377,9 @@ std::vector<TwinRow> rowsOf(sql::Table& table)
     return rows;
 }
 
-std::vector<std::string> TwinTable::held() const
+Texts TwinTable::held() const
 {
-    std::vector<std::string> texts;
+    Texts texts;
     for (const TwinRow& row : _rows)
         texts.push_back(record(row).toString());
     return texts;
@@ -423,25 +424,25 @@ bool TwinTable::updateRecord(const sql::Record& record)
     }
     const sql::Value& key = *record.getKeyIdValue();
     if (key.getType() != sql::type_int)
-        _twin->report("assert 'value->getType() == type_int' in SqlRecord.cpp (sql::string "
-                      "sql::Record::toSqlUpdate(const string&) const)");
+        _twin->report(report::keyIsNoInteger());
     return write("update " + _name + " set " + assignments
                  + where(keyIs(literal(key, sql::type_int))));
 }
 
 bool TwinTable::addOrUpdateRecord(const std::string& key, const sql::Record& record)
 {
-    const bool found = hasRecordWithKeyId(key);
-    _twin->report(std::string("[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - ")
-                  + (found ? "update" : "add") + " record for key=" + shown(key));
-    return found ? updateRecord(record) : addRecord(record);
+    return addOrUpdate(hasRecordWithKeyId(key), shown(key), record);
 }
 
 bool TwinTable::addOrUpdateRecord(sql::integer key, const sql::Record& record)
 {
-    const bool found = hasRecordWithKeyId(key);
-    _twin->report(std::string("[DEBUG2] SqlTable.cpp (addOrUpdateRecord) - ")
-                  + (found ? "update" : "add") + " record for key=" + std::to_string(key));
+    return addOrUpdate(hasRecordWithKeyId(key), std::to_string(key), record);
+}
+
+bool TwinTable::addOrUpdate(bool found, const std::string& key, const sql::Record& record)
+{
+    _twin->report(report::debug(2, "Table::addOrUpdateRecord",
+                                (found ? "update" : "add") + (" record for key=" + key)));
     return found ? updateRecord(record) : addRecord(record);
 }
 
@@ -523,7 +524,7 @@ std::string result(const std::optional<std::string>& record)
     return record.value_or("no record");
 }
 
-std::vector<std::string> held(const TwinTable& table)
+Texts held(const TwinTable& table)
 {
     return table.held();
 }

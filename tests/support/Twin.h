@@ -1,6 +1,7 @@
 #ifndef SQLWRAPPER_TESTS_SUPPORT_TWIN_H
 #define SQLWRAPPER_TESTS_SUPPORT_TWIN_H
 
+#include "Reports.h"
 #include "SqlFieldSet.h"
 #include "SqlRecord.h"
 #include "SqlTable.h"
@@ -10,7 +11,6 @@
 #include <exception>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace test {
@@ -18,18 +18,13 @@ namespace test {
 // A cell's text, or NULL.
 typedef std::vector<std::optional<std::string>> TwinRow;
 
-// Why SQLite refuses a statement: "7=SQLITE_NOMEM" and "out of memory", which may be missing.
-struct Reason {
-    std::string code;
-    std::string text;
-};
-
-Reason reasonOf(int rc, const char* text);
+// Why SQLite refuses a statement: "7=SQLITE_NOMEM: out of memory", or without a text.
+std::string reasonOf(int rc, const char* text);
 
 // How an operation went while something ran short.
 struct Course {
-    std::vector<std::string> errors; // that the library has reported
-    std::vector<Reason> reasons;     // for which a statement may have been refused
+    Texts errors;               // that the library has reported
+    Texts reasons;              // for which a statement may have been refused
     int spared = 0;             // statements that ran although they read like the first one refused
     int interruptedAt = -1;     // the statement before which it was left by an exception
     int endsTransactionAt = -1; // the refused statement at which SQLite has rolled back
@@ -73,25 +68,21 @@ public:
     bool oneStep(const std::string& statement);
 
     // What the library has to report, in the form of Diagnostics::events(), at the highest level.
-    const std::vector<std::string>& events() const;
+    const Texts& events() const;
     void clear();
     void report(const std::string& event);
+    void report(const Texts& events);
 
 private:
     // The ways in which the library runs a statement, each with reports of its own.
     enum Route { by_query, by_number, by_one_step };
-    typedef std::pair<std::string, std::string> Report; // its two lines
-
-    void report(const Report& lines);
     void begin(Route route, const std::string& statement);
     bool isRefused(Route route, const std::string& statement);
-    void refuse(Route route, bool prepared, const std::string& statement, int rc);
-    static Report refusal(Route route, bool prepared, const std::string& statement,
-                          const Reason& reason);
+    void reportEnd(const Texts& report);
     bool run(const std::string& statement, const sql::FieldSet& fields, std::vector<TwinRow>& rows);
 
     sqlite3* _db;
-    std::vector<std::string> _events;
+    Texts _events;
     Course _course;
     std::size_t _errors = 0; // reported
     int _statements = 0;
@@ -114,7 +105,7 @@ public:
               const std::string& order = std::string());
     bool query(const std::string& statement);
     bool copyRecords(const TwinTable& source);
-    std::vector<std::string> held() const;
+    Texts held() const;
     const std::vector<TwinRow>& rows() const;
     bool holdsAll() const; // or else may hold the first of its rows only
     void hold(const std::vector<TwinRow>& rows);
@@ -137,6 +128,7 @@ private:
     std::string keyIs(const std::string& literal) const;
     std::optional<std::string> first(const std::string& condition);
     bool has(const std::string& condition);
+    bool addOrUpdate(bool found, const std::string& key, const sql::Record& record);
     bool write(const std::string& statement);
     sql::Record record(const TwinRow& row) const;
 
@@ -155,7 +147,7 @@ std::string result(bool success);
 std::string result(int number);
 std::string result(const sql::Record* record);
 std::string result(const std::optional<std::string>& record);
-std::vector<std::string> held(const TwinTable& table);
+Texts held(const TwinTable& table);
 
 } // namespace test
 
