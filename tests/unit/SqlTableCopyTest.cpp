@@ -22,16 +22,6 @@ using test::Texts;
 using test::three_products;
 using test::visibleAt;
 using testing::ElementsAre;
-using testing::IsEmpty;
-
-const std::string copy_exists = report::existenceQuery("copy");
-
-const Field constrained_columns[] = {
-    Field("id", sql::type_int, sql::flag_primary_key | sql::flag_not_null),
-    Field("name", sql::type_text, sql::flag_not_null | sql::flag_unique),
-    Field("price", sql::type_float, sql::flag_none),
-    Field(),
-};
 
 // SQLite refuses one kind of action while this object lives.
 class Denied {
@@ -63,11 +53,22 @@ protected:
     {
     }
 
-    void makeCopy(const std::string& rows = "")
+    void makeCopy(const std::string& row = "")
     {
         _db.run("create table copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)");
-        if (!rows.empty())
-            _db.run("insert into copy values " + rows);
+        if (!row.empty())
+            _db.run("insert into copy values " + row);
+    }
+
+    // Copies the rows held, or makes a backup; `statements` run on the test's connection.
+    void expect(bool (Table::*act)(Table&), Table& copy, Table& source, bool result,
+                const Texts& statements, const Texts& errors = {})
+    {
+        _diagnostics.clear();
+        const test::Statements run(_db);
+        EXPECT_EQ((copy.*act)(source), result);
+        EXPECT_EQ(run.texts(), statements);
+        EXPECT_EQ(_diagnostics.events(), visibleAt(3, errors));
     }
 
     Table& _source = _table;
@@ -77,30 +78,22 @@ protected:
 const Texts three_inserts = {"insert into copy (id, name, price) values (1, 'tea', 2.5)",
                              "insert into copy (id, name, price) values (2, 'coffee', 4.5)",
                              "insert into copy (id, name, price) values (3, 'milk', 1.25)"};
-
-const char copy_definition[] = "CREATE TABLE copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)";
+const Texts two_counts = {"select count(*) from product", "select count(*) from copy"};
+const std::string definition = "CREATE TABLE copy (id INTEGER PRIMARY KEY, name TEXT, price REAL)";
+const std::string exists = report::existenceQuery("copy");
+const Texts rebuilt = {exists, "drop table copy", exists, definition};
+const auto copying = &Table::copyRecords;
+const auto backup = &Table::backup;
 
 TEST_F(TableCopyTest, CopyAddsEveryRowThatTheSourceHolds)
 {
     makeCopy("(9, 'gin', 6.5)");
     _source.open();
     _copy.open();
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.copyRecords(_source));
-    EXPECT_EQ(statements.texts(), three_inserts);
+    expect(copying, _copy, _source, true, three_inserts);
     EXPECT_EQ(products(_db, "copy"), std::string(three_products) + "\n9|gin|6.5");
     EXPECT_THAT(held(_copy), ElementsAre("9|gin|6.5"));
     EXPECT_EQ(held(_source), test::all_held);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableCopyTest, CopyShowsTheRouteOfWrites)
-{
-    makeCopy();
-    _source.open("id = 1");
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(_copy.copyRecords(_source));
-    EXPECT_EQ(_diagnostics.events(), report::ran(three_inserts[0]));
 }
 
 TEST_F(TableCopyTest, CopyTakesTheRowsHeldNotThoseOfTheDatabase)
@@ -110,16 +103,15 @@ TEST_F(TableCopyTest, CopyTakesTheRowsHeldNotThoseOfTheDatabase)
     _source.getRecord(0)->setString("name", "changed");
     _source.truncate();
     _source.query("select 1, 'changed', null");
-    EXPECT_TRUE(_copy.copyRecords(_source));
+    expect(copying, _copy, _source, true,
+           {"insert into copy (id, name, price) values (1, 'changed', null)"});
     EXPECT_EQ(products(_db, "copy"), "1|changed|NULL");
 }
 
 TEST_F(TableCopyTest, CopyOfASourceNeverReadAddsNothing)
 {
     makeCopy();
-    EXPECT_TRUE(_copy.copyRecords(_source));
-    EXPECT_EQ(products(_db, "copy"), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    expect(copying, _copy, _source, true, {});
 }
 
 TEST_F(TableCopyTest, CopyUsesTheSourcesColumnsUnderItsOwnNameDeliberately)
@@ -127,10 +119,8 @@ TEST_F(TableCopyTest, CopyUsesTheSourcesColumnsUnderItsOwnNameDeliberately)
     makeCopy();
     Table source(_db, "product", test::key_last_columns);
     source.query("select name, price, id from product where id = 2");
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.copyRecords(source));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre("insert into copy (name, price, id) values ('coffee', 4.5, 2)"));
+    expect(copying, _copy, source, true,
+           {"insert into copy (name, price, id) values ('coffee', 4.5, 2)"});
     EXPECT_EQ(products(_db, "copy"), "2|coffee|4.5");
 }
 
@@ -138,22 +128,17 @@ TEST_F(TableCopyTest, CopyOfAnExistingKeyFailsAndKeepsTheRowsBeforeIt)
 {
     makeCopy("(2, 'gin', 6.5)");
     _source.open();
-    const test::Statements statements(_db);
-    EXPECT_FALSE(_copy.copyRecords(_source));
-    EXPECT_THAT(statements.texts(), ElementsAre(three_inserts[0], three_inserts[1]));
+    expect(copying, _copy, _source, false, {three_inserts[0], three_inserts[1]},
+           report::refused(three_inserts[1],
+                           "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: copy.id"));
     EXPECT_EQ(products(_db, "copy"), "1|tea|2.5\n2|gin|6.5");
-    EXPECT_EQ(
-        _diagnostics.events(),
-        visibleAt(3, report::refused(three_inserts[1],
-                                     "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: copy.id")));
 }
 
 TEST_F(TableCopyTest, CopyToATableWithoutConnectionFails)
 {
     Table copy("copy");
     _source.open();
-    EXPECT_FALSE(copy.copyRecords(_source));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::notConnected()));
+    expect(copying, copy, _source, false, {}, {report::notConnected()});
 }
 
 TEST_F(TableCopyTest, CopyGoesFromOneConnectionToAnother)
@@ -162,7 +147,7 @@ TEST_F(TableCopyTest, CopyGoesFromOneConnectionToAnother)
     Table copy(other, "copy", test::product_columns);
     copy.create();
     _source.open();
-    EXPECT_TRUE(copy.copyRecords(_source));
+    expect(copying, copy, _source, true, {});
     EXPECT_EQ(products(other, "copy"), three_products);
 }
 
@@ -170,18 +155,12 @@ TEST_F(TableCopyTest, BackupRebuildsAnExistingCopyAndCountsTheSourceFirst)
 {
     makeCopy("(9, 'gin', 6.5)");
     _copy.open();
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_EQ(statements.texts(),
-              joined({{copy_exists, "drop table copy", copy_exists, copy_definition,
-                       "select * from product"},
-                      three_inserts,
-                      {"select count(*) from product", "select count(*) from copy"}}));
+    expect(backup, _copy, _source, true,
+           joined({rebuilt, {"select * from product"}, three_inserts, two_counts}));
     EXPECT_EQ(products(_db, "copy"), three_products);
     EXPECT_EQ(products(_db), three_products);
     EXPECT_EQ(_copy.recordCount(), 0);
     EXPECT_EQ(held(_source), test::all_held);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TableCopyTest, BackupReportsTheRouteOfEveryStep)
@@ -192,7 +171,7 @@ TEST_F(TableCopyTest, BackupReportsTheRouteOfEveryStep)
     EXPECT_EQ(_diagnostics.events(), joined({report::present("copy"),
                                              report::ran("drop table copy"),
                                              report::absent("copy"),
-                                             report::ran(copy_definition),
+                                             report::ran(definition),
                                              report::ran("select * from product"),
                                              {report::rowRead("id = 1|name = tea|price = 2.5"),
                                               report::rowRead("id = 2|name = coffee|price = 4.5"),
@@ -200,19 +179,16 @@ TEST_F(TableCopyTest, BackupReportsTheRouteOfEveryStep)
                                              report::ran(three_inserts[0]),
                                              report::ran(three_inserts[1]),
                                              report::ran(three_inserts[2]),
-                                             report::counted("select count(*) from product", "3"),
-                                             report::counted("select count(*) from copy", "3")}));
+                                             report::counted(two_counts[0], "3"),
+                                             report::counted(two_counts[1], "3")}));
 }
 
 TEST_F(TableCopyTest, BackupCreatesAMissingCopyWithoutDropping)
 {
     _db.run("delete from product");
-    const test::Statements statements(_db);
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(copy_exists, copy_exists, copy_definition, "select * from product",
-                            "select count(*) from product", "select count(*) from copy"));
-    EXPECT_EQ(_db.rows("select sql from sqlite_master where name = 'copy'"), copy_definition);
+    expect(backup, _copy, _source, true,
+           joined({{exists, exists, definition, "select * from product"}, two_counts}));
+    EXPECT_EQ(_db.rows("select sql from sqlite_master where name = 'copy'"), definition);
     EXPECT_EQ(products(_db, "copy"), "");
 }
 
@@ -226,124 +202,105 @@ TEST_F(TableCopyTest, BackupLoadsAllRowsOfTheSourceWhateverItHeld)
 
 TEST_F(TableCopyTest, BackupOfATableOntoItselfLosesItsRowsDeliberately)
 {
-    Table& same = _source;
-    EXPECT_TRUE(_source.backup(same));
-    EXPECT_EQ(products(_db), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(TableCopyTest, BackupOfATableOntoAnotherObjectForItLosesItsRowsDeliberately)
-{
+    const std::string there = report::existenceQuery("product");
+    const Texts statements = {there,
+                              "drop table product",
+                              there,
+                              test::product_definition,
+                              "select * from product",
+                              "select count(*) from product",
+                              "select count(*) from product"};
     Table twin(_db, "product", test::product_columns);
     twin.open();
-    const test::Statements statements(_db);
-    EXPECT_TRUE(twin.backup(_source));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(report::existenceQuery("product"), "drop table product",
-                            report::existenceQuery("product"), test::product_definition,
-                            "select * from product", "select count(*) from product",
-                            "select count(*) from product"));
-    EXPECT_EQ(products(_db), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    for (Table* const same : {&twin, &_source}) {
+        expect(backup, *same, _source, true, statements);
+        EXPECT_EQ(products(_db), "");
+        _db.run("insert into product values (1, 'tea', 2.5)");
+    }
 }
 
 TEST_F(TableCopyTest, BackupIgnoresAFailedRemoveDeliberately)
 {
     makeCopy();
     const Denied denied(_db, SQLITE_DROP_TABLE);
-    EXPECT_TRUE(_copy.backup(_source));
+    expect(backup, _copy, _source, true,
+           joined({{exists, exists, "select * from product"}, three_inserts, two_counts}),
+           report::refused("drop table copy", "23=SQLITE_AUTH: not authorized"));
     EXPECT_EQ(products(_db, "copy"), three_products);
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, report::refused("drop table copy", "23=SQLITE_AUTH: not authorized")));
 }
 
 TEST_F(TableCopyTest, BackupWithDifferentCountsFailsWithoutAReport)
 {
     makeCopy("(9, 'gin', 6.5)");
     const Denied denied(_db, SQLITE_DROP_TABLE);
-    EXPECT_FALSE(_copy.backup(_source));
+    expect(backup, _copy, _source, false,
+           joined({{exists, exists, "select * from product"}, three_inserts, two_counts}),
+           report::refused("drop table copy", "23=SQLITE_AUTH: not authorized"));
     EXPECT_EQ(products(_db, "copy"), std::string(three_products) + "\n9|gin|6.5");
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, report::refused("drop table copy", "23=SQLITE_AUTH: not authorized")));
 }
 
 TEST_F(TableCopyTest, BackupWithTwoFailedCountsSucceedsDeliberately)
 {
     _db.run("delete from product");
     const Denied denied(_db, SQLITE_FUNCTION); // no count(), so every table seems to exist
-    EXPECT_TRUE(_copy.backup(_source));
-    EXPECT_EQ(_db.rows("select name from sqlite_master"), "product");
     const std::string reason = "1=SQLITE_ERROR: not authorized to use function: count";
     const std::string missing_copy = "1=SQLITE_ERROR: no such table: copy";
-    const Texts seems_to_exist = report::undetermined("copy", reason);
-    EXPECT_EQ(
-        _diagnostics.events(),
-        visibleAt(
-            3, joined({seems_to_exist, report::refused("drop table copy", missing_copy),
-                       seems_to_exist, report::notPrepared("select count(*) from product", reason),
-                       report::notPrepared("select count(*) from copy", missing_copy)})));
+    expect(backup, _copy, _source, true, {"select * from product"},
+           joined({report::undetermined("copy", reason),
+                   report::refused("drop table copy", missing_copy),
+                   report::undetermined("copy", reason), report::notPrepared(two_counts[0], reason),
+                   report::notPrepared(two_counts[1], missing_copy)}));
+    EXPECT_EQ(_db.rows("select name from sqlite_master"), "product");
 }
 
 TEST_F(TableCopyTest, BackupWithoutColumnsFailsAtCreateAndLoadsNothing)
 {
     Table copy(_db, "copy", FieldSet(nullptr));
-    const test::Statements statements(_db);
-    EXPECT_FALSE(copy.backup(_source));
-    EXPECT_THAT(statements.texts(), ElementsAre(copy_exists, copy_exists));
+    expect(backup, copy, _source, false, {exists, exists}, report::notCreated("copy"));
     EXPECT_EQ(_source.recordCount(), 0);
-    EXPECT_EQ(_diagnostics.events(), report::notCreated("copy"));
 }
 
 TEST_F(TableCopyTest, BackupOfAMissingSourceFailsAndLeavesAnEmptyCopy)
 {
     makeCopy("(9, 'gin', 6.5)");
     Table source(_db, "order_line", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_FALSE(_copy.backup(source));
-    EXPECT_THAT(statements.texts(),
-                ElementsAre(copy_exists, "drop table copy", copy_exists, copy_definition));
+    expect(
+        backup, _copy, source, false, rebuilt,
+        report::refused("select * from order_line", "1=SQLITE_ERROR: no such table: order_line"));
     EXPECT_EQ(products(_db, "copy"), "");
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, report::refused("select * from order_line",
-                                           "1=SQLITE_ERROR: no such table: order_line")));
 }
 
 TEST_F(TableCopyTest, BackupKeepsAPartlyFilledCopyDeliberately)
 {
+    const Field constrained_columns[] = {
+        Field("id", sql::type_int, sql::flag_primary_key),
+        Field("name", sql::type_text, sql::flag_not_null),
+        Field("price", sql::type_float, sql::flag_none),
+        Field(),
+    };
+    const std::string insert = "insert into copy (id, name, price) values (2, null, 4.5)";
     _db.run("update product set name = null where id = 2");
     Table copy(_db, "copy", constrained_columns);
-    const test::Statements statements(_db);
-    EXPECT_FALSE(copy.backup(_source));
-    EXPECT_THAT(
-        statements.texts(),
-        ElementsAre(
-            copy_exists, copy_exists,
-            "CREATE TABLE copy (id INTEGER PRIMARY KEY NOT NULL, name TEXT NOT NULL UNIQUE, price REAL)",
-            "select * from product", three_inserts[0],
-            "insert into copy (id, name, price) values (2, null, 4.5)"));
+    expect(backup, copy, _source, false,
+           {exists, exists,
+            "CREATE TABLE copy (id INTEGER PRIMARY KEY, name TEXT NOT NULL, price REAL)",
+            "select * from product", three_inserts[0], insert},
+           report::refused(insert, "19=SQLITE_CONSTRAINT: NOT NULL constraint failed: copy.name"));
     EXPECT_EQ(products(_db, "copy"), "1|tea|2.5");
-    EXPECT_EQ(_diagnostics.events(),
-              visibleAt(3, report::refused(
-                               "insert into copy (id, name, price) values (2, null, 4.5)",
-                               "19=SQLITE_CONSTRAINT: NOT NULL constraint failed: copy.name")));
 }
 
 TEST_F(TableCopyTest, BackupWithoutConnectionFailsAtCreate)
 {
     Table copy(nullptr, "copy", test::product_columns);
-    const test::Statements statements(_db);
-    EXPECT_FALSE(copy.backup(_source));
-    EXPECT_THAT(statements.texts(), IsEmpty());
     const std::string unknown = report::asserted("bool sql::Table::exists()", "_db");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(unknown, unknown, report::notConnected()));
+    expect(backup, copy, _source, false, {}, {unknown, unknown, report::notConnected()});
 }
 
 TEST_F(TableCopyTest, BackupOfASourceWithoutConnectionFailsAndLeavesAnEmptyCopy)
 {
     Table source("product");
-    EXPECT_FALSE(_copy.backup(source));
+    expect(backup, _copy, source, false, {exists, exists, definition}, {report::notConnected()});
     EXPECT_EQ(products(_db, "copy"), "");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::notConnected()));
 }
 
 } // namespace
