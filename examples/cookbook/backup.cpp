@@ -35,9 +35,11 @@ bool copy(const sql::string& from, const sql::string& to)
     sql::Table duplicate(target.getHandle(), "product", columns);
     // backup() goes on when it cannot drop the old table, so that is dropped before; where there is
     // none yet, an empty one.
-    return target.transactionBegin() && duplicate.create() && duplicate.remove()
-           && duplicate.backup(original) && duplicate.totalRecordCount() >= 0
-           && target.transactionCommit();
+    if (!target.transactionBegin() || !duplicate.create() || !duplicate.remove())
+        return false;
+    if (!duplicate.backup(original) || duplicate.totalRecordCount() < 0)
+        return false;
+    return target.transactionCommit();
 }
 
 // Waits until a file, or the list of files in a folder, is on the disk.

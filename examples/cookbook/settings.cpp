@@ -28,11 +28,13 @@ public:
 
     bool open(const char* file)
     {
-        // The version is asked for because it reads the file, which open() does not: create() takes
-        // a table that it cannot look for as there.
-        return _database.open(file, sql::Database::access_create, false, busy_timeout_ms)
-               && _database.getUserVersion() >= 0
-               && _table.initTable(_database.getHandle(), columns) && _table.create();
+        if (!_database.open(file, sql::Database::access_create, false, busy_timeout_ms))
+            return false;
+        // This reads the file, which open() does not: create() takes a table that it cannot look
+        // for as there.
+        if (_database.getUserVersion() < 0)
+            return false;
+        return _table.initTable(_database.getHandle(), columns) && _table.create();
     }
 
     // False when the store cannot be read. A setting that is not stored leaves `value` as it is:

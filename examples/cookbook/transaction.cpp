@@ -44,10 +44,10 @@ public:
 
     bool commit()
     {
-        const bool isDone = _database.transactionCommit();
-        if (isDone)
-            _isOpen = false;
-        return isDone;
+        if (!_database.transactionCommit())
+            return false;
+        _isOpen = false;
+        return true;
     }
 
 private:

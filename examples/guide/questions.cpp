@@ -25,7 +25,7 @@ const sql::Field columns[] = {
 sql::string ask(sqlite3* db, const sql::string& query)
 {
     const std::vector<sql::Field> fields = {sql::Field("answer", sql::type_text, sql::flag_none)};
-    sql::RecordSet answer(db, sql::FieldSet(fields));
+    sql::RecordSet answer(db, fields);
     if (!answer.query(query) || answer.count() == 0)
         return sql::string();
     return answer.getTopRecordFirstValue()->asString();
@@ -81,7 +81,7 @@ bool listReadings(sqlite3* db)
 {
     const std::vector<sql::Field> both = {sql::Field("name", sql::type_text, sql::flag_none),
                                           sql::Field("value", sql::type_int, sql::flag_none)};
-    sql::RecordSet rows(db, sql::FieldSet(both));
+    sql::RecordSet rows(db, both);
     if (!rows.query("select room.name, reading.value from reading"
                     " join room on room.id = reading.room order by reading.id"))
         return false;

@@ -205,7 +205,7 @@ bool sumUp(sql::Database& database, sql::Table&)
 {
     const std::vector<sql::Field> fields = {sql::Field("fragile", sql::type_bool, sql::flag_none),
                                             sql::Field("cents", sql::type_int, sql::flag_none)};
-    sql::RecordSet sums(database.getHandle(), sql::FieldSet(fields));
+    sql::RecordSet sums(database.getHandle(), fields);
     if (!sums.query("select fragile, sum(cents) from product group by fragile order by fragile"))
         return false;
     for (int i = 0; i < sums.count(); ++i)

@@ -136,7 +136,7 @@ ExitStatus backUp(const std::string& database, const std::string& copy)
         return fail(copy + ": the same file as " + database);
 
     Registry source;
-    if (!openExisting(source, database) || !source.begin())
+    if (!openExisting(source, database) || !source.beginReading())
         return fail(source.error());
     Registry target;
     int blocks = 0;

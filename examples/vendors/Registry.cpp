@@ -22,9 +22,6 @@ const sql::Field block_columns[] = {
     sql::Field(),
 };
 
-// Where SQLite lists what a database has; only its rows are counted here.
-const char* const catalogue = "sqlite_master";
-
 const char* const not_ours = "is not a database made by vendors";
 const char* const not_readable = "cannot be read: no database, damaged, or locked";
 const char* const not_writable = "cannot be written: disk full, read-only, damaged, or locked";
@@ -111,9 +108,8 @@ bool Registry::prepare()
     int number = 0;
     if (!version(number))
         return false;
-    const sql::FieldSet noColumns((std::vector<sql::Field>()));
-    const sql::Table everything(_database.getHandle(), catalogue, noColumns);
-    if (number != 0 || everything.totalRecordCount() != 0)
+    const char* const everything = "select count(*) from sqlite_master";
+    if (number != 0 || sql::queryNumber(_database.getHandle(), everything) != 0)
         return check();
     if (!_table.create() || !_database.setUserVersion(schema_version))
         return fail(not_writable);
@@ -121,6 +117,15 @@ bool Registry::prepare()
 }
 
 bool Registry::begin()
+{
+    // Unlike transactionBegin() this waits for a program that writes, and keeps all others from it.
+    if (!_table.query("begin immediate"))
+        return fail(_database.getUserVersion() < 0 ? not_readable : not_writable);
+    _hasBegun = true;
+    return true;
+}
+
+bool Registry::beginReading()
 {
     if (!_database.transactionBegin())
         return fail(not_readable);

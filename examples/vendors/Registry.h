@@ -43,6 +43,9 @@ public:
     bool begin();
     bool commit();
 
+    // Begins one in which nothing is written: what is read belongs together.
+    bool beginReading();
+
     // Adds a block, in place of the one with the same digits. Two writes: within a transaction.
     bool put(const Block& block);
 
