@@ -46,7 +46,9 @@ std::string literal(const sql::Value& value, sql::field_type type)
 {
     if (value.isNull())
         return "null";
-    return type == sql::type_text ? "'" + sql::quoteStr(value.asString()) + "'" : value.asString();
+    if (type == sql::type_text)
+        return "'" + sql::quoteStr(value.asString()) + "'";
+    return value.getType() == sql::type_time ? std::to_string(value.asInteger()) : value.asString();
 }
 
 // The cell is looked up by name: columns of the same name share the first one's.
@@ -371,7 +373,7 @@ std::vector<TwinRow> rowsOf(sql::Table& table)
     for (int i = 0; i < table.recordCount(); ++i) {
         for (int j = 0; j < table.fields()->count(); ++j) {
             const sql::Value& cell = *table.getRecord(i)->getValue(j);
-            rows[i].push_back(cell.isNull() ? std::nullopt : std::make_optional(cell.asString()));
+            rows[i].push_back(cell.isNull() ? std::nullopt : std::make_optional(cell.toSql(sql::type_int)));
         }
     }
     return rows;

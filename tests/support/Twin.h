@@ -90,7 +90,7 @@ private:
     bool _hasWritten = false;
 };
 
-// What a Table has to do on a twin. No column is of type_time, and there is a key column.
+// What a Table has to do on a twin. There is a key column.
 class TwinTable {
 public:
     TwinTable(Twin& twin, const std::string& name, const sql::FieldSet& fields);
