@@ -4,6 +4,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <sstream>
 #include <unordered_set>
 
 namespace test {
@@ -27,25 +28,28 @@ std::string repeated(const std::string& piece, std::size_t length)
     return text;
 }
 
-const Texts quotes = {
-    "''",     "'''",      "''''",
-    "\"\"",   "\"\"\"",   "``",
-    "[]",     "'\"`",     "O'Brien",
-    "it''s",  "\\\\",     "\\'",
-    "\\\"",   "'\\",      "\"\\",
-    "\\0",    "\\n",      "' '",
-    "'' ''",  "'a'",      "\"a\"",
-    "`a`",    "[a]",      "'a",
-    "a'",     "\"a",      "a\"",
-    "`a",     "[a",       "a]",
-    "x'00'",  "x'41'",    "X'4'",
-    "x''",    "x'",       "'||'",
-    "' || '", "'+'",      "','",
-    "', '",   "a'b\"c`d", "\"'\"",
-    "'\"'",   "\\\\'\\",  "\"product\"",
-    "[name]", "'id'",     "\"id\"",
-    "`id`",   "\"code\"", "\"\"\"id\"\"\"",
-};
+// Texts with " ~ " or the end of a line between them, and others.
+Texts split(const std::string& list, Texts others = {})
+{
+    Texts texts = std::move(others);
+    std::istringstream lines(list);
+    for (std::string line; std::getline(lines, line);) {
+        line += " ~ ";
+        std::size_t start = 0;
+        for (std::size_t end; (end = line.find(" ~ ", start)) != std::string::npos;
+             start = end + 3) {
+            if (end > start)
+                texts.push_back(line.substr(start, end - start));
+        }
+    }
+    return texts;
+}
+
+const Texts quotes = split(R"(
+'' ~ ''' ~ '''' ~ "" ~ """ ~ `` ~ [] ~ '"` ~ O'Brien ~ it''s ~ \\ ~ \' ~ \" ~ '\ ~ "\ ~ \0 ~ \n
+' ' ~ '' '' ~ 'a' ~ "a" ~ `a` ~ [a] ~ 'a ~ a' ~ "a ~ a" ~ `a ~ [a ~ a] ~ x'00' ~ x'41' ~ X'4'
+x'' ~ x' ~ '||' ~ ' || ' ~ '+' ~ ',' ~ ', ' ~ a'b"c`d ~ "'" ~ '"' ~ \\'\ ~ "product" ~ [name]
+'id' ~ "id" ~ `id` ~ "code" ~ """id""")");
 
 const Texts zero_bytes = {
     whole("\0\0"),        whole("a\0"),        whole("\0a"),
@@ -59,430 +63,152 @@ const Texts zero_bytes = {
     whole("\0' or 1 --"), whole("null\0null"),
 };
 
+// In this order: bytes that only continue; the zero byte, a single quote and other characters, overlong;
+// cut short, before a quote too; surrogates; beyond the last code point; five and six bytes; byte order
+// marks; no characters; the replacement character; Latin-1.
 const Texts broken_utf8 = {
-    "\x80",             // a byte that only continues
-    "\xBF\xBF",         //
-    "a\x80z",           //
-    "\xC0\x80",         // the zero byte, overlong
-    "\xE0\x80\x80",     //
-    "\xF0\x80\x80\x80", //
-    "\xC0\xA7",         // a single quote, overlong
-    "\xE0\x80\xA7",     //
-    "\xF0\x80\x80\xA7", //
-    "\xC0\xA2",         // a double quote, overlong
-    "\xC1\xBF",         //
-    "\xE0\x9F\xBF",     //
-    "\xF0\x8F\xBF\xBF", //
-    "\xC3",             // cut short
-    "\xE2\x82",         //
-    "\xF0\x9F\x92",     //
-    "\xC3'",            // a quote where a byte is missing
-    "\xE2\x82'",        //
-    "\xF0\x9F\x92'",    //
-    "\xC3\"",           //
-    "\xE2\x82\"",       //
-    "\xED\xA0\x80",     // surrogates
-    "\xED\xBF\xBF",     //
+    "\x80",
+    "\xBF\xBF",
+    "a\x80z",
+    "\xC0\x80",
+    "\xE0\x80\x80",
+    "\xF0\x80\x80\x80",
+    "\xC0\xA7",
+    "\xE0\x80\xA7",
+    "\xF0\x80\x80\xA7",
+    "\xC0\xA2",
+    "\xC1\xBF",
+    "\xE0\x9F\xBF",
+    "\xF0\x8F\xBF\xBF",
+    "\xC3",
+    "\xE2\x82",
+    "\xF0\x9F\x92",
+    "\xC3'",
+    "\xE2\x82'",
+    "\xF0\x9F\x92'",
+    "\xC3\"",
+    "\xE2\x82\"",
+    "\xED\xA0\x80",
+    "\xED\xBF\xBF",
     "\xED\xA0\xBD\xED\xB2\xA9",
-    "\xF4\x90\x80\x80",     // beyond the last code point
-    "\xF8\x88\x80\x80\x80", // five and six bytes
+    "\xF4\x90\x80\x80",
+    "\xF8\x88\x80\x80\x80",
     "\xFC\x84\x80\x80\x80\x80",
-    "\xFE\xFF",         // byte order marks
-    "\xFF\xFE",         //
-    "\xEF\xBB\xBF",     //
-    "\xEF\xBB\xBFtea",  //
-    "tea\xEF\xBB\xBF",  //
-    "\xEF\xBF\xBE",     // no characters
-    "\xEF\xBF\xBF",     //
-    "\xEF\xBF\xBD",     // the replacement character
-    "caf\xE9",          // Latin-1
-    "\xFF\xFF\xFF\xFF", //
+    "\xFE\xFF",
+    "\xFF\xFE",
+    "\xEF\xBB\xBF",
+    "\xEF\xBB\xBFtea",
+    "tea\xEF\xBB\xBF",
+    "\xEF\xBF\xBE",
+    "\xEF\xBF\xBF",
+    "\xEF\xBF\xBD",
+    "caf\xE9",
+    "\xFF\xFF\xFF\xFF",
 };
 
+// In this order: letters, composed and not; tea and a cup of it; written from right to left; blanks and
+// line ends that are none to the C library; what looks like quotes, and like digits; the last code point;
+// letters whose case depends on the language.
 const Texts sound_utf8 = {
     "caf\xC3\xA9",
-    "cafe\xCC\x81",                  // the same, decomposed
-    "\xE8\x8C\xB6",                  // tea
-    "\xF0\x9F\x8D\xB5",              // a cup of it
-    "\xE2\x80\xAE(aet)\xE2\x80\xAC", // written from right to left
-    "\xE2\x80\x8B",                  // blanks that are none to the C library
-    "\xC2\xA0",                      //
-    "\xE3\x80\x80",                  //
-    "\xE2\x80\xA8",                  // line separator
-    "\xC2\x85",                      //
-    "\xE2\x80\x99",                  // what looks like quotes
-    "\xE2\x80\x98 or 1 = 1 --",      //
-    "\xCA\xBC",                      //
-    "\xEF\xBC\x87",                  //
-    "\xD9\xA1\xD9\xA2",              // what looks like digits
-    "\xEF\xBC\x91",                  //
-    "\xF4\x8F\xBF\xBF",              // the last code point
-    "\xC4\xB0I\xC4\xB1i",            // letters whose case depends on the language
-    "\xC3\x9F",                      //
+    "cafe\xCC\x81",
+    "\xE8\x8C\xB6",
+    "\xF0\x9F\x8D\xB5",
+    "\xE2\x80\xAE(aet)\xE2\x80\xAC",
+    "\xE2\x80\x8B",
+    "\xC2\xA0",
+    "\xE3\x80\x80",
+    "\xE2\x80\xA8",
+    "\xC2\x85",
+    "\xE2\x80\x99",
+    "\xE2\x80\x98 or 1 = 1 --",
+    "\xCA\xBC",
+    "\xEF\xBC\x87",
+    "\xD9\xA1\xD9\xA2",
+    "\xEF\xBC\x91",
+    "\xF4\x8F\xBF\xBF",
+    "\xC4\xB0I\xC4\xB1i",
+    "\xC3\x9F",
     "a\xCC\x80\xCC\x81\xCC\x82\xCC\x83",
 };
 
-const Texts conversions = {
-    "%s",
-    "%n",
-    "%d",
-    "%i",
-    "%u",
-    "%x",
-    "%p",
-    "%c",
-    "%f",
-    "%e",
-    "%g",
-    "%a",
-    "%o",
-    "%%",
-    "%5",
-    "%*d",
-    "%.*s",
-    "%1$s",
-    "%2$n",
-    "%hhn",
-    "%hn",
-    "%ln",
-    "%lln",
-    "%zn",
-    "%ls",
-    "%S",
-    "%C",
-    "%m",
-    "%'d",
-    "%L",
-    "%q",
-    "%Q",
-    "%w",
-    "%z",
-    "100%",
-    "%s%s%s%s%s%s",
-    "%n%n%n",
-    "%99999d",
-    "%.99999f",
-    "%-*.*s",
-    "%999999999s",
-    "%2147483648d",
-    "%#0+- s",
-    "%s:%d (%s) - ",
-    "[ERROR] %s:%d (%s) - ",
-    "stmt='%s'",
-    "a%",
-    "%\n",
-    "%\xFF",
-    "{}",
-    "{0}",
-    "$(reboot)",
-    "`reboot`",
-    "${PATH}",
-    "$PATH",
-    "&&",
-    "| cat",
-    "<script>",
-    "&quot;",
-    "\x1B[2J",
-    "\x1B]0;tea\x07",
-};
+const Texts conversions = split(
+    R"(
+%s ~ %n ~ %d ~ %i ~ %u ~ %x ~ %p ~ %c ~ %f ~ %e ~ %g ~ %a ~ %o ~ %% ~ %5 ~ %*d ~ %.*s ~ %1$s
+%2$n ~ %hhn ~ %hn ~ %ln ~ %lln ~ %zn ~ %ls ~ %S ~ %C ~ %m ~ %'d ~ %L ~ %q ~ %Q ~ %w ~ %z ~ 100%
+%s%s%s%s%s%s ~ %n%n%n ~ %99999d ~ %.99999f ~ %-*.*s ~ %999999999s ~ %2147483648d ~ %#0+- s
+stmt='%s' ~ a% ~ {} ~ {0} ~ $(reboot) ~ `reboot` ~ ${PATH} ~ $PATH ~ && ~ | cat ~ <script>
+&quot;)",
+    {"%s:%d (%s) - ", "[ERROR] %s:%d (%s) - ", "%\n", "%\xFF", "\x1B[2J", "\x1B]0;tea\x07"});
 
-const Texts statements = {
-    "; drop table product",
-    "; drop table product; --",
-    "'; drop table product; --",
-    "\"; drop table product; --",
-    "\"; delete from product; --",
-    "\" or 1 = 1 --",
-    "\" or \"\" = \"",
-    "\" union select * from product --",
-    "\" limit 0 --",
-    "\"; select 1; select 2, 3; --",
-    "\"; begin; delete from product; --",
-    "\"; update product set name = \"x",
-    "\"; no such statement; --",
-    "' or '1' = '1",
-    "' or 1 = 1 --",
-    "' or 1 = 1 /*",
-    "') or ('1' = '1",
-    "'), (99, 'more', 9.9); --",
-    "1); drop table product; --",
-    "1); delete from product; --",
-    "1), (99, 'more', 9.9",
-    "1, name = 'changed'",
-    "1 or 1 = 1",
-    "1 = 1",
-    "1 = 0",
-    "id = 1",
-    "id in (1, 2)",
-    "id = 1; drop table product",
-    "id = 1 union select 9, sql, null from sqlite_master",
-    "1 = 0 union all select 9, 'x', 'y'",
-    "1 union select 1, 2",
-    "(select max(id) from product)",
-    "(select name, price from product)",
-    "exists (select 1 from product)",
-    "name like '%e%'",
-    "name glob '[a-'",
-    "name = \"tea\"",
-    "name is null",
-    "not null",
-    "id",
-    "ID",
-    "name",
-    "price",
-    "code",
-    "rowid",
-    "oid",
-    "_rowid_",
-    "*",
-    "id desc",
-    "name collate nocase",
-    "name collate no_such_collation",
-    "name desc, id",
-    "id limit 1",
-    "id limit 1 offset 1",
-    "id limit -1",
-    "1 desc limit 1; delete from product",
-    "4",
-    "99",
-    "product",
-    "PRODUCT",
-    "vendor",
-    "product, vendor",
-    "product as p",
-    "main.product",
-    "temp.product",
-    "no_such_schema.product",
-    "product; drop table vendor",
-    "product where id = 1 --",
-    "product --",
-    "product /*",
-    "(select 1 as id)",
-    "sqlite_master",
-    "sqlite_sequence",
-    "sqlite_tea",
-    "x (id integer primary key); drop table product; --",
-    "x as select * from product --",
-    "if not exists product",
-    "select",
-    "table",
-    "order by",
-    "primary key",
-    "a b c",
-    "a, b",
-    "a integer, b",
-    "a text check (a > 1), b",
-    "a-b",
-    "a.b",
-    "a(b)",
-    "a)",
-    ")",
-    "(",
-    "()",
-    ";;",
-    "; ;",
-    "--",
-    "-- x",
-    "--\n1",
-    "/*",
-    "*/",
-    "/**/",
-    "/* x */ 1",
-    "/* 1",
-    "?",
-    "?1",
-    "?32767",
-    "?99999",
-    ":a",
-    "@a",
-    "$a",
-    "select 5",
-    "select -3",
-    "select 1, 2",
-    "select null",
-    "select 'tea'",
-    "select 2147483648",
-    "select 4294967295",
-    "select id from product",
-    "select * from product",
-    "select id, name from product order by id desc",
-    "select *, * from product",
-    "select 1 where 0",
-    "select 1;",
-    "select 1; select 2",
-    "select 1; no such statement",
-    "select count(*) from product",
-    "select no_such_column from product",
-    "select abs(-9223372036854775807 - 1)",
-    "select json('{')",
-    "select load_extension('tea')",
-    "select zeroblob(1000)",
-    "select 'a' || char(0) || 'b'",
-    "select 1 from product, product, product",
-    "values (1), (2)",
-    "with n(i) as (select 1 union all select i + 1 from n where i < 100) select sum(i) from n",
-    "insert into product values (null, 'new', 1)",
-    "insert into product values (1, 'again', 1)",
-    "update product set price = 1",
-    "delete from product",
-    "drop table product",
-    "drop table no_such_table",
-    "alter table product rename to goods",
-    "create table product (id)",
-    "create table t (a, b, c)",
-    "create temp table product (a)",
-    "create view v as select * from product",
-    "create index i on product (name)",
-    "create trigger g after insert on product begin delete from vendor; end",
-    "create virtual table t using no_such_module",
-    "replace into product values (1, 'other', 0)",
-    "begin",
-    "begin; delete from product",
-    "begin exclusive",
-    "commit",
-    "rollback",
-    "savepoint s",
-    "release s",
-    "attach ':memory:' as other",
-    "detach main",
-    "vacuum",
-    "analyze",
-    "reindex",
-    "explain query plan select * from product",
-    "pragma user_version",
-    "pragma user_version = 5",
-    "pragma user_version = -5",
-    "pragma table_info(product)",
-    "pragma empty_result_callbacks = 1; select 1 where 0",
-    "pragma foreign_keys = 1",
-    "pragma full_column_names = 1",
-    "pragma journal_mode = off",
-    "pragma writable_schema = 1; delete from sqlite_master; select 1",
-    "pragma query_only = 1; delete from product",
-    "pragma no_such_pragma",
-    "1 between",
-    "case when 1 then 2",
-    "cast(1 as",
-    "1 = = 1",
-    "= 1",
-    "1 =",
-    "> 0",
-    "is",
-    "and 1",
-    "or 1",
-    "1 where 1",
-    "1 order by id",
-    "1 group by name",
-    "1 having 1",
-    "1 || 2",
-    "1 << 63",
-    "1 / 0",
-    "match",
-    "name match 'tea'",
-    "name regexp 'tea'",
-    "raise(abort, 'tea')",
-    "current_timestamp = 1",
-    "x'4142' = name",
-    "1 -- %s",
-    "select '%n%s'",
-    "select \"%n%s\"",
-    "no such %s statement",
-    "a \"quoted\" 'name'",
-};
+const Texts statements = split(R"(
+; drop table product ~ ; drop table product; -- ~ '; drop table product; --
+"; drop table product; -- ~ "; delete from product; -- ~ " or 1 = 1 -- ~ " or "" = "
+" union select * from product -- ~ " limit 0 -- ~ "; select 1; select 2, 3; --
+"; begin; delete from product; -- ~ "; update product set name = "x ~ "; no such statement; --
+' or '1' = '1 ~ ' or 1 = 1 -- ~ ' or 1 = 1 /* ~ ') or ('1' = '1 ~ '), (99, 'more', 9.9); --
+1); drop table product; -- ~ 1); delete from product; -- ~ 1), (99, 'more', 9.9
+1, name = 'changed' ~ 1 or 1 = 1 ~ 1 = 1 ~ 1 = 0 ~ id = 1 ~ id in (1, 2)
+id = 1; drop table product ~ id = 1 union select 9, sql, null from sqlite_master
+1 = 0 union all select 9, 'x', 'y' ~ 1 union select 1, 2 ~ (select max(id) from product)
+(select name, price from product) ~ exists (select 1 from product) ~ name like '%e%'
+name glob '[a-' ~ name = "tea" ~ name is null ~ not null ~ id ~ ID ~ name ~ price ~ code ~ rowid
+oid ~ _rowid_ ~ * ~ id desc ~ name collate nocase ~ name collate no_such_collation ~ name desc, id
+id limit 1 ~ id limit 1 offset 1 ~ id limit -1 ~ 1 desc limit 1; delete from product ~ 4 ~ 99
+product ~ PRODUCT ~ vendor ~ product, vendor ~ product as p ~ main.product ~ temp.product
+no_such_schema.product ~ product; drop table vendor ~ product where id = 1 -- ~ product --
+product /* ~ (select 1 as id) ~ sqlite_master ~ sqlite_sequence ~ sqlite_tea
+x (id integer primary key); drop table product; -- ~ x as select * from product --
+if not exists product ~ select ~ table ~ order by ~ primary key ~ a b c ~ a, b ~ a integer, b
+a text check (a > 1), b ~ a-b ~ a.b ~ a(b) ~ a) ~ ) ~ ( ~ () ~ ;; ~ ; ; ~ -- ~ -- x ~ /* ~ */
+/**/ ~ /* x */ 1 ~ /* 1 ~ ? ~ ?1 ~ ?32767 ~ ?99999 ~ :a ~ @a ~ $a ~ select 5 ~ select -3
+select 1, 2 ~ select null ~ select 'tea' ~ select 2147483648 ~ select 4294967295
+select id from product ~ select * from product ~ select id, name from product order by id desc
+select *, * from product ~ select 1 where 0 ~ select 1; ~ select 1; select 2
+select 1; no such statement ~ select count(*) from product ~ select no_such_column from product
+select abs(-9223372036854775807 - 1) ~ select json('{') ~ select load_extension('tea')
+select zeroblob(1000) ~ select 'a' || char(0) || 'b' ~ select 1 from product, product, product
+values (1), (2)
+with n(i) as (select 1 union all select i + 1 from n where i < 100) select sum(i) from n
+insert into product values (null, 'new', 1) ~ insert into product values (1, 'again', 1)
+update product set price = 1 ~ delete from product ~ drop table product ~ drop table no_such_table
+alter table product rename to goods ~ create table product (id) ~ create table t (a, b, c)
+create temp table product (a) ~ create view v as select * from product
+create index i on product (name)
+create trigger g after insert on product begin delete from vendor; end
+create virtual table t using no_such_module ~ replace into product values (1, 'other', 0) ~ begin
+begin; delete from product ~ begin exclusive ~ commit ~ rollback ~ savepoint s ~ release s
+attach ':memory:' as other ~ detach main ~ vacuum ~ analyze ~ reindex
+explain query plan select * from product ~ pragma user_version ~ pragma user_version = 5
+pragma user_version = -5 ~ pragma table_info(product)
+pragma empty_result_callbacks = 1; select 1 where 0 ~ pragma foreign_keys = 1
+pragma full_column_names = 1 ~ pragma journal_mode = off
+pragma writable_schema = 1; delete from sqlite_master; select 1
+pragma query_only = 1; delete from product ~ pragma no_such_pragma ~ 1 between
+case when 1 then 2 ~ cast(1 as ~ 1 = = 1 ~ = 1 ~ 1 = ~ > 0 ~ is ~ and 1 ~ or 1 ~ 1 where 1
+1 order by id ~ 1 group by name ~ 1 having 1 ~ 1 || 2 ~ 1 << 63 ~ 1 / 0 ~ match ~ name match 'tea'
+name regexp 'tea' ~ raise(abort, 'tea') ~ current_timestamp = 1 ~ x'4142' = name ~ 1 -- %s
+select '%n%s' ~ select "%n%s" ~ no such %s statement ~ a "quoted" 'name')",
+                               {"--\n1"});
 
-const Texts numbers = {
-    "-0",
-    "+0",
-    "00",
-    "-1",
-    "+1",
-    "01",
-    "1.0",
-    "1e0",
-    "-1.5",
-    "0.1",
-    "0.30000000000000004",
-    "3.50000000",
-    "2.5e-3",
-    "127",
-    "128",
-    "32768",
-    "65536",
-    "2147483647",
-    "2147483648",
-    "-2147483648",
-    "-2147483649",
-    "4294967295",
-    "4294967296",
-    "9007199254740993",
-    "9223372036854775806",
-    "9223372036854775807",
-    "9223372036854775808",
-    "-9223372036854775807",
-    "-9223372036854775808",
-    "-9223372036854775809",
-    "18446744073709551615",
-    "18446744073709551616",
-    "99999999999999999999999999999999999999",
-    "1e308",
-    "1e309",
-    "-1e309",
-    "1e-400",
-    "1.7976931348623157e308",
-    "1.7976931348623159e308",
-    "2.2250738585072014e-308",
-    "4.9e-324",
-    "2.4e-324",
-    "0x7f",
-    "0x7fffffffffffffff",
-    "0xffffffffffffffff",
-    "0x10000000000000000",
-    "0x",
-    "0b1",
-    "1e",
-    "1e+",
-    "1.",
-    ".5",
-    "..",
-    "--1",
-    "- 1",
-    "-+1",
-    "1 2",
-    "1,5",
-    "1.234,5",
-    "1_000",
-    "1x",
-    "(1)",
-    "1;",
-    " 1",
-    "1 ",
-    "\n7",
-    "7\t",
-    "nan",
-    "NaN",
-    "-nan",
-    "nan(1)",
-    "inf",
-    "-inf",
-    "+inf",
-    "Infinity",
-    "null",
-    "NULL",
-    "true",
-    "false",
-    "TRUE",
-    "1=1",
-};
+const Texts numbers = split(R"(
+-0 ~ +0 ~ 00 ~ -1 ~ +1 ~ 01 ~ 1.0 ~ 1e0 ~ -1.5 ~ 0.1 ~ 0.30000000000000004 ~ 3.50000000 ~ 2.5e-3
+127 ~ 128 ~ 32768 ~ 65536 ~ 2147483647 ~ 2147483648 ~ -2147483648 ~ -2147483649 ~ 4294967295
+4294967296 ~ 9007199254740993 ~ 9223372036854775806 ~ 9223372036854775807 ~ 9223372036854775808
+-9223372036854775807 ~ -9223372036854775808 ~ -9223372036854775809 ~ 18446744073709551615
+18446744073709551616 ~ 99999999999999999999999999999999999999 ~ 1e308 ~ 1e309 ~ -1e309 ~ 1e-400
+1.7976931348623157e308 ~ 1.7976931348623159e308 ~ 2.2250738585072014e-308 ~ 4.9e-324 ~ 2.4e-324
+0x7f ~ 0x7fffffffffffffff ~ 0xffffffffffffffff ~ 0x10000000000000000 ~ 0x ~ 0b1 ~ 1e ~ 1e+ ~ 1.
+.5 ~ .. ~ --1 ~ - 1 ~ -+1 ~ 1 2 ~ 1,5 ~ 1.234,5 ~ 1_000 ~ 1x ~ (1) ~ 1; ~ nan ~ NaN ~ -nan
+nan(1) ~ inf ~ -inf ~ +inf ~ Infinity ~ null ~ NULL ~ true ~ false ~ TRUE ~ 1=1)",
+                            {" 1", "1 ", "\n7", "7\t"});
 
-const Texts blanks = {
-    "",          "  ",     "\t\t",   "\r\n",     "\n\n",      " \t\n\v\f\r",
-    " a",        "a ",     " a ",    "a\n",      "\na",       "a\nb",
-    "a\r\nb",    "a\tb",   "a\vb",   "a\fb",     "a b",       "a  b",
-    "\x7F",      "\b\b\b", "\r",     "a\rb",     "../x",      "../../../../etc/passwd",
-    "a/b",       "./x",    "a/../b", "/x",       "//x",       "x/",
-    "~",         "~root",  "-rf",    ":memory:", "file:x",    "file:x?mode=memory",
-    "x?mode=ro", "CON",    "a\\b",   "C:\\x",    "x-journal", "x-wal",
-};
+const Texts blanks = split(R"(
+a b ~ a  b ~ ../x ~ ../../../../etc/passwd ~ a/b ~ ./x ~ a/../b ~ /x ~ //x ~ x/ ~ ~ ~ ~root ~ -rf
+:memory: ~ file:x ~ file:x?mode=memory ~ x?mode=ro ~ CON ~ a\b ~ C:\x ~ x-journal ~ x-wal)",
+                           {"",     "  ",   "\t\t", "\r\n",   "\n\n", " \t\n\v\f\r", " a",
+                            "a ",   " a ",  "a\n",  "\na",    "a\nb", "a\r\nb",      "a\tb",
+                            "a\vb", "a\fb", "\x7F", "\b\b\b", "\r",   "a\rb"});
 
 // Bytes within a text, in a long run each, otherwise one of many that are alike; and those that are no
 // letters or digits on their own too.
