@@ -7,6 +7,7 @@ modules csv and sqlite3 read.
 
 import contextlib
 import csv
+import functools
 import io
 import os
 import pathlib
@@ -65,6 +66,17 @@ def limited_file_size(size):
 def lines_of(rows):
     """What the program prints of blocks: in the order of names and digits."""
     return "".join(f"{digits}  {name}\n" for name, digits in sorted((row[3], row[2]) for row in rows))
+
+
+@functools.cache
+def whole_registry():
+    """A database of all three files, and its rows."""
+    folder = tempfile.TemporaryDirectory()
+    unittest.addModuleCleanup(folder.cleanup)
+    database = os.path.join(folder.name, "all.db")
+    for file in (OUI, MAM, OUI36):
+        subprocess.run([PROGRAM, "import", file, database], check=True, stdout=subprocess.DEVNULL)
+    return database, expected_rows(OUI, MAM, OUI36)
 
 
 class Test(unittest.TestCase):
@@ -154,15 +166,9 @@ class Test(unittest.TestCase):
 class WithRegistry(Test):
     """Tests on a database of all three files, for reading only."""
 
-    @classmethod
-    def setUpClass(cls):
-        folder = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(folder.cleanup)
-        cls.database = os.path.join(folder.name, "all.db")
-        for file in (OUI, MAM, OUI36):
-            subprocess.run([PROGRAM, "import", file, cls.database], check=True,
-                           stdout=subprocess.DEVNULL)
-        cls.all = expected_rows(OUI, MAM, OUI36)
+    def setUp(self):
+        super().setUp()
+        self.database, self.all = whole_registry()
 
     def copy_database(self):
         shutil.copy(self.database, self.folder / "copy.db")
@@ -448,10 +454,11 @@ class FullDiskTest(Test):
         expected = (["a.db"], self.rows(old)) if old else ([], None)
         for mounts in (True, False):
             failures = 0
-            size = (len(self.bytes(old)) if old else 0) + 12 * self.KILO
-            while (done := self.run_with_room(size, old, command, mounts)) is not None:
+            size = len(self.bytes(old)) if old else 0
+            room = 12 * self.KILO
+            while (done := self.run_with_room(size + room, old, command, mounts)) is not None:
                 result, state = done
-                with self.subTest(mounts=mounts, size=size):
+                with self.subTest(mounts=mounts, room=room):
                     if result.returncode == 0:
                         self.assertNotEqual(state, expected)
                         break
@@ -459,7 +466,7 @@ class FullDiskTest(Test):
                     self.assertEqual((result.returncode, result.stdout), (1, ""))
                     self.assertRegex(result.stderr, rf"\Avendors: {error}\n\Z")
                     self.assertEqual(state, expected)
-                size += 530 * self.KILO
+                room *= 3
             self.assertTrue(mounts or failures > 0)
 
     def test_import_into_a_new_database_and_of_more_blocks(self):
