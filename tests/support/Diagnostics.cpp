@@ -210,6 +210,13 @@ void Diagnostics::clear()
     _events.clear();
 }
 
+std::vector<std::string> Diagnostics::take()
+{
+    const std::vector<std::string> taken = _events;
+    clear();
+    return taken;
+}
+
 bool Diagnostics::isCapturing()
 {
     return capturing;

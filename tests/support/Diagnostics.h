@@ -72,8 +72,9 @@ public:
     const std::vector<LogLine>& lines() const;
     const std::vector<Assertion>& failedAssertions() const;
 
-    // Forgets what was captured; level and reactions stay.
+    // Forgets what was captured; level and reactions stay. The other tells it before.
     void clear();
+    std::vector<std::string> take();
 
     // Whether a report is just being captured: what happens then is the test's own doing.
     static bool isCapturing();

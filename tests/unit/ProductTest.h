@@ -5,6 +5,7 @@
 
 #include "Columns.h"
 #include "Diagnostics.h"
+#include "ReportTest.h"
 #include "Reports.h"
 #include "Rows.h"
 #include "Sqlite.h"
@@ -52,14 +53,13 @@ inline sql::Record product(const sql::Table& table, sql::integer id, const std::
 }
 
 // The table of three products, on a connection in memory.
-class ProductTest : public testing::Test {
+class ProductTest : public ReportTest {
 protected:
     ProductTest() : _table(_db, "product", product_columns)
     {
         fillProducts(_db);
     }
 
-    Diagnostics _diagnostics;
     Connection _db;
     sql::Table _table;
 };

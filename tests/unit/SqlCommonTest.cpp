@@ -3,6 +3,7 @@
 #include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "ReportTest.h"
 #include "Reports.h"
 #include "Sqlite.h"
 
@@ -41,14 +42,12 @@ static_assert(sql::type_undefined < 0 || sql::type_undefined > 4);
 static_assert(!std::is_polymorphic_v<Time> && sizeof(Time) == sizeof(time_t));
 
 // Nothing but statements and times is traced: silence is that of the highest level.
-class CommonTest : public testing::Test {
+class CommonTest : public test::ReportTest {
 protected:
     CommonTest()
     {
         _diagnostics.setLevel(9);
     }
-
-    test::Diagnostics _diagnostics;
 };
 
 // --- Type names
@@ -60,16 +59,14 @@ TEST_F(CommonTest, TypeNamesAreInLowerCase)
          {sql::type_int, sql::type_text, sql::type_float, sql::type_bool, sql::type_time})
         names.push_back(sql::type2Str(type));
     EXPECT_THAT(names, ElementsAre("integer", "text", "float", "bool", "time"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(CommonTest, UnknownTypeIsUndefinedAndReported)
 {
     for (const int type : {int(sql::type_undefined), 5, 6, 7, 256, -1, INT_MAX, INT_MIN}) {
         EXPECT_EQ(sql::type2Str(sql::field_type(type)), "undefined") << type;
-        EXPECT_THAT(_diagnostics.events(),
+        EXPECT_THAT(_diagnostics.take(),
                     ElementsAre(report::asserted("sql::string sql::type2Str(sql::field_type)")));
-        _diagnostics.clear();
     }
 }
 
@@ -85,7 +82,6 @@ class QuoteTest : public CommonTest, public WithParamInterface<Quoting> {};
 TEST_P(QuoteTest, DoublesSingleQuotesOnly)
 {
     EXPECT_EQ(sql::quoteStr(GetParam().text), GetParam().quoted);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -110,7 +106,6 @@ TEST_F(CommonTest, QuotingKeepsEveryOtherByte)
         quoted += byte == '\'' ? std::string("''") : std::string(1, static_cast<char>(byte));
     }
     EXPECT_EQ(sql::quoteStr(text), quoted);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Trimming
@@ -135,7 +130,6 @@ TEST_P(TrimTest, ErasesTheBlanksAtItsEndInPlace)
     EXPECT_EQ(left, GetParam().left);
     EXPECT_EQ(right, GetParam().right);
     EXPECT_EQ(both, GetParam().both);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_P(TrimTest, OfAConstantIsACopy)
@@ -143,7 +137,6 @@ TEST_P(TrimTest, OfAConstantIsACopy)
     const std::string text = GetParam().text;
     EXPECT_EQ(sql::trim(text), GetParam().both);
     EXPECT_EQ(text, GetParam().text);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -186,7 +179,6 @@ TEST_P(ListTest, GivesItsTrimmedItemsInPlaceOfTheFormerOnes)
     sql::listToVector(list, items, GetParam().delimiters);
     EXPECT_EQ(items, GetParam().items);
     EXPECT_EQ(list, GetParam().list);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -219,7 +211,6 @@ protected:
         if (value >= INT_MIN && value <= INT_MAX) {
             EXPECT_EQ(sql::intToStr(static_cast<int>(value)), GetParam());
         }
-        EXPECT_THAT(_diagnostics.events(), IsEmpty());
     }
 };
 
@@ -262,7 +253,6 @@ TEST_P(TimeRangeTest, SecondsAreNarrowedToTheWidthOfTime)
     _diagnostics.setLevel(9);
     EXPECT_EQ(time.getTime(), static_cast<time_t>(GetParam()));
     EXPECT_EQ(time.asInteger(), sql::integer(static_cast<time_t>(GetParam())));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Seconds, TimeRangeTest,
@@ -275,7 +265,7 @@ TEST_F(TimeTest, ConstructionTracesTheCalendarTextWithItsLineEnd)
     _diagnostics.setLevel(9);
     const Time time(1711796400);
     const Time negative(-1);
-    EXPECT_THAT(_diagnostics.events(),
+    EXPECT_THAT(_diagnostics.take(),
                 ElementsAre(report::timeMade("1711796400", "Sat Mar 30 12:00:00 2024\n"),
                             report::timeMade("-1", "Thu Jan  1 00:59:59 1970\n")));
 }
@@ -285,7 +275,6 @@ TEST_F(TimeTest, ConstructionIsSilentBelowLevelNine)
     _diagnostics.setLevel(8);
     const Time time(1711796400);
     const Time current;
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TimeTest, CurrentTimeIsTracedOnce)
@@ -293,7 +282,7 @@ TEST_F(TimeTest, CurrentTimeIsTracedOnce)
     _diagnostics.setLevel(9);
     const Time time;
     const time_t seconds = time.getTime();
-    EXPECT_THAT(_diagnostics.events(),
+    EXPECT_THAT(_diagnostics.take(),
                 ElementsAre(report::timeMade(std::to_string(seconds), std::ctime(&seconds))));
 }
 
@@ -305,7 +294,6 @@ TEST_F(TimeTest, CopyAndAssignmentAreSilent)
     const Time copy(time);
     other = copy;
     EXPECT_EQ(other.asInteger(), 77);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TimeTest, AllTimesAreEqualDeliberately)
@@ -315,7 +303,6 @@ TEST_F(TimeTest, AllTimesAreEqualDeliberately)
     _diagnostics.setLevel(9);
     for (const Time& other : others)
         EXPECT_TRUE(time == other) << other.asInteger();
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TimeTest, DifferenceIsPositiveWhenThisTimeIsLater)
@@ -326,7 +313,6 @@ TEST_F(TimeTest, DifferenceIsPositiveWhenThisTimeIsLater)
     EXPECT_EQ(later.diff(earlier), 6.0);
     EXPECT_EQ(earlier.diff(later), -6.0);
     EXPECT_EQ(later.diff(later), 0.0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TimeTest, DifferenceOfDistantTimesDoesNotWrap)
@@ -335,7 +321,6 @@ TEST_F(TimeTest, DifferenceOfDistantTimesDoesNotWrap)
     Time earlier(-2);
     _diagnostics.setLevel(9);
     EXPECT_EQ(later.diff(earlier), static_cast<double>(latest) + 2.0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 struct TimeTexts : test::Case {
@@ -346,13 +331,12 @@ struct TimeTexts : test::Case {
     const char* date;
 };
 
-class TimeTextTest : public testing::TestWithParam<TimeTexts> {
+class TimeTextTest : public test::ReportTest, public WithParamInterface<TimeTexts> {
 protected:
     TimeTextTest() : _zone(GetParam().zone)
     {
     }
 
-    test::Diagnostics _diagnostics;
     test::TimeZone _zone;
 };
 
@@ -362,7 +346,6 @@ TEST_P(TimeTextTest, IsInLocalTime)
     EXPECT_EQ(time.asString(), GetParam().text);
     EXPECT_EQ(time.asTimeString(), GetParam().time);
     EXPECT_EQ(time.asDateString(), GetParam().date);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 const char utc[] = "UTC0";
@@ -391,7 +374,6 @@ TEST_F(TimeTest, WeekdayIsInTheLanguageOfTheProcess)
     const Time time(0);
     const test::CommaLocale german;
     EXPECT_EQ(time.asString(), "01-01-1970 01:00:00, Do");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 struct Format : test::Case {
@@ -406,7 +388,6 @@ TEST_P(TimeFormatTest, IsExpandedUpTo127Characters)
     const Time time(1711796400);
     _diagnostics.setLevel(9);
     EXPECT_EQ(time.format(GetParam().format.c_str()), GetParam().text);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 std::string times(int count, const std::string& text)
@@ -444,7 +425,6 @@ TEST_P(TimeShiftTest, IsExactAndWrapsInTheWidthOfTime)
     _diagnostics.setLevel(9);
     (time.*GetParam().operation)(GetParam().count);
     EXPECT_EQ(time.getTime(), GetParam().result);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -510,7 +490,6 @@ TEST_P(DayTest, Is86400SecondsWhateverTheLocalTime)
     time.addDays(1);
     EXPECT_EQ(time.asInteger(), GetParam().noon + 86400);
     EXPECT_EQ(time.asString(), GetParam().nextDay);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(All, DayTest,
@@ -541,7 +520,6 @@ TEST_F(CommonTest, ResultCodesUpTo110HaveTheirNames)
     for (int rc = 0; rc <= 110; ++rc)
         actual.push_back(sql::sqliteRc2Str(rc));
     EXPECT_EQ(actual, expected);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(CommonTest, OtherResultCodesAreUnknown)
@@ -550,7 +528,6 @@ TEST_F(CommonTest, OtherResultCodesAreUnknown)
         EXPECT_STREQ(sql::sqliteRc2Str(rc), "unknown") << rc;
     for (int rc = 256; rc < 256 * 64; ++rc)
         ASSERT_STREQ(sql::sqliteRc2Str(rc), "unknown") << rc;
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(CommonTest, ResultCodeNameOutlivesTheNextOnes)
@@ -740,7 +717,7 @@ TEST_F(CommonTest, WithoutConnectionIsAssertedAndSqliteNotCalled)
     const test::SqliteCalls calls;
     EXPECT_EQ(sql::queryNumber(nullptr, "select 5"), -1);
     EXPECT_FALSE(sql::runOneStepSqlStmt(nullptr, "select 5"));
-    EXPECT_THAT(_diagnostics.events(),
+    EXPECT_THAT(_diagnostics.take(),
                 ElementsAre(report::nothingToCountOn(), report::nothingToStepOn()));
     EXPECT_THAT(calls.order, IsEmpty());
 }
@@ -749,7 +726,9 @@ TEST_F(CommonTest, OnlyTheFirstOfSeveralStatementsIsRun)
 {
     test::Connection db;
     db.run("create table product (id integer primary key)");
-    EXPECT_TRUE(sql::runOneStepSqlStmt(db, "insert into product values (1); delete from product"));
+    const char statements[] = "insert into product values (1); delete from product";
+    EXPECT_TRUE(sql::runOneStepSqlStmt(db, statements));
+    EXPECT_EQ(_diagnostics.take(), report::stepped(statements));
     EXPECT_EQ(db.rows("select id from product"), "1");
 }
 
@@ -766,11 +745,10 @@ TEST_F(CommonTest, ExtendedResultCodesAreUnknownInReports)
     EXPECT_EQ(sql::queryNumber(db, collate), -1);
     EXPECT_FALSE(sql::runOneStepSqlStmt(db, insert));
     EXPECT_FALSE(sql::runOneStepSqlStmt(db, collate));
-    EXPECT_EQ(
-        _diagnostics.events(),
-        test::joined({report::noRow(insert, taken), report::notPrepared(collate, no_collation),
-                      report::stepFailed(insert, taken),
-                      report::stepNotPrepared(collate, no_collation)}));
+    EXPECT_EQ(_diagnostics.take(), test::joined({report::noRow(insert, taken),
+                                                 report::notPrepared(collate, no_collation),
+                                                 report::stepFailed(insert, taken),
+                                                 report::stepNotPrepared(collate, no_collation)}));
 }
 
 } // namespace

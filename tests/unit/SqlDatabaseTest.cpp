@@ -7,6 +7,7 @@
 #include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "ReportTest.h"
 #include "Reports.h"
 #include "Sqlite.h"
 
@@ -45,7 +46,7 @@ const std::string unknown_mode_asserted = report::asserted(
 const std::string version_too_high = report::error(
     "Database::setUserVersion", "User version of a Quillmoor SQL database must be <= 2147483647");
 
-class DatabaseTest : public testing::Test {
+class DatabaseTest : public test::ReportTest {
 protected:
     DatabaseTest() : _file(_directory.file("product.db")), _missing(_directory.file("missing.db"))
     {
@@ -92,14 +93,12 @@ protected:
 
     void expectOnlyErrors(const Texts& events)
     {
-        EXPECT_EQ(_diagnostics.events(), visibleAt(3, events));
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), visibleAt(3, events));
     }
 
     test::TemporaryDirectory _directory;
     std::string _file;
     std::string _missing;
-    test::Diagnostics _diagnostics;
     Database _database;
 };
 
@@ -107,7 +106,6 @@ TEST_F(DatabaseTest, NewObjectHasNoConnection)
 {
     EXPECT_FALSE(_database.isOpen());
     EXPECT_EQ(_database.getHandle(), nullptr);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Opening
@@ -134,8 +132,7 @@ TEST_P(AccessModeTest, SelectsTheOpenFlagsWhateverTheIgnoredFlag)
         EXPECT_TRUE(_database.open("any file", Database::AccessMode(GetParam().mode), ignored, 0));
         EXPECT_EQ(calledFlags, GetParam().flags);
         EXPECT_EQ(calls.opens, 1);
-        EXPECT_EQ(_diagnostics.events(), GetParam().events);
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), GetParam().events);
     }
 }
 
@@ -160,7 +157,6 @@ TEST_F(DatabaseTest, ExistingFileIsOpenedInEveryModeAndSilently)
         EXPECT_TRUE(_database.isOpen());
         EXPECT_EQ(_database.getUserVersion(), 7);
     }
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(DatabaseTest, OpeningIsTracedAtEveryLevelThatShowsIt)
@@ -169,7 +165,7 @@ TEST_F(DatabaseTest, OpeningIsTracedAtEveryLevelThatShowsIt)
         _diagnostics.setLevel(level);
         _diagnostics.clear();
         EXPECT_TRUE(open());
-        EXPECT_EQ(_diagnostics.events(), visibleAt(level, report::opening(_file)));
+        EXPECT_EQ(_diagnostics.take(), visibleAt(level, report::opening(_file)));
     }
 }
 
@@ -193,7 +189,7 @@ TEST_P(FailedOpenTest, IsReportedWithTheErrorTextOfSqlite)
         _diagnostics.clear();
         EXPECT_FALSE(_database.open(file, GetParam().mode, false, 0));
         EXPECT_FALSE(_database.isOpen());
-        EXPECT_EQ(_diagnostics.events(), visibleAt(level, events));
+        EXPECT_EQ(_diagnostics.take(), visibleAt(level, events));
     }
 }
 
@@ -221,7 +217,6 @@ TEST_F(DatabaseTest, MissingFileIsMadeWhenCreatingAlone)
     EXPECT_EQ(_database.getUserVersion(), 0);
     EXPECT_TRUE(_database.setUserVersion(1));
     EXPECT_TRUE(std::filesystem::exists(_missing));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(DatabaseTest, HandleIsSqlitesOwn)
@@ -243,7 +238,6 @@ TEST_F(DatabaseTest, FileThatIsNoDatabaseOpensAndItsFirstStatementFails)
     test::writeFile(_missing, std::string(2000, 'x'));
     EXPECT_TRUE(openMissing());
     EXPECT_TRUE(_database.isOpen());
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
     EXPECT_EQ(_database.getUserVersion(), -1);
     expectOnlyErrors(
         report::noRow("PRAGMA user_version;", "26=SQLITE_NOTADB: file is not a database"));
@@ -265,7 +259,6 @@ TEST_F(DatabaseTest, FailedOpenKeepsItsHandleUntilTheNextClose)
     _database.close();
     EXPECT_EQ(closed, kept);
     EXPECT_EQ(_database.getHandle(), nullptr);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(DatabaseTest, HandleOfAFailedOpenIsReleasedByTheDestructor)
@@ -277,6 +270,7 @@ TEST_F(DatabaseTest, HandleOfAFailedOpenIsReleasedByTheDestructor)
         EXPECT_EQ(calls.closes, 0);
     }
     EXPECT_EQ(calls.closes, 1);
+    expectOnlyErrors(report::notOpened(_missing, cannot_open));
 }
 
 TEST_F(DatabaseTest, FailedOpenIsReportedWithTheErrorTextOfItsHandle)
@@ -314,7 +308,6 @@ TEST_F(DatabaseTest, NullHandleInSpiteOfSuccessIsAFailureOfAnOpenDatabase)
     _database.close();
     EXPECT_FALSE(_database.isOpen());
     EXPECT_THAT(calls.order, ElementsAre("open"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- String keys
@@ -358,7 +351,6 @@ TEST_P(StringKeyTest, IsATextThoughSqliteWasBuiltToReadNamesAlone)
 {
     EXPECT_TRUE(open());
     EXPECT_TRUE(use(_database.getHandle()));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_P(StringKeyTest, IsATextThoughTheBusyTimeoutCannotBeSet)
@@ -367,7 +359,6 @@ TEST_P(StringKeyTest, IsATextThoughTheBusyTimeoutCannotBeSet)
     EXPECT_FALSE(open());
     _diagnostics.clear();
     EXPECT_TRUE(use(_database.getHandle()));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_P(StringKeyTest, IsANameOnAHandleFromElsewhereAndFails)
@@ -425,7 +416,6 @@ TEST_F(DatabaseTest, SqliteThatKnowsNoSwitchForDoubleQuotedTextsOpensSilently)
     EXPECT_TRUE(open());
     EXPECT_EQ(calls.configures, 1);
     EXPECT_EQ(_database.getUserVersion(), 7);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 #endif // every double-quoted word that is no name is a text to an SQLite without that switch
@@ -435,6 +425,7 @@ TEST_F(DatabaseTest, DoubleQuotedTextsAreLeftAloneWhenTheOpenFails)
     const test::SqliteCalls calls;
     EXPECT_FALSE(openMissing());
     EXPECT_EQ(calls.configures, 0);
+    expectOnlyErrors(report::notOpened(_missing, cannot_open));
 }
 
 // --- Busy timeout
@@ -504,6 +495,7 @@ TEST_F(DatabaseTest, OpeningTracesClosesReportsTheModeAndOpens)
                                          "[DEBUG1]", "close", "assert", "open",
                                          "[ERROR]", // with an unknown mode
                                          "[DEBUG1]", "close", "open", "[ERROR]")); // a missing file
+    _diagnostics.clear();
 }
 
 // --- Closing
@@ -515,7 +507,6 @@ TEST_F(DatabaseTest, ClosingANeverOpenedDatabaseIsSilent)
     _database.close();
     EXPECT_FALSE(_database.isOpen());
     EXPECT_EQ(calls.closes, 0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(DatabaseTest, ClosingReleasesTheConnectionOnce)
@@ -528,7 +519,6 @@ TEST_F(DatabaseTest, ClosingReleasesTheConnectionOnce)
     EXPECT_EQ(_database.getHandle(), nullptr);
     _database.close();
     EXPECT_EQ(calls.closes, 1);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(DatabaseTest, DestructorCloses)
@@ -545,7 +535,6 @@ TEST_F(DatabaseTest, DestructorCloses)
     database.reset();
     EXPECT_EQ(closed, db);
     EXPECT_EQ(calls.closes, 1);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // A statement of the caller's own that keeps SQLite from closing.
@@ -580,7 +569,7 @@ TEST_F(RefusedCloseTest, IsReportedAndTheConnectionAbandonedForGood)
     EXPECT_EQ(_database.getHandle(), nullptr);
     _database.close();
     EXPECT_EQ(calls.closes, 1);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(refused_close));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(refused_close));
 }
 
 TEST_F(RefusedCloseTest, DoesNotKeepTheNextOpenFromSucceeding)
@@ -588,7 +577,7 @@ TEST_F(RefusedCloseTest, DoesNotKeepTheNextOpenFromSucceeding)
     EXPECT_TRUE(open());
     EXPECT_TRUE(_database.isOpen());
     EXPECT_NE(_database.getHandle(), _abandoned);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(refused_close));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(refused_close));
 }
 
 TEST_F(DatabaseTest, CloseRefusedToTheDestructorIsReported)
@@ -601,7 +590,7 @@ TEST_F(DatabaseTest, CloseRefusedToTheDestructorIsReported)
         return SQLITE_BUSY;
     };
     database.reset();
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(refused_close));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(refused_close));
 }
 
 // --- User version
@@ -624,8 +613,8 @@ TEST_P(UserVersionTest, IsStoredAndReadByItsPragma)
     EXPECT_EQ(constant.getUserVersion(), static_cast<int>(GetParam()));
     EXPECT_THAT(calls.order,
                 ElementsAre("prepare", "step", "finalize", "prepare", "step", "finalize"));
-    EXPECT_EQ(_diagnostics.events(), joined({report::stepped(statement),
-                                             report::counted("PRAGMA user_version;", version)}));
+    EXPECT_EQ(_diagnostics.take(), joined({report::stepped(statement),
+                                           report::counted("PRAGMA user_version;", version)}));
     EXPECT_EQ(test::Connection(_file).rows("pragma user_version"), version);
 }
 
@@ -642,7 +631,7 @@ TEST_P(UserVersionTooHighTest, IsRefusedBeforeTheConnectionIsLookedAt)
         const test::SqliteCalls calls;
         EXPECT_FALSE(_database.setUserVersion(GetParam()));
         EXPECT_FALSE(neverOpened.setUserVersion(GetParam()));
-        EXPECT_EQ(_diagnostics.events(), visibleAt(level, {version_too_high, version_too_high}));
+        EXPECT_EQ(_diagnostics.take(), visibleAt(level, {version_too_high, version_too_high}));
         EXPECT_THAT(calls.order, IsEmpty());
         _diagnostics.clear();
     }
@@ -697,8 +686,7 @@ TEST_P(UnconnectedTest, IsAssertedAtEveryLevelNeverOpenedOrClosed)
         _diagnostics.setLevel(level);
         EXPECT_EQ(GetParam().act(_database), GetParam().result);
         EXPECT_EQ(GetParam().act(neverOpened), GetParam().result);
-        EXPECT_THAT(_diagnostics.events(), ElementsAre(GetParam().event, GetParam().event));
-        _diagnostics.clear();
+        EXPECT_THAT(_diagnostics.take(), ElementsAre(GetParam().event, GetParam().event));
     }
 }
 
@@ -748,14 +736,12 @@ TEST_P(TransactionTest, RunsItsStatementThroughARecordSetOnceAndReportsAFailure)
         _diagnostics.setLevel(level);
         EXPECT_TRUE(run(SQLITE_OK));
         EXPECT_THAT(_calls.order, ElementsAre("exec"));
-        EXPECT_EQ(_diagnostics.events(), visibleAt(level, report::ran(GetParam().statement)));
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), visibleAt(level, report::ran(GetParam().statement)));
 
         EXPECT_FALSE(run(SQLITE_BUSY));
         EXPECT_THAT(_calls.order, ElementsAre("exec"));
-        EXPECT_EQ(_diagnostics.events(),
+        EXPECT_EQ(_diagnostics.take(),
                   visibleAt(level, report::refused(GetParam().statement, "5=SQLITE_BUSY")));
-        _diagnostics.clear();
         EXPECT_TRUE(_database.isOpen());
     }
 }
@@ -801,7 +787,6 @@ TEST_F(OpenTransactionTest, CommitKeepsWhatWasWritten)
     EXPECT_TRUE(_database.transactionCommit());
     EXPECT_FALSE(inTransaction());
     EXPECT_EQ(committed(), "1\n2");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(OpenTransactionTest, RollbackUndoesWhatWasWrittenAndAnotherMayBegin)
@@ -813,7 +798,6 @@ TEST_F(OpenTransactionTest, RollbackUndoesWhatWasWrittenAndAnotherMayBegin)
     insert("2");
     EXPECT_TRUE(_database.transactionCommit());
     EXPECT_EQ(committed(), "2");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(OpenTransactionTest, NestedBeginIsRefusedAndTheFirstTransactionStaysOpen)
@@ -860,7 +844,6 @@ TEST_F(OpenTransactionTest, ClosingDropsAnOpenTransaction)
 {
     _database.close();
     EXPECT_EQ(committed(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 } // namespace

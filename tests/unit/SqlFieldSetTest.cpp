@@ -3,6 +3,7 @@
 #include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "ReportTest.h"
 #include "Reports.h"
 
 #include <gmock/gmock.h>
@@ -19,7 +20,6 @@ using sql::Field;
 using sql::FieldSet;
 using test::visibleAt;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 static_assert(!std::is_polymorphic<FieldSet>::value, "a plain value");
 
@@ -58,7 +58,7 @@ std::vector<Field> uncheckedFields()
     return {Field("price", sql::type_float, sql::flag_primary_key), Field(), name};
 }
 
-class FieldSetTest : public testing::Test {
+class FieldSetTest : public test::ReportTest {
 protected:
     FieldSetTest()
     {
@@ -70,10 +70,9 @@ protected:
     {
         _diagnostics.clear();
         EXPECT_EQ(_fields.initFieldSet(columns), succeeds);
-        EXPECT_EQ(_diagnostics.events(), events);
+        EXPECT_EQ(_diagnostics.take(), events);
     }
 
-    test::Diagnostics _diagnostics;
     FieldSet _fields{no_array};
 };
 
@@ -85,7 +84,6 @@ TEST_F(FieldSetTest, NullArrayMakesAnEmptySetSilently)
     EXPECT_EQ(_fields.getDefinition(), "");
     EXPECT_EQ(_fields.toSql(), "");
     EXPECT_EQ(_fields.dump(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, ColumnsOfAnArrayAreCopiedAndGetTheirPositions)
@@ -96,7 +94,6 @@ TEST_F(FieldSetTest, ColumnsOfAnArrayAreCopiedAndGetTheirPositions)
                              "1: name=price, type=float, flags:\r\n"
                              "2: name=id, type=integer, flags: PRIMARY KEY");
     EXPECT_EQ(test::key_last_columns[1].getIndex(), -1);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, ArrayIsReadUpToTheFirstFieldWithoutAName)
@@ -106,13 +103,12 @@ TEST_F(FieldSetTest, ArrayIsReadUpToTheFirstFieldWithoutAName)
     _diagnostics.clear();
     EXPECT_THAT(namesOf(FieldSet(ended)), ElementsAre("id"));
     EXPECT_THAT(namesOf(FieldSet(unnamed)), ElementsAre("id"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, EndingFieldAloneMakesAnEmptySetWithoutAKeyAndIsReported)
 {
     EXPECT_EQ(FieldSet(test::no_columns).count(), 0);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::badColumns()));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
 }
 
 TEST_F(FieldSetTest, ColumnsWithoutAKeyAreKeptAndReported)
@@ -122,7 +118,7 @@ TEST_F(FieldSetTest, ColumnsWithoutAKeyAreKeptAndReported)
     EXPECT_THAT(indexesOf(_fields), ElementsAre(0, 1));
     const FieldSet made(test::without_key_columns);
     EXPECT_EQ(made.dump(), _fields.dump());
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::badColumns(), report::badColumns()));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
 }
 
 TEST_F(FieldSetTest, InitWithAKeyInAnyPositionSucceeds)
@@ -209,7 +205,7 @@ TEST_P(FieldSetWrongKeyTest, IsReportedAndLeavesTheSetEmpty)
         _diagnostics.clear();
         _diagnostics.setLevel(level);
         EXPECT_EQ(FieldSet(_columns).count(), 0);
-        EXPECT_EQ(_diagnostics.events(), visibleAt(level, _events));
+        EXPECT_EQ(_diagnostics.take(), visibleAt(level, _events));
     }
 }
 
@@ -237,7 +233,7 @@ TEST_F(FieldSetTest, RestOfAnArrayIsNotReadAfterAWrongKeyType)
         Field("second", sql::type_bool, sql::flag_primary_key),
     };
     EXPECT_EQ(FieldSet(columns).count(), 0);
-    EXPECT_EQ(_diagnostics.events(), report::wrongKeyType("first", "float"));
+    EXPECT_EQ(_diagnostics.take(), report::wrongKeyType("first", "float"));
 }
 
 TEST_F(FieldSetTest, UndefinedKeyTypeIsNamedForTheLogLineAlone)
@@ -265,7 +261,6 @@ TEST_F(FieldSetTest, VectorIsTakenAsItIsWithoutPositions)
     EXPECT_THAT(namesOf(fields), ElementsAre("a", "b"));
     EXPECT_THAT(indexesOf(fields), ElementsAre(-1, -1));
     EXPECT_EQ(FieldSet(std::vector<Field>()).count(), 0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, VectorKeepsThePositionsAndFlagsItsFieldsHave)
@@ -274,7 +269,6 @@ TEST_F(FieldSetTest, VectorKeepsThePositionsAndFlagsItsFieldsHave)
     const std::vector<Field> reversed = {*numbered.getByIndex(2), *numbered.getByIndex(0)};
     EXPECT_EQ(FieldSet(reversed).dump(), "2: name=id, type=integer, flags: PRIMARY KEY\r\n"
                                          "0: name=name, type=text, flags:");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, VectorIsNotCheckedForItsKeyNorForEndingFields)
@@ -287,7 +281,6 @@ TEST_F(FieldSetTest, VectorIsNotCheckedForItsKeyNorForEndingFields)
     EXPECT_EQ(fields.dump(), "-1: name=price, type=float, flags: PRIMARY KEY\r\n"
                              "-1: name=, type=integer, flags:\r\n"
                              "-1: name=name, type=text, flags:");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Lookups
@@ -298,7 +291,6 @@ TEST_F(FieldSetTest, PositionOutsideTheSetHasNoField)
     EXPECT_EQ(fields.getByIndex(-1), nullptr);
     EXPECT_EQ(fields.getByIndex(fields.count()), nullptr);
     EXPECT_EQ(_fields.getByIndex(0), nullptr);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, LookupsPointAtTheSameFields)
@@ -315,7 +307,6 @@ TEST_F(FieldSetTest, NameIsFoundOnlyByteForByte)
     for (const std::string& other : {std::string("Name"), std::string("nam"), std::string("name "),
                                      std::string(" name"), std::string("name\0", 5), std::string()})
         EXPECT_EQ(fields.getByName(other), nullptr) << other;
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, FirstOfTwoFieldsWithOneNameIsFound)
@@ -334,7 +325,6 @@ TEST_F(FieldSetTest, FirstKeyCountsInAnyPosition)
     };
     EXPECT_EQ(FieldSet(test::key_last_columns).getKeyIdName(), "id");
     EXPECT_EQ(FieldSet(columns).getKeyIdName(), "first");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, MissingKeyIsLoggedThenAsserted)
@@ -344,7 +334,7 @@ TEST_F(FieldSetTest, MissingKeyIsLoggedThenAsserted)
             _diagnostics.setLevel(level);
             _diagnostics.clear();
             EXPECT_EQ(fields.getKeyIdName(), "");
-            EXPECT_EQ(_diagnostics.events(), visibleAt(level, report::noKeyName()));
+            EXPECT_EQ(_diagnostics.take(), visibleAt(level, report::noKeyName()));
         }
     }
 }
@@ -362,7 +352,6 @@ TEST_F(FieldSetTest, TextsListAllColumnsWithSeparatorsInBetween)
                              "2: name=price, type=float, flags:\r\n"
                              "3: name=sold, type=bool, flags:\r\n"
                              "4: name=at, type=time, flags:");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, TextsOfOneFieldHaveNoSeparator)
@@ -373,20 +362,18 @@ TEST_F(FieldSetTest, TextsOfOneFieldHaveNoSeparator)
     EXPECT_EQ(fields.getDefinition(), "id INTEGER PRIMARY KEY NOT NULL");
     EXPECT_EQ(fields.toSql(), "id");
     EXPECT_EQ(fields.dump(), "0: name=id, type=integer, flags: PRIMARY KEY NOT NULL");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, NamesAreListedAsTheyStand)
 {
     EXPECT_EQ(FieldSet(freshFields({"it's", " b "})).toSql(), "it's,  b ");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldSetTest, DefinitionOfAnUndefinedTypeIsReportedByTheField)
 {
     const std::vector<Field> odd = {Field("a", undefined, sql::flag_none), name};
     EXPECT_EQ(FieldSet(odd).getDefinition(), "a, name TEXT");
-    EXPECT_THAT(_diagnostics.events(),
+    EXPECT_THAT(_diagnostics.take(),
                 ElementsAre(report::asserted("sql::string sql::Field::getTypeStr() const")));
 }
 

@@ -2,6 +2,7 @@
 
 #include "Cases.h"
 #include "Diagnostics.h"
+#include "ReportTest.h"
 #include "Reports.h"
 
 #include <gmock/gmock.h>
@@ -16,7 +17,6 @@ namespace report = test::report;
 using sql::Field;
 using test::Texts;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::ValuesIn;
 
 static_assert(!std::is_polymorphic<Field>::value, "a plain value");
@@ -32,14 +32,12 @@ const std::string empty_name = report::asserted(
     "sql::Field::Field(const string&, sql::field_type, int)", "name.empty() == false");
 
 // Fields log nothing, however high the level.
-class FieldTest : public testing::Test {
+class FieldTest : public test::ReportTest {
 protected:
     FieldTest()
     {
         _diagnostics.setLevel(9);
     }
-
-    test::Diagnostics _diagnostics;
 };
 
 TEST_F(FieldTest, DefaultIsTheEndingField)
@@ -52,7 +50,6 @@ TEST_F(FieldTest, DefaultIsTheEndingField)
     EXPECT_EQ(field.getFlags(), "");
     EXPECT_EQ(field.getDefinition(), "INTEGER");
     EXPECT_EQ(field.dump(), "-1: name=, type=integer, flags:");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, ColumnHasItsNameTypeAndFlagsAndNoPosition)
@@ -63,7 +60,6 @@ TEST_F(FieldTest, ColumnHasItsNameTypeAndFlagsAndNoPosition)
     EXPECT_EQ(field.getType(), sql::type_text);
     EXPECT_EQ(field.getIndex(), -1);
     EXPECT_EQ(field.getFlags(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, EmptyNameIsReportedAtEveryLevelAndMakesAnEndingField)
@@ -74,7 +70,7 @@ TEST_F(FieldTest, EmptyNameIsReportedAtEveryLevelAndMakesAnEndingField)
         const Field field("", sql::type_text, sql::flag_primary_key);
         EXPECT_TRUE(field.isEndingField());
         EXPECT_EQ(field.dump(), "-1: name=, type=text, flags: PRIMARY KEY");
-        EXPECT_THAT(_diagnostics.events(), ElementsAre(empty_name));
+        EXPECT_THAT(_diagnostics.take(), ElementsAre(empty_name));
     }
 }
 
@@ -83,13 +79,11 @@ TEST_F(FieldTest, NeitherTypeNorFlagsAreChecked)
     const Field field("odd", static_cast<sql::field_type>(-1), ~0);
     EXPECT_EQ(field.getType(), static_cast<sql::field_type>(-1));
     EXPECT_EQ(field.getFlags(), " PRIMARY KEY NOT NULL UNIQUE");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, NameOfABlankIsNoEndingField)
 {
     EXPECT_FALSE(Field(" ", sql::type_int, sql::flag_none).isEndingField());
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(FieldTest, NameIsHandedOutAsACopy)
@@ -125,11 +119,9 @@ TEST_F(FieldTest, TypeHasItsNamesInDefinitionsAndDumpsOrIsReported)
     for (const Type& type : types) {
         const Field field("a", static_cast<sql::field_type>(type.type), sql::flag_none);
         EXPECT_EQ(field.getTypeStr(), type.sqlType);
-        EXPECT_EQ(_diagnostics.events(), type.sqlEvents);
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), type.sqlEvents);
         EXPECT_EQ(field.dump(), std::string("-1: name=a, type=") + type.name + ", flags:");
-        EXPECT_EQ(_diagnostics.events(), type.nameEvents);
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), type.nameEvents);
     }
 }
 
@@ -169,7 +161,6 @@ TEST_F(FieldTest, EachFlagIsAConstraintWrittenInAFixedOrderAfterABlank)
         EXPECT_EQ(field.getDefinition(), std::string("id INTEGER") + flags.text);
         EXPECT_EQ(field.dump(), std::string("-1: name=id, type=integer, flags:") + flags.text);
     }
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Definitions
@@ -189,7 +180,7 @@ TEST_P(FieldDefinitionTest, IsTrimmedAtBothEndsOnly)
     const Definition& c = GetParam();
     const Field field(c.column, static_cast<sql::field_type>(c.type), c.flags);
     EXPECT_EQ(field.getDefinition(), c.definition);
-    EXPECT_EQ(_diagnostics.events(), c.events);
+    EXPECT_EQ(_diagnostics.take(), c.events);
 }
 
 const Definition definitions[] = {

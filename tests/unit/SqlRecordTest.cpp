@@ -3,6 +3,7 @@
 #include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "ReportTest.h"
 #include "Reports.h"
 #include "Rows.h"
 
@@ -29,7 +30,6 @@ using test::cells;
 using test::joined;
 using test::Texts;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::ValuesIn;
 
 static_assert(!std::is_polymorphic<Record>::value, "a plain value");
@@ -132,7 +132,7 @@ void fillTea(Record& record)
 }
 
 // The most verbose level: a record traces nothing but the times that it converts.
-class RecordTest : public testing::Test {
+class RecordTest : public test::ReportTest {
 protected:
     RecordTest()
     {
@@ -151,12 +151,10 @@ protected:
     {
         EXPECT_EQ(record.dump(true),
                   "id = 7 (integer)|name = tea (text)|price = 2.50000000 (float)");
-        EXPECT_EQ(_diagnostics.events(), events);
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), events);
     }
 
     const test::TimeZone _zone;
-    test::Diagnostics _diagnostics;
     FieldSet _fields = products.make();
 };
 
@@ -170,7 +168,6 @@ TEST_F(RecordTest, FreshRecordHasANullCellOfEachColumnsType)
                                            "null (bool)", "null (time)"));
     EXPECT_TRUE(record.getValue(0)->isNull());
     EXPECT_EQ(record.getValue(0)->asString(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, ColumnWithoutAPositionHasACell)
@@ -185,7 +182,6 @@ TEST_F(RecordTest, ColumnOfAnUndefinedTypeHasACellOfThatType)
     const FieldSet fields(std::vector<Field>(1, Field("x", sql::type_undefined, sql::flag_none)));
     const Record record(fields);
     EXPECT_EQ(record.getValue(0)->getType(), sql::type_undefined);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, CopyFromAPointerIsEqualAndIndependent)
@@ -207,7 +203,6 @@ TEST_F(RecordTest, InitColumnValueCopiesTheTextAndSetsTheType)
     EXPECT_TRUE(record.initColumnValue(2, "", sql::type_text));
     text[0] = 's';
     EXPECT_THAT(cells(record), ElementsAre("abc (bool)", "null (text)", " (text)"));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, InitColumnValueWithoutTextMakesTheCellNullAndSetsItsType)
@@ -216,7 +211,6 @@ TEST_F(RecordTest, InitColumnValueWithoutTextMakesTheCellNullAndSetsItsType)
     EXPECT_TRUE(record.initColumnValue(0, nullptr, sql::type_text));
     EXPECT_THAT(cells(record), ElementsAre("null (text)", "tea (text)", "2.50000000 (float)"));
     EXPECT_EQ(record.getValue(0)->asString(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, InitColumnValueIsBoundByTheCellsNotByTheColumns)
@@ -243,7 +237,6 @@ TEST_F(RecordTest, CellsAreFoundByPositionAndByName)
         EXPECT_EQ(constant.getValue(names[i]), record.getValue(i));
         EXPECT_EQ(record.fieldByName(names[i]), _fields.getByIndex(i));
     }
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, CellThatIsFoundCanBeChanged)
@@ -268,7 +261,6 @@ TEST_F(RecordTest, NamesFollowTheColumnsAsTheyAreNow)
     _fields = key_last.make();
     EXPECT_EQ(record.getValue("name"), record.getValue(0));
     EXPECT_EQ(record.getKeyIdValue(), record.getValue(2));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, CellCountStaysWhenTheColumnsChange)
@@ -284,7 +276,6 @@ TEST_F(RecordTest, KeyCellIsThatOfTheFirstKeyColumn)
     const FieldSet fields = two_keys_last.make();
     const Record record(fields);
     EXPECT_EQ(record.getKeyIdValue(), record.getValue(1));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Setters, by position and by name
@@ -311,7 +302,6 @@ protected:
         EXPECT_EQ(record.getValue(1)->getType(), sql::type_text);
         EXPECT_EQ(record.getValue(0)->dump(true), "7 (integer)");
         EXPECT_EQ(record.getValue(2)->dump(true), "2.50000000 (float)");
-        EXPECT_THAT(_diagnostics.events(), IsEmpty());
     }
 };
 
@@ -367,7 +357,7 @@ TEST_P(RecordSetterTest, ReportsWhatHasNoCellAndChangesNothing)
     expectTea(record, noIndex(-1));
     _fields = all_types.make();
     GetParam().byName(record, "at");
-    EXPECT_EQ(_diagnostics.events(), noIndex(4));
+    EXPECT_EQ(_diagnostics.take(), noIndex(4));
 }
 
 const Time day(86400);
@@ -392,7 +382,6 @@ TEST_F(RecordTest, TextInAnIntegerColumnIsStoredUnchanged)
     Record record(_fields);
     record.setString(0, "abc");
     EXPECT_EQ(record.getValue(0)->dump(true), "abc (integer)");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Comparison: two records, in one column or in all
@@ -422,7 +411,7 @@ TEST_P(RecordComparisonTest, IsEqualOrDifferentAndReportsWhatIsLacking)
     EXPECT_EQ(column != nullptr ? record.equalsColumnValue(&other, column)
                                 : record.equalsValues(&other),
               GetParam().areEqual);
-    EXPECT_EQ(_diagnostics.events(), GetParam().events);
+    EXPECT_EQ(_diagnostics.take(), GetParam().events);
 }
 
 void fillOtherKey(Record& record)
@@ -547,7 +536,6 @@ TEST_F(RecordTest, RecordEqualsItself)
 {
     const Record record = tea();
     EXPECT_TRUE(record.equalsValues(&record));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, NoOtherRecordIsDifferentInEveryColumnWithoutAReport)
@@ -556,7 +544,6 @@ TEST_F(RecordTest, NoOtherRecordIsDifferentInEveryColumnWithoutAReport)
     EXPECT_FALSE(record.equalsColumnValue(nullptr, "name"));
     EXPECT_FALSE(record.equalsColumnValue(nullptr, "no_such_column"));
     EXPECT_FALSE(record.equalsValues(nullptr));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Texts
@@ -577,8 +564,7 @@ protected:
     void expect(const std::string& text, const std::string& expected, const Texts& events)
     {
         EXPECT_EQ(text, expected);
-        EXPECT_EQ(_diagnostics.events(), events);
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), events);
     }
 };
 
@@ -664,8 +650,7 @@ protected:
     void expect(const std::string& statement, const std::string& expected, const Texts& events)
     {
         EXPECT_EQ(statement, expected);
-        EXPECT_EQ(_diagnostics.events(), events);
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), events);
     }
 };
 
@@ -809,7 +794,6 @@ TEST_F(RecordTest, StatementsAreWhole)
               "insert into product (id, name, price) values (7, 'tea', 2.50000000)");
     EXPECT_EQ(record.toSqlUpdate("product"),
               "update product set name='tea', price=2.50000000 where id = 7");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // So many columns that a search for each name would show in the time that it takes.
@@ -833,7 +817,6 @@ TEST_F(RecordTest, StatementsOfAWideTableHaveEachCellBesideItsName)
         record.setInteger(i, 7 * i);
     EXPECT_EQ(record.toSqlInsert("t"), "insert into t (" + names + ") values (" + literals + ")");
     EXPECT_EQ(record.toSqlUpdate("t"), "update t set " + assignments + " where id = 0");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, TableNameGoesIntoStatementsAsItStands)
@@ -845,7 +828,6 @@ TEST_F(RecordTest, TableNameGoesIntoStatementsAsItStands)
               "update  a;'b  set name=null, price=null where id = null");
     EXPECT_EQ(record.toSqlInsert(" "), "insert into   (id, name, price) values (null, null, null)");
     EXPECT_EQ(record.toSqlUpdate(" "), "update   set name=null, price=null where id = null");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, StatementsDoNotDependOnTheLocale)
@@ -867,7 +849,7 @@ TEST_F(RecordTest, InsertOfAnEmptyIntegerAloneIsReportedByTheTableAlone)
     Record record(fields);
     record.setString("id", "");
     EXPECT_EQ(record.toSqlInsert("product"), "");
-    EXPECT_EQ(_diagnostics.events(), report::noInsert("No values to insert in table 'product'"));
+    EXPECT_EQ(_diagnostics.take(), report::noInsert("No values to insert in table 'product'"));
 }
 
 TEST_F(RecordTest, InsertWorksWithoutAKeyColumn)
@@ -878,7 +860,6 @@ TEST_F(RecordTest, InsertWorksWithoutAKeyColumn)
     _diagnostics.clear();
     EXPECT_EQ(record.toSqlInsert("product"),
               "insert into product (name, price) values ('tea', null)");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, ValueListWithoutColumnsIsEmptyWithoutAReport)
@@ -886,7 +867,6 @@ TEST_F(RecordTest, ValueListWithoutColumnsIsEmptyWithoutAReport)
     const FieldSet fields = no_columns.make();
     _diagnostics.clear();
     EXPECT_EQ(Record(fields).toSql(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, StatementsHaveTheColumnsOfNowNotAllCells)
@@ -896,7 +876,6 @@ TEST_F(RecordTest, StatementsHaveTheColumnsOfNowNotAllCells)
     EXPECT_EQ(record.toSql(), "7");
     EXPECT_EQ(record.toSqlInsert("product"), "insert into product (id) values (7)");
     EXPECT_EQ(record.toSqlUpdate("product"), "update product set  where id = 7");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(RecordTest, CellsAreRenderedAfterTheColumnsOfNow)
@@ -904,7 +883,6 @@ TEST_F(RecordTest, CellsAreRenderedAfterTheColumnsOfNow)
     const Record record = tea();
     _fields = key_last.make();
     EXPECT_EQ(record.toSql(), "'7', tea, 2.50000000");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // Without a name a column can only be made while somebody listens.
@@ -916,7 +894,7 @@ TEST_F(RecordTest, NamelessKeyAloneMakesNoStatement)
     EXPECT_EQ(record.toSqlInsert("product"), "");
     EXPECT_EQ(record.toSqlUpdate("product"), "");
     EXPECT_EQ(
-        _diagnostics.events(),
+        _diagnostics.take(),
         joined({report::noInsert("No fields to insert in table 'product'"),
                 report::noUpdate("Failed to get name of PRIMARY KEY column for table product")}));
 }
@@ -1017,7 +995,7 @@ TEST_P(RecordFailureTest, IsLoggedThenAssertedAndChangesNothingAtAnyLevel)
         _diagnostics.clear();
         _diagnostics.setLevel(level);
         EXPECT_EQ(GetParam().act.run(record), GetParam().result);
-        EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, GetParam().events));
+        EXPECT_EQ(_diagnostics.take(), test::visibleAt(level, GetParam().events));
         _diagnostics.setLevel(3);
         EXPECT_EQ(cells(record), before);
         EXPECT_EQ(record.fields(), &fields);

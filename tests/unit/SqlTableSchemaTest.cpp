@@ -25,7 +25,6 @@ using test::joined;
 using test::product;
 using test::products;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 class TableSchemaTest : public test::ProductTest {
 protected:
@@ -67,7 +66,6 @@ TEST_F(TableSchemaTest, NameOnlyTableHasNoConnectionColumnsOrRows)
     EXPECT_EQ(table.fields()->count(), 0);
     EXPECT_EQ(table.recordCount(), 0);
     EXPECT_EQ(table.getTopRecord(), nullptr);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TableSchemaTest, TableTakesConnectionNameAndColumnArray)
@@ -76,7 +74,6 @@ TEST_F(TableSchemaTest, TableTakesConnectionNameAndColumnArray)
     EXPECT_EQ(_table.getHandle(), _db.get());
     EXPECT_EQ(_table.fields()->dump(), FieldSet(test::product_columns).dump());
     EXPECT_EQ(_table.recordCount(), 0);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TableSchemaTest, TableTakesACopyOfAFieldSet)
@@ -88,14 +85,13 @@ TEST_F(TableSchemaTest, TableTakesACopyOfAFieldSet)
     EXPECT_EQ(table.getHandle(), _db.get());
     EXPECT_NE(table.fields(), &columns);
     EXPECT_EQ(table.fields()->toSql(), "id, name, price");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TableSchemaTest, ColumnArrayWithoutKeyIsReportedAndKept)
 {
     const Table table(_db, "product", test::without_key_columns);
     EXPECT_EQ(table.fields()->toSql(), "name, price");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::badColumns()));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
 }
 
 TEST_F(TableSchemaTest, NullColumnArrayMakesATableWithoutColumns)
@@ -103,7 +99,6 @@ TEST_F(TableSchemaTest, NullColumnArrayMakesATableWithoutColumns)
     const Table table(_db, "product", static_cast<const Field*>(nullptr));
     EXPECT_EQ(table.fields()->count(), 0);
     EXPECT_EQ(table.toString(), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TableSchemaTest, InitTableMakesANameOnlyTableUsable)
@@ -118,21 +113,19 @@ TEST_F(TableSchemaTest, InitTableMakesANameOnlyTableUsable)
     ASSERT_NE(table.getRecordByKeyId(7), nullptr);
     EXPECT_THAT(held(table), ElementsAre("7|rum|8.0"));
     EXPECT_EQ(table.totalRecordCount(), 4);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TableSchemaTest, InitTableDiscardsTheRowsHeldAndUsesTheOtherConnectionThroughout)
 {
+    _diagnostics.setLevel(3);
     test::Connection other;
     other.run("create table product (id INTEGER PRIMARY KEY, name TEXT, price REAL);"
               "insert into product values (9, 'gin', 6.5)");
     _table.open();
-    _diagnostics.clear();
     EXPECT_TRUE(_table.initTable(other, nullptr));
     EXPECT_EQ(_table.recordCount(), 0);
     EXPECT_EQ(_table.getHandle(), other.get());
     EXPECT_EQ(_table.fields()->toSql(), "id, name, price");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
     EXPECT_TRUE(_table.open());
     EXPECT_THAT(held(_table), ElementsAre("9|gin|6.5"));
     EXPECT_EQ(_table.totalRecordCount(), 1);
@@ -147,7 +140,7 @@ TEST_F(TableSchemaTest, InitTableWithoutKeyColumnFailsAndKeepsColumnsAndConnecti
     EXPECT_FALSE(table.initTable(_db, test::without_key_columns));
     EXPECT_EQ(table.getHandle(), _db.get());
     EXPECT_EQ(table.fields()->toSql(), "name, price");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(report::badColumns()));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
 }
 
 TEST_F(TableSchemaTest, InitTableWithAKeyOfAnotherTypeFailsAndLeavesNoColumns)
@@ -155,25 +148,25 @@ TEST_F(TableSchemaTest, InitTableWithAKeyOfAnotherTypeFailsAndLeavesNoColumns)
     Table table("product");
     EXPECT_FALSE(table.initTable(_db, float_key_columns));
     EXPECT_EQ(table.fields()->count(), 0);
-    EXPECT_EQ(_diagnostics.events(), report::wrongKeyType("price", "float"));
+    EXPECT_EQ(_diagnostics.take(), report::wrongKeyType("price", "float"));
 }
 
 TEST_F(TableSchemaTest, InitTableAppendsToTheColumnsThereAreDeliberately)
 {
     EXPECT_TRUE(_table.initTable(_db, test::text_key_columns));
     EXPECT_EQ(_table.fields()->toSql(), "id, name, price, code, name");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(TableSchemaTest, CreateOfANameOnlyTableReportsItsMissingColumnsTwiceDeliberately)
 {
     Table table("product");
     EXPECT_FALSE(table.create());
-    EXPECT_EQ(_diagnostics.events(), joined({{not_connected}, report::notCreated("product")}));
+    EXPECT_EQ(_diagnostics.take(), joined({{not_connected}, report::notCreated("product")}));
 }
 
 TEST_F(TableSchemaTest, DestroyedTableLeavesTheConnectionOpen)
 {
+    _diagnostics.setLevel(3);
     const test::SqliteCalls calls;
     {
         Table table(_db, "product", test::product_columns);
@@ -188,14 +181,14 @@ TEST_F(TableSchemaTest, DestroyedTableLeavesTheConnectionOpen)
 TEST_F(TableSchemaTest, MissingTableDoesNotExist)
 {
     EXPECT_FALSE(Table(_db, "order_line", test::product_columns).exists());
-    EXPECT_EQ(_diagnostics.events(), report::absent("order_line"));
+    EXPECT_EQ(_diagnostics.take(), report::absent("order_line"));
 }
 
 TEST_F(TableSchemaTest, ViewOfTheNameIsNoTable)
 {
     _db.run("create view dear as select * from product where price > 2");
     EXPECT_FALSE(Table(_db, "dear", test::product_columns).exists());
-    EXPECT_EQ(_diagnostics.events(), report::absent("dear"));
+    EXPECT_EQ(_diagnostics.take(), report::absent("dear"));
 }
 
 TEST_F(TableSchemaTest, TableCountedTwiceCannotBeDeterminedAndExists)
@@ -203,7 +196,7 @@ TEST_F(TableSchemaTest, TableCountedTwiceCannotBeDeterminedAndExists)
     _db.run("pragma writable_schema = on; insert into sqlite_master"
             " select type, name, tbl_name, rootpage, sql from sqlite_master");
     EXPECT_TRUE(_table.exists());
-    EXPECT_EQ(_diagnostics.events(),
+    EXPECT_EQ(_diagnostics.take(),
               joined({report::counted(report::existenceQuery("product"), "2"),
                       {report::error("Table::exists",
                                      "Failed to determine if table 'product' exists")}}));
@@ -215,7 +208,7 @@ TEST_F(TableSchemaTest, TableOfAnUnreadableFileExistsAndIsNotCreatedDeliberately
     test::writeFile(directory.file("notes.txt"), std::string(4096, 'x'));
     test::Connection unreadable(directory.file("notes.txt"));
     EXPECT_TRUE(Table(unreadable, "product", test::product_columns).create());
-    EXPECT_EQ(_diagnostics.events(),
+    EXPECT_EQ(_diagnostics.take(),
               report::undetermined("product", "26=SQLITE_NOTADB: file is not a database"));
     EXPECT_EQ(test::readFile(directory.file("notes.txt")), std::string(4096, 'x'));
 }
@@ -231,18 +224,19 @@ TEST_F(TableSchemaTest, CreateOfAMissingTableRunsItsDefinitionAndDiscardsTheRows
     EXPECT_THAT(statements.texts(), ElementsAre(report::existenceQuery("copy"), definition));
     EXPECT_EQ(table.recordCount(), 0);
     EXPECT_EQ(_db.rows("select sql from sqlite_master where name = 'copy'"), definition);
-    EXPECT_EQ(_diagnostics.events(), joined({report::absent("copy"), report::ran(definition)}));
+    EXPECT_EQ(_diagnostics.take(), joined({report::absent("copy"), report::ran(definition)}));
 }
 
 TEST_F(TableSchemaTest, CreateDoesNotCompareTheColumnsOfAnExistingTable)
 {
     EXPECT_TRUE(Table(_db, "product", test::all_type_columns).create());
     EXPECT_EQ(_db.rows("select sql from sqlite_master"), test::product_definition);
-    EXPECT_EQ(_diagnostics.events(), report::present("product"));
+    EXPECT_EQ(_diagnostics.take(), report::present("product"));
 }
 
 TEST_F(TableSchemaTest, RemovedTableExistsNoMoreWhileATruncatedOneDoes)
 {
+    _diagnostics.setLevel(3);
     _table.truncate();
     EXPECT_TRUE(_table.exists());
     _table.remove();
@@ -251,6 +245,7 @@ TEST_F(TableSchemaTest, RemovedTableExistsNoMoreWhileATruncatedOneDoes)
 
 TEST_F(TableSchemaTest, TotalRecordCountIsNotTheNumberOfRowsHeld)
 {
+    _diagnostics.setLevel(3);
     _table.open("id = 1");
     EXPECT_EQ(_table.recordCount(), 1);
     EXPECT_EQ(_table.totalRecordCount(), 3);
@@ -259,6 +254,7 @@ TEST_F(TableSchemaTest, TotalRecordCountIsNotTheNumberOfRowsHeld)
 // The operations of SqlTableTest.cpp run on this name too; these need it where the table is missing.
 TEST_F(TableSchemaTest, OddNameIsCreatedAsItStands)
 {
+    _diagnostics.setLevel(3);
     const char odd_name[] = "\"it''s my product\"";
     const test::Statements statements(_db);
     EXPECT_TRUE(Table(_db, odd_name, one_column).create());
@@ -270,6 +266,7 @@ TEST_F(TableSchemaTest, OddNameIsCreatedAsItStands)
 
 TEST_F(TableSchemaTest, NameWithASchemaIsInsertedAsItStands)
 {
+    _diagnostics.setLevel(3);
     Table table(_db, "main.\"my product\"", one_column);
     const test::Statements statements(_db);
     EXPECT_TRUE(table.create());
@@ -284,7 +281,7 @@ TEST_F(TableSchemaTest, NameWithASchemaIsInsertedAsItStands)
 TEST_F(TableSchemaTest, BlankIsATableName)
 {
     EXPECT_FALSE(Table(_db, " ", test::product_columns).addRecord(product(_table, 7, "rum", 8)));
-    EXPECT_EQ(_diagnostics.events(),
+    EXPECT_EQ(_diagnostics.take(),
               report::refused("insert into   (id, name, price) values (7, 'rum', 8.00000000)",
                               "1=SQLITE_ERROR: near \"(\": syntax error"));
 }
@@ -318,7 +315,7 @@ TEST_P(TableColumnsTest, AreTheDefinitionAndANumberedListWithoutALineBreakAtTheE
     Table table(_db, "product", GetParam().columns);
     EXPECT_EQ(table.getDefinition(), GetParam().definition);
     EXPECT_EQ(table.toString(), GetParam().list);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    _diagnostics.setLevel(3);
     table.open();
     EXPECT_EQ(table.toString(), GetParam().list) << "it shows no rows";
 }

@@ -136,7 +136,7 @@ TEST_P(TableCaseTest, GivesItsResultAtEveryLevelAndReportsWhatTheLevelShows)
         _diagnostics.setLevel(level);
         _diagnostics.clear();
         EXPECT_EQ(GetParam().act.run(fixture.table), GetParam().result);
-        EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, GetParam().report));
+        EXPECT_EQ(_diagnostics.take(), test::visibleAt(level, GetParam().report));
     }
 }
 

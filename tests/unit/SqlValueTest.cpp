@@ -3,6 +3,7 @@
 #include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "ReportTest.h"
 #include "Reports.h"
 
 #include <gmock/gmock.h>
@@ -41,7 +42,6 @@ using sql::type_undefined;
 using sql::Value;
 using test::Texts;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::ValuesIn;
 using testing::WithParamInterface;
 
@@ -128,7 +128,7 @@ const std::string minute_line = report::timeMade("60", "Thu Jan  1 01:01:00 1970
 const std::string minute_text = "01-01-1970 01:01:00, Thu";
 
 // The most verbose level: what is not expected is not reported at all.
-class ValueTest : public testing::Test {
+class ValueTest : public test::ReportTest {
 protected:
     ValueTest()
     {
@@ -151,7 +151,6 @@ protected:
     }
 
     const test::TimeZone _zone;
-    test::Diagnostics _diagnostics;
 };
 
 // --- Null, types and copies
@@ -177,10 +176,8 @@ TEST_P(ValueTypeTest, NullIsZeroFalseAndTheEpochAndWrittenAsNull)
         }
         for (const field_type asked : all_types)
             EXPECT_EQ(value.toSql(asked), "null") << asked;
-        EXPECT_THAT(_diagnostics.events(), IsEmpty());
         EXPECT_EQ(value.asTime().asInteger(), 0);
-        EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line));
-        _diagnostics.clear();
+        EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line));
     }
 }
 
@@ -199,7 +196,6 @@ TEST_P(ValueTypeTest, SettersEndNullAndKeepTheType)
         EXPECT_EQ(value.getType(), GetParam());
         EXPECT_FALSE(value.isNull());
     }
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_P(ValueTypeTest, SetValueTakesTheTextAndTheType)
@@ -209,7 +205,6 @@ TEST_P(ValueTypeTest, SetValueTakesTheTextAndTheType)
     EXPECT_FALSE(value.isNull());
     EXPECT_EQ(value.getType(), GetParam());
     EXPECT_EQ(value.asInteger(), 1);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, ValueTypeTest, ValuesIn(all_types));
@@ -217,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(Types, ValueTypeTest, ValuesIn(all_types));
 TEST_F(ValueTest, NullTimeAsATextIsTheEpochInLocalTime)
 {
     EXPECT_EQ(Value(type_time).asString(), "01-01-1970 01:00:00, Thu");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line));
 }
 
 TEST_F(ValueTest, SetValueCopiesTheText)
@@ -291,8 +286,8 @@ protected:
         EXPECT_EQ(value.asInteger(), GetParam().asInteger);
         EXPECT_PRED2(same, value.asDouble(), GetParam().asDouble);
         EXPECT_EQ(value.asBool(), GetParam().text == "1");
-        EXPECT_THAT(_diagnostics.events(), IsEmpty());
         EXPECT_EQ(value.asTime().getTime(), static_cast<time_t>(GetParam().asInteger));
+        EXPECT_THAT(_diagnostics.take(), testing::SizeIs(1)) << "the time alone is traced";
     }
 };
 
@@ -402,7 +397,6 @@ TEST_P(ValueLongDoubleTest, IsKeptUpTo127CharactersDeliberatelyInEveryLocale)
     const test::CommaLocale comma;
     value.setDouble(GetParam().number);
     EXPECT_EQ(value.asString(), GetParam().text);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // The first two of them just fit.
@@ -460,7 +454,6 @@ void expectWrittenAndReadAsPlainly(std::mt19937_64 random, int count)
 TEST_F(ValueTest, ManyDoublesAreWrittenAndReadAsTheCLibraryDoes)
 {
     expectWrittenAndReadAsPlainly(std::mt19937_64(20240229), 20000);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(ValueTest, ManyDoublesAreWrittenAndReadAlikeWhereTheLocaleHasADecimalComma)
@@ -476,7 +469,6 @@ TEST_P(ValueNumberTextTest, IsReadAsStrtodReadsItInEveryLocale)
     EXPECT_PRED2(same, textValue(GetParam()).asDouble(), readDouble(GetParam()));
     const test::CommaLocale comma;
     EXPECT_PRED2(same, textValue(GetParam()).asDouble(), readDouble(GetParam()));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, ValueNumberTextTest,
@@ -490,12 +482,14 @@ INSTANTIATE_TEST_SUITE_P(Texts, ValueNumberTextTest,
 
 TEST_F(ValueTest, TimeIsWrittenInLocalTime)
 {
+    _diagnostics.setLevel(8);
     EXPECT_EQ(timeValue(1700000000).asString(), "14-11-2023 23:13:20, Tue");
     EXPECT_EQ(timeValue(1720000000).asString(), "03-07-2024 11:46:40, Wed");
 }
 
 TEST_F(ValueTest, TimeFollowsTheTimeZone)
 {
+    _diagnostics.setLevel(8);
     const Value value = timeValue(0);
     const test::TimeZone zone("UTC0");
     EXPECT_EQ(value.asString(), "01-01-1970 00:00:00, Thu");
@@ -506,7 +500,7 @@ TEST_F(ValueTest, TimeTextConvertsWhateverTextIsStored)
 {
     EXPECT_EQ(textValue(" 60.9 seconds", type_time).asString(), "01-01-1970 01:01:00, Thu");
     EXPECT_EQ(textValue("soon", type_time).asString(), "01-01-1970 01:00:00, Thu");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(minute_line, epoch_line));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(minute_line, epoch_line));
 }
 
 struct TimeUse : test::Case {
@@ -523,8 +517,7 @@ TEST_P(ValueTimeTraceTest, EveryConversionToATimeIsTracedAtTheMostVerboseLevel)
     for (const int level : test::trace_levels) {
         _diagnostics.setLevel(level);
         EXPECT_EQ(GetParam().use(value), GetParam().result);
-        EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, GetParam().events));
-        _diagnostics.clear();
+        EXPECT_EQ(_diagnostics.take(), test::visibleAt(level, GetParam().events));
     }
 }
 
@@ -556,7 +549,6 @@ TEST_F(ValueTest, StoringATimeIsNotTraced)
     Value value(type_int);
     value.setTime(made);
     EXPECT_EQ(value.asString(), "60");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(ValueTest, ComparedTimesAreTracedThisOneFirst)
@@ -564,23 +556,21 @@ TEST_F(ValueTest, ComparedTimesAreTracedThisOneFirst)
     const Value minute = timeValue(60);
     const Value epoch = timeValue(0);
     EXPECT_TRUE(minute.equals(epoch));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(minute_line, epoch_line));
-    _diagnostics.clear();
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(minute_line, epoch_line));
     EXPECT_TRUE(epoch.equals(minute));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line, minute_line));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line, minute_line));
 }
 
 TEST_F(ValueTest, NullComparedWithATimeIsTracedAsTheEpoch)
 {
     const Value minute = timeValue(60);
     EXPECT_TRUE(Value(type_time).equals(minute));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(epoch_line, minute_line));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line, minute_line));
 }
 
 TEST_F(ValueTest, TwoNullTimesAreEqualWithoutAnyConversion)
 {
     EXPECT_TRUE(Value(type_time).equals(Value(type_time)));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(ValueTest, TextComparedWithATimeConvertsTheTimeAlone)
@@ -588,7 +578,7 @@ TEST_F(ValueTest, TextComparedWithATimeConvertsTheTimeAlone)
     const Value minute = timeValue(60);
     EXPECT_TRUE(textValue(minute_text).equals(minute));
     EXPECT_FALSE(textValue("60").equals(minute));
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(minute_line, minute_line));
+    EXPECT_THAT(_diagnostics.take(), ElementsAre(minute_line, minute_line));
 }
 
 // --- Dumps
@@ -604,20 +594,18 @@ TEST_F(ValueTest, DumpNamesTheTypeOnRequest)
     EXPECT_EQ(textValue("1", type_bool).dump(true), "1 (bool)");
     EXPECT_EQ(Value(type_text).dump(true), "null (text)");
     EXPECT_EQ(Value(type_time).dump(true), "null (time)");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(ValueTest, DumpOfAnUndefinedTypeIsReported)
 {
     EXPECT_EQ(textValue("tea", static_cast<field_type>(7)).dump(true), "tea (undefined)");
-    EXPECT_THAT(_diagnostics.events(),
+    EXPECT_THAT(_diagnostics.take(),
                 ElementsAre(report::asserted("sql::string sql::type2Str(sql::field_type)")));
 }
 
 TEST_F(ValueTest, DumpOfAnUndefinedTypeWithoutTheTypeIsSilent)
 {
     EXPECT_EQ(textValue("tea", type_undefined).dump(false), "tea");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // --- Comparison
@@ -650,7 +638,6 @@ TEST_P(ValueEqualsTest, GoesByTheTypeOfTheFirst)
     value.setValue(GetParam().text, GetParam().type);
     other.setValue(GetParam().otherText, GetParam().otherType);
     EXPECT_EQ(value.equals(other), GetParam().equal);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // For every type: null with null, with what null converts to and with something else.
@@ -732,7 +719,6 @@ TEST_F(ValueTest, TextsAreComparedBeyondZeroBytes)
     EXPECT_TRUE(value.equals(textValue(std::string("a\0b", 3))));
     EXPECT_FALSE(value.equals(textValue(std::string("a\0c", 3))));
     EXPECT_FALSE(value.equals(textValue("a")));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(ValueTest, ValueEqualsItselfUnlessItIsNotANumber)
@@ -765,7 +751,6 @@ TEST_P(ValueSqlTest, FollowsTheTypeAskedForThenItsOwn)
     _diagnostics.setLevel(8);
     const Value value = textValue(GetParam().text, GetParam().type);
     EXPECT_EQ(value.toSql(GetParam().asked), GetParam().sql);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 // Every type asked for as every other: quoted for a text, the seconds of a time, else as it stands.
@@ -816,7 +801,6 @@ TEST_F(ValueTest, StoredFormsAreWrittenUnchanged)
     EXPECT_EQ(value.toSql(type_bool), "1");
     value.setTime(time(1700000000));
     EXPECT_EQ(value.toSql(type_time), "1700000000");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 TEST_F(ValueTest, TextOfATimeIsWrittenAsTheNumberInIt)
@@ -841,7 +825,6 @@ TEST_F(ValueTest, TextOfATimeIsWrittenAsTheNumberInIt)
         {"-9999999999999999999", "-9223372036854775808"}};
     for (const auto& [text, number] : cases)
         EXPECT_EQ(textValue(text, type_time).toSql(type_time), number) << text;
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
 } // namespace
