@@ -3,20 +3,14 @@
 #include "Environment.h"
 #include "Heap.h"
 #include "Job.h"
-#include "SqlDatabase.h"
-#include "SqlRecord.h"
 #include "SqlRecordSet.h"
-#include "SqlTable.h"
 #include "Sqlite.h"
 #include "SqliteMemory.h"
 #include "Wording.h"
 
 #include <gmock/gmock.h>
 
-#include <functional>
 #include <memory>
-#include <new>
-#include <ostream>
 #include <set>
 #include <string>
 #include <tuple>
@@ -24,9 +18,7 @@
 
 namespace {
 
-using sql::Record;
 using sql::RecordSet;
-using sql::Table;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -217,237 +209,6 @@ TEST_P(RowAllocationTest, RowsAreWholeWhenNoAllocationFails)
 INSTANTIATE_TEST_SUITE_P(LevelsAndDurations, RowAllocationTest,
                          testing::Combine(testing::Values(3, 9), testing::Bool()));
 
-// --- Anywhere within an operation
-
-struct Operation {
-    const char* what;
-    std::function<bool(sqlite3* db, Table& table, const Record& record)> run;
-    bool changesRows;
-    const char* load; // the statement whose rows it holds, or null
-};
-
-void PrintTo(const Operation& operation, std::ostream* out)
-{
-    *out << operation.what;
-}
-
-class OperationAllocationTest : public AllocationTest,
-                                public testing::WithParamInterface<Operation> {
-protected:
-    OperationAllocationTest() : _record(_fields)
-    {
-        _record.setInteger("id", 7);
-        _record.setString("name", nameOfRow(7));
-        _record.setDouble("price", 3.5);
-        _diagnostics.setLevel(9);
-    }
-
-    // Runs the operation while the nth allocation fails. True when none did. Otherwise it has
-    // passed std::bad_alloc on without a report, or has failed as a load does.
-    bool runWithFailure(int nth, Table& table)
-    {
-        bool succeeded = false;
-        bool passedOn = false;
-        bool struck;
-        _diagnostics.clear();
-        {
-            const MemoryShortage shortage(nth, false);
-            try {
-                succeeded = GetParam().run(_db, table, _record);
-            } catch (const std::bad_alloc&) {
-                passedOn = true;
-            }
-            struck = shortage.hasStruck();
-        }
-        EXPECT_EQ(succeeded, !struck) << nth;
-        EXPECT_FALSE(hasOpenStatement()) << nth;
-        EXPECT_EQ(_diagnostics.errors(), errorsOf(struck && !passedOn)) << nth;
-        EXPECT_THAT(_diagnostics.assertions(), IsEmpty()) << nth;
-        if (struck && !passedOn)
-            ++_loadsFailed;
-        return !struck;
-    }
-
-    static std::vector<std::string> errorsOf(bool failedLoad)
-    {
-        if (!failedLoad)
-            return {};
-        if (GetParam().load == nullptr)
-            return {"a failed load"};
-        return {std::string("Failed to run the SQL stmt '") + GetParam().load + "'",
-                test::worded("  rc=4=SQLITE_ABORT: query aborted")};
-    }
-
-    int _loadsFailed = 0;
-
-    Record _record;
-};
-
-TEST_P(OperationAllocationTest, FailureLeavesNoStatementOpenAndAllRowsInPlace)
-{
-    Table table(_db, "product", _fields);
-    for (int nth = 1; nth < most_allocations; ++nth) {
-        if (runWithFailure(nth, table))
-            break;
-        EXPECT_EQ(contents(), _before) << nth;
-    }
-    EXPECT_EQ(contents() != _before, GetParam().changesRows);
-    EXPECT_EQ(_loadsFailed > 0, GetParam().load != nullptr);
-}
-
-TEST_P(OperationAllocationTest, TableWorksAfterAFailure)
-{
-    Table table(_db, "product", _fields);
-    int nth = 1;
-    while (nth < most_allocations && !runWithFailure(nth, table)) {
-        EXPECT_TRUE(table.open()) << nth;
-        EXPECT_EQ(table.recordCount(), row_count) << nth;
-        ++nth;
-    }
-    EXPECT_GT(nth, 1);
-}
-
-// Conditions and keys are short enough to need no memory of their own.
-const Operation operations[] = {
-    {"open", [](sqlite3*, Table& table, const Record&) { return table.open(); }, false,
-     "select * from product"},
-    {"open by condition and order",
-     [](sqlite3*, Table& table, const Record&) { return table.open("price > 2", "name"); }, false,
-     "select * from product where price > 2 order by name"},
-    {"getRecordByKeyId with an integer",
-     [](sqlite3*, Table& table, const Record&) {
-         return table.getRecordByKeyId(sql::integer(2)) != nullptr;
-     },
-     false, "select * from product where id = 2"},
-    {"getRecordByKeyId with a text",
-     [](sqlite3*, Table& table, const Record&) {
-         return table.getRecordByKeyId(std::string("2")) != nullptr;
-     },
-     false, "select * from product where id = \"2\""},
-    {"hasRecordWithKeyId",
-     [](sqlite3*, Table& table, const Record&) {
-         return table.hasRecordWithKeyId(sql::integer(2));
-     },
-     false, nullptr},
-    {"exists", [](sqlite3*, Table& table, const Record&) { return table.exists(); }, false,
-     nullptr},
-    {"create", [](sqlite3*, Table& table, const Record&) { return table.create(); }, false,
-     nullptr},
-    {"totalRecordCount",
-     [](sqlite3*, Table& table, const Record&) { return table.totalRecordCount() == row_count; },
-     false, nullptr},
-    {"addRecord",
-     [](sqlite3*, Table& table, const Record& record) { return table.addRecord(record); }, true,
-     nullptr},
-    {"updateRecord",
-     [](sqlite3*, Table& table, const Record& record) {
-         Record second(record);
-         second.setInteger(0, 2);
-         return table.updateRecord(second);
-     },
-     true, nullptr},
-    {"addOrUpdateRecord that adds",
-     [](sqlite3*, Table& table, const Record& record) {
-         return table.addOrUpdateRecord(sql::integer(7), record);
-     },
-     true, nullptr},
-    {"addOrUpdateRecord that updates no row",
-     [](sqlite3*, Table& table, const Record& record) {
-         return table.addOrUpdateRecord(std::string("2"), record);
-     },
-     false, nullptr},
-    {"deleteRecord",
-     [](sqlite3*, Table& table, const Record&) { return table.deleteRecord(sql::integer(2)); },
-     true, nullptr},
-    {"deleteRecords",
-     [](sqlite3*, Table& table, const Record&) { return table.deleteRecords("id > 2"); }, true,
-     nullptr},
-    {"query of a record set of its own",
-     [](sqlite3* db, Table& table, const Record&) {
-         return RecordSet(db, *table.fields()).query("select 1, 2");
-     },
-     false, "select 1, 2"},
-    {"runOneStepSqlStmt",
-     [](sqlite3* db, Table&, const Record&) {
-         return sql::runOneStepSqlStmt(db, "delete from product where id = 2");
-     },
-     true, nullptr},
-};
-
-INSTANTIATE_TEST_SUITE_P(Operations, OperationAllocationTest, testing::ValuesIn(operations));
-
-TEST_F(AllocationTest, FailureWhileCopyingKeepsTheRowsCopiedBeforeIt)
-{
-    _db.run("create table spare (id integer primary key, name text, price real)");
-    Table source(_db, "product", _fields);
-    Table spare(_db, "spare", _fields);
-    ASSERT_TRUE(source.open());
-    for (int nth = 1; nth < most_allocations; ++nth) {
-        bool copied = false;
-        {
-            const MemoryShortage shortage(nth, false);
-            try {
-                copied = spare.copyRecords(source);
-            } catch (const std::bad_alloc&) {
-            }
-        }
-        const std::string rows = _db.rows("select * from spare order by id");
-        EXPECT_EQ(rows, _before.substr(0, rows.size())) << nth;
-        EXPECT_EQ(rows.size() == _before.size(), copied) << nth;
-        EXPECT_EQ(source.recordCount(), row_count) << nth;
-        EXPECT_FALSE(hasOpenStatement()) << nth;
-        if (copied)
-            break;
-        _db.run("delete from spare");
-    }
-    EXPECT_EQ(_db.rows("select * from spare order by id"), _before);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(AllocationTest, BackupCanBeRepeatedAfterAFailure)
-{
-    Table source(_db, "product", _fields);
-    Table spare(_db, "spare", _fields);
-    int nth = 1;
-    for (bool done = false; !done && nth < most_allocations; ++nth) {
-        {
-            const MemoryShortage shortage(nth, false);
-            try {
-                done = spare.backup(source);
-            } catch (const std::bad_alloc&) {
-            }
-        }
-        EXPECT_FALSE(hasOpenStatement()) << nth;
-        EXPECT_TRUE(done || spare.backup(source)) << nth;
-        EXPECT_EQ(_db.rows("select * from spare order by id"), _before) << nth;
-    }
-    EXPECT_GT(nth, row_count);
-    EXPECT_EQ(contents(), _before);
-}
-
-TEST(DatabaseAllocationTest, FailureLeavesTheConnectionOpenAndNoTransaction)
-{
-    test::Diagnostics diagnostics;
-    sql::Database database;
-    ASSERT_TRUE(database.open(":memory:", sql::Database::access_create, false, 0));
-    bool begun = false;
-    for (int nth = 1; !begun && nth < most_allocations; ++nth) {
-        {
-            const MemoryShortage shortage(nth, false);
-            try {
-                begun = database.setUserVersion(static_cast<unsigned int>(nth))
-                        && database.transactionBegin();
-            } catch (const std::bad_alloc&) {
-            }
-        }
-        EXPECT_EQ(sqlite3_get_autocommit(database.getHandle()) == 0, begun) << nth;
-        EXPECT_EQ(sqlite3_next_stmt(database.getHandle(), nullptr), nullptr) << nth;
-        EXPECT_TRUE(database.isOpen()) << nth;
-    }
-    EXPECT_TRUE(database.transactionCommit());
-    EXPECT_THAT(diagnostics.events(), IsEmpty());
-}
-
 // --- Anywhere within a whole job on a file
 
 const test::Texts no_memory_for_a_row = {test::worded("4=SQLITE_ABORT: query aborted")};
@@ -473,7 +234,7 @@ protected:
                                                });
         job->diagnostics().setLevel(9);
         if (job->open())
-            job->take(test::wholeJob());
+            job->take(_steps);
         job->useAgain();
         job->close();
         EXPECT_EQ(sqlite.blocksInUse(), 0);
@@ -493,6 +254,12 @@ protected:
         return test::heapBlocksInUse() - before;
     }
 };
+
+TEST_F(JobAllocationTest, NoAllocationOfAnyOperationMayNotFail)
+{
+    _steps = test::onceEach(test::wholeJob());
+    workWithEveryFailure(false, true);
+}
 
 TEST_F(JobAllocationTest, OneAllocationThatFailsLosesNoAcknowledgedRow)
 {

@@ -33,7 +33,7 @@ protected:
                 });
         memory.refuse(nth, lasts);
         if (job.open())
-            job.take(test::wholeJob());
+            job.take(_steps);
         job.useAgain();
         job.close();
         EXPECT_EQ(memory.blocksInUse(), 0);

@@ -1,7 +1,5 @@
 #include "Job.h"
 
-#include "Environment.h"
-
 #include <gmock/gmock.h>
 
 #include <algorithm>
@@ -264,6 +262,15 @@ Steps wholeJob()
     };
     return Steps{setting("pragma page_size = 512")} + filling(6) + changing()
            + Steps{backup(), update(3, 5)} + backingUp() + copying + reading() + removing();
+}
+
+Steps onceEach(const Steps& steps)
+{
+    Steps chosen;
+    std::set<std::string> names;
+    std::copy_if(steps.begin(), steps.end(), std::back_inserter(chosen),
+                 [&](const Step& step) { return names.insert(step.name).second; });
+    return chosen;
 }
 
 std::vector<Change> changesOf(const Steps& steps)
@@ -563,14 +570,14 @@ void ShortageTest::note(const std::string& operation, int allocations)
     _ends.push_back(allocations);
 }
 
-std::vector<int> ShortageTest::cases() const
+std::vector<int> ShortageTest::cases(bool all) const
 {
     const int some = briefRun() ? 2 : 4;
     std::vector<int> chosen;
     int before = 0;
     for (const int end : _ends) {
         const int count = end - before;
-        const int parts = longRun() || count <= some ? count : some;
+        const int parts = all || count <= some ? count : some;
         for (int i = 0; i < parts; ++i)
             chosen.push_back(parts == 1 ? end : before + 1 + i * (count - 1) / (parts - 1));
         before = end;
@@ -578,17 +585,18 @@ std::vector<int> ShortageTest::cases() const
     return chosen;
 }
 
-void ShortageTest::workWithEveryFailure(bool lasts)
+void ShortageTest::workWithEveryFailure(bool lasts, bool all)
 {
     plan();
-    for (const int nth : cases()) {
+    const std::vector<int> chosen = cases(all);
+    for (const int nth : chosen) {
         SCOPED_TRACE(nth);
         EXPECT_TRUE(work(nth, lasts));
         if (HasFailure())
             break;
     }
     RecordProperty("allocations", _ends.back());
-    RecordProperty("tried", static_cast<int>(cases().size()));
+    RecordProperty("tried", static_cast<int>(chosen.size()));
 }
 
 } // namespace test

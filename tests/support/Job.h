@@ -2,6 +2,7 @@
 #define SQLWRAPPER_TESTS_SUPPORT_JOB_H
 
 #include "Diagnostics.h"
+#include "Environment.h"
 #include "Shop.h"
 
 #include <gtest/gtest.h>
@@ -29,6 +30,9 @@ std::vector<Step>
 wholeJob(); // all this, and operations of several statements outside a transaction
 
 std::vector<Step> operator+(std::vector<Step> first, const std::vector<Step>& second);
+
+// The first step of each name.
+std::vector<Step> onceEach(const std::vector<Step>& steps);
 
 // Steps whose end changes what the file holds, and what it holds then.
 struct Change {
@@ -128,8 +132,10 @@ protected:
     // To be called after each operation, with the number of allocations so far.
     void note(const std::string& operation, int allocations);
 
-    void workWithEveryFailure(bool lasts);
+    // Lets some allocations of every operation fail, its first and last among them; or all.
+    void workWithEveryFailure(bool lasts, bool all = longRun());
 
+    std::vector<Step> _steps = wholeJob();
     std::set<std::string> _allocating; // the operations that allocate
     std::set<std::string> _failures;
     bool _planned = false;
@@ -137,9 +143,7 @@ protected:
 private:
     void plan();
 
-    // Which allocations to try: all of them in a long run, otherwise some of every operation, its
-    // first and last among them.
-    std::vector<int> cases() const;
+    std::vector<int> cases(bool all) const;
 
     const int _never;
     std::vector<int> _ends; // the allocations so far, after each operation
