@@ -94,7 +94,7 @@ class BadFileTest(Test):
 
     def test_file_that_is_no_database_is_told_and_left_alone(self):
         content = b"This is no database.\n" * 100
-        (self.folder / "a.db").write_bytes(content)
+        self.write("a.db", content)
         for name, (_, error) in BAD_FILES.items():
             with self.subTest(name):
                 self.assert_fails(error, name, "a.db", given=KEY)

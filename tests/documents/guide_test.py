@@ -21,11 +21,10 @@ MARK = "--- next command"
 
 
 class TourTest(Test):
-    def tour(self, *arguments):
+    def tour(self):
         """Its exit status and what it prints, standard error included."""
-        program = self.start("tour", *arguments, stderr=subprocess.STDOUT)
-        output, _ = program.communicate()
-        return program.returncode, comparable(output)
+        status, output, _ = self.run_program("tour", "a.db", stderr=subprocess.STDOUT)
+        return status, comparable(output)
 
     def test_prints_what_is_shown(self):
         parts = re.split(r"^## (.*)\n", documents.text("docs/tour.md"), flags=re.MULTILINE)[1:]
@@ -33,11 +32,11 @@ class TourTest(Test):
         for heading, section in zip(parts[::2], parts[1::2]):
             output = "".join(re.findall(r"^```text\n(.*?)^```$", section, re.M | re.S))
             shown += f"-- {heading}\n{output}" if output else ""
-        self.assertEqual(self.tour("a.db"), (0, comparable(shown)))
+        self.assertEqual(self.tour(), (0, comparable(shown)))
 
     def test_can_be_taken_again_and_leaves_an_empty_table(self):
         for version in ("version 1, was 0\n", "version 1, was 1\n"):
-            status, output = self.tour("a.db")
+            status, output = self.tour()
             self.assertIn(version, output)
             self.assertEqual(status, 0, output)
             self.assertEqual(self.query("select name from sqlite_master"),
@@ -46,12 +45,12 @@ class TourTest(Test):
 
     def test_wrong_use_and_a_file_that_is_no_database_are_told(self):
         self.assert_ends(self.start("tour"), 2, "", "usage: tour DATABASE\n")
-        (self.folder / "a.db").write_text("This is no database.\n" * 100, encoding="utf-8")
+        self.write("a.db", "This is no database.\n" * 100)
         self.assert_fails("cannot open the database", "tour", "a.db")
 
     def test_task_that_fails_ends_the_tour(self):
         self.make("create table product (id integer primary key)")
-        status, output = self.tour("a.db")
+        status, output = self.tour()
         self.assertEqual((status, output.splitlines()[-2:]),
                          (1, ["-- Add rows", "tour: this task failed"]))
 
@@ -80,13 +79,14 @@ class QuestionsTest(Test):
 class DeviceTest(Test):
     def test_reports_go_to_the_devices_own(self):
         place = "components/sql/sqlwrapper/src/"
-        self.assert_ends(self.start("device", stderr=subprocess.STDOUT), 0, (
+        status, output, _ = self.run_program("device", stderr=subprocess.STDOUT)
+        self.assertEqual((status, comparable(output)), (0, (
             f"{place}SqlTable.cpp:NNN: '_db' in bool sql::Table::exists()\n"
             "not there\n"
             "device: [ERROR] SqlFieldSet.cpp:NNN (getKeyIdName) - Failed to get name of PRIMARY KEY column\n"
             f"{place}SqlFieldSet.cpp:NNN: 'false' in sql::string sql::FieldSet::getKeyIdName() const\n"
             f"{place}SqlRecordSet.cpp:NNN: '_db' in bool sql::RecordSet::query(const string&)\n"
-            "not opened\n"), None)
+            "not opened\n")))
 
 
 class InstalledTest(Test):

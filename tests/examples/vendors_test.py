@@ -1,8 +1,8 @@
-"""Runs the example program vendors on the public registry of address blocks.
+"""Runs the example program vendors on the public registry of address blocks, as programs.py says.
 
-VENDORS is the program, REGISTRY the folder with oui.csv, mam.csv and oui36.csv, SQLITE_VERSION the
-version of the program's SQLite. What the program prints and stores is compared with what Python's own
-modules csv and sqlite3 read.
+REGISTRY is the folder with oui.csv, mam.csv and oui36.csv, SQLITE_VERSION the version of the program's
+SQLite. What the program prints and stores is compared with what Python's own modules csv and sqlite3
+read.
 """
 
 import contextlib
@@ -22,7 +22,8 @@ import threading
 import time
 import unittest
 
-PROGRAM = os.path.abspath(os.environ["VENDORS"])
+import programs
+
 SOURCE = pathlib.Path(__file__).resolve().parents[2] / "examples" / "vendors" / "main.cpp"
 SQLITE = tuple(int(part) for part in os.environ["SQLITE_VERSION"].split("."))
 OUI, MAM, OUI36 = (os.path.join(os.environ["REGISTRY"], name)
@@ -75,52 +76,30 @@ def whole_registry():
     unittest.addModuleCleanup(folder.cleanup)
     database = os.path.join(folder.name, "all.db")
     for file in (OUI, MAM, OUI36):
-        subprocess.run([PROGRAM, "import", file, database], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run([*programs.EMULATOR, programs.PROGRAMS / "vendors", "import", file, database],
+                       check=True, stdout=subprocess.DEVNULL)
     return database, expected_rows(OUI, MAM, OUI36)
 
 
-class Test(unittest.TestCase):
-    """A test with a folder of its own, in which the program runs."""
-
-    maxDiff = 10000
-
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
-
-    def run_program(self, *arguments, before=(), **options):
-        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options}
-        return subprocess.run([*before, PROGRAM, *arguments], cwd=self.folder, encoding="utf-8",
-                              check=False, **options)
-
-    def assert_result(self, result, status, output, errors):
-        self.assertEqual((result.stderr, result.returncode, result.stdout),
-                         (errors, status, output))
-
-    def assert_success(self, output, *arguments):
-        self.assert_result(self.run_program(*arguments), 0, output, "")
+class Test(programs.Test):
+    def start(self, *arguments, **options):
+        return super().start("vendors", *arguments, **options)
 
     def assert_failure(self, error, *arguments, **options):
         """The program fails with one line."""
-        self.assert_result(self.run_program(*arguments, **options), 1, "", f"vendors: {error}\n")
+        self.assert_ends(self.start(*arguments, **options), 1, "", f"vendors: {error}\n")
 
     def assert_wrong_use(self, error, *arguments):
-        self.assert_result(self.run_program(*arguments), 2, "",
+        self.assert_ends(self.start(*arguments), 2, "",
                            f"vendors: {error} (--help tells more)\n")
 
     def assert_imports(self, file, database, count, rows):
         """The program imports so many records, and the database then has these rows."""
-        result = self.run_program("import", file, database)
-        self.assertEqual((result.stderr, result.returncode), ("", 0))
+        status, output, errors = self.run_program("import", file, database)
+        self.assertEqual((errors, status), ("", 0))
         summary = rf"{count} rows in \d+\.\d\d s, {len(rows)} blocks in {re.escape(database)}\n"
-        self.assertRegex(result.stdout, rf"\A{summary}\Z")
+        self.assertRegex(output, rf"\A{summary}\Z")
         self.assertEqual(self.rows(database), rows)
-
-    def write(self, name, content):
-        content = content if isinstance(content, bytes) else content.encode("utf-8")
-        (self.folder / name).write_bytes(content)
-        return name
 
     @contextlib.contextmanager
     def pipe(self, content):
@@ -130,35 +109,19 @@ class Test(unittest.TestCase):
         yield "pipe"
         writer.join()
 
-    def bytes(self, name):
-        return (self.folder / name).read_bytes()
-
-    def files(self):
-        return sorted(os.listdir(self.folder))
-
-    def query(self, database, script):
-        """Runs statements and returns the rows of the last one."""
-        with contextlib.closing(sqlite3.connect(self.folder / database)) as connection:
-            *statements, last = script.split("; ")
-            for statement in statements:
-                connection.execute(statement)
-            result = connection.execute(last).fetchall()
-            connection.commit()
-            return result
-
     def rows(self, database):
-        return self.query(database, "select * from block order by id")
+        return self.query("select * from block order by id", database)
 
     def assert_schema(self, database):
-        self.assertEqual(self.query(database, "select type, name, sql from sqlite_master"),
+        self.assertEqual(self.query("select type, name, sql from sqlite_master", database),
                          [("table", "block", SCHEMA)])
-        self.assertEqual(self.query(database, "pragma user_version"), [(1,)])
+        self.assertEqual(self.query("pragma user_version", database), [(1,)])
 
     def import_lines(self, database, *lines):
         """Imports a few records."""
         file = self.write("lines.csv", HEADER + "".join(line + "\r\n" for line in lines))
-        result = self.run_program("import", file, database)
-        self.assertEqual((result.stderr, result.returncode), ("", 0))
+        status, _, errors = self.run_program("import", file, database)
+        self.assertEqual((errors, status), ("", 0))
         self.assert_schema(database)
         os.remove(self.folder / file)
 
@@ -349,7 +312,7 @@ class DatabaseFileTest(Test):
                 "create table song (title text)",
                 "create table song (title text); pragma user_version = 1",
                 f"{SCHEMA}; pragma user_version = 2", SCHEMA, "pragma user_version = 7")):
-            self.query(f"{number}.db", statements)
+            self.make(statements, f"{number}.db")
             with self.subTest(statements):
                 self.assert_refused(f"{number}.db", NOT_OURS, self.commands(f"{number}.db"))
 
@@ -358,7 +321,7 @@ class DatabaseFileTest(Test):
         self.assert_refused("empty.db", NOT_OURS, self.commands("empty.db")[:-1])
 
     def test_table_without_the_columns_is_reported(self):
-        self.query("a.db", "create table block (title text); pragma user_version = 1")
+        self.make("create table block (title text); pragma user_version = 1", "a.db")
         content = self.bytes("a.db")
         self.assert_refused("a.db", NOT_READABLE, self.commands("a.db")[:4])
         self.assert_failure(f"few.csv:2: a.db: {NOT_WRITABLE}", "import", "few.csv", "a.db")
@@ -387,17 +350,17 @@ class ReadOnlyTest(Test):
         self.write("few.csv", FEW)
         self.content = self.bytes("a.db")
 
-    def run_program(self, *arguments, **options):
+    def start(self, *arguments, **options):
         drop = ("setpriv", "--bounding-set=-dac_override", "--") if os.geteuid() == 0 else ()
-        return super().run_program(*arguments, before=drop, **options)
+        return super().start(*arguments, before=drop, **options)
 
     def assert_only_reading_works(self, file):
         error = f"{file}: {NOT_WRITABLE}"
-        self.assert_success("002272  Maker\n", "search", file, "Maker")
+        self.assert_prints("002272  Maker\n", "search", file, "Maker")
         # Of a file SQLite says so with the first write, an old one when the transaction begins.
-        result = self.run_program("import", "few.csv", file)
-        self.assertIn(result.stderr, (f"vendors: few.csv:2: {error}\n", f"vendors: {error}\n"))
-        self.assertEqual((result.returncode, result.stdout), (1, ""))
+        status, output, errors = self.run_program("import", "few.csv", file)
+        self.assertIn(errors, (f"vendors: few.csv:2: {error}\n", f"vendors: {error}\n"))
+        self.assertEqual((status, output), (1, ""))
         self.assert_failure(error, "rename", file, "002272", "Name")
         self.assert_failure(error, "remove", file, "002272")
         self.assert_failure(error, "backup", "a.db", file)
@@ -457,14 +420,14 @@ class FullDiskTest(Test):
             size = len(self.bytes(old)) if old else 0
             room = 12 * self.KILO
             while (done := self.run_with_room(size + room, old, command, mounts)) is not None:
-                result, state = done
+                (status, output, errors), state = done
                 with self.subTest(mounts=mounts, room=room):
-                    if result.returncode == 0:
+                    if status == 0:
                         self.assertNotEqual(state, expected)
                         break
                     failures += 1
-                    self.assertEqual((result.returncode, result.stdout), (1, ""))
-                    self.assertRegex(result.stderr, rf"\Avendors: {error}\n\Z")
+                    self.assertEqual((status, output), (1, ""))
+                    self.assertRegex(errors, rf"\Avendors: {error}\n\Z")
                     self.assertEqual(state, expected)
                 room *= 3
             self.assertTrue(mounts or failures > 0)
@@ -485,8 +448,7 @@ class FullDiskTest(Test):
     def test_backup_over_an_older_one_that_cannot_be_dropped_adds_nothing_to_it(self):
         # The limit is too low for dropping the table, but not for a row at the table's beginning.
         self.run_program("import", OUI, "old.db")
-        self.query("old.db", "delete from block where assignment = '000000'")
-        self.query("old.db", "vacuum")
+        self.make("delete from block where assignment = '000000'; vacuum", "old.db")
         self.import_lines("source.db", "MA-L,000000,Maker,Street")
         rows = self.rows("old.db")
         self.assert_failure(f"old.db: {NOT_WRITABLE}", "backup", "source.db", "old.db",
@@ -513,8 +475,8 @@ class FullDiskTest(Test):
     def test_standard_output_that_cannot_be_written(self):
         self.import_lines("a.db", "MA-L,002272,Maker,Street")
         with open("/dev/full", "w", encoding="utf-8") as full:
-            result = self.run_program("info", "a.db", stdout=full)
-        self.assert_result(result, 1, None, "vendors: standard output cannot be written\n")
+            self.assert_ends(self.start("info", "a.db", stdout=full), 1, None,
+                             "vendors: standard output cannot be written\n")
 
 
 class OtherProgramsTest(Test):
@@ -539,7 +501,7 @@ class OtherProgramsTest(Test):
     def cut_off_import(self, database):
         """Ends the program amid an import, once it has written part of it to the file."""
         os.mkfifo(self.folder / "pipe")
-        with subprocess.Popen([PROGRAM, "import", "pipe", database], cwd=self.folder) as program:
+        with self.start("import", "pipe", database) as program:
             with open(self.folder / "pipe", "wb") as pipe:
                 pipe.write(self.LONG.encode())
                 pipe.flush()
@@ -552,7 +514,7 @@ class OtherProgramsTest(Test):
         content = self.bytes("a.db")
         self.cut_off_import("a.db")
         self.assertNotEqual(self.bytes("a.db"), content)
-        self.assert_success(lines_of(expected_rows(MAM)), "search", "a.db", "")
+        self.assert_prints(lines_of(expected_rows(MAM)), "search", "a.db", "")
         self.assertEqual(self.bytes("a.db"), content)
         self.assertEqual(self.files(), ["a.db", "pipe"])
 
@@ -584,28 +546,27 @@ class LookupTest(WithRegistry):
                          in enumerate(row[2].ljust(12, filler) for row in self.all)]
             for start in range(0, len(addresses), 3000):
                 batch = addresses[start : start + 3000]
-                self.assert_success(
+                self.assert_prints(
                     "".join(self.expected_line(*address, blocks) for address in batch),
                     "lookup", self.database, *(address for address, _ in batch))
 
     def test_smallest_block_counts(self):
         self.import_lines("a.db", "MA-L,70B3D5,Large,", "MA-M,70B3D50,Medium,",
                           "MA-S,70B3D5012,Small,")
-        self.assert_success("70B3D5012FFF  70B3D5012  Small\n"
+        self.assert_prints("70B3D5012FFF  70B3D5012  Small\n"
                             "70B3D5013000  70B3D50  Medium\n"
                             "70B3D5112FFF  70B3D5  Large\n",
                             "lookup", "a.db", "70B3D5012FFF", "70B3D5013000", "70B3D5112FFF")
 
     def test_unknown_address_is_printed_as_such_and_told_by_the_status(self):
         self.import_lines("a.db", "MA-L,002272,Maker,")
-        result = self.run_program("lookup", "a.db", "00:22:73:00:00:00", "00:22:72:00:00:00")
-        output = "00:22:73:00:00:00  unknown\n00:22:72:00:00:00  002272  Maker\n"
-        self.assert_result(result, 3, output, "")
+        self.assert_ends(self.start("lookup", "a.db", "00:22:73:00:00:00", "00:22:72:00:00:00"), 3,
+                         "00:22:73:00:00:00  unknown\n00:22:72:00:00:00  002272  Maker\n")
 
     def test_name_is_printed_on_one_line_without_control_characters(self):
         self.import_lines("a.db", 'MA-L,002272,"two\r\nlines\x1b[31m\x7f",')
         address = "00:22:72:00:00:00"
-        self.assert_success(f"{address}  002272  two  lines [31m \n", "lookup", "a.db", address)
+        self.assert_prints(f"{address}  002272  two  lines [31m \n", "lookup", "a.db", address)
 
     def test_text_that_is_no_address_is_wrong_use(self):
         for text in (
@@ -630,7 +591,7 @@ class SearchTest(WithRegistry):
             with self.subTest(text):
                 small = text.translate(self.CAPITALS)
                 found = lines_of(row for row in rows if small in row[3].translate(self.CAPITALS))
-                self.assert_result(self.run_program("search", database, text),
+                self.assert_ends(self.start("search", database, text),
                                    0 if found else 3, found, "")
 
     def test_texts_are_found_in_the_registry(self):
@@ -654,12 +615,12 @@ class SearchTest(WithRegistry):
 
     def test_letters_beyond_ascii_are_told_apart(self):
         self.import_lines("a.db", "MA-L,000000,Ünal,", "MA-L,000001,ünal,")
-        self.assert_success("000000  Ünal\n", "search", "a.db", "ÜNAL")
+        self.assert_prints("000000  Ünal\n", "search", "a.db", "ÜNAL")
 
     def test_text_may_be_called_like_a_command_or_an_option(self):
         self.import_lines("a.db", "MA-L,000000,info --help [a],")
         for text in (["info"], ["[a]"], ["--", "--help"]):
-            self.assert_success("000000  info --help [a]\n", "search", "a.db", *text)
+            self.assert_prints("000000  info --help [a]\n", "search", "a.db", *text)
 
     def test_text_too_long_for_a_pattern_is_a_failure(self):
         self.assert_failure(f"{self.database}: {NOT_READABLE}",
@@ -679,7 +640,7 @@ class ChangeTest(WithRegistry):
         for digits, notations in self.BLOCKS.items():
             for number, notation in enumerate(notations):
                 name = f"O'Brien & \"sons\", 100%, Ünal {number}"
-                self.assert_success(f"{digits}  {name}\n", "rename", database, notation, name)
+                self.assert_prints(f"{digits}  {name}\n", "rename", database, notation, name)
                 expected[digits] = (*expected[digits][:3], name, expected[digits][4])
                 self.assertEqual(self.rows(database), list(expected.values()))
 
@@ -695,7 +656,7 @@ class ChangeTest(WithRegistry):
             expected = {row[2]: row for row in self.all}
             for digits, notations in self.BLOCKS.items():
                 output = f"{digits}  {expected.pop(digits)[3]}\n"
-                self.assert_success(output, "remove", database, notations[number])
+                self.assert_prints(output, "remove", database, notations[number])
                 self.assertEqual(self.rows(database), list(expected.values()))
 
     def test_unknown_block_is_reported(self):
@@ -703,7 +664,7 @@ class ChangeTest(WithRegistry):
         for block in ("FFFFFF", "FFFFFFF", "FFFFFFFFF", "0022720", "002272000"):
             for command in (("rename", database, block, "Name"), ("remove", database, block)):
                 with self.subTest(command):
-                    self.assert_result(self.run_program(*command), 3, "",
+                    self.assert_ends(self.start(*command), 3, "",
                                        f"vendors: {database}: no block {block}\n")
         self.assertEqual(self.rows(database), self.all)
 
@@ -717,7 +678,7 @@ class ChangeTest(WithRegistry):
 
 class BackupAndInfoTest(WithRegistry):
     def assert_copied(self, database, other, rows):
-        self.assert_success(f"{len(rows)} blocks copied to {other}\n", "backup", database, other)
+        self.assert_prints(f"{len(rows)} blocks copied to {other}\n", "backup", database, other)
         self.assertEqual(self.rows(other), rows)
         self.assert_schema(other)
 
@@ -745,13 +706,13 @@ class BackupAndInfoTest(WithRegistry):
         self.assertEqual(self.bytes("a.db"), content)
 
     def test_database_of_another_application_is_not_replaced(self):
-        self.query("songs.db", "create table song (title text)")
+        self.make("create table song (title text)", "songs.db")
         content = self.bytes("songs.db")
         self.assert_failure(f"songs.db: {NOT_OURS}", "backup", self.database, "songs.db")
         self.assertEqual(self.bytes("songs.db"), content)
 
     def test_rows_user_version_and_columns_are_printed(self):
-        self.assert_success(f"rows: {len(self.all)}\n"
+        self.assert_prints(f"rows: {len(self.all)}\n"
                             "user version: 1\n"
                             "columns:\n"
                             "  1. id INTEGER PRIMARY KEY NOT NULL\n"
@@ -792,7 +753,7 @@ class CommandLineTest(Test):
                 for argument in arguments.split())
             for option in ("--help", "-h"):
                 with self.subTest(command, option=option):
-                    self.assert_success(
+                    self.assert_prints(
                         f"{description}\n"
                         f"Usage: vendors {command} [OPTIONS] {arguments}\n\n"
                         f"Positionals:\n{positionals}\n"
@@ -803,7 +764,7 @@ class CommandLineTest(Test):
     def test_help_of_the_program(self):
         commands = "".join(f"  {command:<28}{description}\n"
                            for command, (description, _) in self.COMMANDS.items())
-        self.assert_success(
+        self.assert_prints(
             "Which maker does a network address belong to?\n"
             "Usage: vendors [OPTIONS] SUBCOMMAND\n\n"
             "Options:\n"
@@ -854,8 +815,7 @@ class TraceTest(Test):
 
     def traced(self, *arguments):
         """The program's lines on standard error."""
-        result = self.run_program(*arguments)
-        lines = re.sub(r"(\.cpp:)\d+", r"\1NNN", result.stderr).splitlines()
+        lines = programs.comparable(self.run_program(*arguments)[2]).splitlines()
         return [line.removeprefix("vendors: ") for line in lines]
 
     def test_level_says_what_is_shown(self):
@@ -905,11 +865,11 @@ class ProgressTest(Test):
 
         reader = threading.Thread(target=read)
         reader.start()
-        result = self.run_program(*arguments, stderr=standard_error)
+        result, _, _ = self.run_program(*arguments, stderr=standard_error)
         os.close(standard_error)
         reader.join()
         os.close(terminal)
-        self.assertEqual((result.returncode, b"".join(shown).decode()), (status, text))
+        self.assertEqual((result, b"".join(shown).decode()), (status, text))
 
     def bars(self, percentages):
         return "".join(f"\r[{'#' * (p // 2):<50}] {p}%" for p in percentages) + self.WIPED

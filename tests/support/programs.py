@@ -36,20 +36,26 @@ class Test(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
-    def start(self, name, *arguments, **options):
+    def start(self, name, *arguments, before=(), **options):
         # A program may define what the stand-ins do, in their place.
         sanitizers = os.environ.get("ASAN_OPTIONS", "") + ":detect_odr_violation=0"
         options = {"env": {**os.environ, "TZ": "UTC", "ASAN_OPTIONS": sanitizers},
                    "stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "stderr": subprocess.PIPE,
                    **options}
-        return subprocess.Popen([*EMULATOR, PROGRAMS / name, *arguments], cwd=self.folder,
-                                encoding="utf-8", **options)
+        return subprocess.Popen([*before, *EMULATOR, PROGRAMS / name, *arguments],
+                                cwd=self.folder, encoding="utf-8", **options)
+
+    def run_program(self, *command, given="", **options):
+        """The exit status, what is printed, and what is told on standard error."""
+        with self.start(*command, **options) as program:
+            output, errors = program.communicate(given)
+        return program.returncode, output, errors
 
     def assert_ends(self, program, status, output, errors="", given=""):
-        """A program that was started ends so; with one stream for both its errors are None."""
+        """A program that was started ends so."""
         with program:
             printed, told = program.communicate(given)
-        self.assertEqual((told, program.returncode, comparable(printed)), (errors, status, output))
+        self.assertEqual((told, program.returncode, printed), (errors, status, output))
 
     def assert_prints(self, output, *command, given="", **options):
         self.assert_ends(self.start(*command, **options), 0, output, given=given)
@@ -59,9 +65,10 @@ class Test(unittest.TestCase):
         self.assert_ends(self.start(name, *arguments, **options), status, output,
                          f"{name}: {error}\n", given)
 
-    def run_program(self, *command, given=""):
-        with self.start(*command) as program:
-            program.communicate(given)
+    def write(self, name, content):
+        content = content if isinstance(content, bytes) else content.encode("utf-8")
+        (self.folder / name).write_bytes(content)
+        return name
 
     def query(self, statement, file="a.db"):
         with contextlib.closing(sqlite3.connect(self.folder / file)) as connection:
