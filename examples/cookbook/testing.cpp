@@ -92,7 +92,8 @@ void expect(const char* what, const std::string& actual, const std::string& expe
 void run()
 {
     sql::Database database; // each test has its own, in memory
-    database.open(":memory:", sql::Database::access_create, false, 0);
+    if (!database.open(":memory:", sql::Database::access_create, false, 0))
+        hasFailed = true;
     sql::Table products(database.getHandle(), "product", columns);
     expect("a missing table is an unknown price", priceOf(products, "tea"), "unknown",
            "Failed to run the SQL stmt 'select * from product where name = 'tea''\n"
@@ -101,8 +102,8 @@ void run()
     sql::Record tea(*products.fields());
     tea.setString("name", "Captain's tea");
     tea.setInteger("price", 250);
-    products.create();
-    products.addRecord(tea);
+    if (!products.create() || !products.addRecord(tea))
+        hasFailed = true;
     expect("a product has its price", priceOf(products, "Captain's tea"), "250", "");
     expect("a product that is not there has none", priceOf(products, "tea"), "none", "");
 

@@ -1,8 +1,8 @@
 """Runs the example program vendors on the public registry of address blocks, as programs.py says.
 
-REGISTRY is the folder with oui.csv, mam.csv and oui36.csv, SQLITE_VERSION the version of the program's
-SQLite. What the program prints and stores is compared with what Python's own modules csv and sqlite3
-read.
+REGISTRY is the folder with oui.csv, mam.csv and oui36.csv, SQLITE_VERSION the version of the
+program's SQLite. What the program prints and stores is compared with what Python's own modules csv
+and sqlite3 read.
 """
 
 import contextlib
@@ -66,7 +66,8 @@ def limited_file_size(size):
 
 def lines_of(rows):
     """What the program prints of blocks: in the order of names and digits."""
-    return "".join(f"{digits}  {name}\n" for name, digits in sorted((row[3], row[2]) for row in rows))
+    found = sorted((row[3], row[2]) for row in rows)
+    return "".join(f"{digits}  {name}\n" for name, digits in found)
 
 
 @functools.cache
@@ -76,8 +77,8 @@ def whole_registry():
     unittest.addModuleCleanup(folder.cleanup)
     database = os.path.join(folder.name, "all.db")
     for file in (OUI, MAM, OUI36):
-        subprocess.run([*programs.EMULATOR, programs.PROGRAMS / "vendors", "import", file, database],
-                       check=True, stdout=subprocess.DEVNULL)
+        command = [*programs.EMULATOR, programs.PROGRAMS / "vendors", "import", file, database]
+        subprocess.run(command, check=True, stdout=subprocess.DEVNULL)
     return database, expected_rows(OUI, MAM, OUI36)
 
 
@@ -90,8 +91,7 @@ class Test(programs.Test):
         self.assert_ends(self.start(*arguments, **options), 1, "", f"vendors: {error}\n")
 
     def assert_wrong_use(self, error, *arguments):
-        self.assert_ends(self.start(*arguments), 2, "",
-                           f"vendors: {error} (--help tells more)\n")
+        self.assert_ends(self.start(*arguments), 2, "", f"vendors: {error} (--help tells more)\n")
 
     def assert_imports(self, file, database, count, rows):
         """The program imports so many records, and the database then has these rows."""
@@ -203,7 +203,7 @@ class ImportTest(Test):
 class MalformedFileTest(Test):
     GOOD = "MA-L,002272,New maker,Street\r\n"
 
-    # What follows the header and a good line, or is all of the file; what is reported of which line.
+    # What follows the header and a good line, or is all of the file; the line reported, the text.
     FLAWS = {
         "columns missing": ("MA-L,00D0EF,Maker\r\n", 3, "3 columns instead of 4"),
         "columns too many": ("MA-L,00D0EF,Maker,Street,1\r\n", 3, "5 columns instead of 4"),

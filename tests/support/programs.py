@@ -24,7 +24,7 @@ def steps_of(session):
 
 
 def comparable(text):
-    """Without blanks at the ends of lines, and with the numbers of source lines as pages have them."""
+    """Without blanks at the ends of lines, and with NNN for the numbers of source lines."""
     return re.sub(r"(\.cpp:)\d+", r"\1NNN", re.sub(r" +$", "", text, flags=re.MULTILINE))
 
 
