@@ -147,6 +147,11 @@ void Diagnostics::setLevel(int level)
     g_traceObject = level == without_trace_object ? nullptr : &traceObject;
 }
 
+int Diagnostics::level() const
+{
+    return _level;
+}
+
 void Diagnostics::onLine(std::function<void(const LogLine&)> reaction)
 {
     _reaction = std::move(reaction);

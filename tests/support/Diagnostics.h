@@ -43,6 +43,7 @@ public:
     Diagnostics& operator=(const Diagnostics&) = delete;
 
     void setLevel(int level);
+    int level() const;
     void removeLevel() // the trace object stays, without a level
     {
         setLevel(without_level);

@@ -3,16 +3,25 @@
 
 #include "Diagnostics.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
 
 namespace test {
 
-// A test that expects every report: what it has not taken, must not be there when it ends.
+// A test that expects every report: what it has not taken must not be there when it ends.
 class ReportTest : public testing::Test {
 protected:
     void TearDown() override
     {
-        EXPECT_THAT(_diagnostics.events(), testing::IsEmpty());
+        expectReport({});
+    }
+
+    // Takes what has been reported: as much of `report` as the trace level lets through.
+    void expectReport(const std::vector<std::string>& report)
+    {
+        EXPECT_EQ(_diagnostics.take(), visibleAt(_diagnostics.level(), report));
     }
 
     Diagnostics _diagnostics;

@@ -65,8 +65,7 @@ TEST_F(CommonTest, UnknownTypeIsUndefinedAndReported)
 {
     for (const int type : {int(sql::type_undefined), 5, 6, 7, 256, -1, INT_MAX, INT_MIN}) {
         EXPECT_EQ(sql::type2Str(sql::field_type(type)), "undefined") << type;
-        EXPECT_THAT(_diagnostics.take(),
-                    ElementsAre(report::asserted("sql::string sql::type2Str(sql::field_type)")));
+        expectReport({report::asserted("sql::string sql::type2Str(sql::field_type)")});
     }
 }
 
@@ -265,9 +264,8 @@ TEST_F(TimeTest, ConstructionTracesTheCalendarTextWithItsLineEnd)
     _diagnostics.setLevel(9);
     const Time time(1711796400);
     const Time negative(-1);
-    EXPECT_THAT(_diagnostics.take(),
-                ElementsAre(report::timeMade("1711796400", "Sat Mar 30 12:00:00 2024\n"),
-                            report::timeMade("-1", "Thu Jan  1 00:59:59 1970\n")));
+    expectReport({report::timeMade("1711796400", "Sat Mar 30 12:00:00 2024\n"),
+                  report::timeMade("-1", "Thu Jan  1 00:59:59 1970\n")});
 }
 
 TEST_F(TimeTest, ConstructionIsSilentBelowLevelNine)
@@ -282,8 +280,7 @@ TEST_F(TimeTest, CurrentTimeIsTracedOnce)
     _diagnostics.setLevel(9);
     const Time time;
     const time_t seconds = time.getTime();
-    EXPECT_THAT(_diagnostics.take(),
-                ElementsAre(report::timeMade(std::to_string(seconds), std::ctime(&seconds))));
+    expectReport({report::timeMade(std::to_string(seconds), std::ctime(&seconds))});
 }
 
 TEST_F(TimeTest, CopyAndAssignmentAreSilent)
@@ -717,8 +714,7 @@ TEST_F(CommonTest, WithoutConnectionIsAssertedAndSqliteNotCalled)
     const test::SqliteCalls calls;
     EXPECT_EQ(sql::queryNumber(nullptr, "select 5"), -1);
     EXPECT_FALSE(sql::runOneStepSqlStmt(nullptr, "select 5"));
-    EXPECT_THAT(_diagnostics.take(),
-                ElementsAre(report::nothingToCountOn(), report::nothingToStepOn()));
+    expectReport({report::nothingToCountOn(), report::nothingToStepOn()});
     EXPECT_THAT(calls.order, IsEmpty());
 }
 
@@ -728,7 +724,7 @@ TEST_F(CommonTest, OnlyTheFirstOfSeveralStatementsIsRun)
     db.run("create table product (id integer primary key)");
     const char statements[] = "insert into product values (1); delete from product";
     EXPECT_TRUE(sql::runOneStepSqlStmt(db, statements));
-    EXPECT_EQ(_diagnostics.take(), report::stepped(statements));
+    expectReport(report::stepped(statements));
     EXPECT_EQ(db.rows("select id from product"), "1");
 }
 
@@ -745,10 +741,9 @@ TEST_F(CommonTest, ExtendedResultCodesAreUnknownInReports)
     EXPECT_EQ(sql::queryNumber(db, collate), -1);
     EXPECT_FALSE(sql::runOneStepSqlStmt(db, insert));
     EXPECT_FALSE(sql::runOneStepSqlStmt(db, collate));
-    EXPECT_EQ(_diagnostics.take(), test::joined({report::noRow(insert, taken),
-                                                 report::notPrepared(collate, no_collation),
-                                                 report::stepFailed(insert, taken),
-                                                 report::stepNotPrepared(collate, no_collation)}));
+    expectReport(test::joined(
+        {report::noRow(insert, taken), report::notPrepared(collate, no_collation),
+         report::stepFailed(insert, taken), report::stepNotPrepared(collate, no_collation)}));
 }
 
 } // namespace

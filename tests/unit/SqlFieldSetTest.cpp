@@ -70,7 +70,7 @@ protected:
     {
         _diagnostics.clear();
         EXPECT_EQ(_fields.initFieldSet(columns), succeeds);
-        EXPECT_EQ(_diagnostics.take(), events);
+        expectReport(events);
     }
 
     FieldSet _fields{no_array};
@@ -108,7 +108,7 @@ TEST_F(FieldSetTest, ArrayIsReadUpToTheFirstFieldWithoutAName)
 TEST_F(FieldSetTest, EndingFieldAloneMakesAnEmptySetWithoutAKeyAndIsReported)
 {
     EXPECT_EQ(FieldSet(test::no_columns).count(), 0);
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
+    expectReport({report::badColumns()});
 }
 
 TEST_F(FieldSetTest, ColumnsWithoutAKeyAreKeptAndReported)
@@ -118,7 +118,7 @@ TEST_F(FieldSetTest, ColumnsWithoutAKeyAreKeptAndReported)
     EXPECT_THAT(indexesOf(_fields), ElementsAre(0, 1));
     const FieldSet made(test::without_key_columns);
     EXPECT_EQ(made.dump(), _fields.dump());
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
+    expectReport({report::badColumns()});
 }
 
 TEST_F(FieldSetTest, InitWithAKeyInAnyPositionSucceeds)
@@ -205,7 +205,7 @@ TEST_P(FieldSetWrongKeyTest, IsReportedAndLeavesTheSetEmpty)
         _diagnostics.clear();
         _diagnostics.setLevel(level);
         EXPECT_EQ(FieldSet(_columns).count(), 0);
-        EXPECT_EQ(_diagnostics.take(), visibleAt(level, _events));
+        expectReport(_events);
     }
 }
 
@@ -233,7 +233,7 @@ TEST_F(FieldSetTest, RestOfAnArrayIsNotReadAfterAWrongKeyType)
         Field("second", sql::type_bool, sql::flag_primary_key),
     };
     EXPECT_EQ(FieldSet(columns).count(), 0);
-    EXPECT_EQ(_diagnostics.take(), report::wrongKeyType("first", "float"));
+    expectReport(report::wrongKeyType("first", "float"));
 }
 
 TEST_F(FieldSetTest, UndefinedKeyTypeIsNamedForTheLogLineAlone)
@@ -334,7 +334,7 @@ TEST_F(FieldSetTest, MissingKeyIsLoggedThenAsserted)
             _diagnostics.setLevel(level);
             _diagnostics.clear();
             EXPECT_EQ(fields.getKeyIdName(), "");
-            EXPECT_EQ(_diagnostics.take(), visibleAt(level, report::noKeyName()));
+            expectReport(report::noKeyName());
         }
     }
 }
@@ -373,8 +373,7 @@ TEST_F(FieldSetTest, DefinitionOfAnUndefinedTypeIsReportedByTheField)
 {
     const std::vector<Field> odd = {Field("a", undefined, sql::flag_none), name};
     EXPECT_EQ(FieldSet(odd).getDefinition(), "a, name TEXT");
-    EXPECT_THAT(_diagnostics.take(),
-                ElementsAre(report::asserted("sql::string sql::Field::getTypeStr() const")));
+    expectReport({report::asserted("sql::string sql::Field::getTypeStr() const")});
 }
 
 TEST_F(FieldSetTest, PositionInADumpHasNoDigitGrouping)

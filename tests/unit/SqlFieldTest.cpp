@@ -70,7 +70,7 @@ TEST_F(FieldTest, EmptyNameIsReportedAtEveryLevelAndMakesAnEndingField)
         const Field field("", sql::type_text, sql::flag_primary_key);
         EXPECT_TRUE(field.isEndingField());
         EXPECT_EQ(field.dump(), "-1: name=, type=text, flags: PRIMARY KEY");
-        EXPECT_THAT(_diagnostics.take(), ElementsAre(empty_name));
+        expectReport({empty_name});
     }
 }
 
@@ -119,9 +119,9 @@ TEST_F(FieldTest, TypeHasItsNamesInDefinitionsAndDumpsOrIsReported)
     for (const Type& type : types) {
         const Field field("a", static_cast<sql::field_type>(type.type), sql::flag_none);
         EXPECT_EQ(field.getTypeStr(), type.sqlType);
-        EXPECT_EQ(_diagnostics.take(), type.sqlEvents);
+        expectReport(type.sqlEvents);
         EXPECT_EQ(field.dump(), std::string("-1: name=a, type=") + type.name + ", flags:");
-        EXPECT_EQ(_diagnostics.take(), type.nameEvents);
+        expectReport(type.nameEvents);
     }
 }
 
@@ -180,7 +180,7 @@ TEST_P(FieldDefinitionTest, IsTrimmedAtBothEndsOnly)
     const Definition& c = GetParam();
     const Field field(c.column, static_cast<sql::field_type>(c.type), c.flags);
     EXPECT_EQ(field.getDefinition(), c.definition);
-    EXPECT_EQ(_diagnostics.take(), c.events);
+    expectReport(c.events);
 }
 
 const Definition definitions[] = {

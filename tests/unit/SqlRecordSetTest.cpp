@@ -94,7 +94,7 @@ TEST_F(RecordSetTest, SetWithoutArgumentsHasNoColumnsAndNoConnection)
     expectEmpty(set);
     EXPECT_EQ(set.fields()->count(), 0);
     EXPECT_FALSE(set.query("select 1"));
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::notConnected()));
+    expectReport({report::notConnected()});
 }
 
 TEST_F(RecordSetTest, SetOfAConnectionAloneHasNoColumns)
@@ -141,14 +141,14 @@ TEST_F(RecordSetTest, SetOfAColumnArrayWithoutAKeyIsReportedAndKeepsTheColumns)
 {
     const RecordSet set(_db, test::without_key_columns);
     EXPECT_EQ(set.fields()->toSql(), "name, price");
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
+    expectReport({report::badColumns()});
 }
 
 TEST_F(RecordSetTest, SetOfAColumnArrayWithABadKeyIsReportedAndHasNoColumns)
 {
     const RecordSet set(_db, bad_key_columns);
     EXPECT_EQ(set.fields()->count(), 0);
-    EXPECT_EQ(_diagnostics.take(), report::wrongKeyType("at", "time"));
+    expectReport(report::wrongKeyType("at", "time"));
 }
 
 TEST_F(RecordSetTest, NoConnectionIsOpenedOrClosed)
@@ -219,7 +219,7 @@ TEST_F(RecordSetTest, InitTakesNoConnectionAsWell)
 {
     EXPECT_TRUE(_set.initRecordSet(nullptr, nullptr));
     EXPECT_FALSE(_set.query("select 1"));
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::notConnected()));
+    expectReport({report::notConnected()});
 }
 
 TEST_F(RecordSetTest, InitAppendsAndNumbersTheFirstColumnsDeliberately)
@@ -238,7 +238,7 @@ TEST_F(RecordSetTest, InitWithoutAKeyFailsAndKeepsConnectionAndColumns)
 {
     RecordSet set;
     EXPECT_FALSE(set.initRecordSet(_db, test::without_key_columns));
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
+    expectReport({report::badColumns()});
     EXPECT_EQ(set.fields()->toSql(), "name, price");
     EXPECT_TRUE(set.query("select 'tea', 2.5"));
     EXPECT_EQ(set.toString(), "1. tea|2.5\r\n");
@@ -250,7 +250,7 @@ TEST_F(RecordSetTest, InitWithABadKeyFailsAndRemovesAllColumns)
     EXPECT_FALSE(set.initRecordSet(_db, bad_key_columns));
     EXPECT_EQ(set.fields()->count(), 0);
     EXPECT_TRUE(set.query("select 1"));
-    EXPECT_EQ(_diagnostics.take(), report::wrongKeyType("at", "time"));
+    expectReport(report::wrongKeyType("at", "time"));
 }
 
 // --- close
@@ -447,7 +447,7 @@ TEST_F(RecordSetCallTest, QueryTracesTheStatementDiscardsTheRowsAndCallsSqlite)
         EXPECT_EQ(context, &_set);
         EXPECT_NE(error, nullptr);
         EXPECT_EQ(*error, nullptr);
-        EXPECT_EQ(_diagnostics.take(), report::ran("select 1"));
+        expectReport(report::ran("select 1"));
         expectEmpty(_set);
         return SQLITE_OK;
     };
@@ -461,7 +461,7 @@ TEST_F(RecordSetCallTest, StatementWithBytesAbove127IsTracedWholeAtItsLevelAlone
     EXPECT_TRUE(_set.query("select 'caf\xC3\xA9 \xFC'"));
     _diagnostics.setLevel(8);
     EXPECT_TRUE(_set.query("select 'caf\xC3\xA9 \xFC'"));
-    EXPECT_EQ(_diagnostics.take(), report::ran("select 'caf\xC3\xA9 \xFC'"));
+    expectReport(report::ran("select 'caf\xC3\xA9 \xFC'"));
 }
 
 TEST_F(RecordSetCallTest, ErrorTextIsNeitherLookedAtNorFreedOnSuccess)
@@ -491,7 +491,7 @@ TEST_F(RecordSetTest, QueryWithoutAConnectionIsAssertedAtEveryLevelAndNotLogged)
         EXPECT_FALSE(set.query("select 1"));
         expectEmpty(set);
         EXPECT_EQ(calls.execs, 0);
-        EXPECT_THAT(_diagnostics.take(), ElementsAre(report::notConnected()));
+        expectReport({report::notConnected()});
     }
 }
 
@@ -522,8 +522,7 @@ TEST_P(RecordSetFailureTest, LeavesNoRowsFreesTheTextAndIsReportedAtTheLevelOfEr
         _diagnostics.setLevel(level);
         _diagnostics.clear();
         EXPECT_FALSE(_set.query(GetParam().statement));
-        EXPECT_EQ(_diagnostics.take(),
-                  visibleAt(level, report::refused(GetParam().statement, GetParam().reason)));
+        expectReport(report::refused(GetParam().statement, GetParam().reason));
         expectEmpty(_set);
         EXPECT_EQ(_calls.order, _text != nullptr ? Texts({"exec", "free"}) : Texts({"exec"}));
     }
@@ -554,9 +553,8 @@ TEST_F(RecordSetTest, SyntaxErrorFailsWithSqlitesTextWhichIsFreedOnceAtEveryLeve
         EXPECT_FALSE(_set.query("selekt 1"));
         expectEmpty(_set);
         EXPECT_EQ(calls.textsFreed, 1) << level;
-        EXPECT_EQ(_diagnostics.take(),
-                  visibleAt(level, report::refused("selekt 1", "1=SQLITE_ERROR: near \"selekt\": "
-                                                               "syntax error")));
+        expectReport(report::refused("selekt 1", "1=SQLITE_ERROR: near \"selekt\": "
+                                                 "syntax error"));
     }
 }
 
@@ -565,16 +563,14 @@ TEST_F(RecordSetTest, ExtendedResultCodeIsUnknown)
     _db.run("create table t (id integer primary key); insert into t values (7)");
     sqlite3_extended_result_codes(_db, 1);
     EXPECT_FALSE(_set.query("insert into t values (7)"));
-    EXPECT_EQ(_diagnostics.take(),
-              visibleAt(3, report::refused("insert into t values (7)",
-                                           "1555=unknown: UNIQUE constraint failed: t.id")));
+    expectReport(report::refused("insert into t values (7)",
+                                 "1555=unknown: UNIQUE constraint failed: t.id"));
 }
 
 TEST_F(RecordSetTest, RowsBeforeTheFailureAreKeptButTheFirstIsNotHandedOut)
 {
     EXPECT_FALSE(_set.query(failing_rows));
-    EXPECT_EQ(_diagnostics.take(),
-              visibleAt(3, report::refused(failing_rows, "1=SQLITE_ERROR: integer overflow")));
+    expectReport(report::refused(failing_rows, "1=SQLITE_ERROR: integer overflow"));
     EXPECT_FALSE(_set.isResultOk());
     EXPECT_EQ(_set.count(), 1);
     EXPECT_EQ(_set.toString(), "1. 7|tea|null\r\n");
@@ -587,9 +583,8 @@ TEST_F(RecordSetTest, RowsOfTheStatementsBeforeAFailingOneAreKept)
 {
     EXPECT_FALSE(_set.query("select 7, 'tea'; selekt 1; select 8"));
     EXPECT_EQ(_set.toString(), "1. 7|tea|null\r\n");
-    EXPECT_EQ(_diagnostics.take(),
-              visibleAt(3, report::refused("select 7, 'tea'; selekt 1; select 8",
-                                           "1=SQLITE_ERROR: near \"selekt\": syntax error")));
+    expectReport(report::refused("select 7, 'tea'; selekt 1; select 8",
+                                 "1=SQLITE_ERROR: near \"selekt\": syntax error"));
 }
 
 TEST_F(RecordSetTest, QueryAfterAFailureStartsAfresh)
@@ -658,8 +653,8 @@ TEST_F(RecordSetCallbackTest, DumpsTheRowByTheTraceLevelOfItsMoment)
         _diagnostics.setLevel(level);
         RecordSet::on_next_record(&_unconnected, 1, _values, nullptr);
     }
-    EXPECT_THAT(_diagnostics.take(),
-                ElementsAre(report::rowRead("id = 7|name = null|price = null")));
+    _diagnostics.setLevel(9);
+    expectReport({report::rowRead("id = 7|name = null|price = null")});
     EXPECT_EQ(_unconnected.count(), 9);
 }
 
@@ -672,9 +667,9 @@ TEST_F(RecordSetTest, RowsAreDumpedAsTheyArriveBeforeTheyAreAppended)
     });
     _diagnostics.setLevel(9);
     EXPECT_TRUE(_set.query(two_rows));
-    EXPECT_EQ(_diagnostics.take(), joined({report::ran(two_rows),
-                                           {report::rowRead("id = 7|name = tea|price = 2.5"),
-                                            report::rowRead("id = 8|name = null|price = 3.5")}}));
+    expectReport(joined({report::ran(two_rows),
+                         {report::rowRead("id = 7|name = tea|price = 2.5"),
+                          report::rowRead("id = 8|name = null|price = 3.5")}}));
     EXPECT_THAT(counts, ElementsAre(0, 1));
 }
 
@@ -683,7 +678,7 @@ TEST_F(RecordSetTest, RowWithoutColumnsIsDumpedAsAnEmptyText)
     RecordSet set(_db);
     _diagnostics.setLevel(9);
     EXPECT_TRUE(set.query("select 1"));
-    EXPECT_EQ(_diagnostics.take(), joined({report::ran("select 1"), {report::rowRead("")}}));
+    expectReport(joined({report::ran("select 1"), {report::rowRead("")}}));
 }
 
 TEST_F(RecordSetTest, DumpedTimeIsTracedBeforeTheLineThatItGoesInto)
@@ -691,11 +686,10 @@ TEST_F(RecordSetTest, DumpedTimeIsTracedBeforeTheLineThatItGoesInto)
     RecordSet set(_db, test::all_type_columns);
     _diagnostics.setLevel(9);
     EXPECT_TRUE(set.query("select 7, 'tea', 2.5, 1, 86400"));
-    EXPECT_EQ(_diagnostics.take(),
-              joined({report::ran("select 7, 'tea', 2.5, 1, 86400"),
-                      {report::timeMade("86400", "Fri Jan  2 01:00:00 1970\n"),
-                       report::rowRead("id = 7|name = tea|price = 2.5|sold = 1|at = 02-01-1970 "
-                                       "01:00:00, Fri")}}));
+    expectReport(joined({report::ran("select 7, 'tea', 2.5, 1, 86400"),
+                         {report::timeMade("86400", "Fri Jan  2 01:00:00 1970\n"),
+                          report::rowRead("id = 7|name = tea|price = 2.5|sold = 1|at = 02-01-1970 "
+                                          "01:00:00, Fri")}}));
 }
 
 // --- Rows
@@ -736,9 +730,8 @@ TEST_F(RecordSetTest, FirstValueOfARowWithoutCellsIsNullAndReported)
     set.query("select 7");
     EXPECT_NE(set.getTopRecord(), nullptr);
     EXPECT_EQ(set.getTopRecordFirstValue(), nullptr);
-    EXPECT_EQ(_diagnostics.take(),
-              report::failed("const sql::Value* sql::Record::getValue(int) const",
-                             "No value for column with index 0"));
+    expectReport(report::failed("const sql::Value* sql::Record::getValue(int) const",
+                                "No value for column with index 0"));
 }
 
 TEST_F(RecordSetTest, RowNumbersDoNotDependOnTheLocale)

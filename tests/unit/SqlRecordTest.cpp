@@ -151,7 +151,7 @@ protected:
     {
         EXPECT_EQ(record.dump(true),
                   "id = 7 (integer)|name = tea (text)|price = 2.50000000 (float)");
-        EXPECT_EQ(_diagnostics.take(), events);
+        expectReport(events);
     }
 
     const test::TimeZone _zone;
@@ -357,7 +357,7 @@ TEST_P(RecordSetterTest, ReportsWhatHasNoCellAndChangesNothing)
     expectTea(record, noIndex(-1));
     _fields = all_types.make();
     GetParam().byName(record, "at");
-    EXPECT_EQ(_diagnostics.take(), noIndex(4));
+    expectReport(noIndex(4));
 }
 
 const Time day(86400);
@@ -411,7 +411,7 @@ TEST_P(RecordComparisonTest, IsEqualOrDifferentAndReportsWhatIsLacking)
     EXPECT_EQ(column != nullptr ? record.equalsColumnValue(&other, column)
                                 : record.equalsValues(&other),
               GetParam().areEqual);
-    EXPECT_EQ(_diagnostics.take(), GetParam().events);
+    expectReport(GetParam().events);
 }
 
 void fillOtherKey(Record& record)
@@ -564,7 +564,7 @@ protected:
     void expect(const std::string& text, const std::string& expected, const Texts& events)
     {
         EXPECT_EQ(text, expected);
-        EXPECT_EQ(_diagnostics.take(), events);
+        expectReport(events);
     }
 };
 
@@ -650,7 +650,7 @@ protected:
     void expect(const std::string& statement, const std::string& expected, const Texts& events)
     {
         EXPECT_EQ(statement, expected);
-        EXPECT_EQ(_diagnostics.take(), events);
+        expectReport(events);
     }
 };
 
@@ -849,7 +849,7 @@ TEST_F(RecordTest, InsertOfAnEmptyIntegerAloneIsReportedByTheTableAlone)
     Record record(fields);
     record.setString("id", "");
     EXPECT_EQ(record.toSqlInsert("product"), "");
-    EXPECT_EQ(_diagnostics.take(), report::noInsert("No values to insert in table 'product'"));
+    expectReport(report::noInsert("No values to insert in table 'product'"));
 }
 
 TEST_F(RecordTest, InsertWorksWithoutAKeyColumn)
@@ -995,7 +995,7 @@ TEST_P(RecordFailureTest, IsLoggedThenAssertedAndChangesNothingAtAnyLevel)
         _diagnostics.clear();
         _diagnostics.setLevel(level);
         EXPECT_EQ(GetParam().act.run(record), GetParam().result);
-        EXPECT_EQ(_diagnostics.take(), test::visibleAt(level, GetParam().events));
+        expectReport(GetParam().events);
         _diagnostics.setLevel(3);
         EXPECT_EQ(cells(record), before);
         EXPECT_EQ(record.fields(), &fields);

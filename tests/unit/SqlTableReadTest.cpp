@@ -53,9 +53,8 @@ TEST_F(TableReadTest, LoadThatFailsOnTheWayKeepsTheRowsDelivered)
     EXPECT_FALSE(_table.open(condition));
     EXPECT_THAT(held(_table), ElementsAre("1|tea|2.5", "2|coffee|4.5"));
     EXPECT_EQ(_table.getTopRecord(), _table.getRecord(0));
-    EXPECT_EQ(_diagnostics.take(),
-              visibleAt(3, report::refused("select * from product where " + condition,
-                                           "1=SQLITE_ERROR: integer overflow")));
+    expectReport(report::refused("select * from product where " + condition,
+                                 "1=SQLITE_ERROR: integer overflow"));
 }
 
 TEST_F(TableReadTest, KeyLookupThatFailsOnTheWayIsNullAndKeepsTheRowsDelivered)
@@ -71,10 +70,8 @@ TEST_F(TableReadTest, KeyLookupThatFailsOnTheWayIsNullAndKeepsTheRowsDelivered)
     EXPECT_EQ(table.getRecordByKeyId("7"), nullptr);
     EXPECT_THAT(held(table), ElementsAre("7|first|1"));
     const char overflow[] = "1=SQLITE_ERROR: integer overflow";
-    EXPECT_EQ(_diagnostics.take(),
-              visibleAt(3, joined({report::refused("select * from checked where id = 7", overflow),
-                                   report::refused("select * from checked where id = \"7\"",
-                                                   overflow)})));
+    expectReport(joined({report::refused("select * from checked where id = 7", overflow),
+                         report::refused("select * from checked where id = \"7\"", overflow)}));
 }
 
 TEST_F(TableReadTest, StringKeyIsNotEscapedDeliberately)

@@ -91,7 +91,7 @@ TEST_F(TableSchemaTest, ColumnArrayWithoutKeyIsReportedAndKept)
 {
     const Table table(_db, "product", test::without_key_columns);
     EXPECT_EQ(table.fields()->toSql(), "name, price");
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
+    expectReport({report::badColumns()});
 }
 
 TEST_F(TableSchemaTest, NullColumnArrayMakesATableWithoutColumns)
@@ -140,7 +140,7 @@ TEST_F(TableSchemaTest, InitTableWithoutKeyColumnFailsAndKeepsColumnsAndConnecti
     EXPECT_FALSE(table.initTable(_db, test::without_key_columns));
     EXPECT_EQ(table.getHandle(), _db.get());
     EXPECT_EQ(table.fields()->toSql(), "name, price");
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(report::badColumns()));
+    expectReport({report::badColumns()});
 }
 
 TEST_F(TableSchemaTest, InitTableWithAKeyOfAnotherTypeFailsAndLeavesNoColumns)
@@ -148,7 +148,7 @@ TEST_F(TableSchemaTest, InitTableWithAKeyOfAnotherTypeFailsAndLeavesNoColumns)
     Table table("product");
     EXPECT_FALSE(table.initTable(_db, float_key_columns));
     EXPECT_EQ(table.fields()->count(), 0);
-    EXPECT_EQ(_diagnostics.take(), report::wrongKeyType("price", "float"));
+    expectReport(report::wrongKeyType("price", "float"));
 }
 
 TEST_F(TableSchemaTest, InitTableAppendsToTheColumnsThereAreDeliberately)
@@ -161,7 +161,7 @@ TEST_F(TableSchemaTest, CreateOfANameOnlyTableReportsItsMissingColumnsTwiceDelib
 {
     Table table("product");
     EXPECT_FALSE(table.create());
-    EXPECT_EQ(_diagnostics.take(), joined({{not_connected}, report::notCreated("product")}));
+    expectReport(joined({{not_connected}, report::notCreated("product")}));
 }
 
 TEST_F(TableSchemaTest, DestroyedTableLeavesTheConnectionOpen)
@@ -181,14 +181,14 @@ TEST_F(TableSchemaTest, DestroyedTableLeavesTheConnectionOpen)
 TEST_F(TableSchemaTest, MissingTableDoesNotExist)
 {
     EXPECT_FALSE(Table(_db, "order_line", test::product_columns).exists());
-    EXPECT_EQ(_diagnostics.take(), report::absent("order_line"));
+    expectReport(report::absent("order_line"));
 }
 
 TEST_F(TableSchemaTest, ViewOfTheNameIsNoTable)
 {
     _db.run("create view dear as select * from product where price > 2");
     EXPECT_FALSE(Table(_db, "dear", test::product_columns).exists());
-    EXPECT_EQ(_diagnostics.take(), report::absent("dear"));
+    expectReport(report::absent("dear"));
 }
 
 TEST_F(TableSchemaTest, TableCountedTwiceCannotBeDeterminedAndExists)
@@ -196,10 +196,9 @@ TEST_F(TableSchemaTest, TableCountedTwiceCannotBeDeterminedAndExists)
     _db.run("pragma writable_schema = on; insert into sqlite_master"
             " select type, name, tbl_name, rootpage, sql from sqlite_master");
     EXPECT_TRUE(_table.exists());
-    EXPECT_EQ(_diagnostics.take(),
-              joined({report::counted(report::existenceQuery("product"), "2"),
-                      {report::error("Table::exists",
-                                     "Failed to determine if table 'product' exists")}}));
+    expectReport(joined(
+        {report::counted(report::existenceQuery("product"), "2"),
+         {report::error("Table::exists", "Failed to determine if table 'product' exists")}}));
 }
 
 TEST_F(TableSchemaTest, TableOfAnUnreadableFileExistsAndIsNotCreatedDeliberately)
@@ -208,8 +207,7 @@ TEST_F(TableSchemaTest, TableOfAnUnreadableFileExistsAndIsNotCreatedDeliberately
     test::writeFile(directory.file("notes.txt"), std::string(4096, 'x'));
     test::Connection unreadable(directory.file("notes.txt"));
     EXPECT_TRUE(Table(unreadable, "product", test::product_columns).create());
-    EXPECT_EQ(_diagnostics.take(),
-              report::undetermined("product", "26=SQLITE_NOTADB: file is not a database"));
+    expectReport(report::undetermined("product", "26=SQLITE_NOTADB: file is not a database"));
     EXPECT_EQ(test::readFile(directory.file("notes.txt")), std::string(4096, 'x'));
 }
 
@@ -224,14 +222,14 @@ TEST_F(TableSchemaTest, CreateOfAMissingTableRunsItsDefinitionAndDiscardsTheRows
     EXPECT_THAT(statements.texts(), ElementsAre(report::existenceQuery("copy"), definition));
     EXPECT_EQ(table.recordCount(), 0);
     EXPECT_EQ(_db.rows("select sql from sqlite_master where name = 'copy'"), definition);
-    EXPECT_EQ(_diagnostics.take(), joined({report::absent("copy"), report::ran(definition)}));
+    expectReport(joined({report::absent("copy"), report::ran(definition)}));
 }
 
 TEST_F(TableSchemaTest, CreateDoesNotCompareTheColumnsOfAnExistingTable)
 {
     EXPECT_TRUE(Table(_db, "product", test::all_type_columns).create());
     EXPECT_EQ(_db.rows("select sql from sqlite_master"), test::product_definition);
-    EXPECT_EQ(_diagnostics.take(), report::present("product"));
+    expectReport(report::present("product"));
 }
 
 TEST_F(TableSchemaTest, RemovedTableExistsNoMoreWhileATruncatedOneDoes)
@@ -281,9 +279,8 @@ TEST_F(TableSchemaTest, NameWithASchemaIsInsertedAsItStands)
 TEST_F(TableSchemaTest, BlankIsATableName)
 {
     EXPECT_FALSE(Table(_db, " ", test::product_columns).addRecord(product(_table, 7, "rum", 8)));
-    EXPECT_EQ(_diagnostics.take(),
-              report::refused("insert into   (id, name, price) values (7, 'rum', 8.00000000)",
-                              "1=SQLITE_ERROR: near \"(\": syntax error"));
+    expectReport(report::refused("insert into   (id, name, price) values (7, 'rum', 8.00000000)",
+                                 "1=SQLITE_ERROR: near \"(\": syntax error"));
 }
 
 // --- Columns as text

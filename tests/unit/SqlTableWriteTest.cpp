@@ -92,13 +92,12 @@ TEST_F(TableWriteTest, RecordWithUnnumberedColumnsCannotBeAdded)
 {
     const FieldSet columns(std::vector<Field>{Field("id", sql::type_int, sql::flag_primary_key)});
     EXPECT_FALSE(_table.addRecord(Record(columns)));
-    EXPECT_EQ(_diagnostics.take(),
-              joined({report::failed("const sql::Value* sql::Record::getValue(int) const",
-                                     "No value for column with index -1"),
-                      report::failed("sql::string sql::Record::toSql() const",
-                                     "field with index 0 does not have value"),
-                      report::notAdded(
-                          "product", report::noInsert("No values to insert in table 'product'"))}));
+    expectReport(joined(
+        {report::failed("const sql::Value* sql::Record::getValue(int) const",
+                        "No value for column with index -1"),
+         report::failed("sql::string sql::Record::toSql() const",
+                        "field with index 0 does not have value"),
+         report::notAdded("product", report::noInsert("No values to insert in table 'product'"))}));
 }
 
 #if SQLITE_VERSION_NUMBER >= 3035000 // writes return no rows before
@@ -108,9 +107,8 @@ TEST_F(TableWriteTest, WriteReadsRowsThatSqliteReturnsWithTheTablesColumnsAndDro
     _table.open("id = 1");
     _diagnostics.setLevel(9);
     EXPECT_TRUE(_table.deleteRecords("id = 2 returning *"));
-    EXPECT_EQ(_diagnostics.take(),
-              joined({report::ran("delete from product where id = 2 returning *"),
-                      {report::rowRead("id = 2|name = coffee|price = 4.5")}}));
+    expectReport(joined({report::ran("delete from product where id = 2 returning *"),
+                         {report::rowRead("id = 2|name = coffee|price = 4.5")}}));
     EXPECT_THAT(held(_table), ElementsAre("1|tea|2.5"));
 }
 
@@ -120,11 +118,10 @@ TEST_F(TableWriteTest, FailedExistenceTestLeadsToAnInsertDeliberately)
 {
     _diagnostics.setLevel(9);
     EXPECT_TRUE(_table.addOrUpdateRecord("a\"b", product(_table, 7, "rum", 8)));
-    EXPECT_EQ(_diagnostics.take(),
-              joined({report::notPrepared("select count(*) from product where id = \"a\"b\"",
-                                          "1=SQLITE_ERROR: near \"b\": syntax error"),
-                      {report::debug(2, "Table::addOrUpdateRecord", "add record for key=a\"b")},
-                      report::ran(insert_rum)}));
+    expectReport(joined({report::notPrepared("select count(*) from product where id = \"a\"b\"",
+                                             "1=SQLITE_ERROR: near \"b\": syntax error"),
+                         {report::debug(2, "Table::addOrUpdateRecord", "add record for key=a\"b")},
+                         report::ran(insert_rum)}));
     EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n7|rum|8.0");
 }
 
@@ -141,9 +138,8 @@ TEST_F(TableWriteTest, AddOrUpdateWithoutKeyColumnInsertsDeliberately)
     _diagnostics.setLevel(9);
     EXPECT_TRUE(table.addOrUpdateRecord(1, product(table, "rum", 8)));
     EXPECT_TRUE(table.addOrUpdateRecord("1", product(table, "rum", 8)));
-    EXPECT_EQ(_diagnostics.take(),
-              joined({added("bool sql::Table::hasRecordWithKeyId(sql::integer)"),
-                      added("bool sql::Table::hasRecordWithKeyId(sql::string)")}));
+    expectReport(joined({added("bool sql::Table::hasRecordWithKeyId(sql::integer)"),
+                         added("bool sql::Table::hasRecordWithKeyId(sql::string)")}));
     EXPECT_EQ(products(_db), "1|tea|2.5\n2|coffee|4.5\n3|milk|1.25\n4|rum|8.0\n5|rum|8.0");
 }
 
@@ -172,10 +168,9 @@ TEST_F(TableWriteTest, RecordIsRefusedByAFullDatabaseWhichWorksAfterwards)
     const std::string longName(100000, 'x');
     _diagnostics.setLevel(9);
     EXPECT_FALSE(_table.addRecord(product(_table, 7, longName, 8)));
-    EXPECT_EQ(_diagnostics.take(),
-              report::refused("insert into product (id, name, price) values (7, '" + longName
-                                  + "', 8.00000000)",
-                              "13=SQLITE_FULL: database or disk is full"));
+    expectReport(report::refused("insert into product (id, name, price) values (7, '" + longName
+                                     + "', 8.00000000)",
+                                 "13=SQLITE_FULL: database or disk is full"));
     _diagnostics.setLevel(3);
     EXPECT_EQ(held(_table), test::all_held);
     EXPECT_EQ(products(_db), test::three_products);

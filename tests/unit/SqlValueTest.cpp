@@ -177,7 +177,7 @@ TEST_P(ValueTypeTest, NullIsZeroFalseAndTheEpochAndWrittenAsNull)
         for (const field_type asked : all_types)
             EXPECT_EQ(value.toSql(asked), "null") << asked;
         EXPECT_EQ(value.asTime().asInteger(), 0);
-        EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line));
+        expectReport({epoch_line});
     }
 }
 
@@ -212,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(Types, ValueTypeTest, ValuesIn(all_types));
 TEST_F(ValueTest, NullTimeAsATextIsTheEpochInLocalTime)
 {
     EXPECT_EQ(Value(type_time).asString(), "01-01-1970 01:00:00, Thu");
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line));
+    expectReport({epoch_line});
 }
 
 TEST_F(ValueTest, SetValueCopiesTheText)
@@ -500,7 +500,7 @@ TEST_F(ValueTest, TimeTextConvertsWhateverTextIsStored)
 {
     EXPECT_EQ(textValue(" 60.9 seconds", type_time).asString(), "01-01-1970 01:01:00, Thu");
     EXPECT_EQ(textValue("soon", type_time).asString(), "01-01-1970 01:00:00, Thu");
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(minute_line, epoch_line));
+    expectReport({minute_line, epoch_line});
 }
 
 struct TimeUse : test::Case {
@@ -517,7 +517,7 @@ TEST_P(ValueTimeTraceTest, EveryConversionToATimeIsTracedAtTheMostVerboseLevel)
     for (const int level : test::trace_levels) {
         _diagnostics.setLevel(level);
         EXPECT_EQ(GetParam().use(value), GetParam().result);
-        EXPECT_EQ(_diagnostics.take(), test::visibleAt(level, GetParam().events));
+        expectReport(GetParam().events);
     }
 }
 
@@ -556,16 +556,16 @@ TEST_F(ValueTest, ComparedTimesAreTracedThisOneFirst)
     const Value minute = timeValue(60);
     const Value epoch = timeValue(0);
     EXPECT_TRUE(minute.equals(epoch));
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(minute_line, epoch_line));
+    expectReport({minute_line, epoch_line});
     EXPECT_TRUE(epoch.equals(minute));
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line, minute_line));
+    expectReport({epoch_line, minute_line});
 }
 
 TEST_F(ValueTest, NullComparedWithATimeIsTracedAsTheEpoch)
 {
     const Value minute = timeValue(60);
     EXPECT_TRUE(Value(type_time).equals(minute));
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(epoch_line, minute_line));
+    expectReport({epoch_line, minute_line});
 }
 
 TEST_F(ValueTest, TwoNullTimesAreEqualWithoutAnyConversion)
@@ -578,7 +578,7 @@ TEST_F(ValueTest, TextComparedWithATimeConvertsTheTimeAlone)
     const Value minute = timeValue(60);
     EXPECT_TRUE(textValue(minute_text).equals(minute));
     EXPECT_FALSE(textValue("60").equals(minute));
-    EXPECT_THAT(_diagnostics.take(), ElementsAre(minute_line, minute_line));
+    expectReport({minute_line, minute_line});
 }
 
 // --- Dumps
@@ -599,8 +599,7 @@ TEST_F(ValueTest, DumpNamesTheTypeOnRequest)
 TEST_F(ValueTest, DumpOfAnUndefinedTypeIsReported)
 {
     EXPECT_EQ(textValue("tea", static_cast<field_type>(7)).dump(true), "tea (undefined)");
-    EXPECT_THAT(_diagnostics.take(),
-                ElementsAre(report::asserted("sql::string sql::type2Str(sql::field_type)")));
+    expectReport({report::asserted("sql::string sql::type2Str(sql::field_type)")});
 }
 
 TEST_F(ValueTest, DumpOfAnUndefinedTypeWithoutTheTypeIsSilent)

@@ -14,29 +14,20 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::Values;
 using testing::ValuesIn;
 using testing::WithParamInterface;
 
-// The rows that sqlite3_exec() hands to its callback.
-struct Rows {
-    std::vector<std::string> texts;
-    std::size_t refusedFrom = 1000; // the callback refuses the row at this position
-};
-
+// What sqlite3_exec() hands to its callback.
 int takeRow(void* context, int columnCount, char** values, char**)
 {
-    Rows& rows = *static_cast<Rows*>(context);
-    if (rows.texts.size() >= rows.refusedFrom)
-        return 1;
     std::string row;
     for (int i = 0; i < columnCount; ++i) {
         if (i > 0)
             row += "|";
         row += values == nullptr ? "none" : values[i] != nullptr ? values[i] : "NULL";
     }
-    rows.texts.push_back(row);
+    static_cast<std::vector<std::string>*>(context)->push_back(row);
     return 0;
 }
 
@@ -49,120 +40,176 @@ protected:
     }
 
     // The result code; what SQLite says is left in _error, "-" for no text.
-    int exec(const std::string& sql)
+    int exec(const std::string& sql, sqlite3_callback callback = takeRow)
     {
         char* error = nullptr;
-        const int rc = sqlite3_exec(_db, sql.c_str(), takeRow, &_rows, &error);
+        const int rc = sqlite3_exec(_db, sql.c_str(), callback, &_rows, &error);
         _error = error != nullptr ? error : "-";
         sqlite3_free(error);
         return rc;
     }
 
     test::Connection _db;
-    Rows _rows;
+    std::vector<std::string> _rows;
     std::string _error;
 };
 
 // --- Statements run with a row callback
 
-TEST_F(SqliteTest, ExecDeliversEveryRowAndNoErrorText)
+struct Exec : test::Case {
+    std::string statement;
+    std::vector<std::string> rows;
+    int rc = SQLITE_OK;
+    const char* error = "-";
+    const char* left = "7,8"; // the keys in the table afterwards
+};
+
+class ExecTest : public SqliteTest, public WithParamInterface<Exec> {};
+
+TEST_P(ExecTest, GivesItsRowsItsResultAndItsText)
 {
-    EXPECT_EQ(exec("select * from product order by id"), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, ElementsAre("7|tea|1.5", "8|milk|2.0"));
-    EXPECT_EQ(_error, "-");
+    EXPECT_EQ(exec(GetParam().statement), GetParam().rc);
+    EXPECT_EQ(_rows, GetParam().rows);
+    EXPECT_EQ(_error, test::worded(GetParam().error));
+    EXPECT_EQ(_db.rows("select group_concat(id) from product"), GetParam().left);
+}
+
+const Exec execs[] = {
+    {"EveryRow", "select * from product order by id", {"7|tea|1.5", "8|milk|2.0"}},
+    {"RowsBeforeAFailure",
+     "select abs(i) from (select -1 as i union all select -9223372036854775807 - 1)",
+     {"1"},
+     SQLITE_ERROR,
+     "integer overflow"},
+    {"EmptyResult", "select id from product where 0", {}},
+    {"EmptyResultsAnnouncedWithoutValues",
+     "pragma empty_result_callbacks = 1; select id, name from product where 0",
+     {"", "none|none"}},
+    {"AllStatementsOfAText",
+     "delete from product where id = 7; select id from product",
+     {"8"},
+     SQLITE_OK,
+     "-",
+     "8"},
+    {"StopsAtTheFirstStatementThatFails",
+     "delete from product where id = 7; delete from nowhere; delete from product",
+     {},
+     SQLITE_ERROR,
+     "no such table: nowhere",
+     "8"},
+    {"EmptyText", "", {}},
+    {"TextUpToAZeroByte", std::string("select 5\0 nonsense", 18), {"5"}},
+    {"UpdateOfNoRow", "update product set name='salt' where id = 9", {}},
+    {"DeleteOfNoRow", "delete from product where id = 9", {}},
+};
+
+const Exec value_texts[] = {
+    {"Null", "select null", {"NULL"}},
+    {"Integer", "select 7", {"7"}},
+    {"LowestInteger", "select -9223372036854775807 - 1", {"-9223372036854775808"}},
+    {"Text", "select 'tea'", {"tea"}},
+    {"EmptyText", "select ''", {""}},
+    {"DoubledQuote", "select 'O''Brien'", {"O'Brien"}},
+    {"OtherBytes", "select '\"\\\x80\xff'", {"\"\\\x80\xff"}},
+    {"TextEndsAtAZeroByte", "select cast(x'610062' as text)", {"a"}},
+    {"Bool", "select 1 = 1", {"1"}},
+    {"RealThatIsWhole", "select 2.0", {"2.0"}},
+    {"Real", "select 1.50000000", {"1.5"}},
+    {"RealOf15Digits", "select 1.0 / 3", {"0.333333333333333"}},
+    {"LargeReal", "select 1e100", {"1.0e+100"}},
+};
+
+const Exec lookups[] = {
+    {"Integer", "select id from product where id = 7", {"7"}},
+    {"DoubleQuotedWordIsAText", "select id from product where name = \"tea\"", {"7"}},
+    {"DoubleQuotedNumberFindsTheInteger", "select id from product where id = \"7\"", {"7"}},
+    {"DoubleQuotedNumberIsConvertedAsAWhole", "select id from product where id = \" 7.0 \"", {"7"}},
+    {"DoubleQuotedWordIsNoInteger", "select id from product where id = \"7 apples\"", {}},
+    {"DoubleQuotedColumnNameIsTheColumn", "select id from product where id = \"id\"", {"7", "8"}},
+    {"DoubleQuotedColumnNameInAnyCase", "select id from product where id = \"ID\"", {"7", "8"}},
+    {"EmptyDoubleQuotedWord", "select id from product where name = \"\"", {}},
+};
+
+const Exec refusals[] = {
+    {"DuplicateKey",
+     "insert into product values (7, 'salt', 1)",
+     {},
+     SQLITE_CONSTRAINT,
+     "UNIQUE constraint failed: product.id"},
+    {"KeyThatIsNoInteger",
+     "insert into product values ('x', 'salt', 1)",
+     {},
+     SQLITE_MISMATCH,
+     "datatype mismatch"},
+    {"CommaBeforeWhere",
+     "update product set name='salt',  where id = 7",
+     {},
+     SQLITE_ERROR,
+     "near \"where\": syntax error"},
+    {"QuoteInADoubleQuotedWord",
+     "select id from product where name = \"a\"b\"",
+     {},
+     SQLITE_ERROR,
+     "near \"b\": syntax error"},
+    {"MissingTable", "drop table nowhere", {}, SQLITE_ERROR, "no such table: nowhere"},
+    {"ExistingTable",
+     "CREATE TABLE product (id INTEGER)",
+     {},
+     SQLITE_ERROR,
+     "table product already exists"},
+    {"MissingColumn",
+     "delete from product where color = 1",
+     {},
+     SQLITE_ERROR,
+     "no such column: color"},
+    {"NestedBegin",
+     "BEGIN TRANSACTION; BEGIN TRANSACTION",
+     {},
+     SQLITE_ERROR,
+     "cannot start a transaction within a transaction"},
+    {"CommitWithoutBegin",
+     "COMMIT TRANSACTION",
+     {},
+     SQLITE_ERROR,
+     "cannot commit - no transaction is active"},
+    {"RollbackWithoutBegin",
+     "ROLLBACK TRANSACTION",
+     {},
+     SQLITE_ERROR,
+     "cannot rollback - no transaction is active"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Statements, ExecTest, ValuesIn(execs), test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(Values, ExecTest, ValuesIn(value_texts), test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(Keys, ExecTest, ValuesIn(lookups), test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(Refusals, ExecTest, ValuesIn(refusals), test::NameOfCase());
+
+TEST_F(SqliteTest, TextsOfValuesDoNotDependOnTheLocale)
+{
+    const test::CommaLocale locale;
+    for (const Exec& value : value_texts) {
+        _rows.clear();
+        exec(value.statement);
+        EXPECT_EQ(_rows, value.rows) << value.statement;
+    }
 }
 
 TEST_F(SqliteTest, ExecStopsWhenTheCallbackRefusesARow)
 {
-    _rows.refusedFrom = 1;
-    EXPECT_EQ(exec("select id from product order by id"), SQLITE_ABORT);
-    EXPECT_THAT(_rows.texts, ElementsAre("7"));
+    const auto refuseAfterOne = [](void* rows, int count, char** values, char** names) {
+        return takeRow(rows, count, values, names) + 1;
+    };
+    EXPECT_EQ(exec("select id from product order by id", refuseAfterOne), SQLITE_ABORT);
+    EXPECT_THAT(_rows, ElementsAre("7"));
     EXPECT_EQ(_error, test::worded("query aborted"));
     EXPECT_EQ(sqlite3_next_stmt(_db, nullptr), nullptr);
 }
 
-TEST_F(SqliteTest, ExecHasDeliveredTheRowsBeforeAFailure)
+TEST_F(SqliteTest, RefusedBeginLeavesTheFirstTransactionOpen)
 {
-    EXPECT_EQ(exec("select abs(i) from (select -1 as i union all select -9223372036854775807 - 1)"),
-              SQLITE_ERROR);
-    EXPECT_THAT(_rows.texts, ElementsAre("1"));
-    EXPECT_EQ(_error, "integer overflow");
+    exec("BEGIN TRANSACTION; BEGIN TRANSACTION");
+    EXPECT_EQ(sqlite3_get_autocommit(_db), 0);
 }
-
-TEST_F(SqliteTest, ExecDeliversNoRowOfAnEmptyResult)
-{
-    EXPECT_EQ(exec("select id from product where 0"), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, IsEmpty());
-}
-
-TEST_F(SqliteTest, ExecAnnouncesAnEmptyResultWithoutValuesWhenToldTo)
-{
-    _db.run("pragma empty_result_callbacks = 1");
-    EXPECT_EQ(exec("select id, name from product where 0"), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, ElementsAre("none|none"));
-}
-
-TEST_F(SqliteTest, ExecRunsAllStatementsOfAText)
-{
-    EXPECT_EQ(exec("delete from product where id = 7; select id from product"), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, ElementsAre("8"));
-}
-
-TEST_F(SqliteTest, ExecStopsAtTheFirstStatementThatFails)
-{
-    EXPECT_EQ(exec("delete from product where id = 7; delete from nowhere; delete from product"),
-              SQLITE_ERROR);
-    EXPECT_EQ(_error, "no such table: nowhere");
-    EXPECT_EQ(_db.rows("select id from product"), "8");
-}
-
-TEST_F(SqliteTest, ExecOfAnEmptyTextSucceeds)
-{
-    EXPECT_EQ(exec(""), SQLITE_OK);
-    EXPECT_EQ(_error, "-");
-}
-
-TEST_F(SqliteTest, ExecEndsAtAZeroByte)
-{
-    EXPECT_EQ(exec(std::string("select 5\0 nonsense", 18)), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, ElementsAre("5"));
-}
-
-// --- The texts of values
-
-struct ValueText : test::Case {
-    const char* expression;
-    const char* text;
-};
-
-class ValueTextTest : public SqliteTest, public WithParamInterface<ValueText> {};
-
-TEST_P(ValueTextTest, IsDeliveredToTheCallbackAlikeInEveryLocale)
-{
-    const std::string query = std::string("select ") + GetParam().expression;
-    EXPECT_EQ(exec(query), SQLITE_OK);
-    const test::CommaLocale locale;
-    EXPECT_EQ(exec(query), SQLITE_OK);
-    EXPECT_THAT(_rows.texts, ElementsAre(GetParam().text, GetParam().text));
-}
-
-const ValueText value_texts[] = {
-    {"Null", "null", "NULL"},
-    {"Integer", "7", "7"},
-    {"LowestInteger", "-9223372036854775807 - 1", "-9223372036854775808"},
-    {"Text", "'tea'", "tea"},
-    {"EmptyText", "''", ""},
-    {"DoubledQuote", "'O''Brien'", "O'Brien"},
-    {"OtherBytes", "'\"\\\x80\xff'", "\"\\\x80\xff"},
-    {"TextEndsAtAZeroByte", "cast(x'610062' as text)", "a"},
-    {"Bool", "1 = 1", "1"},
-    {"RealThatIsWhole", "2.0", "2.0"},
-    {"Real", "1.50000000", "1.5"},
-    {"RealOf15Digits", "1.0 / 3", "0.333333333333333"},
-    {"LargeReal", "1e100", "1.0e+100"},
-};
-
-INSTANTIATE_TEST_SUITE_P(All, ValueTextTest, ValuesIn(value_texts), test::NameOfCase());
 
 // --- Single steps
 
@@ -377,9 +424,9 @@ TEST_F(SqliteFileTest, NegativeBusyTimeoutIsTakenForNone)
     open(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     sqlite3_busy_timeout(_db, 2500);
     EXPECT_EQ(sqlite3_busy_timeout(_db, -1), SQLITE_OK);
-    Rows rows;
+    std::vector<std::string> rows;
     sqlite3_exec(_db, "pragma busy_timeout", takeRow, &rows, nullptr);
-    EXPECT_THAT(rows.texts, ElementsAre("0"));
+    EXPECT_THAT(rows, ElementsAre("0"));
 }
 
 #endif
@@ -408,34 +455,6 @@ const UserVersion user_versions[] = {
 INSTANTIATE_TEST_SUITE_P(All, UserVersionTest, ValuesIn(user_versions), test::NameOfCase());
 
 // --- Keys and names
-
-struct Lookup : test::Case {
-    const char* condition;
-    std::vector<std::string> ids;
-};
-
-class LookupTest : public SqliteTest, public WithParamInterface<Lookup> {};
-
-TEST_P(LookupTest, FindsItsRows)
-{
-    EXPECT_EQ(
-        exec(std::string("select id from product where ") + GetParam().condition + " order by id"),
-        SQLITE_OK);
-    EXPECT_EQ(_rows.texts, GetParam().ids);
-}
-
-const Lookup lookups[] = {
-    {"Integer", "id = 7", {"7"}},
-    {"DoubleQuotedWordIsAText", "name = \"tea\"", {"7"}},
-    {"DoubleQuotedNumberFindsTheInteger", "id = \"7\"", {"7"}},
-    {"DoubleQuotedNumberIsConvertedAsAWhole", "id = \" 7.0 \"", {"7"}},
-    {"DoubleQuotedWordIsNoInteger", "id = \"7 apples\"", {}},
-    {"DoubleQuotedColumnNameIsTheColumn", "id = \"id\"", {"7", "8"}},
-    {"DoubleQuotedColumnNameInAnyCase", "id = \"ID\"", {"7", "8"}},
-    {"EmptyDoubleQuotedWord", "name = \"\"", {}},
-};
-
-INSTANTIATE_TEST_SUITE_P(All, LookupTest, ValuesIn(lookups), test::NameOfCase());
 
 TEST_F(SqliteTest, IntegerPrimaryKeyIsAssignedForNull)
 {
@@ -478,59 +497,6 @@ TEST_F(SqliteTest, RenamedTableIsKnownByItsNewNameOnly)
 {
     _db.run("alter table product rename to goods");
     EXPECT_EQ(_db.rows("select name from sqlite_master where type = 'table'"), "goods");
-}
-
-TEST_F(SqliteTest, WriteOfNoRowSucceeds)
-{
-    EXPECT_EQ(exec("update product set name='salt' where id = 9"), SQLITE_OK);
-    EXPECT_EQ(exec("delete from product where id = 9"), SQLITE_OK);
-    EXPECT_EQ(_db.rows("select count(*) from product where name <> 'salt'"), "2");
-}
-
-// --- Refusals
-
-struct Refusal : test::Case {
-    const char* statement;
-    int rc;
-    const char* error;
-};
-
-class RefusalTest : public SqliteTest, public WithParamInterface<Refusal> {};
-
-TEST_P(RefusalTest, HasItsResultCodeAndText)
-{
-    EXPECT_EQ(exec(GetParam().statement), GetParam().rc);
-    EXPECT_EQ(_error, test::worded(GetParam().error));
-    EXPECT_EQ(_db.rows("select id from product order by id"), "7\n8");
-}
-
-const Refusal refusals[] = {
-    {"DuplicateKey", "insert into product values (7, 'salt', 1)", SQLITE_CONSTRAINT,
-     "UNIQUE constraint failed: product.id"},
-    {"KeyThatIsNoInteger", "insert into product values ('x', 'salt', 1)", SQLITE_MISMATCH,
-     "datatype mismatch"},
-    {"CommaBeforeWhere", "update product set name='salt',  where id = 7", SQLITE_ERROR,
-     "near \"where\": syntax error"},
-    {"QuoteInADoubleQuotedWord", "select id from product where name = \"a\"b\"", SQLITE_ERROR,
-     "near \"b\": syntax error"},
-    {"MissingTable", "drop table nowhere", SQLITE_ERROR, "no such table: nowhere"},
-    {"ExistingTable", "CREATE TABLE product (id INTEGER)", SQLITE_ERROR,
-     "table product already exists"},
-    {"MissingColumn", "delete from product where color = 1", SQLITE_ERROR, "no such column: color"},
-    {"NestedBegin", "BEGIN TRANSACTION; BEGIN TRANSACTION", SQLITE_ERROR,
-     "cannot start a transaction within a transaction"},
-    {"CommitWithoutBegin", "COMMIT TRANSACTION", SQLITE_ERROR,
-     "cannot commit - no transaction is active"},
-    {"RollbackWithoutBegin", "ROLLBACK TRANSACTION", SQLITE_ERROR,
-     "cannot rollback - no transaction is active"},
-};
-
-INSTANTIATE_TEST_SUITE_P(All, RefusalTest, ValuesIn(refusals), test::NameOfCase());
-
-TEST_F(SqliteTest, RefusedBeginLeavesTheFirstTransactionOpen)
-{
-    exec("BEGIN TRANSACTION; BEGIN TRANSACTION");
-    EXPECT_EQ(sqlite3_get_autocommit(_db), 0);
 }
 
 } // namespace
