@@ -1,6 +1,5 @@
 # What the ARM toolchain files share. Before they include this one they set `arch`, `triplet`, `options`,
-# the compiler options for the target, `cpu`, an early processor of the kind, on which tests are to run,
-# and `time_bits`, the width of time_t.
+# the compiler options for the target, and `cpu`, an early processor of the kind, on which tests are to run.
 
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
@@ -11,7 +10,10 @@ if(NOT SQLWRAPPER_CROSS_COMPILER)
 endif()
 set(CMAKE_CXX_COMPILER ${SQLWRAPPER_CROSS_COMPILER})
 
-set(SQLWRAPPER_TIME_BITS ${time_bits})
+set(SQLWRAPPER_TIME_BITS 32 CACHE STRING "The width of time_t: 32, or 64 as newer distributions have it")
+if(SQLWRAPPER_TIME_BITS EQUAL 64)
+    string(APPEND options " -D_TIME_BITS=64 -D_FILE_OFFSET_BITS=64")
+endif()
 
 # The compiler brings the C and C++ libraries; script/sysroot fetches the rest.
 get_filename_component(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/sysroot/${arch} ABSOLUTE)
@@ -20,7 +22,7 @@ set(SQLWRAPPER_SYSROOT_COMMAND "run script/sysroot ${arch}")
 if(NOT EXISTS ${SQLWRAPPER_SYSROOT}/usr/include/sqlite3.h)
     message(FATAL_ERROR " No SQLite for ${arch} in ${SQLWRAPPER_SYSROOT}: ${SQLWRAPPER_SYSROOT_COMMAND}")
 endif()
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SQLWRAPPER_SYSROOT)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES SQLWRAPPER_SYSROOT SQLWRAPPER_TIME_BITS)
 
 # Debug information names the headers as they are on the device. The last option silences GCC's note
 # about containers as parameters, which C++ ABI 7.1 changed for everybody.
