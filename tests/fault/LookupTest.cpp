@@ -1,5 +1,6 @@
 #include "Columns.h"
 #include "Diagnostics.h"
+#include "Reports.h"
 #include "SqlFieldSet.h"
 #include "SqlRecord.h"
 #include "SqlRecordSet.h"
@@ -8,54 +9,33 @@
 
 #include <gmock/gmock.h>
 
+#include <ostream>
 #include <string>
-#include <vector>
 
 namespace {
 
-// While one of these lives, a lookup does not find what is at one position, though it is there.
-class Missing {
-public:
-    explicit Missing(int position) : _position(position)
-    {
-    }
-
-    bool hides(int position) const
-    {
-        return position == _position;
-    }
-
-private:
-    const int _position;
-};
-
-Missing* missingField = nullptr;
-Missing* missingRecord = nullptr;
-Missing* missingValue = nullptr;
+// The position at which a lookup does not find what is there.
+int missingField = -1;
+int missingRecord = -1;
+int missingValue = -1;
 
 // Puts one of the lookups out of order.
 class Fault {
 public:
-    Fault(Missing*& place, int position) : _place(place), _missing(position)
+    Fault(int& lookup, int position) : _lookup(lookup)
     {
-        _place = &_missing;
+        _lookup = position;
     }
     ~Fault()
     {
-        _place = nullptr;
+        _lookup = -1;
     }
     Fault(const Fault&) = delete;
     Fault& operator=(const Fault&) = delete;
 
 private:
-    Missing*& _place;
-    Missing _missing;
+    int& _lookup;
 };
-
-bool isHidden(Missing* missing, int position)
-{
-    return missing != nullptr && missing->hides(position);
-}
 
 } // namespace
 
@@ -65,26 +45,26 @@ namespace sql {
 
 const Field* FieldSet::getByIndex(int index) const
 {
-    const bool found = index >= 0 && index < count() && !isHidden(missingField, index);
+    const bool found = index >= 0 && index < count() && index != missingField;
     return found ? &_fields[index] : nullptr;
 }
 
 // Without a report, to tell a cell that is skipped from one that is looked for again.
 const Value* Record::getValue(int index) const
 {
-    const bool found = index >= 0 && index < columnCount() && !isHidden(missingValue, index);
+    const bool found = index >= 0 && index < columnCount() && index != missingValue;
     return found ? &_values[index] : nullptr;
 }
 
 Record* RecordSet::getRecord(int index)
 {
-    const bool found = index >= 0 && index < count() && !isHidden(missingRecord, index);
+    const bool found = index >= 0 && index < count() && index != missingRecord;
     return found ? &_records[index] : nullptr;
 }
 
 const Record* RecordSet::getRecord(int index) const
 {
-    const bool found = index >= 0 && index < count() && !isHidden(missingRecord, index);
+    const bool found = index >= 0 && index < count() && index != missingRecord;
     return found ? &_records[index] : nullptr;
 }
 
@@ -96,18 +76,14 @@ using sql::FieldSet;
 using sql::Record;
 using sql::RecordSet;
 using sql::Table;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
-const char to_sql_signature[] =
-    "assert 'false' in SqlFieldSet.cpp (sql::string sql::FieldSet::toSql() const)";
-const char dump_signature[] =
-    "assert 'false' in SqlFieldSet.cpp (sql::string sql::FieldSet::dump() const)";
+namespace report = test::report;
 
-// Columns id, name and price, and a record with all of them.
+// Columns id, name and price, a record with all of them, and a table with three rows.
 class LookupTest : public testing::Test {
 protected:
-    LookupTest() : _fields(test::product_columns), _record(_fields)
+    LookupTest()
     {
         _record.setInteger("id", 7);
         _record.setString("name", "tea");
@@ -120,8 +96,8 @@ protected:
 
     test::Connection _db;
     test::Diagnostics _diagnostics;
-    const FieldSet _fields;
-    Record _record;
+    const FieldSet _fields{test::product_columns};
+    Record _record{_fields};
 };
 
 // The other tests rest on this one: a library that did not call what is defined above would pass
@@ -138,131 +114,158 @@ TEST_F(LookupTest, LibraryCallsTheLookupsOfThisProgram)
     EXPECT_EQ(_record.getKeyIdValue(), nullptr);
 }
 
-// --- FieldSet
+// --- Texts of columns and records
 
-TEST_F(LookupTest, ColumnListReportsAMissingFieldAndGoesOnWithoutASeparator)
+struct Text {
+    const char* name;
+    int& lookup;
+    int position;
+    std::string (*make)(const Record& record);
+    const char* text;
+    test::Texts events;
+};
+
+void PrintTo(const Text& text, std::ostream* out)
 {
-    const Fault fault(missingField, 1);
-    EXPECT_EQ(_fields.toSql(), "id, price");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("[ERROR] SqlFieldSet.cpp (toSql) - No field for index 1", to_sql_signature));
+    *out << text.name;
 }
 
-TEST_F(LookupTest, ColumnListKeepsTheSeparatorBeforeAMissingLastField)
+class LookupTextTest : public LookupTest, public testing::WithParamInterface<Text> {};
+
+TEST_P(LookupTextTest, LeavesOutWhatIsMissing)
 {
-    const Fault fault(missingField, 2);
-    EXPECT_EQ(_fields.toSql(), "id, name, ");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("[ERROR] SqlFieldSet.cpp (toSql) - No field for index 2", to_sql_signature));
+    const Text& text = GetParam();
+    const Fault fault(text.lookup, text.position);
+    for (const int level : {7, 2}) { // where an assertion stands alone
+        _diagnostics.clear();
+        _diagnostics.setLevel(level);
+        EXPECT_EQ(text.make(_record), text.text);
+        EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, text.events));
+    }
 }
 
-TEST_F(LookupTest, ColumnListStartsWithTheFirstFieldFound)
+std::string columnList(const Record& record)
 {
-    const Fault fault(missingField, 0);
-    EXPECT_EQ(_fields.toSql(), "name, price");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("[ERROR] SqlFieldSet.cpp (toSql) - No field for index 0", to_sql_signature));
+    return record.fields()->toSql();
 }
 
-TEST_F(LookupTest, MissingFieldBelowTheErrorLevelIsAnAssertionAlone)
+std::string fieldDump(const Record& record)
 {
-    _diagnostics.setLevel(2);
-    const Fault fault(missingField, 1);
-    EXPECT_EQ(_fields.toSql(), "id, price");
-    EXPECT_EQ(_fields.dump(), "0: name=id, type=integer, flags: PRIMARY KEY\r\n"
-                              "2: name=price, type=float, flags:");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(to_sql_signature, dump_signature));
+    return record.fields()->dump();
 }
 
-TEST_F(LookupTest, FieldDumpReportsAMissingFieldAndGoesOnWithoutALineBreak)
+std::string valueList(const Record& record)
 {
-    const Fault fault(missingField, 1);
-    EXPECT_EQ(_fields.dump(), "0: name=id, type=integer, flags: PRIMARY KEY\r\n"
-                              "2: name=price, type=float, flags:");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("[ERROR] SqlFieldSet.cpp (dump) - No field for index 1", dump_signature));
+    return record.toSql();
 }
 
-TEST_F(LookupTest, FieldDumpKeepsTheLineBreakBeforeAMissingLastField)
+std::string insertText(const Record& record)
 {
-    const Fault fault(missingField, 2);
-    EXPECT_EQ(_fields.dump(), "0: name=id, type=integer, flags: PRIMARY KEY\r\n"
-                              "1: name=name, type=text, flags:\r\n");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("[ERROR] SqlFieldSet.cpp (dump) - No field for index 2", dump_signature));
+    return record.toSqlInsert("product");
 }
 
-// --- Record
-
-TEST_F(LookupTest, ValueListFailsAtAMissingField)
+std::string updateText(const Record& record)
 {
-    const Fault fault(missingField, 1);
-    EXPECT_EQ(_record.toSql(), "");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre("[ERROR] SqlRecord.cpp (toSql) - field with index 1 does not exist",
-                    "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSql() const)"));
+    return record.toSqlUpdate("product");
 }
 
-TEST_F(LookupTest, MissingFieldIsReportedWithOneLiteral)
+std::string recordDump(const Record& record)
 {
-    const Fault fault(missingField, 1);
-    _record.toSql();
-    _fields.toSql();
-    _fields.dump();
-    std::vector<std::string> formats;
-    for (const test::LogLine& line : _diagnostics.lines())
-        formats.push_back(line.format);
-    EXPECT_THAT(formats, ElementsAre("[ERROR] %s:%d (%s) - field with index %d does not exist",
-                                     "[ERROR] %s:%d (%s) - No field for index %d",
-                                     "[ERROR] %s:%d (%s) - No field for index %d"));
+    return record.dump(false) + "; " + record.dump(true);
 }
 
-TEST_F(LookupTest, InsertFailsAtAMissingFieldReportedByEveryStep)
+std::string recordText(const Record& record)
 {
-    const Fault fault(missingField, 2);
-    EXPECT_EQ(_record.toSqlInsert("product"), "");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlFieldSet.cpp (toSql) - No field for index 2", to_sql_signature,
-            "[ERROR] SqlRecord.cpp (toSql) - field with index 2 does not exist",
-            "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSql() const)",
-            "[ERROR] SqlRecord.cpp (toSqlInsert) - No values to insert in table 'product'",
-            "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSqlInsert(const string&) const)"));
+    return record.toString();
 }
 
-TEST_F(LookupTest, UpdateSkipsAMissingField)
+std::string tableText(const Record& record)
 {
-    const Fault fault(missingField, 1);
-    EXPECT_EQ(_record.toSqlUpdate("product"), "update product set price=2.50000000 where id = 7");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    return Table(nullptr, "product", *record.fields()).toString();
 }
 
-TEST_F(LookupTest, UpdateKeepsTheCommaBeforeAMissingLastField)
+test::Texts notListed(const std::string& index)
 {
-    const Fault fault(missingField, 2);
-    EXPECT_EQ(_record.toSqlUpdate("product"), "update product set name='tea',  where id = 7");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    return report::failed("sql::string sql::FieldSet::toSql() const",
+                          "No field for index " + index);
 }
 
-TEST_F(LookupTest, UpdateWithoutTheKeyCellFails)
+test::Texts notDumped(const std::string& index)
 {
-    const Fault fault(missingField, 0);
-    EXPECT_EQ(_record.toSqlUpdate("product"), "");
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[ERROR] SqlRecord.cpp (getKeyIdValue) - No PRIMARY KEY column found",
-            "assert 'false' in SqlRecord.cpp (const sql::Value* sql::Record::getKeyIdValue() const)",
-            "[ERROR] SqlRecord.cpp (toSqlUpdate) - No PRIMARY KEY column found for table product",
-            "assert 'false' in SqlRecord.cpp (sql::string sql::Record::toSqlUpdate(const string&) const)"));
+    return report::failed("sql::string sql::FieldSet::dump() const", "No field for index " + index);
 }
+
+test::Texts noField(const std::string& index)
+{
+    return report::failed("sql::string sql::Record::toSql() const",
+                          "field with index " + index + " does not exist");
+}
+
+const Text texts[] = {
+    {"FirstOfTheColumnList", missingField, 0, columnList, "name, price", notListed("0")},
+    {"ColumnListWithItsSeparator", missingField, 1, columnList, "id, price", notListed("1")},
+    {"LastOfTheColumnListButNotTheSeparator", missingField, 2, columnList, "id, name, ",
+     notListed("2")},
+    {"FieldDumpWithItsLineBreak", missingField, 1, fieldDump,
+     "0: name=id, type=integer, flags: PRIMARY KEY\r\n2: name=price, type=float, flags:",
+     notDumped("1")},
+    {"LastOfTheFieldDumpButNotTheLineBreak", missingField, 2, fieldDump,
+     "0: name=id, type=integer, flags: PRIMARY KEY\r\n1: name=name, type=text, flags:\r\n",
+     notDumped("2")},
+    {"WholeValueList", missingField, 1, valueList, "", noField("1")},
+    {"WholeInsert", missingField, 2, insertText, "",
+     test::joined({notListed("2"), noField("2"),
+                   report::noInsert("No values to insert in table 'product'")})},
+    {"UpdateSilently",
+     missingField,
+     1,
+     updateText,
+     "update product set price=2.50000000 where id = 7",
+     {}},
+    {"LastOfTheUpdateButNotTheComma",
+     missingField,
+     2,
+     updateText,
+     "update product set name='tea',  where id = 7",
+     {}},
+    {"WholeUpdateWithoutTheKeyCell", missingField, 0, updateText, "",
+     test::joined({report::failed("const sql::Value* sql::Record::getKeyIdValue() const",
+                                  "No PRIMARY KEY column found"),
+                   report::noUpdate("No PRIMARY KEY column found for table product")})},
+    {"NameOfTheRecordDump",
+     missingField,
+     1,
+     recordDump,
+     "id = 7|tea|price = 2.50000000; id = 7 (integer)|tea (text)|price = 2.50000000 (float)",
+     {}},
+    {"RecordTextWithItsSeparator", missingValue, 1, recordText, "7|2.50000000", {}},
+    {"LastOfTheRecordTextButNotTheSeparator", missingValue, 2, recordText, "7|tea|", {}},
+    {"CellOfTheRecordDumpButNotItsName",
+     missingValue,
+     1,
+     recordDump,
+     "id = 7|name = price = 2.50000000; id = 7 (integer)|name = price = 2.50000000 (float)",
+     {}},
+    {"TableTextWithItsLineBreak",
+     missingField,
+     1,
+     tableText,
+     "1. id INTEGER PRIMARY KEY\r\n3. price REAL",
+     {}},
+    {"LastOfTheTableTextButNotTheLineBreak",
+     missingField,
+     2,
+     tableText,
+     "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n",
+     {}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Texts, LookupTextTest, testing::ValuesIn(texts),
+                         [](const testing::TestParamInfo<Text>& text) {
+                             return std::string(text.param.name);
+                         });
+
+// --- What is looked for
 
 TEST_F(LookupTest, KeyCellIsLookedForBehindAMissingField)
 {
@@ -274,56 +277,18 @@ TEST_F(LookupTest, KeyCellIsLookedForBehindAMissingField)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-TEST_F(LookupTest, RecordDumpOmitsTheNameOfAMissingField)
+TEST_F(LookupTest, ComparisonSkipsAMissingFieldAndGoesOnBehindIt)
 {
+    Record otherName(_record);
+    Record otherPrice(_record);
+    otherName.setString("name", "coffee");
+    otherPrice.setDouble("price", 9.5);
+    EXPECT_FALSE(_record.equalsValues(&otherName));
     const Fault fault(missingField, 1);
-    EXPECT_EQ(_record.dump(false), "id = 7|tea|price = 2.50000000");
-    EXPECT_EQ(_record.dump(true), "id = 7 (integer)|tea (text)|price = 2.50000000 (float)");
+    EXPECT_TRUE(_record.equalsValues(&otherName));
+    EXPECT_FALSE(_record.equalsValues(&otherPrice));
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
-
-TEST_F(LookupTest, ComparisonSkipsAMissingField)
-{
-    Record other(_record);
-    other.setString("name", "coffee");
-    EXPECT_FALSE(_record.equalsValues(&other));
-    const Fault fault(missingField, 1);
-    EXPECT_TRUE(_record.equalsValues(&other));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(LookupTest, ComparisonGoesOnBehindAMissingField)
-{
-    Record other(_record);
-    other.setDouble("price", 9.5);
-    const Fault fault(missingField, 1);
-    EXPECT_FALSE(_record.equalsValues(&other));
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(LookupTest, RecordTextSkipsAMissingCellWithItsSeparator)
-{
-    const Fault fault(missingValue, 1);
-    EXPECT_EQ(_record.toString(), "7|2.50000000");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(LookupTest, RecordTextKeepsTheSeparatorBeforeAMissingLastCell)
-{
-    const Fault fault(missingValue, 2);
-    EXPECT_EQ(_record.toString(), "7|tea|");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(LookupTest, RecordDumpNamesAMissingCellWithoutASeparator)
-{
-    const Fault fault(missingValue, 1);
-    EXPECT_EQ(_record.dump(false), "id = 7|name = price = 2.50000000");
-    EXPECT_EQ(_record.dump(true), "id = 7 (integer)|name = price = 2.50000000 (float)");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-// --- RecordSet
 
 TEST_F(LookupTest, SetTextSkipsAMissingRecord)
 {
@@ -341,24 +306,6 @@ TEST_F(LookupTest, MissingFirstRecordIsNoTopRecord)
     const Fault fault(missingRecord, 0);
     EXPECT_EQ(set.getTopRecord(), nullptr);
     EXPECT_EQ(set.getTopRecordFirstValue(), nullptr);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-// --- Table
-
-TEST_F(LookupTest, TableTextSkipsAMissingField)
-{
-    const Table table(_db, "product", _fields);
-    const Fault fault(missingField, 1);
-    EXPECT_EQ(table.toString(), "1. id INTEGER PRIMARY KEY\r\n3. price REAL");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_F(LookupTest, TableTextKeepsTheLineBreakBeforeAMissingLastField)
-{
-    const Table table(_db, "product", _fields);
-    const Fault fault(missingField, 2);
-    EXPECT_EQ(table.toString(), "1. id INTEGER PRIMARY KEY\r\n2. name TEXT\r\n");
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
