@@ -6,6 +6,7 @@
 #include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Reports.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
@@ -16,7 +17,6 @@
 #include <limits>
 #include <ostream>
 #include <string>
-#include <vector>
 
 #include <dlfcn.h>
 
@@ -99,54 +99,72 @@ using testing::SizeIs;
 using testing::Values;
 using testing::WithParamInterface;
 
+namespace report = test::report;
+
+const char summer_time[] = "Sat Mar 30 12:00:00 2024\n"; // 1711796400 in the zone of the tests
+
 class ClockTest : public testing::Test {
 protected:
+    ClockTest()
+    {
+        _diagnostics.setLevel(9);
+    }
     ~ClockTest() override
     {
         clockOfTheTest = Clock();
+    }
+
+    static void stopClock(time_t time)
+    {
+        clockOfTheTest.stands = true;
+        clockOfTheTest.time = time;
     }
 
     test::TimeZone _zone;
     test::Diagnostics _diagnostics;
 };
 
-const char not_converted[] =
-    "[ERROR] SqlCommon.cpp (format) - Failed to convert calendar time to local time";
+std::string notConverted()
+{
+    return report::error("Time::format", "Failed to convert calendar time to local time");
+}
 
 // --- the current time ---
 
-TEST_F(ClockTest, CurrentTimeIsTheClocks)
+struct Moment {
+    time_t time;
+    const char* seconds;
+    const char* calendarText; // null when there is none
+};
+
+void PrintTo(const Moment& moment, std::ostream* out)
 {
-    clockOfTheTest.stands = true;
-    clockOfTheTest.time = 1711796400;
-    EXPECT_EQ(Time().asInteger(), 1711796400);
-    EXPECT_EQ(Time::now().asInteger(), 1711796400);
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    *out << moment.seconds;
 }
 
-TEST_F(ClockTest, CurrentTimeIsTraced)
+class CurrentTimeTest : public ClockTest, public WithParamInterface<Moment> {};
+
+TEST_P(CurrentTimeTest, IsTheClocksAndTracedOnceByTheConstructor)
 {
-    _diagnostics.setLevel(9);
-    clockOfTheTest.stands = true;
-    clockOfTheTest.time = 1711796400;
-    const Time time;
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 1711796400 = 'Sat Mar 30 12:00:00 2024\n'"));
+    const auto& [time, seconds, calendarText] = GetParam();
+    stopClock(time);
+    clockOfTheTest.hasCalendarText = calendarText != nullptr;
+    const std::string line = report::timeMade(seconds,
+                                              calendarText != nullptr ? calendarText : "(null)");
+    EXPECT_EQ(Time().getTime(), time);
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(line));
+    EXPECT_EQ(Time::now().getTime(), time);
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(line, line));
+    EXPECT_EQ(Time(time).getTime(), time);
+    EXPECT_THAT(_diagnostics.events(), ElementsAre(line, line, line));
 }
 
-TEST_F(ClockTest, NowIsTracedOnceByTheConstructor)
-{
-    _diagnostics.setLevel(9);
-    clockOfTheTest.stands = true;
-    clockOfTheTest.time = 0;
-    Time::now();
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 0 = 'Thu Jan  1 01:00:00 1970\n'"));
-}
+// Only -1 means that the clock cannot be read.
+INSTANTIATE_TEST_SUITE_P(Moments, CurrentTimeTest,
+                         Values(Moment{1711796400, "1711796400", summer_time},
+                                Moment{0, "0", "Thu Jan  1 01:00:00 1970\n"},
+                                Moment{-2, "-2", "Thu Jan  1 00:59:58 1970\n"},
+                                Moment{77, "77", nullptr}));
 
 class ClockLevelTest : public ClockTest, public WithParamInterface<int> {};
 
@@ -161,18 +179,6 @@ TEST_P(ClockLevelTest, ClockThatCannotBeReadGivesMinusOneSilently)
 
 INSTANTIATE_TEST_SUITE_P(Levels, ClockLevelTest, Values(0, 3, 8, 9));
 
-TEST_F(ClockTest, OnlyMinusOneMeansThatTheClockCannotBeRead)
-{
-    _diagnostics.setLevel(9);
-    clockOfTheTest.stands = true;
-    clockOfTheTest.time = -2;
-    EXPECT_EQ(Time().asInteger(), -2);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = -2 = 'Thu Jan  1 00:59:58 1970\n'"));
-}
-
 TEST_F(ClockTest, TimeFromANumberDoesNotNeedTheClock)
 {
     clockOfTheTest.fails = true;
@@ -181,9 +187,12 @@ TEST_F(ClockTest, TimeFromANumberDoesNotNeedTheClock)
 
 // --- local time ---
 
+// The text of a time or of a cell that holds one.
 struct Text {
     const char* name;
-    std::string (*make)(const Time&);
+    std::string (*make)(const Time& time, const Value& cell);
+    const char* text; // when the time cannot be converted
+    bool isOfCell;
 };
 
 void PrintTo(const Text& text, std::ostream* out)
@@ -193,128 +202,66 @@ void PrintTo(const Text& text, std::ostream* out)
 
 class LocalTimeTest : public ClockTest, public WithParamInterface<Text> {
 protected:
+    LocalTimeTest() : _cell(sql::type_time)
+    {
+        _cell.setInteger(1711796400);
+        clockOfTheTest.convertsToLocalTime = false;
+        _diagnostics.clear();
+    }
+
     const Time _time{1711796400};
+    Value _cell;
 };
 
 TEST_P(LocalTimeTest, ConversionThatFailsIsReportedAndGivesAnEmptyText)
 {
-    clockOfTheTest.convertsToLocalTime = false;
-    EXPECT_EQ(GetParam().make(_time), "");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(not_converted));
-}
-
-TEST_P(LocalTimeTest, ConversionThatFailsGivesAnEmptyTextBelowTheErrorLevel)
-{
-    _diagnostics.setLevel(2);
-    clockOfTheTest.convertsToLocalTime = false;
-    EXPECT_EQ(GetParam().make(_time), "");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
-}
-
-TEST_P(LocalTimeTest, ConversionThatFailsGivesAnEmptyTextWithoutATraceObject)
-{
+    test::Texts events = {notConverted()};
+    if (GetParam().isOfCell)
+        events.insert(events.begin(), report::timeMade("1711796400", summer_time));
+    for (const int level : {9, 3, 2}) {
+        _diagnostics.clear();
+        _diagnostics.setLevel(level);
+        EXPECT_EQ(GetParam().make(_time, _cell), GetParam().text);
+        EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, events));
+    }
+    _diagnostics.clear();
     _diagnostics.removeTraceObject();
-    clockOfTheTest.convertsToLocalTime = false;
-    EXPECT_EQ(GetParam().make(_time), "");
+    EXPECT_EQ(GetParam().make(_time, _cell), GetParam().text);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-std::string nameOf(const testing::TestParamInfo<Text>& info)
-{
-    return info.param.name;
-}
+const Text texts[] = {
+    {"Format", [](const Time& time, const Value&) { return time.format("%Y"); }, "", false},
+    {"FormatOfPlainText", [](const Time& time, const Value&) { return time.format("tea"); }, "",
+     false},
+    {"String", [](const Time& time, const Value&) { return time.asString(); }, "", false},
+    {"TimeString", [](const Time& time, const Value&) { return time.asTimeString(); }, "", false},
+    {"DateString", [](const Time& time, const Value&) { return time.asDateString(); }, "", false},
+    {"CellString", [](const Time&, const Value& cell) { return cell.asString(); }, "", true},
+    {"CellToString", [](const Time&, const Value& cell) { return cell.toString(); }, "", true},
+    {"CellDump", [](const Time&, const Value& cell) { return cell.dump(false); }, "", true},
+    {"CellDumpWithType", [](const Time&, const Value& cell) { return cell.dump(true); }, " (time)",
+     true},
+    {"CellSqlText", [](const Time&, const Value& cell) { return cell.toSql(sql::type_text); }, "''",
+     true},
+};
 
-INSTANTIATE_TEST_SUITE_P(Texts, LocalTimeTest,
-                         Values(Text{"Format",
-                                     [](const Time& time) {
-                                         return time.format("%Y");
-                                     }},
-                                Text{"FormatOfPlainText",
-                                     [](const Time& time) {
-                                         return time.format("tea");
-                                     }},
-                                Text{"String",
-                                     [](const Time& time) {
-                                         return time.asString();
-                                     }},
-                                Text{"TimeString",
-                                     [](const Time& time) {
-                                         return time.asTimeString();
-                                     }},
-                                Text{"DateString",
-                                     [](const Time& time) {
-                                         return time.asDateString();
-                                     }}),
-                         nameOf);
+INSTANTIATE_TEST_SUITE_P(Texts, LocalTimeTest, testing::ValuesIn(texts),
+                         [](const testing::TestParamInfo<Text>& text) {
+                             return std::string(text.param.name);
+                         });
 
-TEST_F(ClockTest, ConversionThatFailsIsOneLiteralOfErrorPriority)
+TEST_F(ClockTest, ConversionThatFailsIsOfErrorPriority)
 {
     clockOfTheTest.convertsToLocalTime = false;
+    _diagnostics.setLevel(3);
     Time(0).asString();
     ASSERT_THAT(_diagnostics.lines(), SizeIs(1));
     EXPECT_EQ(_diagnostics.lines()[0].priority, 3);
-    EXPECT_EQ(_diagnostics.lines()[0].format,
-              "[ERROR] %s:%d (%s) - Failed to convert calendar time to local time");
 }
-
-// --- cells that hold a time ---
-
-struct CellText {
-    const char* name;
-    std::string (*make)(const Value&);
-    const char* text;
-};
-
-void PrintTo(const CellText& text, std::ostream* out)
-{
-    *out << text.name;
-}
-
-class TimeCellTest : public ClockTest, public WithParamInterface<CellText> {
-protected:
-    TimeCellTest() : _cell(sql::type_time)
-    {
-        _cell.setInteger(1711796400);
-        clockOfTheTest.convertsToLocalTime = false;
-    }
-
-    Value _cell;
-};
-
-TEST_P(TimeCellTest, ConversionThatFailsIsReportedAndGivesAnEmptyText)
-{
-    EXPECT_EQ(GetParam().make(_cell), GetParam().text);
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(not_converted));
-}
-
-TEST_P(TimeCellTest, ConversionThatFailsIsReportedAfterTheTimeIsTraced)
-{
-    _diagnostics.setLevel(9);
-    EXPECT_EQ(GetParam().make(_cell), GetParam().text);
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 1711796400 = 'Sat Mar 30 12:00:00 2024\n'",
-            not_converted));
-}
-
-std::string nameOfCellText(const testing::TestParamInfo<CellText>& info)
-{
-    return info.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Texts, TimeCellTest,
-    Values(CellText{"AsString", [](const Value& cell) { return cell.asString(); }, ""},
-           CellText{"ToString", [](const Value& cell) { return cell.toString(); }, ""},
-           CellText{"Dump", [](const Value& cell) { return cell.dump(false); }, ""},
-           CellText{"DumpWithType", [](const Value& cell) { return cell.dump(true); }, " (time)"},
-           CellText{"SqlText", [](const Value& cell) { return cell.toSql(sql::type_text); }, "''"}),
-    nameOfCellText);
 
 TEST_F(ClockTest, SecondsOfACellNeedNoLocalTime)
 {
-    _diagnostics.setLevel(9);
     clockOfTheTest.convertsToLocalTime = false;
     Value cell(sql::type_time);
     cell.setInteger(77);
@@ -322,66 +269,28 @@ TEST_F(ClockTest, SecondsOfACellNeedNoLocalTime)
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }
 
-// --- rows that hold a time, whose dump would report that it cannot be converted ---
+// A row that holds a time, whose dump would report that it cannot be converted.
+class RowDumpTest : public ClockTest, public WithParamInterface<int> {};
 
-const char row_query[] = "select 7, null, null, null, 1711796400";
-const char row_query_line[] =
-    "[DEBUG2] SqlRecordSet.cpp (query) - stmt='select 7, null, null, null, 1711796400'";
-
-class RowDumpLevelTest : public ClockTest, public WithParamInterface<int> {};
-
-TEST_P(RowDumpLevelTest, RowIsNotDumpedBelowTheHighestTraceLevel)
+TEST_P(RowDumpTest, RowIsDumpedAtTheHighestTraceLevelOnly)
 {
+    const std::string query = "select 7, null, null, null, 1711796400";
     const test::Connection db;
     sql::RecordSet rows(db, test::all_type_columns);
     clockOfTheTest.convertsToLocalTime = false;
     _diagnostics.setLevel(GetParam());
-    EXPECT_TRUE(rows.query(row_query));
+    EXPECT_TRUE(rows.query(query));
     EXPECT_EQ(rows.count(), 1);
-    EXPECT_EQ(_diagnostics.events(), test::visibleAt(GetParam(), {row_query_line}));
+    test::Texts events = report::ran(query);
+    if (GetParam() > 8)
+        events = test::joined(
+            {events,
+             {report::timeMade("1711796400", summer_time), notConverted(),
+              report::rowRead("id = 7|name = null|price = null|sold = null|at = ")}});
+    EXPECT_EQ(_diagnostics.events(), test::visibleAt(GetParam(), events));
 }
 
-INSTANTIATE_TEST_SUITE_P(Levels, RowDumpLevelTest, Values(2, 3, 7, 8));
-
-TEST_F(ClockTest, RowIsDumpedAtTheHighestTraceLevel)
-{
-    const test::Connection db;
-    sql::RecordSet rows(db, test::all_type_columns);
-    clockOfTheTest.convertsToLocalTime = false;
-    _diagnostics.setLevel(9);
-    EXPECT_TRUE(rows.query(row_query));
-    EXPECT_THAT(
-        _diagnostics.events(),
-        ElementsAre(
-            row_query_line,
-            "[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 1711796400 = 'Sat Mar 30 12:00:00 2024\n'",
-            not_converted,
-            "[DEBUG3] SqlRecordSet.cpp (on_next_record) - id = 7|name = null|price = null|sold = null|at = "));
-}
-
-// --- calendar text ---
-
-TEST_F(ClockTest, TimeWithoutCalendarTextIsTracedAsNull)
-{
-    _diagnostics.setLevel(9);
-    clockOfTheTest.hasCalendarText = false;
-    const Time time(77);
-    EXPECT_EQ(time.asInteger(), 77);
-    EXPECT_THAT(_diagnostics.events(),
-                ElementsAre("[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 77 = '(null)'"));
-}
-
-TEST_F(ClockTest, CurrentTimeWithoutCalendarTextIsTracedAsNull)
-{
-    _diagnostics.setLevel(9);
-    clockOfTheTest.stands = true;
-    clockOfTheTest.time = 77;
-    clockOfTheTest.hasCalendarText = false;
-    const Time time;
-    EXPECT_EQ(time.asInteger(), 77);
-    EXPECT_THAT(_diagnostics.events(),
-                ElementsAre("[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = 77 = '(null)'"));
-}
+INSTANTIATE_TEST_SUITE_P(Levels, RowDumpTest, Values(2, 3, 7, 8, 9));
 
 // --- the ends of time ---
 
@@ -390,20 +299,14 @@ TEST_F(ClockTest, CurrentTimeWithoutCalendarTextIsTracedAsNull)
 // The years of these do not fit into an int.
 class EndOfTimeTest : public ClockTest, public WithParamInterface<time_t> {};
 
-TEST_P(EndOfTimeTest, CannotBeConvertedToLocalTime)
+TEST_P(EndOfTimeTest, IsTracedWithoutCalendarTextAndCannotBeConverted)
 {
     const Time time(GetParam());
     EXPECT_EQ(time.asString(), "");
-    EXPECT_THAT(_diagnostics.events(), ElementsAre(not_converted));
-}
-
-TEST_P(EndOfTimeTest, IsTracedWithoutCalendarText)
-{
-    _diagnostics.setLevel(9);
-    const Time time(GetParam());
-    EXPECT_THAT(_diagnostics.events(),
-                ElementsAre("[DEBUG3] SqlCommon.cpp (Time) - Time ctor: time = "
-                            + std::to_string(static_cast<long>(GetParam())) + " = '(null)'"));
+    EXPECT_THAT(
+        _diagnostics.events(),
+        ElementsAre(report::timeMade(std::to_string(static_cast<long>(GetParam())), "(null)"),
+                    notConverted()));
 }
 
 INSTANTIATE_TEST_SUITE_P(Seconds, EndOfTimeTest,
@@ -416,7 +319,7 @@ TEST_F(ClockTest, BothEndsOfTimeCanBeConverted)
 {
     EXPECT_EQ(Time(INT32_MAX).asString(), "19-01-2038 04:14:07, Tue");
     EXPECT_EQ(Time(INT32_MIN).asString(), "13-12-1901 21:45:52, Fri");
-    EXPECT_THAT(_diagnostics.events(), IsEmpty());
+    EXPECT_THAT(_diagnostics.errors(), IsEmpty());
 }
 
 #endif
