@@ -1,11 +1,7 @@
-#include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
-#include "Rows.h"
-#include "SqlDatabase.h"
-#include "SqlRecord.h"
-#include "SqlRecordSet.h"
-#include "SqlTable.h"
+#include "Reports.h"
+#include "Shop.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
@@ -26,18 +22,16 @@
 
 namespace {
 
-using sql::Database;
+namespace report = test::report;
 using sql::Record;
-using sql::RecordSet;
-using sql::Table;
-using testing::ElementsAre;
+using test::Shop;
+using test::Texts;
 using testing::IsEmpty;
 
-typedef std::vector<std::string> Texts;
-
+const auto read_write = sql::Database::access_read_write;
 const int patience = 60000; // ms, longer than any of this takes
 const unsigned hang = 300;  // s, after which a process that has not ended is stopped
-const char locked[] = "database is locked";
+const char locked[] = "5=SQLITE_BUSY: database is locked";
 
 // A process that has opened no database before.
 class Process {
@@ -99,18 +93,17 @@ private:
     int _ends[2];
 };
 
-Record product(const sql::FieldSet& fields, const std::string& name)
+Record product(const std::string& name)
 {
-    Record row(fields); // SQLite chooses the key
+    Record row(test::goods()); // SQLite chooses the key
     row.setString("name", name);
-    row.setDouble("price", 2.5);
     return row;
 }
 
+// Of the ERROR lines.
 Texts busyReport(const std::string& statement)
 {
-    return {"Failed to run the SQL stmt '" + statement + "'",
-            std::string("  rc=5=SQLITE_BUSY: ") + locked};
+    return test::errorsOf(report::refused(statement, locked));
 }
 
 // What processes have to say to the test, one file for each: "added <name>", "refused" or what is
@@ -121,57 +114,55 @@ typedef std::ofstream Log;
 class Worker {
 public:
     Worker(const std::string& file, const std::string& logFile, int busyTimeout)
-        : _log(logFile), _fields(test::product_columns)
+        : _log(logFile), _shop(file)
     {
-        expect(_database.open(file, Database::access_read_write, false, busyTimeout), "open");
+        expect(_shop.open(read_write, busyTimeout), "open");
         // The disk is slow, and the others shall meet in what is not.
-        while (!RecordSet(_database.getHandle()).query("pragma synchronous = off"))
+        while (!_shop.query("pragma synchronous = off"))
             _diagnostics.clear();
     }
 
     void addRows(int worker, int count)
     {
-        Table table(_database.getHandle(), "product", _fields);
         for (int i = 0; i < count; ++i) {
             const std::string name = std::to_string(worker) + "-" + std::to_string(i);
-            const Record row = product(_fields, name);
-            note(answered(table.addRecord(row), row.toSqlInsert("product")), name);
+            note(adds(product(name)), name);
         }
     }
 
     // Two rows of one name each time, or none.
     void addPairs(int worker, int count)
     {
-        Table table(_database.getHandle(), "product", _fields);
         for (int i = 0; i < count; ++i) {
             const std::string name = std::to_string(worker) + "-" + std::to_string(i);
-            const Record row = product(_fields, name);
-            const std::string insert = row.toSqlInsert("product");
-            expect(_database.transactionBegin(), "begin");
-            const bool added = answered(table.addRecord(row), insert)
-                               && answered(table.addRecord(row), insert)
-                               && answered(_database.transactionCommit(), "COMMIT TRANSACTION");
+            expect(_shop.transact("BEGIN"), "begin");
+            const bool added = adds(product(name)) && adds(product(name))
+                               && answered(_shop.transact("COMMIT"), "COMMIT TRANSACTION");
             note(added, name);
             if (!added)
-                expect(_database.transactionRollback(), "rollback");
+                expect(_shop.transact("ROLLBACK"), "rollback");
         }
     }
 
     void readPairs(int count)
     {
-        Table table(_database.getHandle(), "product", _fields);
         for (int i = 0; i < count; ++i) {
-            if (!answered(table.open(), "select * from product"))
+            if (!answered(_shop.product.open(), "select * from product"))
                 continue;
             std::map<std::string, int> rows;
-            for (int row = 0; row < table.recordCount(); ++row)
-                ++rows[table.getRecord(row)->getValue("name")->asString()];
+            for (int row = 0; row < _shop.product.recordCount(); ++row)
+                ++rows[_shop.product.getRecord(row)->getValue("name")->asString()];
             for (const auto& [name, number] : rows)
                 expect(number == 2, "half of " + name);
         }
     }
 
 private:
+    bool adds(const Record& row)
+    {
+        return answered(_shop.product.addRecord(row), row.toSqlInsert("product"));
+    }
+
     // A refusal leaves its two lines, and an answer of success none.
     bool answered(bool succeeded, const std::string& statement)
     {
@@ -196,18 +187,17 @@ private:
 
     Log _log;
     test::Diagnostics _diagnostics;
-    const sql::FieldSet _fields;
-    Database _database;
+    Shop _shop;
 };
 
 class ContentionTest : public testing::Test {
 protected:
     explicit ContentionTest(const std::string& journal = "delete")
-        : _file(_directory.file("shop.db")), _fields(test::product_columns)
+        : _file(_directory.file("shop.db"))
     {
         test::Connection file(_file);
         file.run("pragma journal_mode = " + journal);
-        file.run("create table product (id integer primary key, name text, price real)");
+        file.run("create table product (id integer primary key, name, price, sold, code)");
     }
 
     std::string rows(const std::string& query) const
@@ -217,7 +207,6 @@ protected:
 
     const test::TemporaryDirectory _directory;
     const std::string _file;
-    const sql::FieldSet _fields;
 };
 
 // --- Many processes
@@ -233,6 +222,9 @@ void PrintTo(const Crowd& crowd, std::ostream* out)
     *out << crowd.writers << " writers, journal " << crowd.journal << ", " << crowd.busyTimeout
          << " ms";
 }
+
+const int rows_each = test::longRun() ? 250 : 40;
+const int reads_each = test::longRun() ? 250 : 60;
 
 class CrowdTest : public ContentionTest, public testing::WithParamInterface<Crowd> {
 protected:
@@ -270,9 +262,12 @@ protected:
         std::sort(_added.begin(), _added.end());
     }
 
-    // The names in the file, each followed by how often it is there.
+    // The names in the file, each followed by how often it is there: those that were acknowledged.
     void expectFile(const std::string& times) const
     {
+        EXPECT_THAT(_problems, IsEmpty());
+        EXPECT_EQ(static_cast<int>(_added.size()) + _refused, GetParam().writers * rows_each);
+        EXPECT_TRUE(GetParam().busyTimeout < patience || _refused == 0) << _refused;
         std::string expected;
         for (const std::string& name : _added)
             expected += (expected.empty() ? "" : "\n") + name + "|" + times;
@@ -287,19 +282,11 @@ protected:
     Texts _problems;
 };
 
-const int rows_each = test::longRun() ? 250 : 40;
-const int reads_each = test::longRun() ? 250 : 60;
-
 TEST_P(CrowdTest, EveryAcknowledgedRowIsThereOnceAndNoOther)
 {
     for (int writer = 0; writer < GetParam().writers; ++writer)
         start([&](Worker& worker) { worker.addRows(writer, rows_each); });
     finish();
-    EXPECT_THAT(_problems, IsEmpty());
-    EXPECT_EQ(static_cast<int>(_added.size()) + _refused, GetParam().writers * rows_each);
-    if (GetParam().busyTimeout == patience) {
-        EXPECT_EQ(_refused, 0);
-    }
     expectFile("1");
 }
 
@@ -310,11 +297,6 @@ TEST_P(CrowdTest, ReadersSeeWholeTransactions)
     for (int reader = 0; reader < 2; ++reader)
         start([&](Worker& worker) { worker.readPairs(reads_each); });
     finish();
-    EXPECT_THAT(_problems, IsEmpty());
-    EXPECT_EQ(static_cast<int>(_added.size()) + _refused, GetParam().writers * rows_each);
-    if (GetParam().busyTimeout == patience) {
-        EXPECT_EQ(_refused, 0);
-    }
     expectFile("2");
 }
 
@@ -341,27 +323,11 @@ long long duration(const std::function<void()>& call)
 }
 
 // A connection of this process, which knows the table already: what waits is the statement itself.
-class User {
-public:
-    User(const std::string& file, int busyTimeout)
+struct User : Shop {
+    User(const std::string& file, int busyTimeout) : Shop(file)
     {
-        EXPECT_TRUE(_database.open(file, Database::access_read_write, false, busyTimeout));
-        _table = std::make_unique<Table>(_database.getHandle(), "product", test::product_columns);
-        EXPECT_TRUE(_table->open());
+        EXPECT_TRUE(open(read_write, busyTimeout) && product.open());
     }
-
-    Database& database()
-    {
-        return _database;
-    }
-    Table& table()
-    {
-        return *_table;
-    }
-
-private:
-    Database _database;
-    std::unique_ptr<Table> _table;
 };
 
 // Another process that locks the file.
@@ -370,13 +336,12 @@ public:
     explicit Locker(const std::string& file)
         : _process([this, &file] {
               test::Diagnostics diagnostics;
-              Database database;
+              Shop shop(file);
               _start.await();
-              const bool holds = database.open(file, Database::access_read_write, false, patience)
-                                 && RecordSet(database.getHandle()).query("begin exclusive");
+              const bool holds = shop.open(read_write, patience) && shop.query("begin exclusive");
               _locked.send();
               _release.await();
-              return holds && database.transactionCommit();
+              return holds && shop.transact("COMMIT");
           })
     {
     }
@@ -406,31 +371,16 @@ private:
 
 class LockTest : public ContentionTest {
 protected:
-    LockTest() : _insert(product(_fields, "late").toSqlInsert("product"))
-    {
-    }
-
-    const std::string _insert;
+    const Record _late = product("late");
+    const std::string _insert = _late.toSqlInsert("product");
     test::Diagnostics _diagnostics;
 };
-
-Texts busyCount(const std::string& query)
-{
-    return {"The SQL query '" + query + "' failed",
-            std::string("   the query returned 5=SQLITE_BUSY instead of SQLITE_ROW: ") + locked};
-}
-
-Texts operator+(Texts left, const Texts& right)
-{
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
 
 struct Attempt {
     const char* name;
     int waits; // the statements that wait, each for the whole timeout
     bool answer;
-    bool (*run)(User& user, const Record& row);
+    bool (*run)(Shop& shop, const Record& row);
     Texts (*reports)(const std::string& insert);
 };
 
@@ -447,12 +397,11 @@ TEST_P(AttemptTest, WaitsForAsLongAsTheBusyTimeoutSays)
     const auto& [attempt, busyTimeout] = GetParam();
     Locker other(_file);
     User user(_file, busyTimeout);
-    const Record row = product(_fields, "late");
     other.lock();
     bool answer = !attempt.answer;
-    const long long time = duration([&, &run = attempt.run] { answer = run(user, row); });
+    const long long time = duration([&, &run = attempt.run] { answer = run(user, _late); });
     EXPECT_EQ(answer, attempt.answer);
-    EXPECT_EQ(_diagnostics.errors(), attempt.reports(_insert));
+    EXPECT_EQ(_diagnostics.errors(), test::errorsOf(attempt.reports(_insert)));
     EXPECT_THAT(_diagnostics.assertions(), IsEmpty());
     const long long expected = attempt.waits * std::max(busyTimeout, 0);
     EXPECT_GE(time, expected);
@@ -464,41 +413,38 @@ TEST_P(AttemptTest, WaitsForAsLongAsTheBusyTimeoutSays)
 
 const Attempt attempts[] = {
     {"addRecord", 1, false,
-     [](User& user, const Record& row) { return user.table().addRecord(row); },
+     [](Shop& shop, const Record& row) { return shop.product.addRecord(row); },
      [](const std::string& insert) {
-         return busyReport(insert);
+         return report::refused(insert, locked);
      }},
     {"addOrUpdateRecord", 2, false,
-     [](User& user, const Record& row) {
-         return user.table().addOrUpdateRecord(sql::integer(7), row);
+     [](Shop& shop, const Record& row) {
+         return shop.product.addOrUpdateRecord(sql::integer(7), row);
      },
      [](const std::string& insert) {
-         return busyCount("select count(*) from product where id = 7") + busyReport(insert);
+         return test::joined({report::noRow("select count(*) from product where id = 7", locked),
+                              report::refused(insert, locked)});
      }},
-    {"open", 1, false, [](User& user, const Record&) { return user.table().open(); },
+    {"open", 1, false, [](Shop& shop, const Record&) { return shop.product.open(); },
      [](const std::string&) {
-         return busyReport("select * from product");
+         return report::refused("select * from product", locked);
      }},
-    {"exists", 1, true, [](User& user, const Record&) { return user.table().exists(); },
+    {"exists", 1, true, [](Shop& shop, const Record&) { return shop.product.exists(); },
      [](const std::string&) {
-         return busyCount(
-                    "select count(*) from sqlite_master where type = 'table' and name = 'product'")
-                + Texts{"Failed to determine if table 'product' exists"};
+         return test::joined({report::noRow(report::existenceQuery("product"), locked),
+                              {report::undetermined("product", locked).back()}});
      }},
     {"totalRecordCount", 1, false,
-     [](User& user, const Record&) { return user.table().totalRecordCount() != -1; },
+     [](Shop& shop, const Record&) { return shop.product.totalRecordCount() != -1; },
      [](const std::string&) {
-         return busyCount("select count(*) from product");
+         return report::noRow("select count(*) from product", locked);
      }},
-    {"setUserVersion", 1, false,
-     [](User& user, const Record&) { return user.database().setUserVersion(7); },
+    {"setUserVersion", 1, false, [](Shop& shop, const Record&) { return shop.setUserVersion(7); },
      [](const std::string&) {
-         return Texts{"Running the SQL stmt 'PRAGMA user_version=7;' failed",
-                      std::string("  SQLite returned 5=SQLITE_BUSY instead of SQLITE_DONE: ")
-                          + locked};
+         return report::stepFailed("PRAGMA user_version=7;", locked);
      }},
     {"transactionBegin, which waits for nothing", 0, true,
-     [](User& user, const Record&) { return user.database().transactionBegin(); },
+     [](Shop& shop, const Record&) { return shop.transact("BEGIN"); },
      [](const std::string&) {
          return Texts();
      }},
@@ -518,7 +464,7 @@ TEST_F(LockTest, WaitingStatementRunsWhenTheLockIsReleased)
         other.release();
         return true;
     });
-    EXPECT_TRUE(user.table().addRecord(product(_fields, "late")));
+    EXPECT_TRUE(user.product.addRecord(_late));
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
     EXPECT_TRUE(other.hasSucceeded());
     EXPECT_EQ(rows("select name from product"), "late");
@@ -528,13 +474,12 @@ TEST_F(LockTest, CommitRefusedBecauseOfAReaderCanBeRepeated)
 {
     User reader(_file, 0);
     User writer(_file, 40);
-    ASSERT_TRUE(reader.database().transactionBegin() && reader.table().open());
-    ASSERT_TRUE(writer.database().transactionBegin());
-    ASSERT_TRUE(writer.table().addRecord(product(_fields, "late")));
-    EXPECT_GE(duration([&] { EXPECT_FALSE(writer.database().transactionCommit()); }), 40);
+    ASSERT_TRUE(reader.transact("BEGIN") && reader.product.open());
+    ASSERT_TRUE(writer.transact("BEGIN") && writer.product.addRecord(_late));
+    EXPECT_GE(duration([&] { EXPECT_FALSE(writer.transact("COMMIT")); }), 40);
     EXPECT_EQ(_diagnostics.errors(), busyReport("COMMIT TRANSACTION"));
-    EXPECT_TRUE(reader.database().transactionCommit());
-    EXPECT_TRUE(writer.database().transactionCommit());
+    EXPECT_TRUE(reader.transact("COMMIT"));
+    EXPECT_TRUE(writer.transact("COMMIT"));
     EXPECT_EQ(rows("select name from product"), "late");
 }
 
@@ -544,14 +489,13 @@ TEST_F(LockTest, SecondOfTwoReadersThatTurnToWritingIsRefusedAtOnce)
     User first(_file, patience);
     User second(_file, patience);
     for (User* user : {&first, &second})
-        ASSERT_TRUE(user->database().transactionBegin() && user->table().open());
-    ASSERT_TRUE(first.table().addRecord(product(_fields, "first")));
-    const Record row = product(_fields, "late");
-    EXPECT_LT(duration([&] { EXPECT_FALSE(second.table().addRecord(row)); }), generous);
+        ASSERT_TRUE(user->transact("BEGIN") && user->product.open());
+    ASSERT_TRUE(first.product.addRecord(product("first")));
+    EXPECT_LT(duration([&] { EXPECT_FALSE(second.product.addRecord(_late)); }), generous);
     EXPECT_EQ(_diagnostics.errors(), busyReport(_insert));
-    EXPECT_TRUE(second.database().transactionRollback());
-    EXPECT_TRUE(first.database().transactionCommit());
-    EXPECT_TRUE(second.table().addRecord(row));
+    EXPECT_TRUE(second.transact("ROLLBACK"));
+    EXPECT_TRUE(first.transact("COMMIT"));
+    EXPECT_TRUE(second.product.addRecord(_late));
     EXPECT_EQ(rows("select name from product"), "first\nlate");
 }
 
