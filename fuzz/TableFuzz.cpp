@@ -1,18 +1,9 @@
 // Two tables of a database in memory, beside what plain SQLite makes of the same statements: any
 // sequence of operations.
 
-#include "Fuzz.h"
+#include "Sides.h"
 
-#include "Columns.h"
-#include "SqlDatabase.h"
-#include "SqlRecord.h"
-#include "SqlTable.h"
-#include "Sqlite.h"
-#include "Twin.h"
-
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace {
 
@@ -20,68 +11,11 @@ using fuzz::expectEqual;
 using fuzz::Input;
 using sql::integer;
 using sql::Record;
-using test::result;
-
-const int level = 8; // statements too
-
-const char* const names[] = {"first", "second"};
-
-struct Library {
-    Library()
-    {
-        expectEqual("whether a database can be opened in memory",
-                    database.open(":memory:", sql::Database::access_create, false, 0), true);
-        for (sql::Table& table : tables)
-            table.initTable(database.getHandle(), test::all_type_columns);
-    }
-
-    bool transact(const std::string& word)
-    {
-        if (word == "BEGIN")
-            return database.transactionBegin();
-        return word == "COMMIT" ? database.transactionCommit() : database.transactionRollback();
-    }
-
-    int getUserVersion()
-    {
-        return database.getUserVersion();
-    }
-
-    bool setUserVersion(unsigned version)
-    {
-        return database.setUserVersion(version);
-    }
-
-    sql::Database database;
-    sql::Table tables[2] = {sql::Table(names[0]), sql::Table(names[1])};
-};
-
-struct Plain : test::Twin {
-    Plain()
-    {
-        use(db);
-    }
-
-    test::Connection db;
-    test::TwinTable tables[2] = {{*this, names[0], test::all_type_columns},
-                                 {*this, names[1], test::all_type_columns}};
-};
-
-bool found(const Record* record)
-{
-    return record != nullptr;
-}
-
-bool found(const std::optional<std::string>& record)
-{
-    return record.has_value();
-}
 
 class Run {
 public:
     explicit Run(Input& input) : _input(input)
     {
-        _diagnostics.setLevel(level);
         for (_chosen = 0; _chosen < 2; ++_chosen)
             create();
     }
@@ -103,26 +37,9 @@ public:
     }
 
 private:
-    // Does it on both sides: the same results, reports and rows held.
-    template <typename Generic> void expectSame(const char* what, Generic operation)
-    {
-        _diagnostics.clear();
-        _plain.clear();
-        const std::string given = operation(_library);
-        const std::string expected = operation(_plain);
-        expectEqual(what, given, expected);
-        expectEqual(what, _diagnostics.events(), test::visibleAt(level, _plain.events()));
-        for (int i = 0; i < 2; ++i) {
-            sql::Table& table = _library.tables[i];
-            expectEqual("what is held", test::rowsOf(table), _plain.tables[i].rows());
-            expectEqual("the record after the last", table.getRecord(table.recordCount()),
-                        static_cast<Record*>(nullptr));
-        }
-    }
-
     template <typename Generic> void expectSameOfTable(const char* what, Generic operation)
     {
-        expectSame(what, [&](auto& side) { return result(operation(side.tables[_chosen])); });
+        _sides.expectSame(what, [&](auto& side) { return operation(side.tables[_chosen]); });
     }
 
     // Few keys, so that operations meet; and any.
@@ -133,7 +50,7 @@ private:
 
     Record chosenRecord()
     {
-        Record record(*_library.tables[0].fields());
+        Record record(*_sides.library.tables[0].fields());
         if (_input.below(8) != 0)
             record.setInteger("id", chosenKey());
         const int present = _input.byte();
@@ -151,11 +68,13 @@ private:
     // A key without a value behind the last one is chosen at random.
     bool isChosenAtRandom(const Record& record)
     {
-        const std::string name = names[_chosen];
+        const std::string name = _sides.library.tables[_chosen].name();
         return record.getKeyIdValue()->isNull()
-               && _plain.db.rows("select count(*) from sqlite_master where name = '" + name + "'")
+               && _sides.plain.db.rows("select count(*) from sqlite_master where name = '" + name
+                                       + "'")
                       != "0"
-               && _plain.db.rows("select count(*) from " + name + " where id = 9223372036854775807")
+               && _sides.plain.db.rows("select count(*) from " + name
+                                       + " where id = 9223372036854775807")
                       != "0";
     }
 
@@ -205,7 +124,7 @@ private:
     void getByKey()
     {
         withKey("getRecordByKeyId",
-                [](auto& table, auto key) { return found(table.getRecordByKeyId(key)); });
+                [](auto& table, auto key) { return fuzz::found(table.getRecordByKeyId(key)); });
     }
 
     void hasKey()
@@ -256,8 +175,8 @@ private:
     void copy()
     {
         const int from = _input.below(2);
-        expectSame("copyRecords", [&](auto& side) {
-            return result(side.tables[_chosen].copyRecords(side.tables[from]));
+        _sides.expectSame("copyRecords", [&](auto& side) {
+            return side.tables[_chosen].copyRecords(side.tables[from]);
         });
     }
 
@@ -265,9 +184,8 @@ private:
     void backup()
     {
         const int from = _input.below(2);
-        expectSame("backup", [&](auto& side) {
-            return result(side.tables[_chosen].backup(side.tables[from]));
-        });
+        _sides.expectSame(
+            "backup", [&](auto& side) { return side.tables[_chosen].backup(side.tables[from]); });
     }
 
     void begin()
@@ -287,7 +205,7 @@ private:
 
     void transact(const char* word)
     {
-        expectSame(word, [&](auto& side) { return result(side.transact(word)); });
+        _sides.expectSame(word, [&](auto& side) { return side.transact(word); });
     }
 
     void version()
@@ -297,19 +215,19 @@ private:
                                           ? limit - 1 + static_cast<unsigned>(_input.below(4))
                                           : static_cast<std::uint32_t>(_input.number());
         if (version <= limit)
-            return expectSame("setUserVersion",
-                              [&](auto& side) { return result(side.setUserVersion(version)); });
-        _diagnostics.clear();
-        expectEqual("setUserVersion", _library.setUserVersion(version), false);
-        expectEqual("the lines", _diagnostics.events().size(), 1U);
+            return _sides.expectSame("setUserVersion",
+                                     [&](auto& side) { return side.setUserVersion(version); });
+        _sides.diagnostics.clear();
+        expectEqual("setUserVersion", _sides.library.setUserVersion(version), false);
+        expectEqual("the lines", _sides.diagnostics.events().size(), 1U);
         const std::string start = "User version of a ";
-        expectEqual("the start of a report", _diagnostics.errors().at(0).substr(0, start.size()),
-                    start);
+        expectEqual("the start of a report",
+                    _sides.diagnostics.errors().at(0).substr(0, start.size()), start);
     }
 
     void checkAll()
     {
-        expectSame("getUserVersion", [](auto& side) { return result(side.getUserVersion()); });
+        _sides.expectSame("getUserVersion", [](auto& side) { return side.getUserVersion(); });
         for (_chosen = 0; _chosen < 2; ++_chosen) {
             expectSameOfTable("exists", [](auto& table) { return table.exists(); });
             expectSameOfTable("totalRecordCount",
@@ -318,9 +236,7 @@ private:
     }
 
     Input& _input;
-    test::Diagnostics _diagnostics;
-    Library _library;
-    Plain _plain;
+    fuzz::Sides _sides{"first", "second"};
     int _chosen = 0;
 };
 

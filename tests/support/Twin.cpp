@@ -5,6 +5,7 @@
 #include "SqlCommon.h"
 
 #include <algorithm>
+#include <cstdlib>
 
 namespace test {
 
@@ -34,8 +35,11 @@ int takeRow(void* context, int count, char** values, char**)
     const Result& result = *static_cast<Result*>(context);
     TwinRow row(result.fields.count());
     for (int i = 0; i < count && i < result.fields.count(); ++i) {
-        if (values[i] != nullptr)
-            row[i] = values[i];
+        if (values[i] == nullptr)
+            continue;
+        row[i] = result.fields.getByIndex(i)->getType() == sql::type_time
+                     ? std::to_string(std::strtoll(values[i], nullptr, 10))
+                     : values[i];
     }
     result.events.push_back(report::rowRead(shown(dump(result.fields, row))));
     result.rows.push_back(row);
