@@ -85,10 +85,11 @@ public:
         plain.clear();
         sqlite3_test_control(SQLITE_TESTCTRL_PRNG_SEED, 7, nullptr);
         const std::string given = test::result(operation(library));
+        const Events events = diagnostics.events();
         sqlite3_test_control(SQLITE_TESTCTRL_PRNG_SEED, 7, nullptr);
         const std::string expected = test::result(operation(plain));
         expectEqual(what, given, expected);
-        expectEqual(what, diagnostics.events(), test::visibleAt(level, plain.events()));
+        expectEqual(what, events, test::visibleAt(level, plain.events()));
         for (int i = 0; i < 2; ++i) {
             sql::Table& table = library.tables[i];
             expectEqual("what is held", test::rowsOf(table), plain.tables[i].rows());
