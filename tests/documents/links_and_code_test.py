@@ -22,7 +22,7 @@ class NameTest(unittest.TestCase):
                 self.assertEqual(set(re.findall(r"--preset ([\w-]+)", commands)) - presets, set())
 
     def test_settings_exist(self):
-        settings = documents.text("CMakeLists.txt")
+        settings = documents.text("CMakeLists.txt") + documents.text("cmake/arm.cmake")
         for file in documents.FILES:
             for name in re.findall(r"-D ?(SQLWRAPPER_\w+)=", documents.text(file)):
                 self.assertRegex(settings, rf"(option|set)\({name}\b", file)
