@@ -183,9 +183,25 @@ class DeviceTest(ConfigureTestCase):
             "CMAKE_PREFIX_PATH, or turn SQLWRAPPER_DEVICE_PLATFORM off",
             DEVICE, "-DSQLWRAPPER_TRACE_LIBRARY=/none/libtrace.so", FRAMEWORK)
 
-    def use_installed(self, *options):
+    def cpp_framework(self):
+        """A libframework whose reporter has C++ linkage."""
+        library = self.build / "libframework.so"
+        subprocess.run(
+            [os.environ["CXX"], "-shared", "-fPIC", "-x", "c++", "-", "-o", library], check=True, text=True,
+            input="void logAssertFailed(const char*, const char*, int, const char*) {}")
+        return f"-DSQLWRAPPER_FRAMEWORK_LIBRARY={library}"
+
+    def test_reporter_has_the_other_linkage(self):
+        for linkage, default, framework in (("C++", "C", self.cpp_framework()), ("C", "C++", FRAMEWORK)):
+            with self.subTest(linkage):
+                self.assert_refused(
+                    f"The device's libframework exports logAssertFailed() with {linkage} linkage: set "
+                    f"SQLWRAPPER_FRAMEWORK_LINKAGE to {linkage}",
+                    DEVICE, TRACE, framework, f"-DSQLWRAPPER_FRAMEWORK_LINKAGE={default}")
+
+    def use_installed(self, *options, framework=FRAMEWORK, linkage="C"):
         """Configures a project that finds an installation made with the device's libraries."""
-        self.assert_configures(DEVICE, TRACE, FRAMEWORK, NO_TESTS)
+        self.assert_configures(DEVICE, TRACE, framework, f"-DSQLWRAPPER_FRAMEWORK_LINKAGE={linkage}")
         prefix = self.build / "installed"
         for step in (["--build", self.build], ["--install", self.build, "--prefix", prefix]):
             subprocess.run(["cmake", *step], stdout=subprocess.DEVNULL, check=True)
@@ -197,9 +213,11 @@ class DeviceTest(ConfigureTestCase):
             capture_output=True, text=True, check=False)
 
     def test_installation_is_used_with_the_devices_libraries(self):
-        done = self.use_installed(TRACE, FRAMEWORK)
-        self.assertEqual(done.returncode, 0, done.stderr)
-        subprocess.run(["cmake", "--build", self.build / "user"], stdout=subprocess.DEVNULL, check=True)
+        for linkage, framework in (("C", FRAMEWORK), ("C++", self.cpp_framework())):
+            with self.subTest(linkage):
+                done = self.use_installed(TRACE, framework, framework=framework, linkage=linkage)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                subprocess.run(["cmake", "--build", self.build / "user"], stdout=subprocess.DEVNULL, check=True)
 
     def test_user_of_an_installation_lacks_a_library(self):
         for name, others in (("trace", [FRAMEWORK]), ("framework", [TRACE])):

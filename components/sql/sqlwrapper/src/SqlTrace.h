@@ -12,9 +12,13 @@ struct TraceObject {
 };
 extern TraceObject* g_traceObject;
 
-// Owned by libframework, C linkage. It returns, and the caller then takes its failure path.
-extern "C" void logAssertFailed(const char* expression, const char* path, int line,
-                                const char* function);
+// Owned by libframework, with C linkage unless the device's has the other. It returns, and the caller
+// then takes its failure path.
+#ifndef SQLWRAPPER_FRAMEWORK_LINKAGE
+#define SQLWRAPPER_FRAMEWORK_LINKAGE "C"
+#endif
+extern SQLWRAPPER_FRAMEWORK_LINKAGE void logAssertFailed(const char* expression, const char* path,
+                                                         int line, const char* function);
 
 namespace sql {
 
