@@ -7,8 +7,6 @@
 #include <string>
 #include <vector>
 
-struct sqlite3;
-
 namespace bench {
 
 // One way to work with the table "item". A contestant holds at most one connection, and with it the
@@ -73,6 +71,70 @@ public:
 
 private:
     const std::vector<Row>* _ready = nullptr;
+};
+
+// What a contestant prepares a statement for. Its values are numbered as the columns, its key is 1.
+enum Work {
+    insert_row,
+    update_row,
+    add_or_update_row,
+    remove_row,
+    look_up,
+    test_existence,
+    count_rows,
+    select_rows,
+    work_count
+};
+extern const char* const statements[work_count];
+
+// A contestant that prepares each of the statements once and keeps it.
+class PreparingContestant : public Contestant {
+public:
+    void insert(const Row& row) override
+    {
+        write(insert_row, row);
+    }
+    void update(const Row& row) override
+    {
+        write(update_row, row);
+    }
+    void addOrUpdate(const Row& row) override
+    {
+        write(add_or_update_row, row);
+    }
+    void remove(long long key) override
+    {
+        find(remove_row, key);
+    }
+    bool lookup(long long key) override
+    {
+        return find(look_up, key);
+    }
+    bool exists(long long key) override
+    {
+        return find(test_existence, key);
+    }
+
+protected:
+    virtual void write(Work work, const Row& row) = 0;
+    // Whether there is a row with the key; look_up reads it.
+    virtual bool find(Work work, long long key) = 0;
+};
+
+// One that also reads rows from the running statement.
+class ReadingContestant : public PreparingContestant {
+public:
+    long long load() override;
+    void readByIndex(Digest& digest) override;
+    void copyFrom(Contestant& source) override;
+
+protected:
+    virtual void select() = 0;
+    virtual bool next() = 0;
+    virtual void read(Row& row) = 0;
+
+    std::vector<Row> _rows;
+    Row _row;
 };
 
 struct Entry {

@@ -1,3 +1,5 @@
+#include "Floor.h"
+
 #include "Contestant.h"
 
 #include <sqlite3.h>
@@ -6,14 +8,6 @@
 #include <cstdlib>
 
 namespace bench {
-
-namespace {
-
-// The least that a program does which writes its SQL itself and keeps what comes back: statements
-// put together as text, run by sqlite3_exec(), every cell copied. The statements are those of the
-// library, letter by letter.
-using Cells = std::vector<std::optional<std::string>>;
-using Rows = std::vector<Cells>;
 
 int keepRow(void* rows, int count, char** values, char**)
 {
@@ -40,11 +34,24 @@ void appendQuoted(std::string& sql, const std::string& text)
     sql += '\'';
 }
 
+namespace {
+
+// The least that a program does which writes its SQL itself and keeps what comes back: statements
+// put together as text, run by sqlite3_exec(), every cell copied. The statements are those of the
+// library, letter by letter.
 void appendReal(std::string& sql, double number)
 {
     char text[64];
     std::snprintf(text, sizeof text, "%.8f", number);
     sql += text;
+}
+
+void appendNote(std::string& sql, const Row& row)
+{
+    if (row.note)
+        appendQuoted(sql, *row.note);
+    else
+        sql += "null";
 }
 
 std::string insertStatement(const Row& row)
@@ -60,10 +67,7 @@ std::string insertStatement(const Row& row)
     sql += row.active ? ", 1, " : ", 0, ";
     sql += std::to_string(row.changed);
     sql += ", ";
-    if (row.note)
-        appendQuoted(sql, *row.note);
-    else
-        sql += "null";
+    appendNote(sql, row);
     sql += ")";
     return sql;
 }
@@ -79,10 +83,7 @@ std::string updateStatement(const Row& row)
     sql += row.active ? ", active=1, changed=" : ", active=0, changed=";
     sql += std::to_string(row.changed);
     sql += ", note=";
-    if (row.note)
-        appendQuoted(sql, *row.note);
-    else
-        sql += "null";
+    appendNote(sql, row);
     sql += " where id = ";
     sql += std::to_string(row.id);
     return sql;
@@ -131,6 +132,11 @@ bool boolOf(const std::optional<std::string>& cell)
     return cell && *cell == "1";
 }
 
+const std::optional<std::string>& cellOf(const Cells& cells, int column)
+{
+    return cells[column];
+}
+
 const std::optional<std::string>& cellOf(const Cells& cells, const std::string& name)
 {
     for (std::size_t i = 0; i < cells.size(); ++i) {
@@ -144,11 +150,7 @@ class Floor : public Contestant {
 public:
     void open(const std::string& file) override
     {
-        require(
-            sqlite3_open_v2(file.c_str(), &_db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr)
-                == SQLITE_OK,
-            "open");
-        sqlite3_busy_timeout(_db, 1000);
+        _db = connect(file);
     }
     void close() override
     {
@@ -207,8 +209,14 @@ public:
         run("select * from item", &_rows);
         return static_cast<long long>(_rows.size());
     }
-    void readByIndex(Digest& digest) override;
-    void readByName(Digest& digest) override;
+    void readByIndex(Digest& digest) override
+    {
+        digestRows(digest, column_indexes);
+    }
+    void readByName(Digest& digest) override
+    {
+        digestRows(digest, column_names);
+    }
     void copyFrom(Contestant& source) override
     {
         Floor& from = static_cast<Floor&>(source);
@@ -229,37 +237,27 @@ private:
         return integerOf(rows.at(0).at(0));
     }
 
+    // The columns are given by number or by name.
+    template <typename Column>
+    void digestRows(Digest& digest, const Column (&columns)[column_count]);
+
     sqlite3* _db = nullptr;
     Rows _rows;
     Row _row;
 };
 
-void Floor::readByIndex(Digest& digest)
+template <typename Column>
+void Floor::digestRows(Digest& digest, const Column (&columns)[column_count])
 {
     load();
     for (const Cells& cells : _rows) {
-        _row.id = integerOf(cells[0]);
-        _row.name = textOf(cells[1]);
-        _row.place = textOf(cells[2]);
-        _row.price = realOf(cells[3]);
-        _row.active = boolOf(cells[4]);
-        _row.changed = integerOf(cells[5]);
-        _row.note = cells[6];
-        digest.add(_row);
-    }
-}
-
-void Floor::readByName(Digest& digest)
-{
-    load();
-    for (const Cells& cells : _rows) {
-        _row.id = integerOf(cellOf(cells, "id"));
-        _row.name = textOf(cellOf(cells, "name"));
-        _row.place = textOf(cellOf(cells, "place"));
-        _row.price = realOf(cellOf(cells, "price"));
-        _row.active = boolOf(cellOf(cells, "active"));
-        _row.changed = integerOf(cellOf(cells, "changed"));
-        _row.note = cellOf(cells, "note");
+        _row.id = integerOf(cellOf(cells, columns[0]));
+        _row.name = textOf(cellOf(cells, columns[1]));
+        _row.place = textOf(cellOf(cells, columns[2]));
+        _row.price = realOf(cellOf(cells, columns[3]));
+        _row.active = boolOf(cellOf(cells, columns[4]));
+        _row.changed = integerOf(cellOf(cells, columns[5]));
+        _row.note = cellOf(cells, columns[6]);
         digest.add(_row);
     }
 }

@@ -6,7 +6,7 @@ namespace bench {
 
 namespace {
 
-const sql::Field columns[] = {
+const sql::Field declaration[] = {
     sql::Field("id", sql::type_int, sql::flag_primary_key | sql::flag_not_null),
     sql::Field("name", sql::type_text, sql::flag_not_null),
     sql::Field("place", sql::type_text, sql::flag_none),
@@ -17,58 +17,33 @@ const sql::Field columns[] = {
     sql::Field(),
 };
 
-sql::Record recordOf(const Row& row, const sql::FieldSet& fields)
+// The columns are given by number or by name.
+template <typename Column>
+sql::Record recordOf(const Row& row, const sql::FieldSet& fields,
+                     const Column (&columns)[column_count])
 {
     sql::Record record(fields);
-    record.setInteger(0, row.id);
-    record.setString(1, row.name);
-    record.setString(2, row.place);
-    record.setDouble(3, row.price);
-    record.setBool(4, row.active);
-    record.setTime(5, sql::Time(row.changed));
+    record.setInteger(columns[0], row.id);
+    record.setString(columns[1], row.name);
+    record.setString(columns[2], row.place);
+    record.setDouble(columns[3], row.price);
+    record.setBool(columns[4], row.active);
+    record.setTime(columns[5], sql::Time(row.changed));
     if (row.note)
-        record.setString(6, *row.note);
+        record.setString(columns[6], *row.note);
     return record;
 }
 
-sql::Record recordByName(const Row& row, const sql::FieldSet& fields)
+template <typename Column>
+void readRecord(const sql::Record& record, Row& row, const Column (&columns)[column_count])
 {
-    sql::Record record(fields);
-    record.setInteger("id", row.id);
-    record.setString("name", row.name);
-    record.setString("place", row.place);
-    record.setDouble("price", row.price);
-    record.setBool("active", row.active);
-    record.setTime("changed", sql::Time(row.changed));
-    if (row.note)
-        record.setString("note", *row.note);
-    return record;
-}
-
-void readByIndex(const sql::Record& record, Row& row)
-{
-    row.id = record.getValue(0)->asInteger();
-    row.name = record.getValue(1)->asString();
-    row.place = record.getValue(2)->asString();
-    row.price = record.getValue(3)->asDouble();
-    row.active = record.getValue(4)->asBool();
-    row.changed = record.getValue(5)->asTime().asInteger();
-    const sql::Value* const note = record.getValue(6);
-    if (note->isNull())
-        row.note.reset();
-    else
-        row.note = note->asString();
-}
-
-void readByName(const sql::Record& record, Row& row)
-{
-    row.id = record.getValue("id")->asInteger();
-    row.name = record.getValue("name")->asString();
-    row.place = record.getValue("place")->asString();
-    row.price = record.getValue("price")->asDouble();
-    row.active = record.getValue("active")->asBool();
-    row.changed = record.getValue("changed")->asTime().asInteger();
-    const sql::Value* const note = record.getValue("note");
+    row.id = record.getValue(columns[0])->asInteger();
+    row.name = record.getValue(columns[1])->asString();
+    row.place = record.getValue(columns[2])->asString();
+    row.price = record.getValue(columns[3])->asDouble();
+    row.active = record.getValue(columns[4])->asBool();
+    row.changed = record.getValue(columns[5])->asTime().asInteger();
+    const sql::Value* const note = record.getValue(columns[6]);
     if (note->isNull())
         row.note.reset();
     else
@@ -83,7 +58,7 @@ public:
     }
     void prepare() override
     {
-        _table = std::make_unique<sql::Table>(_database.getHandle(), "item", columns);
+        _table = std::make_unique<sql::Table>(_database.getHandle(), "item", declaration);
     }
     void close() override
     {
@@ -105,16 +80,16 @@ public:
     }
     void insert(const Row& row) override
     {
-        require(_table->addRecord(recordOf(row, *_table->fields())), "insert");
+        require(_table->addRecord(recordOf(row)), "insert");
     }
     void insertByName(const Row& row) override
     {
-        require(_table->addRecord(recordByName(row, *_table->fields())), "insert");
+        require(_table->addRecord(bench::recordOf(row, *_table->fields(), column_names)), "insert");
     }
     void makeReady(const std::vector<Row>& rows) override
     {
         for (const Row& row : rows)
-            _ready.push_back(recordOf(row, *_table->fields()));
+            _ready.push_back(recordOf(row));
     }
     void insertReady(int index) override
     {
@@ -122,12 +97,11 @@ public:
     }
     void update(const Row& row) override
     {
-        require(_table->updateRecord(recordOf(row, *_table->fields())), "update");
+        require(_table->updateRecord(recordOf(row)), "update");
     }
     void addOrUpdate(const Row& row) override
     {
-        require(_table->addOrUpdateRecord(row.id, recordOf(row, *_table->fields())),
-                "add or update");
+        require(_table->addOrUpdateRecord(row.id, recordOf(row)), "add or update");
     }
     void remove(long long key) override
     {
@@ -150,8 +124,14 @@ public:
         require(_table->open(), "load");
         return _table->recordCount();
     }
-    void readByIndex(Digest& digest) override;
-    void readByName(Digest& digest) override;
+    void readByIndex(Digest& digest) override
+    {
+        digestRows(digest, column_indexes);
+    }
+    void readByName(Digest& digest) override
+    {
+        digestRows(digest, column_names);
+    }
     void copyFrom(Contestant& source) override
     {
         sql::Table& from = *static_cast<Library&>(source)._table;
@@ -160,29 +140,25 @@ public:
     }
 
 private:
+    sql::Record recordOf(const Row& row) const
+    {
+        return bench::recordOf(row, *_table->fields(), column_indexes);
+    }
+    template <typename Column>
+    void digestRows(Digest& digest, const Column (&columns)[column_count])
+    {
+        load();
+        for (int i = 0; i < _table->recordCount(); ++i) {
+            readRecord(*_table->getRecord(i), _row, columns);
+            digest.add(_row);
+        }
+    }
+
     sql::Database _database;
     std::unique_ptr<sql::Table> _table;
     std::vector<sql::Record> _ready;
     Row _row;
 };
-
-void Library::readByIndex(Digest& digest)
-{
-    load();
-    for (int i = 0; i < _table->recordCount(); ++i) {
-        bench::readByIndex(*_table->getRecord(i), _row);
-        digest.add(_row);
-    }
-}
-
-void Library::readByName(Digest& digest)
-{
-    load();
-    for (int i = 0; i < _table->recordCount(); ++i) {
-        bench::readByName(*_table->getRecord(i), _row);
-        digest.add(_row);
-    }
-}
 
 } // namespace
 

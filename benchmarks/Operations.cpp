@@ -21,11 +21,6 @@ constexpr int durable_calls = 20;
 const char* const fast = "pragma journal_mode = memory; pragma synchronous = off";
 const char* const durable = "pragma journal_mode = delete; pragma synchronous = full";
 
-void execute(sqlite3* db, const std::string& sql)
-{
-    require(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK, sql.c_str());
-}
-
 std::string fileOf(const Place& place)
 {
     return place.folder + "/item-" + std::to_string(place.rows) + ".db";
@@ -68,8 +63,7 @@ public:
     explicit EmptyFile(const Place& place) : _name(place.folder + "/empty.db")
     {
         std::remove(_name.c_str());
-        sqlite3* db = nullptr;
-        require(sqlite3_open(_name.c_str(), &db) == SQLITE_OK, "open");
+        sqlite3* const db = connect(_name);
         execute(db, definition("item"));
         sqlite3_close(db);
     }
@@ -136,8 +130,11 @@ void checkRows(sqlite3* db, int count)
     require(sum == std::to_string(expectedDigest(count)), "the rows written are those given");
 }
 
-template <typename Insert>
-int insertAll(const Entry& entry, const Place& place, Meter& meter, bool ready, Insert insert)
+// A row of those given, or of those that were made ready.
+using Insert = void (*)(Contestant& contestant, const Row& row, int index);
+
+int insertAll(const Entry& entry, const Place& place, Meter& meter, Insert insert,
+              bool ready = false)
 {
     const EmptyFile file(place);
     const std::vector<Row>& rows = rowsOf(place.rows);
@@ -147,7 +144,7 @@ int insertAll(const Entry& entry, const Place& place, Meter& meter, bool ready, 
     meter.start();
     session->begin();
     for (int i = 0; i < place.rows; ++i)
-        insert(*session, rows, i);
+        insert(*session, rows[i], i);
     session->commit();
     meter.stop();
     checkRows(session->handle(), place.rows);
@@ -156,25 +153,23 @@ int insertAll(const Entry& entry, const Place& place, Meter& meter, bool ready, 
 
 int insertRows(const Entry& entry, const Place& place, Meter& meter)
 {
-    return insertAll(entry, place, meter, false,
-                     [](Contestant& contestant, const std::vector<Row>& rows, int i) {
-                         contestant.insert(rows[i]);
-                     });
+    return insertAll(entry, place, meter,
+                     [](Contestant& contestant, const Row& row, int) { contestant.insert(row); });
 }
 
 int insertByName(const Entry& entry, const Place& place, Meter& meter)
 {
-    return insertAll(entry, place, meter, false,
-                     [](Contestant& contestant, const std::vector<Row>& rows, int i) {
-                         contestant.insertByName(rows[i]);
-                     });
+    return insertAll(entry, place, meter, [](Contestant& contestant, const Row& row, int) {
+        contestant.insertByName(row);
+    });
 }
 
 int insertReady(const Entry& entry, const Place& place, Meter& meter)
 {
-    return insertAll(
-        entry, place, meter, true,
-        [](Contestant& contestant, const std::vector<Row>&, int i) { contestant.insertReady(i); });
+    const auto insert = [](Contestant& contestant, const Row&, int i) {
+        contestant.insertReady(i);
+    };
+    return insertAll(entry, place, meter, insert, true);
 }
 
 int loadAll(const Entry& entry, const Place& place, Meter& meter)
@@ -187,25 +182,15 @@ int loadAll(const Entry& entry, const Place& place, Meter& meter)
     return place.rows;
 }
 
-int readByIndex(const Entry& entry, const Place& place, Meter& meter)
+template <void (Contestant::*read)(Digest&)>
+int readAll(const Entry& entry, const Place& place, Meter& meter)
 {
     Session session(entry, fileOf(place));
     Digest digest;
     meter.start();
-    session->readByIndex(digest);
+    ((*session).*read)(digest);
     meter.stop();
-    require(digest.value() == expectedDigest(place.rows), "all cells are read by index");
-    return place.rows;
-}
-
-int readByName(const Entry& entry, const Place& place, Meter& meter)
-{
-    Session session(entry, fileOf(place));
-    Digest digest;
-    meter.start();
-    session->readByName(digest);
-    meter.stop();
-    require(digest.value() == expectedDigest(place.rows), "all cells are read by name");
+    require(digest.value() == expectedDigest(place.rows), "all cells are read");
     return place.rows;
 }
 
@@ -358,8 +343,8 @@ const std::vector<Operation>& operations()
         {"insert, set by name", "row", insertByName},
         {"insert, record at hand", "row", insertReady},
         {"load", "row", loadAll},
-        {"load, read by index", "row", readByIndex},
-        {"load, read by name", "row", readByName},
+        {"load, read by index", "row", readAll<&Contestant::readByIndex>},
+        {"load, read by name", "row", readAll<&Contestant::readByName>},
         {"lookup", "call", lookUp},
         {"existence", "call", testExistence},
         {"update", "call", updateRows},

@@ -1,5 +1,7 @@
 #include "Row.h"
 
+#include <sqlite3.h>
+
 #include <cstdio>
 #include <cstdlib>
 
@@ -52,6 +54,21 @@ void require(bool holds, const char* what)
         return;
     std::fprintf(stderr, "Failed: %s\n", what);
     std::exit(EXIT_FAILURE);
+}
+
+sqlite3* connect(const std::string& file)
+{
+    sqlite3* db = nullptr;
+    const int rc = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                                   nullptr);
+    require(rc == SQLITE_OK, file.c_str());
+    sqlite3_busy_timeout(db, 1000);
+    return db;
+}
+
+void execute(sqlite3* db, const std::string& sql)
+{
+    require(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK, sql.c_str());
 }
 
 } // namespace bench

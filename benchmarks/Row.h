@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+struct sqlite3;
+
 namespace bench {
 
 // A row of the table that all contestants work on, in a program's own types.
@@ -20,6 +22,7 @@ struct Row {
 };
 
 constexpr int column_count = 7;
+constexpr int column_indexes[column_count] = {0, 1, 2, 3, 4, 5, 6};
 extern const char* const column_names[column_count];
 
 // The statement that creates the table, as the library writes it.
@@ -58,6 +61,10 @@ private:
 
 // Stops the program when a contestant fails: what it then measured means nothing.
 void require(bool holds, const char* what);
+
+// SQLite's own interface: a connection, and statements whose rows are not wanted.
+sqlite3* connect(const std::string& file);
+void execute(sqlite3* db, const std::string& sql);
 
 } // namespace bench
 

@@ -1,5 +1,6 @@
 #include "Wide.h"
 
+#include "Floor.h"
 #include "SqlDatabase.h"
 #include "SqlTable.h"
 
@@ -64,25 +65,16 @@ public:
     {
         require(_table->open(), "load");
     }
-    long long readByIndex()
+    long long read(bool byName)
     {
         long long sum = 0;
         for (int row = 0; row < _table->recordCount(); ++row) {
             const sql::Record& record = *_table->getRecord(row);
-            for (int i = 0; i < _columns; ++i)
-                sum += isText(i) ? lengthOf(record.getValue(i)->asString())
-                                 : record.getValue(i)->asInteger();
-        }
-        return sum;
-    }
-    long long readByName()
-    {
-        long long sum = 0;
-        for (int row = 0; row < _table->recordCount(); ++row) {
-            const sql::Record& record = *_table->getRecord(row);
-            for (int i = 0; i < _columns; ++i)
-                sum += isText(i) ? lengthOf(record.getValue(_names[i])->asString())
-                                 : record.getValue(_names[i])->asInteger();
+            for (int i = 0; i < _columns; ++i) {
+                const sql::Value* const cell = byName ? record.getValue(_names[i])
+                                                      : record.getValue(i);
+                sum += isText(i) ? lengthOf(cell->asString()) : cell->asInteger();
+            }
         }
         return sum;
     }
@@ -113,7 +105,7 @@ public:
     WideFloor(const std::string& file, const std::vector<std::string>& names)
         : _columns(static_cast<int>(names.size())), _names(names)
     {
-        require(sqlite3_open(file.c_str(), &_db) == SQLITE_OK, "open");
+        _db = connect(file);
         std::string sql = "CREATE TABLE item (id INTEGER PRIMARY KEY";
         for (int i = 1; i < _columns; ++i)
             sql += ", " + names[i] + (isText(i) ? " TEXT" : " INTEGER");
@@ -155,56 +147,25 @@ public:
         _rows.clear();
         run("select * from item");
     }
-    long long readByIndex()
+    long long read(bool byName)
     {
         long long sum = 0;
         for (const Cells& cells : _rows) {
             for (int i = 0; i < _columns; ++i)
-                sum += read(cells[i], i);
-        }
-        return sum;
-    }
-    long long readByName()
-    {
-        long long sum = 0;
-        for (const Cells& cells : _rows) {
-            for (int i = 0; i < _columns; ++i)
-                sum += read(cells[indexOf(_names[i])], i);
+                sum += valueOf(cells[byName ? indexOf(_names[i]) : i], i);
         }
         return sum;
     }
 
 private:
-    using Cells = std::vector<std::optional<std::string>>;
-
-    static int keepRow(void* rows, int count, char** values, char**)
-    {
-        Cells cells;
-        cells.reserve(count);
-        for (int i = 0; i < count; ++i) {
-            if (values[i] != nullptr)
-                cells.emplace_back(values[i]);
-            else
-                cells.emplace_back(std::nullopt);
-        }
-        static_cast<std::vector<Cells>*>(rows)->push_back(std::move(cells));
-        return 0;
-    }
     static void appendCell(std::string& sql, int row, int column)
     {
-        if (!isText(column)) {
+        if (isText(column))
+            appendQuoted(sql, textOf(row, column));
+        else
             sql += std::to_string(row * column);
-            return;
-        }
-        sql += '\'';
-        for (const char c : textOf(row, column)) {
-            if (c == '\'')
-                sql += '\'';
-            sql += c;
-        }
-        sql += '\'';
     }
-    static long long read(const std::optional<std::string>& cell, int column)
+    static long long valueOf(const std::optional<std::string>& cell, int column)
     {
         if (isText(column))
             return lengthOf(std::string(*cell));
@@ -225,7 +186,7 @@ private:
     sqlite3* _db = nullptr;
     int _columns;
     std::vector<std::string> _names;
-    std::vector<Cells> _rows;
+    Rows _rows;
 };
 
 template <typename Wide> int runOn(Wide& wide, const std::string& operation, Meter& meter)
@@ -240,10 +201,8 @@ template <typename Wide> int runOn(Wide& wide, const std::string& operation, Met
             inserts ? wide.insert(row + 1) : wide.update(row);
     } else {
         wide.load();
-        if (operation == "read by index")
-            sum = wide.readByIndex();
-        else if (operation == "read by name")
-            sum = wide.readByName();
+        if (operation != "load")
+            sum = wide.read(operation == "read by name");
     }
     meter.stop();
     require(sum > 0, "cells are read");

@@ -7,14 +7,20 @@ namespace bench {
 
 namespace {
 
-// Statements prepared once, with the variables that they take from and bring into bound for good.
-class Soci : public Contestant {
+// The variables that statements take from and bring into are bound for good.
+class Soci : public ReadingContestant {
 public:
     void open(const std::string& file) override
     {
         _session.open(soci::sqlite3, "db=" + file + " timeout=1");
     }
-    void close() override;
+    void close() override
+    {
+        for (std::unique_ptr<soci::statement>& statement : _statements)
+            statement.reset();
+        _rows = std::vector<Row>();
+        _session.close();
+    }
     // The backend has SQLite's declarations in a namespace of its own.
     ::sqlite3* handle() override
     {
@@ -29,173 +35,90 @@ public:
     {
         _session.commit();
     }
-    void insert(const Row& row) override
+    long long count() override
     {
-        write(_insert,
-              "insert into item values (:id, :name, :place, :price, :active, :changed, :note)",
-              row);
+        statement(count_rows).execute(true);
+        return _number;
     }
-    void update(const Row& row) override
-    {
-        write(
-            _update,
-            "update item set name=:name, place=:place, price=:price, active=:active, changed=:changed, note=:note where id = :id",
-            row);
-    }
-    void addOrUpdate(const Row& row) override
-    {
-        write(
-            _addOrUpdate,
-            "insert into item values (:id, :name, :place, :price, :active, :changed, :note) on conflict(id) do update set name=excluded.name, place=excluded.place, price=excluded.price, active=excluded.active, changed=excluded.changed, note=excluded.note",
-            row);
-    }
-    void remove(long long key) override;
-    bool lookup(long long key) override;
-    bool exists(long long key) override;
-    long long count() override;
-    long long load() override;
-    void readByIndex(Digest& digest) override;
     void readByName(Digest& digest) override;
-    void copyFrom(Contestant& source) override;
+
+protected:
+    void write(Work work, const Row& row) override;
+    bool find(Work work, long long key) override
+    {
+        _key = key;
+        return statement(work).execute(true);
+    }
+    void select() override
+    {
+        statement(select_rows).execute();
+    }
+    bool next() override
+    {
+        return _statements[select_rows]->fetch();
+    }
+    void read(Row& row) override
+    {
+        if (&row != &_bound)
+            row = _bound;
+        row.active = _active != 0;
+        if (_noteIndicator == soci::i_ok)
+            row.note = _note;
+        else
+            row.note.reset();
+    }
 
 private:
-    using Cached = std::unique_ptr<soci::statement>;
-
-    void write(Cached& statement, const char* sql, const Row& row);
-    soci::statement& select();
-    void takeRow(Row& row);
+    soci::statement& statement(Work work)
+    {
+        if (_statements[work] == nullptr)
+            _statements[work] = std::make_unique<soci::statement>(prepared(work));
+        return *_statements[work];
+    }
+    soci::details::prepare_temp_type prepared(Work work);
 
     soci::session _session;
-    Cached _insert;
-    Cached _update;
-    Cached _addOrUpdate;
-    Cached _remove;
-    Cached _lookup;
-    Cached _exists;
-    Cached _count;
-    Cached _select;
-    // The bound variables.
+    std::unique_ptr<soci::statement> _statements[work_count];
     long long _key = 0;
     long long _number = 0;
-    Row _row;
+    Row _bound;
     int _active = 0;
     std::string _note;
     soci::indicator _noteIndicator = soci::i_null;
-    std::vector<Row> _rows;
 };
 
-void Soci::close()
+soci::details::prepare_temp_type Soci::prepared(Work work)
 {
-    for (Cached* const statement :
-         {&_insert, &_update, &_addOrUpdate, &_remove, &_lookup, &_exists, &_count, &_select})
-        statement->reset();
-    _rows = std::vector<Row>();
-    _session.close();
+    using soci::into;
+    using soci::use;
+    soci::details::prepare_temp_type text = _session.prepare << statements[work];
+    if (work <= add_or_update_row)
+        return text, use(_bound.id), use(_bound.name), use(_bound.place), use(_bound.price),
+               use(_active), use(_bound.changed), use(_note, _noteIndicator);
+    if (work <= test_existence)
+        text = (text, use(_key));
+    if (work == test_existence || work == count_rows)
+        return text, into(_number);
+    if (work == look_up || work == select_rows)
+        return text, into(_bound.id), into(_bound.name), into(_bound.place), into(_bound.price),
+               into(_active), into(_bound.changed), into(_note, _noteIndicator);
+    return text;
 }
 
-void Soci::write(Cached& statement, const char* sql, const Row& row)
+void Soci::write(Work work, const Row& row)
 {
-    if (statement == nullptr)
-        statement = std::make_unique<soci::statement>(
-            (_session.prepare << sql, soci::use(_row.id, "id"), soci::use(_row.name, "name"),
-             soci::use(_row.place, "place"), soci::use(_row.price, "price"),
-             soci::use(_active, "active"), soci::use(_row.changed, "changed"),
-             soci::use(_note, _noteIndicator, "note")));
-    _row.id = row.id;
-    _row.name = row.name;
-    _row.place = row.place;
-    _row.price = row.price;
+    soci::statement& written = statement(work);
+    _bound = row;
     _active = row.active ? 1 : 0;
-    _row.changed = row.changed;
     _noteIndicator = row.note ? soci::i_ok : soci::i_null;
     if (row.note)
         _note = *row.note;
-    statement->execute(true);
-}
-
-void Soci::remove(long long key)
-{
-    if (_remove == nullptr)
-        _remove = std::make_unique<soci::statement>(
-            (_session.prepare << "delete from item where id = :key", soci::use(_key, "key")));
-    _key = key;
-    _remove->execute(true);
-}
-
-bool Soci::lookup(long long key)
-{
-    if (_lookup == nullptr)
-        _lookup = std::make_unique<soci::statement>(
-            (_session.prepare << "select * from item where id = :key", soci::use(_key, "key"),
-             soci::into(_row.id), soci::into(_row.name), soci::into(_row.place),
-             soci::into(_row.price), soci::into(_active), soci::into(_row.changed),
-             soci::into(_note, _noteIndicator)));
-    _key = key;
-    return _lookup->execute(true);
-}
-
-bool Soci::exists(long long key)
-{
-    if (_exists == nullptr)
-        _exists = std::make_unique<soci::statement>(
-            (_session.prepare << "select 1 from item where id = :key", soci::use(_key, "key"),
-             soci::into(_number)));
-    _key = key;
-    return _exists->execute(true);
-}
-
-long long Soci::count()
-{
-    if (_count == nullptr)
-        _count = std::make_unique<soci::statement>(
-            (_session.prepare << "select count(*) from item", soci::into(_number)));
-    _count->execute(true);
-    return _number;
-}
-
-soci::statement& Soci::select()
-{
-    if (_select == nullptr)
-        _select = std::make_unique<soci::statement>(
-            (_session.prepare << "select * from item", soci::into(_row.id), soci::into(_row.name),
-             soci::into(_row.place), soci::into(_row.price), soci::into(_active),
-             soci::into(_row.changed), soci::into(_note, _noteIndicator)));
-    _select->execute();
-    return *_select;
-}
-
-void Soci::takeRow(Row& row)
-{
-    if (&row != &_row)
-        row = _row;
-    row.active = _active != 0;
-    if (_noteIndicator == soci::i_ok)
-        row.note = _note;
-    else
-        row.note.reset();
-}
-
-long long Soci::load()
-{
-    _rows.clear();
-    soci::statement& statement = select();
-    while (statement.fetch())
-        takeRow(_rows.emplace_back());
-    return static_cast<long long>(_rows.size());
-}
-
-void Soci::readByIndex(Digest& digest)
-{
-    soci::statement& statement = select();
-    while (statement.fetch()) {
-        takeRow(_row);
-        digest.add(_row);
-    }
+    written.execute(true);
 }
 
 void Soci::readByName(Digest& digest)
 {
-    const soci::rowset<soci::row> rows = (_session.prepare << "select * from item");
+    const soci::rowset<soci::row> rows = (_session.prepare << statements[select_rows]);
     for (const soci::row& cells : rows) {
         _row.id = cells.get<int>("id");
         _row.name = cells.get<std::string>("name");
@@ -208,16 +131,6 @@ void Soci::readByName(Digest& digest)
         else
             _row.note = cells.get<std::string>("note");
         digest.add(_row);
-    }
-}
-
-void Soci::copyFrom(Contestant& source)
-{
-    Soci& from = static_cast<Soci&>(source);
-    soci::statement& statement = from.select();
-    while (statement.fetch()) {
-        from.takeRow(from._row);
-        insert(from._row);
     }
 }
 
