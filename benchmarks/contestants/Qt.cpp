@@ -46,6 +46,10 @@ void readRow(const QSqlQuery& query, QtRow& row, const Column (&columns)[column_
     row.note = query.value(columns[6]).toString();
 }
 
+// Values are bound in the order in which they stand.
+const char* const update_statement =
+    "update item set name=?, place=?, price=?, active=?, changed=?, note=? where id = ?";
+
 // Plugins are looked for from an application object.
 void needApplication()
 {
@@ -173,7 +177,8 @@ QSqlQuery& Qt::prepared(Work work)
     if (query == nullptr) {
         query = std::make_unique<QSqlQuery>(_db);
         query->setForwardOnly(true);
-        require(query->prepare(statements[work]), statements[work]);
+        require(query->prepare(work == update_row ? update_statement : statements[work]),
+                statements[work]);
     }
     return *query;
 }
@@ -181,13 +186,14 @@ QSqlQuery& Qt::prepared(Work work)
 void Qt::writeRow(Work work, const QtRow& row)
 {
     QSqlQuery& query = prepared(work);
-    query.bindValue(0, row.id);
-    query.bindValue(1, row.name);
-    query.bindValue(2, row.place);
-    query.bindValue(3, row.price);
-    query.bindValue(4, row.active);
-    query.bindValue(5, row.changed);
-    query.bindValue(6, row.note);
+    const int first = work == update_row ? 0 : 1;
+    query.bindValue(work == update_row ? 6 : 0, row.id);
+    query.bindValue(first, row.name);
+    query.bindValue(first + 1, row.place);
+    query.bindValue(first + 2, row.price);
+    query.bindValue(first + 3, row.active);
+    query.bindValue(first + 4, row.changed);
+    query.bindValue(first + 5, row.note);
     run(work);
 }
 
