@@ -97,7 +97,7 @@ class AbiCheckTest(unittest.TestCase):
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
             cls.libraries = dict(zip(CHANGES, pool.map(
                 lambda name: build(CHANGES[name][0], folder / name.replace(" ", "-")), CHANGES)))
-        cls.baseline = folder / "baseline.xml"
+        cls.baseline = folder / "baseline.abi"
         library = cls.libraries["nothing"]
         subprocess.run([ROOT / "tools/abi-check", "--record", cls.baseline, library],
                        check=True)
