@@ -7,7 +7,7 @@ namespace bench {
 const char* const statements[work_count] = {
     "insert into item values (?1, ?2, ?3, ?4, ?5, ?6, ?7)",
     "update item set name=?2, place=?3, price=?4, active=?5, changed=?6, note=?7 where id = ?1",
-    "insert into item values (?1, ?2, ?3, ?4, ?5, ?6, ?7) on conflict(id) do update set name=excluded.name, place=excluded.place, price=excluded.price, active=excluded.active, changed=excluded.changed, note=excluded.note",
+    "insert into item values (?1, ?2, ?3, ?4, ?5, ?6, ?7) on conflict(id) do update set name=?2, place=?3, price=?4, active=?5, changed=?6, note=?7",
     "delete from item where id = ?1",
     "select * from item where id = ?1",
     "select 1 from item where id = ?1",

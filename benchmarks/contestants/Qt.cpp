@@ -46,9 +46,15 @@ void readRow(const QSqlQuery& query, QtRow& row, const Column (&columns)[column_
     row.note = query.value(columns[6]).toString();
 }
 
-// Values are bound in the order in which they stand.
-const char* const update_statement =
-    "update item set name=?, place=?, price=?, active=?, changed=?, note=? where id = ?";
+// Values are bound in the order in which they stand, each once.
+const char* textOf(Work work)
+{
+    if (work == update_row)
+        return "update item set name=?, place=?, price=?, active=?, changed=?, note=? where id = ?";
+    if (work == add_or_update_row)
+        return "insert into item values (?, ?, ?, ?, ?, ?, ?) on conflict(id) do update set name=excluded.name, place=excluded.place, price=excluded.price, active=excluded.active, changed=excluded.changed, note=excluded.note";
+    return statements[work];
+}
 
 // Plugins are looked for from an application object.
 void needApplication()
@@ -177,8 +183,7 @@ QSqlQuery& Qt::prepared(Work work)
     if (query == nullptr) {
         query = std::make_unique<QSqlQuery>(_db);
         query->setForwardOnly(true);
-        require(query->prepare(work == update_row ? update_statement : statements[work]),
-                statements[work]);
+        require(query->prepare(textOf(work)), textOf(work));
     }
     return *query;
 }
