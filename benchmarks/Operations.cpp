@@ -26,62 +26,36 @@ std::string fileOf(const Place& place)
     return place.folder + "/item-" + std::to_string(place.rows) + ".db";
 }
 
+struct Closing {
+    void operator()(Contestant* contestant) const
+    {
+        contestant->close();
+        delete contestant;
+    }
+};
+using Session = std::unique_ptr<Contestant, Closing>;
+
 // A contestant on a connection that has read the schema.
-class Session {
-public:
-    Session(const Entry& entry, const std::string& file, const char* pragmas = fast)
-        : _contestant(entry.make())
-    {
-        _contestant->open(file);
-        _contestant->prepare();
-        execute(_contestant->handle(), pragmas);
-        execute(_contestant->handle(), "select count(*) from sqlite_master");
-    }
-    ~Session()
-    {
-        _contestant->close();
-    }
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
+Session startSession(const Entry& entry, const std::string& file, const char* pragmas = fast)
+{
+    Session session(entry.make().release());
+    session->open(file);
+    session->prepare();
+    execute(session->handle(), pragmas);
+    execute(session->handle(), "select count(*) from sqlite_master");
+    return session;
+}
 
-    Contestant& operator*()
-    {
-        return *_contestant;
-    }
-    Contestant* operator->()
-    {
-        return _contestant.get();
-    }
-
-private:
-    std::unique_ptr<Contestant> _contestant;
-};
-
-// A new file with the table, empty, and removed in the end.
-class EmptyFile {
-public:
-    explicit EmptyFile(const Place& place) : _name(place.folder + "/empty.db")
-    {
-        std::remove(_name.c_str());
-        sqlite3* const db = connect(_name);
-        execute(db, definition("item"));
-        sqlite3_close(db);
-    }
-    ~EmptyFile()
-    {
-        std::remove(_name.c_str());
-    }
-    EmptyFile(const EmptyFile&) = delete;
-    EmptyFile& operator=(const EmptyFile&) = delete;
-
-    const std::string& name() const
-    {
-        return _name;
-    }
-
-private:
-    std::string _name;
-};
+// A new file with the table, empty.
+std::string makeEmptyFile(const Place& place)
+{
+    const std::string name = place.folder + "/empty.db";
+    std::remove(name.c_str());
+    sqlite3* const db = connect(name);
+    execute(db, definition("item"));
+    sqlite3_close(db);
+    return name;
+}
 
 // Keys all over the table, the same ones for all and none twice in `count`: a step that is prime
 // to the number of rows.
@@ -136,9 +110,9 @@ using Insert = void (*)(Contestant& contestant, const Row& row, int index);
 int insertAll(const Entry& entry, const Place& place, Meter& meter, Insert insert,
               bool ready = false)
 {
-    const EmptyFile file(place);
+    const std::string file = makeEmptyFile(place);
     const std::vector<Row>& rows = rowsOf(place.rows);
-    Session session(entry, file.name());
+    const Session session = startSession(entry, file);
     if (ready)
         session->makeReady(rows);
     meter.start();
@@ -174,7 +148,7 @@ int insertReady(const Entry& entry, const Place& place, Meter& meter)
 
 int loadAll(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
+    const Session session = startSession(entry, fileOf(place));
     meter.start();
     const long long count = session->load();
     meter.stop();
@@ -185,7 +159,7 @@ int loadAll(const Entry& entry, const Place& place, Meter& meter)
 template <void (Contestant::*read)(Digest&)>
 int readAll(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
+    const Session session = startSession(entry, fileOf(place));
     Digest digest;
     meter.start();
     ((*session).*read)(digest);
@@ -194,33 +168,51 @@ int readAll(const Entry& entry, const Place& place, Meter& meter)
     return place.rows;
 }
 
+// The calls that are measured, one for each item; their number.
+template <typename Item, typename Call>
+int callForEach(const std::vector<Item>& items, Meter& meter, Call call)
+{
+    meter.start();
+    for (const Item& item : items)
+        call(item);
+    meter.stop();
+    return static_cast<int>(items.size());
+}
+
+// Calls that change rows; the changes are undone after they were checked.
+template <typename Item, typename Call, typename Check>
+int changeForEach(Contestant& contestant, const std::vector<Item>& items, Meter& meter, Call call,
+                  Check check)
+{
+    execute(contestant.handle(), "begin");
+    const int count = callForEach(items, meter, call);
+    check(count);
+    execute(contestant.handle(), "rollback");
+    return count;
+}
+
 int lookUp(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
-    const std::vector<long long> keys = keysOf(place, key_calls);
-    std::size_t found = 0;
-    meter.start();
-    for (const long long key : keys)
-        found += session->lookup(key);
-    meter.stop();
-    require(found == keys.size() && !session->lookup(place.rows + 1), "rows are found by key");
-    return static_cast<int>(keys.size());
+    const Session session = startSession(entry, fileOf(place));
+    int found = 0;
+    const int calls = callForEach(keysOf(place, key_calls), meter,
+                                  [&](long long key) { found += session->lookup(key); });
+    require(found == calls && !session->lookup(place.rows + 1), "rows are found by key");
+    return calls;
 }
 
 // Every other key has no row.
 int testExistence(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
+    const Session session = startSession(entry, fileOf(place));
     std::vector<long long> keys = keysOf(place, key_calls);
     for (std::size_t i = 1; i < keys.size(); i += 2)
         keys[i] += place.rows;
-    std::size_t found = 0;
-    meter.start();
-    for (const long long key : keys)
-        found += session->exists(key);
-    meter.stop();
-    require(found == (keys.size() + 1) / 2, "rows that exist are told from those that do not");
-    return static_cast<int>(keys.size());
+    int found = 0;
+    const int calls = callForEach(keys, meter,
+                                  [&](long long key) { found += session->exists(key); });
+    require(found == (calls + 1) / 2, "rows that exist are told from those that do not");
+    return calls;
 }
 
 std::vector<Row> changedRows(const std::vector<long long>& keys)
@@ -235,52 +227,36 @@ std::vector<Row> changedRows(const std::vector<long long>& keys)
 
 int updateRows(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
-    const std::vector<Row> rows = changedRows(keysOf(place, key_calls));
-    execute(session->handle(), "begin");
-    meter.start();
-    for (const Row& row : rows)
-        session->update(row);
-    meter.stop();
-    require(sqlite3_total_changes(session->handle()) == static_cast<int>(rows.size()), "update");
-    execute(session->handle(), "rollback");
-    return static_cast<int>(rows.size());
+    const Session session = startSession(entry, fileOf(place));
+    return changeForEach(
+        *session, changedRows(keysOf(place, key_calls)), meter,
+        [&](const Row& row) { session->update(row); },
+        [&](int count) { require(sqlite3_total_changes(session->handle()) == count, "update"); });
 }
 
 // Every other row is new.
 int addOrUpdateRows(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
+    const Session session = startSession(entry, fileOf(place));
     std::vector<Row> rows = changedRows(keysOf(place, key_calls));
     for (std::size_t i = 1; i < rows.size(); i += 2)
         rows[i].id += place.rows;
-    execute(session->handle(), "begin");
-    meter.start();
-    for (const Row& row : rows)
-        session->addOrUpdate(row);
-    meter.stop();
-    require(session->count() == place.rows + static_cast<int>(rows.size() / 2), "add or update");
-    execute(session->handle(), "rollback");
-    return static_cast<int>(rows.size());
+    return changeForEach(
+        *session, rows, meter, [&](const Row& row) { session->addOrUpdate(row); },
+        [&](int count) { require(session->count() == place.rows + count / 2, "add or update"); });
 }
 
 int deleteRows(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
-    const std::vector<long long> keys = keysOf(place, key_calls);
-    execute(session->handle(), "begin");
-    meter.start();
-    for (const long long key : keys)
-        session->remove(key);
-    meter.stop();
-    require(session->count() == place.rows - static_cast<int>(keys.size()), "delete");
-    execute(session->handle(), "rollback");
-    return static_cast<int>(keys.size());
+    const Session session = startSession(entry, fileOf(place));
+    return changeForEach(
+        *session, keysOf(place, key_calls), meter, [&](long long key) { session->remove(key); },
+        [&](int count) { require(session->count() == place.rows - count, "delete"); });
 }
 
 int countRows(const Entry& entry, const Place& place, Meter& meter)
 {
-    Session session(entry, fileOf(place));
+    const Session session = startSession(entry, fileOf(place));
     long long sum = 0;
     meter.start();
     for (int i = 0; i < count_calls; ++i)
@@ -294,9 +270,9 @@ int countRows(const Entry& entry, const Place& place, Meter& meter)
 // statement does it, with every contestant.
 int copyTable(const Entry& entry, const Place& place, Meter& meter)
 {
-    const EmptyFile file(place);
-    Session source(entry, fileOf(place));
-    Session target(entry, file.name());
+    const std::string file = makeEmptyFile(place);
+    const Session source = startSession(entry, fileOf(place));
+    const Session target = startSession(entry, file);
     meter.start();
     target->begin();
     target->copyFrom(*source);
@@ -323,8 +299,8 @@ int openAndClose(const Entry& entry, const Place& place, Meter& meter)
 
 int insertDurably(const Entry& entry, const Place& place, Meter& meter)
 {
-    const EmptyFile file(place);
-    Session session(entry, file.name(), durable);
+    const std::string file = makeEmptyFile(place);
+    const Session session = startSession(entry, file, durable);
     const std::vector<Row> rows = makeRows(1, durable_calls);
     meter.start();
     for (const Row& row : rows)
