@@ -4,9 +4,9 @@
 // What a cell has to hold and to answer: sql::Value told once more, in the plainest way.
 
 #include "Fuzz.h"
+#include "PlainNumbers.h"
 #include "SqlCommon.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -52,13 +52,6 @@ inline std::string localText(time_t time, Events& events)
     return std::string(text, std::strftime(text, sizeof text, "%d-%m-%Y %H:%M:%S, %a", &local));
 }
 
-inline std::string printed(double number)
-{
-    char text[128]; // cuts what is longer
-    std::snprintf(text, sizeof text, "%0.8f", number);
-    return text;
-}
-
 struct Cell {
     std::int32_t type;
     bool isNull = true;
@@ -98,7 +91,7 @@ struct Cell {
 
     double asDouble() const
     {
-        return std::strtod(text.c_str(), nullptr);
+        return test::readDouble(text);
     }
 
     bool asBool() const

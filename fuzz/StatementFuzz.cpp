@@ -373,7 +373,7 @@ void setCell(Record& record, const Place& place, Cell* cell, Input& input, int k
         break;
     case 2: {
         record.setDouble(place, static_cast<double>(number) / 64);
-        target.set(fuzz::printed(static_cast<double>(number) / 64));
+        target.set(test::fixedText(static_cast<double>(number) / 64));
         break;
     }
     case 3: {

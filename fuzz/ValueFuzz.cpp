@@ -91,7 +91,7 @@ void set(Pair& pair, Input& input)
     case 2: {
         const double number = input.real();
         pair.value.setDouble(number);
-        pair.cell.set(fuzz::printed(number));
+        pair.cell.set(test::fixedText(number));
         break;
     }
     case 3: {

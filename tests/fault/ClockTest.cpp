@@ -3,6 +3,7 @@
 #include "SqlRecordSet.h"
 #include "SqlValue.h"
 
+#include "Cases.h"
 #include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
@@ -15,7 +16,6 @@
 #include <cstdint>
 #include <ctime>
 #include <limits>
-#include <ostream>
 #include <string>
 
 #include <dlfcn.h>
@@ -131,25 +131,20 @@ std::string notConverted()
 
 // --- the current time ---
 
-struct Moment {
+struct Moment : test::Case {
     time_t time;
-    const char* seconds;
     const char* calendarText; // null when there is none
 };
-
-void PrintTo(const Moment& moment, std::ostream* out)
-{
-    *out << moment.seconds;
-}
 
 class CurrentTimeTest : public ClockTest, public WithParamInterface<Moment> {};
 
 TEST_P(CurrentTimeTest, IsTheClocksAndTracedOnceByTheConstructor)
 {
-    const auto& [time, seconds, calendarText] = GetParam();
+    const time_t time = GetParam().time;
+    const char* const calendarText = GetParam().calendarText;
     stopClock(time);
     clockOfTheTest.hasCalendarText = calendarText != nullptr;
-    const std::string line = report::timeMade(seconds,
+    const std::string line = report::timeMade(GetParam().name,
                                               calendarText != nullptr ? calendarText : "(null)");
     EXPECT_EQ(Time().getTime(), time);
     EXPECT_THAT(_diagnostics.events(), ElementsAre(line));
@@ -161,10 +156,10 @@ TEST_P(CurrentTimeTest, IsTheClocksAndTracedOnceByTheConstructor)
 
 // Only -1 means that the clock cannot be read.
 INSTANTIATE_TEST_SUITE_P(Moments, CurrentTimeTest,
-                         Values(Moment{1711796400, "1711796400", summer_time},
-                                Moment{0, "0", "Thu Jan  1 01:00:00 1970\n"},
-                                Moment{-2, "-2", "Thu Jan  1 00:59:58 1970\n"},
-                                Moment{77, "77", nullptr}));
+                         Values(Moment{"1711796400", 1711796400, summer_time},
+                                Moment{"0", 0, "Thu Jan  1 01:00:00 1970\n"},
+                                Moment{"-2", -2, "Thu Jan  1 00:59:58 1970\n"},
+                                Moment{"77", 77, nullptr}));
 
 class ClockLevelTest : public ClockTest, public WithParamInterface<int> {};
 
@@ -188,17 +183,11 @@ TEST_F(ClockTest, TimeFromANumberDoesNotNeedTheClock)
 // --- local time ---
 
 // The text of a time or of a cell that holds one.
-struct Text {
-    const char* name;
+struct Text : test::Case {
     std::string (*make)(const Time& time, const Value& cell);
     const char* text; // when the time cannot be converted
     bool isOfCell;
 };
-
-void PrintTo(const Text& text, std::ostream* out)
-{
-    *out << text.name;
-}
 
 class LocalTimeTest : public ClockTest, public WithParamInterface<Text> {
 protected:
@@ -246,10 +235,7 @@ const Text texts[] = {
      true},
 };
 
-INSTANTIATE_TEST_SUITE_P(Texts, LocalTimeTest, testing::ValuesIn(texts),
-                         [](const testing::TestParamInfo<Text>& text) {
-                             return std::string(text.param.name);
-                         });
+INSTANTIATE_TEST_SUITE_P(Texts, LocalTimeTest, testing::ValuesIn(texts), test::NameOfCase());
 
 TEST_F(ClockTest, ConversionThatFailsIsOfErrorPriority)
 {

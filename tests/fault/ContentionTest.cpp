@@ -1,3 +1,4 @@
+#include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "Reports.h"
@@ -376,8 +377,7 @@ protected:
     test::Diagnostics _diagnostics;
 };
 
-struct Attempt {
-    const char* name;
+struct Attempt : test::Case {
     int waits; // the statements that wait, each for the whole timeout
     bool answer;
     bool (*run)(Shop& shop, const Record& row);
@@ -386,11 +386,6 @@ struct Attempt {
 
 class AttemptTest : public LockTest,
                     public testing::WithParamInterface<std::tuple<Attempt, int>> {};
-
-void PrintTo(const Attempt& attempt, std::ostream* out)
-{
-    *out << attempt.name;
-}
 
 TEST_P(AttemptTest, WaitsForAsLongAsTheBusyTimeoutSays)
 {

@@ -3,6 +3,7 @@
 #include "Environment.h"
 #include "HostileTexts.h"
 #include "Job.h"
+#include "PlainNumbers.h"
 #include "Reports.h"
 #include "Rows.h"
 #include "Sqlite.h"
@@ -18,7 +19,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
@@ -26,8 +26,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include <locale.h>
 
 namespace {
 
@@ -89,39 +87,6 @@ std::string withoutBlanksAround(const std::string& text)
     while (end > start && std::isspace(static_cast<unsigned char>(text[end - 1])) != 0)
         --end;
     return text.substr(start, end - start);
-}
-
-// The C library's numbers, in a locale that says nothing about them.
-class PlainLocale {
-public:
-    PlainLocale() : _plain(::newlocale(LC_ALL_MASK, "C", nullptr)), _former(::uselocale(_plain))
-    {
-    }
-    ~PlainLocale()
-    {
-        ::uselocale(_former);
-        ::freelocale(_plain);
-    }
-    PlainLocale(const PlainLocale&) = delete;
-    PlainLocale& operator=(const PlainLocale&) = delete;
-
-private:
-    locale_t _plain;
-    locale_t _former;
-};
-
-double real(const std::string& text)
-{
-    const PlainLocale locale;
-    return std::strtod(text.c_str(), nullptr);
-}
-
-std::string fixedPoint(double number)
-{
-    const PlainLocale locale;
-    char text[128];
-    std::snprintf(text, sizeof text, "%0.8f", number);
-    return text;
 }
 
 // With the trace level that is captured.
@@ -231,7 +196,7 @@ TEST_P(HostileCellTest, TextIsReadAsANumberAsFarAsItIsOne)
     forEach([this](const std::string& text) {
         const Value value = cell(sql::type_text, text);
         EXPECT_EQ(value.asInteger(), integerIn(text));
-        EXPECT_THAT(value.asDouble(), testing::NanSensitiveDoubleEq(real(text)));
+        EXPECT_THAT(value.asDouble(), testing::NanSensitiveDoubleEq(test::readDouble(text)));
         EXPECT_EQ(value.asBool(), text == "1");
         expectEvents({});
     });
@@ -600,7 +565,7 @@ TEST_P(HostileRoundTripTest, NumbersThatAreNoneAreRefusedByName)
     for (const double number :
          {std::numeric_limits<double>::quiet_NaN(), std::numeric_limits<double>::infinity(),
           -std::numeric_limits<double>::infinity()}) {
-        const std::string text = fixedPoint(number);
+        const std::string text = test::fixedText(number);
         const std::string name = text.substr(text[0] == '-' ? 1 : 0);
         Record record = product(1, "tea");
         record.setDouble("price", number);
@@ -621,7 +586,7 @@ TEST_P(HostileRoundTripTest, RealsComeBackAsFarAsTheirTextHoldsThem)
     for (int exponent = -1074; exponent <= 1023; ++exponent) {
         for (const double sign : {1.0, -1.0}) {
             const double number = std::ldexp(sign, exponent);
-            const std::string text = fixedPoint(number);
+            const std::string text = test::fixedText(number);
             Record record = product(1, "tea");
             record.setDouble("price", number);
             record.setDouble("name", number);
@@ -630,7 +595,7 @@ TEST_P(HostileRoundTripTest, RealsComeBackAsFarAsTheirTextHoldsThem)
             const Record& row = *_products.getTopRecord();
             EXPECT_EQ(row.getValue("name")->asString(), text);
             // SQLite gives 15 digits of a real.
-            const double expected = real(text);
+            const double expected = test::readDouble(text);
             EXPECT_NEAR(row.getValue("price")->asDouble(), expected, std::fabs(expected) * 1e-14);
         }
     }

@@ -1,3 +1,4 @@
+#include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "Heap.h"
@@ -67,17 +68,11 @@ struct Place {
     test::Shop shop{file};
 };
 
-struct Activity {
-    const char* name;
+struct Activity : test::Case {
     bool (*round)(Place& place);
     std::size_t errors; // lines that a round leaves
     std::size_t assertions;
 };
-
-void PrintTo(const Activity& activity, std::ostream* out)
-{
-    *out << activity.name;
-}
 
 bool opensAndCloses(Place& place)
 {

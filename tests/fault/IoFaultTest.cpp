@@ -1,3 +1,4 @@
+#include "Cases.h"
 #include "Environment.h"
 #include "FaultVfs.h"
 #include "Job.h"
@@ -7,7 +8,6 @@
 
 #include <cstdio>
 #include <map>
-#include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -31,16 +31,10 @@ const char small_cache[] = "pragma cache_size = 1";
 // A journal is otherwise removed at the end of a transaction.
 const char cut_journal[] = "pragma journal_mode = truncate";
 
-struct Fault {
-    const char* what;
+struct Fault : test::Case {
     FileCall call;
     int rc;
 };
-
-void PrintTo(const Fault& fault, std::ostream* out)
-{
-    *out << fault.what;
-}
 
 // Lets the nth call of a kind fail, and those behind it when it lasts.
 class Failing {
@@ -164,7 +158,7 @@ std::string nameOfCase(const testing::TestParamInfo<IoFaultTest::ParamType>& cho
     const auto& [fault, lasts, pragma] = chosen.param;
     const std::map<std::string, std::string> names = {
         {large_cache, ""}, {small_cache, "SmallCache"}, {cut_journal, "CutJournal"}};
-    return std::string(fault.what) + (lasts ? "Lasting" : "Once") + names.at(pragma);
+    return fault.name + (lasts ? "Lasting" : "Once") + names.at(pragma);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, IoFaultTest,

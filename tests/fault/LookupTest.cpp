@@ -1,3 +1,4 @@
+#include "Cases.h"
 #include "Columns.h"
 #include "Diagnostics.h"
 #include "Reports.h"
@@ -9,7 +10,6 @@
 
 #include <gmock/gmock.h>
 
-#include <ostream>
 #include <string>
 
 namespace {
@@ -116,19 +116,13 @@ TEST_F(LookupTest, LibraryCallsTheLookupsOfThisProgram)
 
 // --- Texts of columns and records
 
-struct Text {
-    const char* name;
+struct Text : test::Case {
     int& lookup;
     int position;
     std::string (*make)(const Record& record);
     const char* text;
     test::Texts events;
 };
-
-void PrintTo(const Text& text, std::ostream* out)
-{
-    *out << text.name;
-}
 
 class LookupTextTest : public LookupTest, public testing::WithParamInterface<Text> {};
 
@@ -260,10 +254,7 @@ const Text texts[] = {
      {}},
 };
 
-INSTANTIATE_TEST_SUITE_P(Texts, LookupTextTest, testing::ValuesIn(texts),
-                         [](const testing::TestParamInfo<Text>& text) {
-                             return std::string(text.param.name);
-                         });
+INSTANTIATE_TEST_SUITE_P(Texts, LookupTextTest, testing::ValuesIn(texts), test::NameOfCase());
 
 // --- What is looked for
 

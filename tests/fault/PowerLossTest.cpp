@@ -1,3 +1,4 @@
+#include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "FaultVfs.h"
@@ -12,7 +13,6 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <random>
 #include <set>
 #include <string>
@@ -29,16 +29,10 @@ using testing::IsEmpty;
 
 // --- The disk
 
-struct DiskKind {
-    const char* what;
+struct DiskKind : test::Case {
     int sectorSize;
     bool sparesNeighbours; // of the bytes being written, within their sectors
 };
-
-void PrintTo(const DiskKind& kind, std::ostream* out)
-{
-    *out << kind.what;
-}
 
 typedef std::map<std::string, std::string> Files; // the bytes by path
 
@@ -233,17 +227,11 @@ private:
 // --- The work
 
 // How SQLite is told to keep its promises.
-struct Journal {
-    const char* what;
+struct Journal : test::Case {
     const char* setting;
     // The journal's end is a commit, and may be lost: the last transaction then is taken back.
     bool losesLastCommit;
 };
-
-void PrintTo(const Journal& journal, std::ostream* out)
-{
-    *out << journal.what;
-}
 
 struct PowerLoss {
     int call;         // into the file system, before which the power fails
@@ -414,7 +402,7 @@ const char small_pages[] = "pragma page_size = 1024; pragma cache_size = 1";
 std::string nameOfCase(const testing::TestParamInfo<PowerLossTest::ParamType>& chosen)
 {
     const auto& [journal, kind, setting] = chosen.param;
-    return std::string(journal.what) + kind.what + (setting == small_pages ? "SmallPages" : "");
+    return journal.name + kind.name + (setting == small_pages ? "SmallPages" : "");
 }
 
 INSTANTIATE_TEST_SUITE_P(Journals, PowerLossTest,

@@ -3,6 +3,7 @@
 #include "SqlRecord.h"
 #include "SqlTable.h"
 
+#include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "Rows.h"
@@ -11,7 +12,6 @@
 
 #include <gmock/gmock.h>
 
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -28,16 +28,10 @@ using testing::IsEmpty;
 typedef std::vector<std::string> Texts;
 
 // How much of the library's reports the program that does the job lets through.
-struct Verbosity {
-    const char* name;
+struct Verbosity : test::Case {
     bool hasTraceObject;
     int level;
 };
-
-void PrintTo(const Verbosity& verbosity, std::ostream* out)
-{
-    *out << verbosity.name;
-}
 
 // Every job gives the same results whatever is traced, and a job that goes well leaves no ERROR
 // line and no assertion.
@@ -84,9 +78,7 @@ INSTANTIATE_TEST_SUITE_P(Traced, JobsTest,
                          testing::Values(Verbosity{"WithoutTraceObject", false, -1},
                                          Verbosity{"Silent", true, 0}, Verbosity{"Errors", true, 3},
                                          Verbosity{"Everything", true, 9}),
-                         [](const testing::TestParamInfo<Verbosity>& chosen) {
-                             return chosen.param.name;
-                         });
+                         test::NameOfCase());
 
 bool openForUse(Database& db, const std::string& file, int busyTimeoutMs = 0)
 {

@@ -3,6 +3,7 @@
 #include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "PlainNumbers.h"
 #include "ReportTest.h"
 #include "Reports.h"
 
@@ -40,6 +41,9 @@ using sql::type_text;
 using sql::type_time;
 using sql::type_undefined;
 using sql::Value;
+using test::fixedText;
+using test::PlainLocale;
+using test::readDouble;
 using test::Texts;
 using testing::ElementsAre;
 using testing::ValuesIn;
@@ -61,40 +65,6 @@ constexpr time_t earliest = std::numeric_limits<time_t>::min();
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
-
-// Numbers as the C library writes and reads them in its own plain locale, whatever is set.
-class PlainLocale {
-public:
-    PlainLocale() : _plain(::newlocale(LC_ALL_MASK, "C", nullptr)), _former(::uselocale(_plain))
-    {
-    }
-    ~PlainLocale()
-    {
-        ::uselocale(_former);
-        ::freelocale(_plain);
-    }
-    PlainLocale(const PlainLocale&) = delete;
-    PlainLocale& operator=(const PlainLocale&) = delete;
-
-private:
-    const locale_t _plain;
-    const locale_t _former;
-};
-
-// What stays of a formatted number in 128 bytes.
-std::string fixedText(double d)
-{
-    const PlainLocale plain;
-    char text[128];
-    std::snprintf(text, sizeof text, "%0.8f", d);
-    return text;
-}
-
-double readDouble(const std::string& text)
-{
-    const PlainLocale plain;
-    return ::strtod(text.c_str(), nullptr);
-}
 
 std::uint64_t bitsOf(double d)
 {
