@@ -1,6 +1,9 @@
 // A program of somebody else, who has the installed library alone. It uses every class.
 #include "SqlDatabase.h"
 #include "SqlTable.h"
+#ifdef STAND_INS
+#include "TraceLevel.h"
+#endif
 
 #include <cstdio>
 
@@ -11,6 +14,9 @@ static const sql::Field columns[] = {sql::Field("id", sql::type_int, sql::flag_p
 
 int main()
 {
+#ifdef STAND_INS
+    trace::setLevel(trace::trace_errors);
+#endif
     sql::Database database;
     if (!database.open(":memory:", sql::Database::access_create, false, 0))
         return 1;
