@@ -254,7 +254,9 @@ class Mutations:
     def casts(self, i, token):
         if token.text == "static_cast":
             opening = next(n for n in range(i, len(self.tokens)) if self.token(n) == "(")
-            yield self.replaced(i, opening, "")
+            # A size is converted without it too.
+            if not self.between(opening, self.partner[opening]).endswith(".size()"):
+                yield self.replaced(i, opening, "")
 
     def elses(self, i, token):
         if token.text != "else":
