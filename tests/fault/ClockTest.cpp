@@ -214,7 +214,7 @@ TEST_P(LocalTimeTest, ConversionThatFailsIsReportedAndGivesAnEmptyText)
         EXPECT_EQ(_diagnostics.events(), test::visibleAt(level, events));
     }
     _diagnostics.clear();
-    _diagnostics.removeTraceObject();
+    _diagnostics.setLevel(test::without_trace_object);
     EXPECT_EQ(GetParam().make(_time, _cell), GetParam().text);
     EXPECT_THAT(_diagnostics.events(), IsEmpty());
 }

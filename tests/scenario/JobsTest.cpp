@@ -42,7 +42,7 @@ protected:
         if (GetParam().hasTraceObject)
             _diagnostics.setLevel(GetParam().level);
         else
-            _diagnostics.removeTraceObject();
+            _diagnostics.setLevel(test::without_trace_object);
     }
 
     void TearDown() override

@@ -33,13 +33,11 @@ struct Capturing {
     const bool former;
 };
 
-const char prefix[] = " %s:%d (%s) - ";
-
 // A line of another form is a defect in the library or in the test: there is nobody to report it to
 // but the person at the console.
-[[noreturn]] void refuse(const char* why, const char* format)
+[[noreturn]] void refuse(const char* why, const std::string& text)
 {
-    std::fprintf(stderr, "unexpected system log line (%s): %s\n", why, format);
+    std::fprintf(stderr, "unexpected system log line (%s): %s\n", why, text.c_str());
     std::abort();
 }
 
@@ -55,30 +53,31 @@ __attribute__((format(printf, 1, 0))) std::string expand(const char* format, va_
     return text;
 }
 
+// Takes "[ERROR] SqlCommon.cpp:123 (queryNumber) - message" apart.
+test::LogLine parsed(int priority, const std::string& text)
+{
+    const std::size_t blank = text.find(' ');
+    const std::size_t colon = text.find(':', blank);
+    const std::size_t open = text.find(" (", colon);
+    const std::size_t close = text.find(") - ", open);
+    if (close == std::string::npos)
+        refuse("no source place", text);
+    return {priority,
+            text.substr(0, blank),
+            text.substr(blank + 1, colon - blank - 1),
+            std::stoi(text.substr(colon + 1, open - colon - 1)),
+            text.substr(open + 2, close - open - 2),
+            text.substr(close + 4)};
+}
+
 __attribute__((format(printf, 2, 0))) void capture(int priority, const char* format,
                                                    va_list arguments)
 {
     const Capturing now;
+    const std::string text = expand(format, arguments);
     if (current == nullptr)
-        refuse("nobody listens", format);
-    test::LogLine line;
-    line.priority = priority;
-    line.format = format;
-    line.tag = line.format.substr(0, line.format.find(' '));
-    if (line.format.compare(line.tag.size(), sizeof prefix - 1, prefix) != 0)
-        refuse("no source place", format);
-
-    va_list again;
-    va_copy(again, arguments);
-    line.file = va_arg(again, const char*);
-    line.line = va_arg(again, int);
-    line.function = va_arg(again, const char*);
-    va_end(again);
-
-    const std::string start = line.tag + " " + line.file + ":" + std::to_string(line.line) + " ("
-                              + line.function + ") - ";
-    line.message = expand(format, arguments).substr(start.size());
-    current->add(line);
+        refuse("nobody listens", text);
+    current->add(parsed(priority, text));
 }
 
 } // namespace
@@ -217,7 +216,7 @@ void Diagnostics::clear()
 
 std::vector<std::string> Diagnostics::take()
 {
-    const std::vector<std::string> taken = _events;
+    std::vector<std::string> taken = _events;
     clear();
     return taken;
 }

@@ -7,15 +7,14 @@
 
 namespace test {
 
-// A line that reached syslog(), taken apart.
+// A finished line that reached syslog(), taken apart.
 struct LogLine {
     int priority;
-    std::string format;   // the literal as it was passed
     std::string tag;      // "[ERROR]"
     std::string file;     // "SqlCommon.cpp"
     int line;             // of the source
     std::string function; // "queryNumber"
-    std::string message;  // what follows " - ", expanded
+    std::string message;  // what follows " - "
 };
 
 // A call of logAssertFailed().
@@ -26,8 +25,8 @@ struct Assertion {
     std::string function;
 };
 
-// Levels of a trace library that has none, and of none at all; and the levels at which something
-// changes, with those two.
+// The trace object without a level, and none at all; and the levels at which something changes, with
+// those two.
 const int without_level = -1000;
 const int without_trace_object = -1001;
 const int trace_levels[] = {0, 2, 3, 6, 7, 8, 9, without_level, without_trace_object};
@@ -44,14 +43,6 @@ public:
 
     void setLevel(int level);
     int level() const;
-    void removeLevel() // the trace object stays, without a level
-    {
-        setLevel(without_level);
-    }
-    void removeTraceObject() // g_traceObject is null
-    {
-        setLevel(without_trace_object);
-    }
 
     // Called after every line was captured: may change the level.
     void onLine(std::function<void(const LogLine&)> reaction);

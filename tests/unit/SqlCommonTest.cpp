@@ -16,7 +16,6 @@
 #include <limits>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 namespace {

@@ -18,7 +18,6 @@ namespace report = test::report;
 
 using sql::Field;
 using sql::FieldSet;
-using test::visibleAt;
 using testing::ElementsAre;
 
 static_assert(!std::is_polymorphic<FieldSet>::value, "a plain value");

@@ -16,7 +16,6 @@ namespace report = test::report;
 
 using sql::Field;
 using test::Texts;
-using testing::ElementsAre;
 using testing::ValuesIn;
 
 static_assert(!std::is_polymorphic<Field>::value, "a plain value");

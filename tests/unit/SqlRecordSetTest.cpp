@@ -12,7 +12,6 @@
 #include <gmock/gmock.h>
 
 #include <climits>
-#include <functional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -28,7 +27,6 @@ using sql::RecordSet;
 using test::cells;
 using test::joined;
 using test::Texts;
-using test::visibleAt;
 using testing::ElementsAre;
 using testing::ValuesIn;
 

@@ -499,6 +499,7 @@ const Comparison comparisons[] = {
      {report::timeMade("0", "Thu Jan  1 01:00:00 1970\n"),
       report::timeMade("5", "Thu Jan  1 01:00:05 1970\n")}},
     {"OtherColumnsByName", products, fillTea, key_last, fillTea, nullptr, true},
+    {"OtherColumnsByNameTheOtherWayRound", key_last, fillTea, products, fillTea, nullptr, true},
     {"DifferenceInOtherColumns", products, fillTea, key_last, fillOtherPrice, nullptr, false},
     {"DifferenceInTheFirstColumn", key_last, fillTea, key_last, fillOtherName, nullptr, false},
     {"AllByTheTypeOfThisIntegerCell", products, fillIntegerCell, products, fillSeven, nullptr,

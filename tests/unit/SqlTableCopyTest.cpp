@@ -20,7 +20,6 @@ using test::joined;
 using test::products;
 using test::Texts;
 using test::three_products;
-using test::visibleAt;
 using testing::ElementsAre;
 
 // SQLite refuses one kind of action while this object lives.

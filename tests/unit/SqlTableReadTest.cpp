@@ -1,6 +1,5 @@
 #include "SqlTable.h"
 
-#include "Environment.h"
 #include "ProductTest.h"
 
 #include <gmock/gmock.h>
@@ -19,7 +18,6 @@ using test::held;
 using test::joined;
 using test::product;
 using test::products;
-using test::visibleAt;
 using testing::ElementsAre;
 
 class TableReadTest : public test::ProductTest {};

@@ -7,7 +7,6 @@
 #include <gmock/gmock.h>
 
 #include <string>
-#include <vector>
 
 // How a table comes to its connection and columns, and what it says and does about its schema.
 
@@ -17,7 +16,6 @@ namespace report = test::report;
 
 using sql::Field;
 using sql::FieldSet;
-using sql::Record;
 using sql::string;
 using sql::Table;
 using test::held;

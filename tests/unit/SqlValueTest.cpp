@@ -45,7 +45,6 @@ using test::fixedText;
 using test::PlainLocale;
 using test::readDouble;
 using test::Texts;
-using testing::ElementsAre;
 using testing::ValuesIn;
 using testing::WithParamInterface;
 
