@@ -23,15 +23,17 @@
 
 namespace {
 
+namespace report = test::report;
 using sql::Database;
 using test::held;
 using test::result;
 using test::Shop;
 using test::Step;
+using test::Texts;
 using test::TwinShop;
 using testing::ElementsAre;
 
-typedef std::vector<std::string> Texts;
+const char cannot_open[] = "14=SQLITE_CANTOPEN: unable to open database file";
 
 sql::Record good(int id, std::size_t nameLength)
 {
@@ -137,9 +139,7 @@ bool operator==(const Outcome& one, const Outcome& other)
 
 bool hasFailed(const Outcome& outcome)
 {
-    return std::any_of(outcome.events.begin(), outcome.events.end(), [](const std::string& event) {
-        return event.compare(0, 7, "[ERROR]") == 0;
-    });
+    return !test::errorsOf(outcome.events).empty();
 }
 
 const std::vector<Step> no_steps;
@@ -265,15 +265,9 @@ protected:
         return bytes;
     }
 
-    // The ERROR lines alone, without their source.
     static Texts errors(const Outcome& outcome)
     {
-        Texts lines;
-        for (const std::string& event : outcome.events) {
-            if (event.compare(0, 7, "[ERROR]") == 0)
-                lines.push_back(event.substr(event.find(" - ") + 3));
-        }
-        return lines;
+        return test::errorsOf(outcome.events);
     }
 
     std::string shopBytes(int pageSize) const
@@ -431,20 +425,12 @@ TEST_F(DamagedFileTest, TextIsNoDatabase)
     };
     const Outcome outcome = expectSame(Database::access_read_write, steps);
     EXPECT_THAT(outcome.results, ElementsAre("true", "-1", "true", "false", "false"));
-    const std::string catalogue =
-        "select count(*) from sqlite_master where type = 'table' and name = "
-        "'product'";
-    const std::string reason = "rc=26=SQLITE_NOTADB: file is not a database";
-    EXPECT_THAT(
-        errors(outcome),
-        ElementsAre(
-            "The SQL query 'PRAGMA user_version;' failed",
-            "   the query returned 26=SQLITE_NOTADB instead of SQLITE_ROW: file is not a database",
-            "Failed to prepare the SQL query '" + catalogue + "': ", "  " + reason,
-            "Failed to determine if table 'product' exists",
-            "Failed to run the SQL stmt 'select * from product'", "  " + reason,
-            "Running the SQL stmt 'PRAGMA user_version=7;' failed",
-            "  SQLite returned 26=SQLITE_NOTADB instead of SQLITE_DONE: file is not a database"));
+    const std::string reason = "26=SQLITE_NOTADB: file is not a database";
+    EXPECT_EQ(errors(outcome),
+              test::errorsOf(test::joined({report::noRow("PRAGMA user_version;", reason),
+                                           report::undetermined("product", reason),
+                                           report::refused("select * from product", reason),
+                                           report::stepFailed("PRAGMA user_version=7;", reason)})));
 }
 
 TEST_F(DamagedFileTest, FileCutShortIsMalformed)
@@ -455,9 +441,9 @@ TEST_F(DamagedFileTest, FileCutShortIsMalformed)
                                            return result(shop.product.totalRecordCount());
                                        }});
     EXPECT_THAT(outcome.results, ElementsAre("true", "-1"));
-    EXPECT_THAT(errors(outcome),
-                ElementsAre("Failed to prepare the SQL query 'select count(*) from product': ",
-                            "  rc=11=SQLITE_CORRUPT: database disk image is malformed"));
+    EXPECT_EQ(errors(outcome), test::errorsOf(report::notPrepared(
+                                   "select count(*) from product",
+                                   "11=SQLITE_CORRUPT: database disk image is malformed")));
 }
 
 TEST_F(DamagedFileTest, EmptyFileIsAnEmptyDatabase)
@@ -494,15 +480,13 @@ TEST_F(DamagedFileTest, FilesOfAnyKindGiveWhatSqliteMakesOfThem)
 TEST_F(DamagedFileTest, FolderIsRefused)
 {
     prepare([](const std::string& path) { std::filesystem::create_directory(path); });
-    const std::string start = "Failed to open the database " + _library + ": rc=";
-    const Outcome reading = expectSame(Database::access_read_only, both);
-    EXPECT_THAT(reading.results, ElementsAre("false"));
-    EXPECT_THAT(errors(reading), ElementsAre(start + "10=SQLITE_IOERR: disk I/O error"));
-    for (const Database::AccessMode mode : {Database::access_read_write, Database::access_create}) {
-        const Outcome writing = expectSame(mode, both);
-        EXPECT_THAT(writing.results, ElementsAre("false"));
-        EXPECT_THAT(errors(writing),
-                    ElementsAre(start + "14=SQLITE_CANTOPEN: unable to open database file"));
+    for (const auto& [mode, reason] :
+         {std::pair(Database::access_read_only, "10=SQLITE_IOERR: disk I/O error"),
+          std::pair(Database::access_read_write, cannot_open),
+          std::pair(Database::access_create, cannot_open)}) {
+        const Outcome outcome = expectSame(mode, both);
+        EXPECT_THAT(outcome.results, ElementsAre("false"));
+        EXPECT_EQ(errors(outcome), test::errorsOf(report::notOpened(_library, reason)));
     }
 }
 
@@ -559,8 +543,21 @@ protected:
         std::filesystem::permissions(_directory.path(), std::filesystem::perms(0755));
     }
 
+    // Results, and the ERROR lines of a report.
+    static std::string lines(const std::string& results, const Texts& report)
+    {
+        std::string text = results + "\n";
+        for (const std::string& line : test::errorsOf(report))
+            text += line + "\n";
+        return text;
+    }
+
+    const Texts refused = report::refused(
+        "delete from vendor where code = \"v7\"",
+        "8=SQLITE_READONLY: attempt to write a readonly database");
+
     // What the library reports to such a user, when plain SQLite does too.
-    std::string report(Database::AccessMode mode, const std::vector<Step>& steps)
+    std::string reportOf(Database::AccessMode mode, const std::vector<Step>& steps)
     {
         int pipe[2];
         EXPECT_EQ(::pipe(pipe), 0);
@@ -604,12 +601,10 @@ private:
         const Outcome library = runLibrary(mode, steps);
         if (!(library == runPlain(mode, steps)))
             return "differs from plain SQLite";
-        std::string text;
+        std::string results;
         for (const std::string& line : library.results)
-            text += line + "\n";
-        for (const std::string& line : errors(library))
-            text += line + "\n";
-        return text;
+            results += (results.empty() ? "" : "\n") + line;
+        return lines(results, library.events);
     }
 };
 
@@ -620,9 +615,7 @@ TEST_F(ForbiddenFileTest, UnreadableFileIsRefused)
     });
     for (const Database::AccessMode mode :
          {Database::access_read_only, Database::access_read_write, Database::access_create})
-        EXPECT_EQ(report(mode, both),
-                  "false\nFailed to open the database " + _library
-                      + ": rc=14=SQLITE_CANTOPEN: unable to open database file\n");
+        EXPECT_EQ(reportOf(mode, both), lines("false", report::notOpened(_library, cannot_open)));
 }
 
 TEST_F(ForbiddenFileTest, FileThatMayOnlyBeReadGivesItsRowsAndTakesNone)
@@ -635,11 +628,8 @@ TEST_F(ForbiddenFileTest, FileThatMayOnlyBeReadGivesItsRowsAndTakesNone)
         [](auto& shop) { return result(shop.product.getRecordByKeyId(35)); },
         [](auto& shop) { return result(shop.supplier.deleteRecord("v7")); },
     };
-    EXPECT_EQ(
-        report(Database::access_read_write, steps),
-        "true\n34\n35|" + std::string(512 / 12, 'j')
-            + "|17.5|0|c35\nfalse\nFailed to run the SQL stmt 'delete from vendor where code = "
-              "\"v7\"'\n  rc=8=SQLITE_READONLY: attempt to write a readonly database\n");
+    EXPECT_EQ(reportOf(Database::access_read_write, steps),
+              lines("true\n34\n35|" + std::string(512 / 12, 'j') + "|17.5|0|c35\nfalse", refused));
 }
 
 TEST_F(ForbiddenFileTest, FolderThatTakesNoJournalKeepsRowsFromBeingWritten)
@@ -653,10 +643,7 @@ TEST_F(ForbiddenFileTest, FolderThatTakesNoJournalKeepsRowsFromBeingWritten)
         [](auto& shop) { return result(shop.product.totalRecordCount()); },
         [](auto& shop) { return result(shop.supplier.deleteRecord("v7")); },
     };
-    EXPECT_EQ(
-        report(Database::access_read_write, steps),
-        "true\n34\nfalse\nFailed to run the SQL stmt 'delete from vendor where code = \"v7\"'\n  "
-        "rc=8=SQLITE_READONLY: attempt to write a readonly database\n");
+    EXPECT_EQ(reportOf(Database::access_read_write, steps), lines("true\n34\nfalse", refused));
     prepare([](const std::string& path) {
         std::filesystem::permissions(std::filesystem::path(path).parent_path(),
                                      std::filesystem::perms(0755));

@@ -571,12 +571,9 @@ TEST_P(HostileRoundTripTest, NumbersThatAreNoneAreRefusedByName)
         record.setDouble("price", number);
         _diagnostics.clear();
         EXPECT_FALSE(_products.addRecord(record));
-        EXPECT_THAT(
-            _diagnostics.errors(),
-            ElementsAre(std::string("Failed to run the SQL stmt 'insert into product (id, name, "
-                                    "price) values (1, 'tea', ")
-                            + text + ")'",
-                        "  rc=1=SQLITE_ERROR: no such column: " + name));
+        EXPECT_EQ(_diagnostics.errors(),
+                  test::errorsOf(report::refused(record.toSqlInsert("product"),
+                                                 "1=SQLITE_ERROR: no such column: " + name)));
     }
     EXPECT_EQ(_products.totalRecordCount(), 0);
 }

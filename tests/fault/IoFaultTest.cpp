@@ -229,12 +229,13 @@ TEST(QuestionFaultTest, AddOrUpdateAddsAfterTheTransactionHasEnded)
         EXPECT_TRUE(shop.product.addOrUpdateRecord(sql::integer(0), test::good(0, "")));
     }
     EXPECT_FALSE(shop.transact("COMMIT"));
-    EXPECT_THAT(
+    EXPECT_EQ(
         diagnostics.errors(),
-        ElementsAre("The SQL query 'select count(*) from product where id = 0' failed",
-                    "   the query returned 10=SQLITE_IOERR instead of SQLITE_ROW: disk I/O error",
-                    "Failed to run the SQL stmt 'COMMIT TRANSACTION'",
-                    "  rc=1=SQLITE_ERROR: cannot commit - no transaction is active"));
+        test::errorsOf(test::joined(
+            {test::report::noRow("select count(*) from product where id = 0",
+                                 "10=SQLITE_IOERR: disk I/O error"),
+             test::report::refused("COMMIT TRANSACTION",
+                                   "1=SQLITE_ERROR: cannot commit - no transaction is active")})));
     EXPECT_EQ(test::Connection(file).rows("select id from product where id in (0, 20)"), "0");
 }
 

@@ -4,28 +4,30 @@
 #include "SqlTable.h"
 
 #include "Cases.h"
+#include "Columns.h"
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Reports.h"
 #include "Rows.h"
 #include "Sqlite.h"
-#include "Wording.h"
 
 #include <gmock/gmock.h>
 
 #include <string>
-#include <vector>
 
 namespace {
 
+namespace report = test::report;
 using sql::Database;
 using sql::Field;
 using sql::Record;
 using sql::Table;
 using sql::Time;
 using test::held;
+using test::Texts;
 using testing::IsEmpty;
 
-typedef std::vector<std::string> Texts;
+const char cannot_open[] = "14=SQLITE_CANTOPEN: unable to open database file";
 
 // How much of the library's reports the program that does the job lets through.
 struct Verbosity : test::Case {
@@ -53,10 +55,9 @@ protected:
     }
 
     // The ERROR lines that a job leaves where they are let through.
-    void expectErrors(const Texts& errors)
+    void expectErrors(const Texts& report)
     {
-        for (const std::string& error : errors)
-            _expectedErrors.push_back(test::worded(error));
+        _expectedErrors = test::errorsOf(report);
     }
 
     // What the file holds, read past the library.
@@ -236,9 +237,9 @@ TEST_P(JobsTest, CatalogueRefusesASecondArticleOfTheSameName)
     EXPECT_FALSE(table.addRecord(article(table, "tea", 9, false, Time(6))));
     EXPECT_EQ(table.totalRecordCount(), 1);
     EXPECT_EQ(stored("select * from catalogue"), "1|tea|2.5|1|5");
-    expectErrors(
-        {"Failed to run the SQL stmt 'insert into catalogue (id, name, price, sold, added) values (null, 'tea', 9.00000000, 0, 6)'",
-         "  rc=19=SQLITE_CONSTRAINT: UNIQUE constraint failed: catalogue.name"});
+    expectErrors(report::refused(
+        "insert into catalogue (id, name, price, sold, added) values (null, 'tea', 9.00000000, 0, 6)",
+        "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: catalogue.name"));
 }
 
 // --- An event log: times in a zone that puts its clocks forward and back
@@ -301,13 +302,6 @@ TEST_P(JobsTest, EventLogTellsLocalTimesAcrossTheChangesOfTheClocks)
 
 // --- Many writes that succeed or fail together
 
-const Field product_columns[] = {
-    Field("id", sql::type_int, sql::flag_primary_key),
-    Field("name", sql::type_text, sql::flag_none),
-    Field("price", sql::type_float, sql::flag_none),
-    Field(),
-};
-
 Record product(const Table& table, sql::integer id, const std::string& name, double price)
 {
     Record record(*table.fields());
@@ -330,7 +324,7 @@ TEST_P(JobsTest, WritesOfATransactionAppearTogether)
 {
     Database db;
     ASSERT_TRUE(openForUse(db, _file));
-    Table table(db.getHandle(), "product", product_columns);
+    Table table(db.getHandle(), "product", test::product_columns);
     ASSERT_TRUE(table.create());
     ASSERT_TRUE(db.transactionBegin());
     EXPECT_TRUE(addNumbered(table, 1, 500));
@@ -348,7 +342,7 @@ TEST_P(JobsTest, WritesThatFailOnTheWayAreRolledBackTogether)
 {
     Database db;
     ASSERT_TRUE(openForUse(db, _file));
-    Table table(db.getHandle(), "product", product_columns);
+    Table table(db.getHandle(), "product", test::product_columns);
     ASSERT_TRUE(table.create());
     ASSERT_TRUE(table.addRecord(product(table, 5, "tea", 2.5)));
     ASSERT_TRUE(db.transactionBegin());
@@ -358,11 +352,11 @@ TEST_P(JobsTest, WritesThatFailOnTheWayAreRolledBackTogether)
     EXPECT_EQ(table.totalRecordCount(), 1);
     EXPECT_EQ(stored("select * from product"), "5|tea|2.5");
     EXPECT_FALSE(db.transactionCommit());
-    expectErrors(
-        {"Failed to run the SQL stmt 'insert into product (id, name, price) values (5, 'no. 5', 5.00000000)'",
-         "  rc=19=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id",
-         "Failed to run the SQL stmt 'COMMIT TRANSACTION'",
-         "  rc=1=SQLITE_ERROR: cannot commit - no transaction is active"});
+    expectErrors(test::joined(
+        {report::refused("insert into product (id, name, price) values (5, 'no. 5', 5.00000000)",
+                         "19=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id"),
+         report::refused("COMMIT TRANSACTION",
+                         "1=SQLITE_ERROR: cannot commit - no transaction is active")}));
 }
 
 // --- Two programs on one file
@@ -373,8 +367,8 @@ TEST_P(JobsTest, SecondConnectionIsRefusedWhileTheFirstOneWrites)
     Database second;
     ASSERT_TRUE(openForUse(first, _file));
     ASSERT_TRUE(openForUse(second, _file, 5));
-    Table ours(first.getHandle(), "product", product_columns);
-    Table theirs(second.getHandle(), "product", product_columns);
+    Table ours(first.getHandle(), "product", test::product_columns);
+    Table theirs(second.getHandle(), "product", test::product_columns);
     ASSERT_TRUE(ours.create());
 
     ASSERT_TRUE(first.transactionBegin());
@@ -391,11 +385,10 @@ TEST_P(JobsTest, SecondConnectionIsRefusedWhileTheFirstOneWrites)
     EXPECT_EQ(held(ours), (Texts{"1|tea|2.5", "2|rum|8.0"}));
     EXPECT_EQ(first.getUserVersion(), 3);
     EXPECT_EQ(stored("select * from product"), "1|tea|2.5\n2|rum|8.0");
-    expectErrors(
-        {"Failed to run the SQL stmt 'insert into product (id, name, price) values (2, 'rum', 8.00000000)'",
-         "  rc=5=SQLITE_BUSY: database is locked",
-         "Running the SQL stmt 'PRAGMA user_version=3;' failed",
-         "  SQLite returned 5=SQLITE_BUSY instead of SQLITE_DONE: database is locked"});
+    expectErrors(test::joined(
+        {report::refused("insert into product (id, name, price) values (2, 'rum', 8.00000000)",
+                         "5=SQLITE_BUSY: database is locked"),
+         report::stepFailed("PRAGMA user_version=3;", "5=SQLITE_BUSY: database is locked")}));
 }
 
 TEST_P(JobsTest, AddOrUpdateKeepsOneRowPerKeyFromTwoConnections)
@@ -404,8 +397,8 @@ TEST_P(JobsTest, AddOrUpdateKeepsOneRowPerKeyFromTwoConnections)
     Database second;
     ASSERT_TRUE(openForUse(first, _file));
     ASSERT_TRUE(openForUse(second, _file));
-    Table ours(first.getHandle(), "product", product_columns);
-    Table theirs(second.getHandle(), "product", product_columns);
+    Table ours(first.getHandle(), "product", test::product_columns);
+    Table theirs(second.getHandle(), "product", test::product_columns);
     ASSERT_TRUE(ours.create());
     ASSERT_TRUE(theirs.create());
     EXPECT_TRUE(ours.addOrUpdateRecord(1, product(ours, 1, "tea", 2.5)));
@@ -430,15 +423,15 @@ bool install(const std::string& file)
     Database db;
     if (!openForUse(db, file) || db.getUserVersion() != 0)
         return false;
-    Table table(db.getHandle(), "product", product_columns);
+    Table table(db.getHandle(), "product", test::product_columns);
     return table.create() && addNumbered(table, 1, 3) && db.setUserVersion(1);
 }
 
 // The old rows are kept aside while the table is made anew.
 bool rebuild(Database& db)
 {
-    Table before(db.getHandle(), "product", product_columns);
-    Table aside(db.getHandle(), "product_before", product_columns);
+    Table before(db.getHandle(), "product", test::product_columns);
+    Table aside(db.getHandle(), "product_before", test::product_columns);
     Table after(db.getHandle(), "product", second_product_columns);
     if (!aside.backup(before) || !before.remove() || !after.create() || !aside.open()
         || !after.copyRecords(aside) || !aside.remove() || !after.open())
@@ -494,8 +487,8 @@ TEST_P(JobsTest, BackupRestoresATableThatWasEmptied)
         Database archive;
         ASSERT_TRUE(openForUse(db, _file));
         ASSERT_TRUE(openForUse(archive, archiveFile));
-        Table table(db.getHandle(), "product", product_columns);
-        Table copy(archive.getHandle(), "product_copy", product_columns);
+        Table table(db.getHandle(), "product", test::product_columns);
+        Table copy(archive.getHandle(), "product_copy", test::product_columns);
         ASSERT_TRUE(table.create());
         ASSERT_TRUE(table.addRecord(product(table, 7, "O'Brien's tea", 2.5)));
         ASSERT_TRUE(table.addRecord(product(table, 9, "rum", 8)));
@@ -510,8 +503,8 @@ TEST_P(JobsTest, BackupRestoresATableThatWasEmptied)
     Database archive;
     ASSERT_TRUE(openForUse(db, _file));
     ASSERT_TRUE(archive.open(archiveFile, Database::access_read_only, false, 0));
-    Table table(db.getHandle(), "product", product_columns);
-    Table copy(archive.getHandle(), "product_copy", product_columns);
+    Table table(db.getHandle(), "product", test::product_columns);
+    Table copy(archive.getHandle(), "product_copy", test::product_columns);
     ASSERT_TRUE(db.transactionBegin());
     EXPECT_TRUE(table.backup(copy));
     EXPECT_TRUE(db.transactionCommit());
@@ -525,7 +518,7 @@ TEST_P(JobsTest, ReadOnlyConnectionReadsAndIsRefusedEveryWrite)
     ASSERT_TRUE(install(_file));
     Database db;
     ASSERT_TRUE(db.open(_file, Database::access_read_only, false, 0));
-    Table table(db.getHandle(), "product", product_columns);
+    Table table(db.getHandle(), "product", test::product_columns);
     EXPECT_TRUE(table.exists());
     EXPECT_EQ(db.getUserVersion(), 1);
     ASSERT_TRUE(table.open("id > 1", "id desc"));
@@ -536,13 +529,13 @@ TEST_P(JobsTest, ReadOnlyConnectionReadsAndIsRefusedEveryWrite)
     EXPECT_FALSE(table.remove());
     EXPECT_EQ(stored("select * from product"), "1|no. 1|1.0\n2|no. 2|2.0\n3|no. 3|3.0");
     EXPECT_EQ(stored("pragma user_version"), "1");
-    expectErrors(
-        {"Failed to run the SQL stmt 'insert into product (id, name, price) values (7, 'rum', 8.00000000)'",
-         "  rc=8=SQLITE_READONLY: attempt to write a readonly database",
-         "Running the SQL stmt 'PRAGMA user_version=5;' failed",
-         "  SQLite returned 8=SQLITE_READONLY instead of SQLITE_DONE: attempt to write a readonly database",
-         "Failed to run the SQL stmt 'drop table product'",
-         "  rc=8=SQLITE_READONLY: attempt to write a readonly database"});
+    expectErrors(test::joined(
+        {report::refused("insert into product (id, name, price) values (7, 'rum', 8.00000000)",
+                         "8=SQLITE_READONLY: attempt to write a readonly database"),
+         report::stepFailed("PRAGMA user_version=5;",
+                            "8=SQLITE_READONLY: attempt to write a readonly database"),
+         report::refused("drop table product",
+                         "8=SQLITE_READONLY: attempt to write a readonly database")}));
 }
 
 TEST_P(JobsTest, MissingFileIsMadeByTheModeThatCreatesAlone)
@@ -553,15 +546,14 @@ TEST_P(JobsTest, MissingFileIsMadeByTheModeThatCreatesAlone)
     EXPECT_FALSE(db.isOpen());
     EXPECT_TRUE(db.open(_file, Database::access_create, false, 0));
     EXPECT_TRUE(db.isOpen());
-    Table table(db.getHandle(), "product", product_columns);
+    Table table(db.getHandle(), "product", test::product_columns);
     EXPECT_FALSE(table.exists());
     EXPECT_TRUE(table.create());
     db.close();
     EXPECT_TRUE(db.open(_file, Database::access_read_write, false, 0));
     EXPECT_EQ(stored("select name from sqlite_master"), "product");
-    const std::string line = "Failed to open the database " + _file
-                             + ": rc=14=SQLITE_CANTOPEN: unable to open database file";
-    expectErrors({line, line});
+    const Texts report = report::notOpened(_file, cannot_open);
+    expectErrors(test::joined({report, report}));
 }
 
 TEST_P(JobsTest, ProgramWithoutADatabaseGetsFailuresAndNoMore)
@@ -569,9 +561,7 @@ TEST_P(JobsTest, ProgramWithoutADatabaseGetsFailuresAndNoMore)
     Database db;
     EXPECT_FALSE(db.open(_directory.file("missing/shop.db"), Database::access_create, false, 0));
     EXPECT_FALSE(db.isOpen());
-    const std::string line = "Failed to open the database " + _directory.file("missing/shop.db")
-                             + ": rc=14=SQLITE_CANTOPEN: unable to open database file";
-    expectErrors({line});
+    expectErrors(report::notOpened(_directory.file("missing/shop.db"), cannot_open));
 }
 
 } // namespace
