@@ -635,7 +635,9 @@ TEST_F(RecordSetCallbackTest, AppendsARowOfNullsForNoResultColumns)
 {
     EXPECT_EQ(RecordSet::on_next_record(&_unconnected, 0, _values, nullptr), 0);
     EXPECT_EQ(RecordSet::on_next_record(&_unconnected, 0, nullptr, nullptr), 0);
-    EXPECT_EQ(_unconnected.toString(), "1. null|null|null\r\n2. null|null|null\r\n");
+    EXPECT_EQ(RecordSet::on_next_record(&_unconnected, 3, nullptr, nullptr), 0);
+    EXPECT_EQ(_unconnected.toString(),
+              "1. null|null|null\r\n2. null|null|null\r\n3. null|null|null\r\n");
 }
 
 TEST_F(RecordSetCallbackTest, AppendsNoRowForAnAnnouncementOfColumnNamesAlone)

@@ -71,10 +71,8 @@ bool RecordSet::queryAside(const string& sql)
 {
     std::vector<Record> held;
     held.swap(_records);
-    const std::int32_t rc = _rc;
     const bool done = query(sql);
     _records.swap(held);
-    _rc = rc;
     return done;
 }
 
