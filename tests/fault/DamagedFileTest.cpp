@@ -80,48 +80,48 @@ template <typename Rows> std::string loaded(bool success, Rows& table)
 }
 
 const std::vector<Step> reads = {
-    [](auto& shop) { return result(shop.getUserVersion()); },
-    [](auto& shop) { return result(shop.product.exists()); },
-    [](auto& shop) { return result(shop.product.create()); },
-    [](auto& shop) { return result(shop.archive.exists()); },
-    [](auto& shop) { return result(shop.product.totalRecordCount()); },
-    [](auto& shop) { return result(shop.supplier.totalRecordCount()); },
+    [](auto& shop) { return shop.getUserVersion(); },
+    [](auto& shop) { return shop.product.exists(); },
+    [](auto& shop) { return shop.product.create(); },
+    [](auto& shop) { return shop.archive.exists(); },
+    [](auto& shop) { return shop.product.totalRecordCount(); },
+    [](auto& shop) { return shop.supplier.totalRecordCount(); },
     [](auto& shop) { return loaded(shop.product.open(), shop.product); },
     [](auto& shop) { return loaded(shop.product.open("code > 'c3'", "code"), shop.product); },
     [](auto& shop) { return loaded(shop.product.open("", "name desc"), shop.product); },
     [](auto& shop) { return loaded(shop.supplier.open("", "code"), shop.supplier); },
-    [](auto& shop) { return result(shop.product.getRecordByKeyId(8)); },
-    [](auto& shop) { return result(shop.product.getRecordByKeyId("35")); },
-    [](auto& shop) { return result(shop.supplier.getRecordByKeyId("v7")); },
-    [](auto& shop) { return result(shop.product.hasRecordWithKeyId(16)); },
-    [](auto& shop) { return result(shop.supplier.hasRecordWithKeyId("v40")); },
+    [](auto& shop) { return shop.product.getRecordByKeyId(8); },
+    [](auto& shop) { return shop.product.getRecordByKeyId("35"); },
+    [](auto& shop) { return shop.supplier.getRecordByKeyId("v7"); },
+    [](auto& shop) { return shop.product.hasRecordWithKeyId(16); },
+    [](auto& shop) { return shop.supplier.hasRecordWithKeyId("v40"); },
 };
 
 const std::vector<Step> writes = {
-    [](auto& shop) { return result(shop.transact("BEGIN")); },
-    [](auto& shop) { return result(shop.product.addRecord(good(50, 3000))); },
-    [](auto& shop) { return result(shop.supplier.deleteRecord("v3")); },
-    [](auto& shop) { return result(shop.transact("ROLLBACK")); },
-    [](auto& shop) { return result(shop.product.addRecord(good(50, 20))); },
-    [](auto& shop) { return result(shop.product.addRecord(good(51, 3000))); },
-    [](auto& shop) { return result(shop.product.updateRecord(good(5, 1000))); },
-    [](auto& shop) { return result(shop.product.updateRecord(good(8, 5))); },
-    [](auto& shop) { return result(shop.product.addOrUpdateRecord(20, good(20, 2))); },
-    [](auto& shop) { return result(shop.product.deleteRecord(24)); },
-    [](auto& shop) { return result(shop.product.deleteRecords("price > 16")); },
-    [](auto& shop) { return result(shop.supplier.addOrUpdateRecord("v50", vendor(50))); },
-    [](auto& shop) { return result(shop.supplier.deleteRecord("v3")); },
-    [](auto& shop) { return result(shop.transact("BEGIN")); },
-    [](auto& shop) { return result(shop.supplier.addRecord(vendor(51))); },
-    [](auto& shop) { return result(shop.transact("COMMIT")); },
-    [](auto& shop) { return result(shop.transact("BEGIN")); },
-    [](auto& shop) { return result(shop.archive.backup(shop.product)); },
-    [](auto& shop) { return result(shop.transact("COMMIT")); },
-    [](auto& shop) { return result(shop.setUserVersion(9)); },
+    [](auto& shop) { return shop.transact("BEGIN"); },
+    [](auto& shop) { return shop.product.addRecord(good(50, 3000)); },
+    [](auto& shop) { return shop.supplier.deleteRecord("v3"); },
+    [](auto& shop) { return shop.transact("ROLLBACK"); },
+    [](auto& shop) { return shop.product.addRecord(good(50, 20)); },
+    [](auto& shop) { return shop.product.addRecord(good(51, 3000)); },
+    [](auto& shop) { return shop.product.updateRecord(good(5, 1000)); },
+    [](auto& shop) { return shop.product.updateRecord(good(8, 5)); },
+    [](auto& shop) { return shop.product.addOrUpdateRecord(20, good(20, 2)); },
+    [](auto& shop) { return shop.product.deleteRecord(24); },
+    [](auto& shop) { return shop.product.deleteRecords("price > 16"); },
+    [](auto& shop) { return shop.supplier.addOrUpdateRecord("v50", vendor(50)); },
+    [](auto& shop) { return shop.supplier.deleteRecord("v3"); },
+    [](auto& shop) { return shop.transact("BEGIN"); },
+    [](auto& shop) { return shop.supplier.addRecord(vendor(51)); },
+    [](auto& shop) { return shop.transact("COMMIT"); },
+    [](auto& shop) { return shop.transact("BEGIN"); },
+    [](auto& shop) { return shop.archive.backup(shop.product); },
+    [](auto& shop) { return shop.transact("COMMIT"); },
+    [](auto& shop) { return shop.setUserVersion(9); },
     [](auto& shop) { return loaded(shop.product.open(), shop.product); },
-    [](auto& shop) { return result(shop.supplier.truncate()); },
-    [](auto& shop) { return result(shop.product.remove()); },
-    [](auto& shop) { return result(shop.product.create()); },
+    [](auto& shop) { return shop.supplier.truncate(); },
+    [](auto& shop) { return shop.product.remove(); },
+    [](auto& shop) { return shop.product.create(); },
 };
 
 const std::vector<Step> both = reads + writes;
@@ -418,10 +418,10 @@ TEST_F(DamagedFileTest, TextIsNoDatabase)
 {
     write("This is a text, and no database. " + std::string(600, 'x'));
     const std::vector<Step> steps = {
-        [](auto& shop) { return result(shop.getUserVersion()); },
-        [](auto& shop) { return result(shop.product.exists()); },
-        [](auto& shop) { return result(shop.product.open()); },
-        [](auto& shop) { return result(shop.setUserVersion(7)); },
+        [](auto& shop) { return shop.getUserVersion(); },
+        [](auto& shop) { return shop.product.exists(); },
+        [](auto& shop) { return shop.product.open(); },
+        [](auto& shop) { return shop.setUserVersion(7); },
     };
     const Outcome outcome = expectSame(Database::access_read_write, steps);
     EXPECT_THAT(outcome.results, ElementsAre("true", "-1", "true", "false", "false"));
@@ -438,7 +438,7 @@ TEST_F(DamagedFileTest, FileCutShortIsMalformed)
     const std::string bytes = shopBytes(512);
     write(bytes.substr(0, bytes.size() / 2));
     const Outcome outcome = expectSame(Database::access_read_only, {[](auto& shop) {
-                                           return result(shop.product.totalRecordCount());
+                                           return shop.product.totalRecordCount();
                                        }});
     EXPECT_THAT(outcome.results, ElementsAre("true", "-1"));
     EXPECT_EQ(errors(outcome), test::errorsOf(report::notPrepared(
@@ -450,10 +450,10 @@ TEST_F(DamagedFileTest, EmptyFileIsAnEmptyDatabase)
 {
     write("");
     const std::vector<Step> steps = {
-        [](auto& shop) { return result(shop.getUserVersion()); },
-        [](auto& shop) { return result(shop.product.exists()); },
-        [](auto& shop) { return result(shop.product.create()); },
-        [](auto& shop) { return result(shop.product.totalRecordCount()); },
+        [](auto& shop) { return shop.getUserVersion(); },
+        [](auto& shop) { return shop.product.exists(); },
+        [](auto& shop) { return shop.product.create(); },
+        [](auto& shop) { return shop.product.totalRecordCount(); },
     };
     const Outcome outcome = expectSame(Database::access_read_write, steps);
     EXPECT_THAT(outcome.results, ElementsAre("true", "0", "false", "true", "0"));
@@ -624,9 +624,9 @@ TEST_F(ForbiddenFileTest, FileThatMayOnlyBeReadGivesItsRowsAndTakesNone)
         std::filesystem::permissions(path, std::filesystem::perms(0444));
     });
     const std::vector<Step> steps = {
-        [](auto& shop) { return result(shop.product.totalRecordCount()); },
-        [](auto& shop) { return result(shop.product.getRecordByKeyId(35)); },
-        [](auto& shop) { return result(shop.supplier.deleteRecord("v7")); },
+        [](auto& shop) { return shop.product.totalRecordCount(); },
+        [](auto& shop) { return shop.product.getRecordByKeyId(35); },
+        [](auto& shop) { return shop.supplier.deleteRecord("v7"); },
     };
     EXPECT_EQ(reportOf(Database::access_read_write, steps),
               lines("true\n34\n35|" + std::string(512 / 12, 'j') + "|17.5|0|c35\nfalse", refused));
@@ -640,8 +640,8 @@ TEST_F(ForbiddenFileTest, FolderThatTakesNoJournalKeepsRowsFromBeingWritten)
                                      std::filesystem::perms(0555));
     });
     const std::vector<Step> steps = {
-        [](auto& shop) { return result(shop.product.totalRecordCount()); },
-        [](auto& shop) { return result(shop.supplier.deleteRecord("v7")); },
+        [](auto& shop) { return shop.product.totalRecordCount(); },
+        [](auto& shop) { return shop.supplier.deleteRecord("v7"); },
     };
     EXPECT_EQ(reportOf(Database::access_read_write, steps), lines("true\n34\nfalse", refused));
     prepare([](const std::string& path) {

@@ -684,39 +684,39 @@ Record product(sql::integer id, const std::string& name)
 Step update(const Record& record)
 {
     return [=](auto& table) {
-        return result(table.updateRecord(record));
+        return table.updateRecord(record);
     };
 }
 
 Step add(const Record& record)
 {
     return [=](auto& table) {
-        return result(table.addRecord(record));
+        return table.addRecord(record);
     };
 }
 
 Step load(const std::string& condition, const std::string& order)
 {
     return [=](auto& table) {
-        return result(table.open(condition, order));
+        return table.open(condition, order);
     };
 }
 
 const Step load_all = [](auto& table) {
-    return result(table.open());
+    return table.open();
 };
 
 const Step create = [](auto& table) {
-    return result(table.create());
+    return table.create();
 };
 
 std::vector<Step> withKey(const std::string& key, const Record& record)
 {
-    return {[=](auto& table) { return result(table.hasRecordWithKeyId(key)); },
-            [=](auto& table) { return result(table.getRecordByKeyId(key)); },
-            [=](auto& table) { return result(table.addOrUpdateRecord(key, record)); },
+    return {[=](auto& table) { return table.hasRecordWithKeyId(key); },
+            [=](auto& table) { return table.getRecordByKeyId(key); },
+            [=](auto& table) { return table.addOrUpdateRecord(key, record); },
             [=](auto& table) {
-                return result(table.deleteRecord(key));
+                return table.deleteRecord(key);
             }};
 }
 
@@ -767,10 +767,10 @@ std::vector<Trial> keyColumnName(const std::string& name)
     const Field columns[] = {Field(name, sql::type_int, sql::flag_primary_key), Field()};
     return {{"product",
              FieldSet(columns),
-             {[](auto& table) { return result(table.getRecordByKeyId(7)); },
-              [](auto& table) { return result(table.hasRecordWithKeyId("7")); },
+             {[](auto& table) { return table.getRecordByKeyId(7); },
+              [](auto& table) { return table.hasRecordWithKeyId("7"); },
               [](auto& table) {
-                  return result(table.deleteRecord(7));
+                  return table.deleteRecord(7);
               }}}};
 }
 
@@ -779,17 +779,16 @@ std::vector<Trial> tableName(const std::string& name)
     const Record record = product(50, name);
     return {{name,
              products(),
-             {[](auto& table) { return result(table.exists()); }, create, add(record),
-              update(record), load_all, load("id = 50", "id"),
-              [](auto& table) { return result(table.totalRecordCount()); },
+             {[](auto& table) { return table.exists(); }, create, add(record), update(record),
+              load_all, load("id = 50", "id"), [](auto& table) { return table.totalRecordCount(); },
               [](auto& table) {
-                  return result(table.deleteRecord(50));
+                  return table.deleteRecord(50);
               }}},
             {name, products(), {[](auto& table) {
-                 return result(table.truncate());
+                 return table.truncate();
              }}},
             {name, products(), {[](auto& table) {
-                 return result(table.remove());
+                 return table.remove();
              }}}};
 }
 
@@ -798,7 +797,7 @@ std::vector<Trial> condition(const std::string& text)
     return {{"product", products(), {load(text, "")}},
             {"product", products(), {load(text, "id desc")}},
             {"product", products(), {[=](auto& table) {
-                 return result(table.deleteRecords(text));
+                 return table.deleteRecords(text);
              }}}};
 }
 
@@ -810,9 +809,7 @@ std::vector<Trial> order(const std::string& text)
 
 std::vector<Trial> statement(const std::string& text)
 {
-    return {{"product",
-             products(),
-             {[=](auto& table) { return result(table.query(text)); }, load_all}}};
+    return {{"product", products(), {[=](auto& table) { return table.query(text); }, load_all}}};
 }
 
 const Place places[] = {

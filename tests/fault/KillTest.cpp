@@ -29,10 +29,10 @@ const std::vector<Change>& changes()
         test::filling(12) + test::changing() + test::backingUp() + test::removing()
         + std::vector<Step>{{"remove",
                              [](auto& shop) {
-                                 return test::result(shop.product.remove());
+                                 return shop.product.remove();
                              }},
                             {"setUserVersion", [](auto& shop) {
-                                 return test::result(shop.setUserVersion(0));
+                                 return shop.setUserVersion(0);
                              }}});
     return all;
 }

@@ -53,7 +53,7 @@ bool found(const std::optional<std::string>& record)
 Step transaction(const char* name, const char* word)
 {
     return {name, [word](auto& shop) {
-                return result(shop.transact(word));
+                return shop.transact(word);
             }};
 }
 
@@ -71,28 +71,28 @@ Step commit()
 Step rollBack()
 {
     return {"transactionRollback", [](auto& shop) {
-                return result(!shop.inTransaction() || shop.transact("ROLLBACK"));
+                return !shop.inTransaction() || shop.transact("ROLLBACK");
             }};
 }
 
 Step add(int id, int version)
 {
     return {"addRecord", [row = good(id, nameOf(version))](auto& shop) {
-                return result(shop.product.addRecord(row));
+                return shop.product.addRecord(row);
             }};
 }
 
 Step update(int id, int version)
 {
     return {"updateRecord", [row = good(id, nameOf(version))](auto& shop) {
-                return result(shop.product.updateRecord(row));
+                return shop.product.updateRecord(row);
             }};
 }
 
 Step addOrUpdate(int id, int version)
 {
     return {"addOrUpdateRecord by integer", [id, row = good(id, nameOf(version))](auto& shop) {
-                return result(shop.product.addOrUpdateRecord(sql::integer(id), row));
+                return shop.product.addOrUpdateRecord(sql::integer(id), row);
             }};
 }
 
@@ -100,35 +100,35 @@ Step addOrUpdateByText(int id, int version)
 {
     return {"addOrUpdateRecord by text",
             [key = std::to_string(id), row = good(id, nameOf(version))](auto& shop) {
-                return result(shop.product.addOrUpdateRecord(key, row));
+                return shop.product.addOrUpdateRecord(key, row);
             }};
 }
 
 Step userVersion(unsigned int version)
 {
     return {"setUserVersion", [version](auto& shop) {
-                return result(shop.setUserVersion(version));
+                return shop.setUserVersion(version);
             }};
 }
 
 Step backup()
 {
     return {"backup", [](auto& shop) {
-                return result(shop.archive.backup(shop.product));
+                return shop.archive.backup(shop.product);
             }};
 }
 
 Step create()
 {
     return {"create", [](auto& shop) {
-                return result(shop.product.create());
+                return shop.product.create();
             }};
 }
 
 Step open()
 {
     return {"open", [](auto& shop) {
-                return result(shop.product.open());
+                return shop.product.open();
             }};
 }
 
@@ -143,7 +143,7 @@ Steps operator+(Steps first, const Steps& second)
 Step setting(const std::string& pragma)
 {
     return {pragma, [pragma](auto& shop) {
-                return result(shop.query(pragma));
+                return shop.query(pragma);
             }};
 }
 
@@ -165,11 +165,11 @@ Steps changing()
         addOrUpdateByText(21, 1),
         {"deleteRecord by integer",
          [](auto& shop) {
-             return result(shop.product.deleteRecord(sql::integer(5)));
+             return shop.product.deleteRecord(sql::integer(5));
          }},
         {"deleteRecord by text",
          [](auto& shop) {
-             return result(shop.product.deleteRecord(std::string("2")));
+             return shop.product.deleteRecord(std::string("2"));
          }},
         add(22, 1),
         begin(),
@@ -177,7 +177,7 @@ Steps changing()
         update(6, 3),
         {"deleteRecords",
          [](auto& shop) {
-             return result(shop.product.deleteRecords("id > 20"));
+             return shop.product.deleteRecords("id > 20");
          }},
         add(23, 8),
         commit(),
@@ -199,36 +199,36 @@ Steps reading()
     return {
         {"getUserVersion",
          [](auto& shop) {
-             return result(shop.getUserVersion());
+             return shop.getUserVersion();
          }},
         {"exists",
          [](auto& shop) {
-             return result(shop.product.exists());
+             return shop.product.exists();
          }},
         open(),
         {"open where price > 2 order by name desc",
          [](auto& shop) {
-             return result(shop.product.open("price > 2", "name desc, id"));
+             return shop.product.open("price > 2", "name desc, id");
          }},
         {"getRecordByKeyId by integer",
          [](auto& shop) {
-             return result(found(shop.product.getRecordByKeyId(sql::integer(6))));
+             return found(shop.product.getRecordByKeyId(sql::integer(6)));
          }},
         {"getRecordByKeyId by text",
          [](auto& shop) {
-             return result(found(shop.product.getRecordByKeyId(std::string("3"))));
+             return found(shop.product.getRecordByKeyId(std::string("3")));
          }},
         {"hasRecordWithKeyId by integer",
          [](auto& shop) {
-             return result(shop.product.hasRecordWithKeyId(sql::integer(4)));
+             return shop.product.hasRecordWithKeyId(sql::integer(4));
          }},
         {"hasRecordWithKeyId by text",
          [](auto& shop) {
-             return result(shop.product.hasRecordWithKeyId(std::string("77")));
+             return shop.product.hasRecordWithKeyId(std::string("77"));
          }},
         {"totalRecordCount",
          [](auto& shop) {
-             return result(shop.product.totalRecordCount());
+             return shop.product.totalRecordCount();
          }},
     };
 }
@@ -238,11 +238,11 @@ Steps removing()
     return {
         {"truncate",
          [](auto& shop) {
-             return result(shop.archive.truncate());
+             return shop.archive.truncate();
          }},
         {"remove",
          [](auto& shop) {
-             return result(shop.archive.remove());
+             return shop.archive.remove();
          }},
     };
 }
@@ -253,11 +253,11 @@ Steps wholeJob()
         open(),
         {"deleteRecords without a condition",
          [](auto& shop) {
-             return result(shop.archive.deleteRecords(""));
+             return shop.archive.deleteRecords("");
          }},
         {"copyRecords",
          [](auto& shop) {
-             return result(shop.archive.copyRecords(shop.product));
+             return shop.archive.copyRecords(shop.product);
          }},
     };
     return Steps{setting("pragma page_size = 512")} + filling(6) + changing()

@@ -60,14 +60,16 @@ public:
     TwinTable archive{*this, "archive", goods()};
 };
 
-// One operation, for the library and for its twin; what it gives is a text.
+// One operation, for the library and for its twin, and what it gives as a text.
 template <typename Library, typename Plain> struct Both {
     template <typename Generic> Both(Generic run) : Both("", run)
     {
     }
 
     template <typename Generic>
-    Both(std::string what, Generic run) : name(std::move(what)), library(run), plain(run)
+    Both(std::string what, Generic run)
+        : name(std::move(what)), library([run](Library& shop) { return result(run(shop)); }),
+          plain([run](Plain& shop) { return result(run(shop)); })
     {
     }
 

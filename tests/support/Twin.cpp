@@ -377,7 +377,8 @@ std::vector<TwinRow> rowsOf(sql::Table& table)
     for (int i = 0; i < table.recordCount(); ++i) {
         for (int j = 0; j < table.fields()->count(); ++j) {
             const sql::Value& cell = *table.getRecord(i)->getValue(j);
-            rows[i].push_back(cell.isNull() ? std::nullopt : std::make_optional(cell.toSql(sql::type_int)));
+            rows[i].push_back(cell.isNull() ? std::nullopt
+                                            : std::make_optional(cell.toSql(sql::type_int)));
         }
     }
     return rows;
@@ -513,6 +514,11 @@ sql::Record TwinTable::record(const TwinRow& row) const
 std::string result(bool success)
 {
     return success ? "true" : "false";
+}
+
+std::string result(const std::string& text)
+{
+    return text;
 }
 
 std::string result(int number)

@@ -144,6 +144,7 @@ std::vector<TwinRow> rowsOf(sql::Table& table);
 
 // What an operation gives, as a text that compares with what it gives on the twin.
 std::string result(bool success);
+std::string result(const std::string& text);
 std::string result(int number);
 std::string result(const sql::Record* record);
 std::string result(const std::optional<std::string>& record);
