@@ -24,14 +24,6 @@ inline std::string typeName(std::int32_t type, Events& events)
     return "undefined";
 }
 
-inline std::string quoted(const std::string& text)
-{
-    std::string quoted = "'";
-    for (const char byte : text)
-        quoted += byte == '\'' ? "''" : std::string(1, byte);
-    return quoted + "'";
-}
-
 inline time_t madeTime(sql::integer seconds, Events& events)
 {
     const time_t time = static_cast<time_t>(seconds);
@@ -120,7 +112,7 @@ struct Cell {
         if (isNull)
             return "null";
         if (asked == sql::type_text)
-            return quoted(asString(events));
+            return test::quoted(asString(events));
         return type == sql::type_time ? std::to_string(asInteger()) : asString(events);
     }
 

@@ -4,6 +4,7 @@
 // What all targets share: reading choices off an input, and saying which property does not hold.
 
 #include "Diagnostics.h"
+#include "HostileTexts.h"
 #include "SqlCommon.h"
 
 #include <gtest/gtest.h>
@@ -118,12 +119,6 @@ private:
     const std::uint8_t* _data;
     std::size_t _left;
 };
-
-// What a log line shows of a text: it ends at a zero byte.
-inline std::string shown(const std::string& text)
-{
-    return text.substr(0, text.find('\0'));
-}
 
 // Ends the program when the two differ, naming what was found out and both values.
 template <typename Actual, typename Expected>

@@ -21,10 +21,10 @@ using fuzz::Events;
 using fuzz::expectEqual;
 using fuzz::Input;
 using fuzz::Reports;
-using fuzz::shown;
 using sql::Field;
 using sql::FieldSet;
 using sql::Record;
+using test::shown;
 
 const char* const failed = "assert 'false'";
 

@@ -35,7 +35,7 @@ void tryQuoting(Input& input)
     static test::Connection db;
     const std::string text = input.text();
     const std::string quoted = sql::quoteStr(text);
-    expectEqual("the quoted text", "'" + quoted + "'", fuzz::quoted(text));
+    expectEqual("the quoted text", "'" + quoted + "'", test::quoted(text));
     if (text.find('\0') == std::string::npos)
         expectEqual("the text as SQLite reads it", db.rows("select '" + quoted + "'"), text);
 }
@@ -59,14 +59,14 @@ void tryTrimming(Input& input)
 
 void trySplitting(Input& input)
 {
-    const std::string delimiters = fuzz::shown(input.text());
+    const std::string delimiters = test::shown(input.text());
     const std::string list = input.text();
     std::vector<std::string> items = {"of before"};
     sql::listToVector(list, items, delimiters.c_str());
 
     std::vector<std::string> expected;
     std::string item;
-    for (const char byte : fuzz::shown(list) + delimiters.substr(0, 1)) {
+    for (const char byte : test::shown(list) + delimiters.substr(0, 1)) {
         if (delimiters.find(byte) == std::string::npos) {
             item += byte;
         } else if (!item.empty()) {

@@ -38,6 +38,7 @@ using sql::Table;
 using sql::Value;
 using test::held;
 using test::hostileTexts;
+using test::quoted;
 using test::result;
 using test::shown;
 using test::Texts;
@@ -67,15 +68,6 @@ testing::AssertionResult same(const Texts& given, const Texts& expected)
     if (given.size() == expected.size())
         return testing::AssertionSuccess();
     return testing::AssertionFailure() << given.size() << " instead of " << expected.size();
-}
-
-// What a text literal has to look like.
-std::string quoted(const std::string& text)
-{
-    std::string literal = "'";
-    for (const char byte : text)
-        literal += byte == '\'' ? "''" : std::string(1, byte);
-    return literal + "'";
 }
 
 std::string withoutBlanksAround(const std::string& text)

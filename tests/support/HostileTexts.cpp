@@ -244,4 +244,12 @@ std::string shown(const std::string& text)
     return text.substr(0, text.find('\0'));
 }
 
+std::string quoted(const std::string& text)
+{
+    std::string literal = "'";
+    for (const char byte : text)
+        literal += byte == '\'' ? "''" : std::string(1, byte);
+    return literal + "'";
+}
+
 } // namespace test

@@ -18,6 +18,9 @@ std::string printable(const std::string& text);
 // What a reader who stops at a zero byte sees of it.
 std::string shown(const std::string& text);
 
+// What a text literal has to look like.
+std::string quoted(const std::string& text);
+
 } // namespace test
 
 #endif

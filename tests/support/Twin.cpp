@@ -51,7 +51,7 @@ std::string literal(const sql::Value& value, sql::field_type type)
     if (value.isNull())
         return "null";
     if (type == sql::type_text)
-        return "'" + sql::quoteStr(value.asString()) + "'";
+        return quoted(value.asString());
     return value.getType() == sql::type_time ? std::to_string(value.asInteger()) : value.asString();
 }
 
@@ -66,7 +66,7 @@ std::string where(const std::string& condition)
     return condition.empty() ? "" : " where " + condition;
 }
 
-std::string quoted(const std::string& key)
+std::string inDoubleQuotes(const std::string& key)
 {
     return "\"" + key + "\"";
 }
@@ -394,7 +394,7 @@ Texts TwinTable::held() const
 
 std::optional<std::string> TwinTable::getRecordByKeyId(const std::string& key)
 {
-    return first(keyIs(quoted(key)));
+    return first(keyIs(inDoubleQuotes(key)));
 }
 
 std::optional<std::string> TwinTable::getRecordByKeyId(sql::integer key)
@@ -404,7 +404,7 @@ std::optional<std::string> TwinTable::getRecordByKeyId(sql::integer key)
 
 bool TwinTable::hasRecordWithKeyId(const std::string& key)
 {
-    return has(keyIs(quoted(key)));
+    return has(keyIs(inDoubleQuotes(key)));
 }
 
 bool TwinTable::hasRecordWithKeyId(sql::integer key)
@@ -455,7 +455,7 @@ bool TwinTable::addOrUpdate(bool found, const std::string& key, const sql::Recor
 
 bool TwinTable::deleteRecord(const std::string& key)
 {
-    return deleteRecords(keyIs(quoted(key)));
+    return deleteRecords(keyIs(inDoubleQuotes(key)));
 }
 
 bool TwinTable::deleteRecord(sql::integer key)
