@@ -2,10 +2,10 @@
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "HostileTexts.h"
-#include "Job.h"
 #include "PlainNumbers.h"
 #include "Reports.h"
 #include "Rows.h"
+#include "Shop.h"
 #include "Sqlite.h"
 #include "Twin.h"
 

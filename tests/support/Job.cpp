@@ -8,22 +8,6 @@
 #include <tuple>
 #include <utility>
 
-// Whether a file outlives a power cut is not asked here, and waiting for the disk takes most of the
-// time. Found before the C library's own.
-extern "C" {
-
-int fsync(int)
-{
-    return 0;
-}
-
-int fdatasync(int)
-{
-    return 0;
-}
-
-} // extern "C"
-
 namespace test {
 
 using testing::IsEmpty;
