@@ -110,6 +110,7 @@ static_assert(has<const Field* (FieldSet::*)(int) const>(&FieldSet::getByIndex),
 static_assert(has<const Field* (FieldSet::*)(const string&) const>(&FieldSet::getByName), "");
 static_assert(has<string (FieldSet::*)() const>(&FieldSet::getKeyIdName), "");
 static_assert(has<string (FieldSet::*)() const>(&FieldSet::getDefinition), "");
+static_assert(has<string (FieldSet::*)() const>(&FieldSet::toSql), "");
 static_assert(has<string (FieldSet::*)() const>(&FieldSet::dump), "");
 
 static_assert(!std::is_default_constructible<Value>::value, "");
@@ -168,6 +169,7 @@ static_assert(has<bool (Record::*)(const Record*, const string&) const>(&Record:
 static_assert(has<bool (Record::*)(const Record*) const>(&Record::equalsValues), "");
 static_assert(has<string (Record::*)() const>(&Record::toString), "");
 static_assert(has<string (Record::*)(bool) const>(&Record::dump), "");
+static_assert(has<string (Record::*)() const>(&Record::toSql), "");
 static_assert(has<string (Record::*)(const string&) const>(&Record::toSqlInsert), "");
 static_assert(has<string (Record::*)(const string&) const>(&Record::toSqlUpdate), "");
 

@@ -5,9 +5,11 @@
 #include "ProductTest.h"
 
 #include <gmock/gmock.h>
+#include <sqlite3.h>
 
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 // What a table writes: records and keys in full, within what the connection is doing.
@@ -39,6 +41,25 @@ TEST_F(TableWriteTest, RowOfTheTableItselfIsWrittenBack)
     EXPECT_TRUE(_table.updateRecord(*_table.getRecord(1)));
     EXPECT_EQ(products(_db), "1|tea|2.5\n2|NULL|4.5\n3|milk|1.25");
     EXPECT_THAT(held(_table), ElementsAre("1|tea|2.5", "2|null|4.5", "3|milk|1.25"));
+}
+
+// What a hook of SQLite's sees of a table while a row is written.
+void noteRowsHeld(void* note, int, const char*, const char*, sqlite3_int64)
+{
+    auto& [table, rows] = *static_cast<std::pair<Table*, std::vector<string>>*>(note);
+    rows = held(*table);
+}
+
+TEST_F(TableWriteTest, RowsHeldStayWhileAWriteRuns)
+{
+    _table.open("id = 1");
+    const Record* const row = _table.getTopRecord();
+    std::pair<Table*, std::vector<string>> note(&_table, {});
+    sqlite3_update_hook(_db, noteRowsHeld, &note);
+    EXPECT_TRUE(_table.deleteRecord(integer(2)));
+    sqlite3_update_hook(_db, nullptr, nullptr);
+    EXPECT_THAT(note.second, ElementsAre("1|tea|2.5"));
+    EXPECT_EQ(_table.getTopRecord(), row);
 }
 
 TEST_F(TableWriteTest, AllTypesAreWrittenAndReadBack)

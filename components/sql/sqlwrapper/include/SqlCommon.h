@@ -14,8 +14,8 @@ struct sqlite3;
 
 #pragma GCC visibility push(default)
 
-/// A small object layer over SQLite. Declare a table's columns once, then work with objects instead
-/// of SQL:
+/// A small object layer over SQLite. Declare a table's columns once, then work with Database, Table
+/// and Record instead of SQL. Free functions help with conditions and counts:
 ///
 ///     const sql::string name = sql::quoteStr("Captain's tea");
 ///     const int length = sql::queryNumber(
@@ -26,8 +26,8 @@ struct sqlite3;
 ///     std::printf("%s\n", items[1].c_str()); // rum
 ///
 /// An operation that fails returns false, null, -1 or an empty text and reports why to the system
-/// log; nothing throws but std::bad_alloc. Use a connection, and all that is built on it, in one
-/// thread at a time.
+/// log; nothing throws but std::bad_alloc. A row or field looked for by position and not there is
+/// no failure. Use a connection, and all that is built on it, in one thread at a time.
 namespace sql {
 
 typedef std::string string; ///< A text: bytes, which nothing checks to be UTF-8.
@@ -43,10 +43,12 @@ enum field_type : std::int32_t {
     type_undefined = 5 ///< stands for every other number
 };
 
-/// Returns "integer", "text", "float", "bool" or "time". Reports any other type as "undefined".
+/// Returns "integer", "text", "float", "bool" or "time". Reports any other type and returns
+/// "undefined".
 string type2Str(field_type type);
 
-/// Doubles every single quote. Put the result between single quotes to use any text in a condition.
+/// Doubles every single quote. Put the result between single quotes to use a text without zero
+/// bytes in a condition.
 string quoteStr(const string& text);
 
 string& trimleft(string& text);  ///< Removes the blanks at the start of `text`, and returns it.
@@ -54,8 +56,8 @@ string& trimright(string& text); ///< Removes the blanks at the end of `text`, a
 string& trim(string& text);      ///< Removes the blanks at both ends of `text`, and returns it.
 string trim(const string& text); ///< Returns a copy without the blanks at both ends.
 
-/// Splits `list` at every run of `delimiters` and stores the trimmed items in `out`. Uses strtok():
-/// call it neither beside another thread's strtok() nor inside a loop over strtok().
+/// Splits `list` at every run of `delimiters` and replaces `out` by the trimmed items. Uses
+/// strtok(): call it neither beside another thread's strtok() nor inside a loop over strtok().
 void listToVector(string list, std::vector<string>& out, const char* delimiters);
 
 string intToStr(int value);     ///< Returns the number in decimal digits, whatever the locale.
@@ -105,16 +107,16 @@ private:
     time_t _time;
 };
 
-/// Returns the name of an SQLite result code, a constant text; "unknown" for extended codes.
+/// Returns the name of an SQLite result code, a constant text; "unknown" for all others.
 const char* sqliteRc2Str(int rc);
 
-/// Runs a query and returns the number in the only column of its first row, narrowed to 32 bits.
-/// Returns -1 if the query fails, yields no row or several columns, or if the number is negative,
-/// and reports which.
+/// Runs the first statement of a text and returns the number in the only column of its first row,
+/// narrowed to 32 bits. Returns -1 if the query fails, yields no row or several columns, or if the
+/// number is negative, and reports which.
 int queryNumber(sqlite3* db, const string& stmt);
 
-/// Runs a statement that has to finish in one step. Returns false, and reports why, if it fails or
-/// yields a row.
+/// Runs the first statement of a text, which has to finish in one step. Returns false, and reports
+/// why, if it fails or yields a row.
 bool runOneStepSqlStmt(sqlite3* db, const string& stmt);
 
 } // namespace sql

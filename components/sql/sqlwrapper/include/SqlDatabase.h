@@ -37,8 +37,9 @@ public:
 
     /// Closes any open connection, then opens `fileName`. If that fails, the old connection stays
     /// closed. Each statement waits up to `busyTimeoutMs` milliseconds for other connections'
-    /// locks; the unnamed flag has no effect. Returns false, and reports why, if SQLite refuses the
-    /// file, the mode or the timeout; after a refused timeout the database is open all the same.
+    /// locks, for 0 and less not at all; the unnamed flag has no effect. Returns false, and reports
+    /// why, if SQLite refuses the file, the mode or the timeout; after a refused timeout the
+    /// database is open all the same.
     bool open(const string& fileName, AccessMode mode, bool, int busyTimeoutMs);
 
     /// Closes the connection, if there is one. If a statement of the caller's own is unfinished,

@@ -35,7 +35,7 @@ public:
 
     /// Appends copies of the fields up to the ending field, and numbers them from 0. Meant for an
     /// empty set: in any other, the numbers go to the fields at its start. Returns false, and
-    /// reports why, without a key column and, with an empty set, for a key column of a wrong type.
+    /// reports why, without a key column, and for one of a wrong type, which empties the set.
     bool initFieldSet(const Field* fields);
 
     int count() const; ///< Returns the number of columns.

@@ -53,8 +53,8 @@ public:
     void setNull(int index);          ///< Makes a cell null. Setters keep the cell's type.
     void setNull(const string& name); ///< Makes a cell null.
 
-    /// Stores a text. In a column that is not type_text it goes into statements without quotes:
-    /// never store text from outside there.
+    /// Stores a text. In a number column it goes into statements without quotes: never store text
+    /// from outside there.
     void setString(int index, const string& s);
     void setString(const string& name, const string& s); ///< Stores a text, as by position.
     void setInteger(int index, integer n);               ///< Stores an integer.

@@ -70,8 +70,12 @@ public:
 private:
     friend class Table; // writes beside the rows that it holds
 
-    // Does what query() does, in a set of its own.
+    // Does what query() does, but keeps the rows held and their result, and no new rows.
     SQLWRAPPER_LOCAL bool queryAside(const string& sql);
+
+    // Takes a row from SQLite: traces it, and perhaps keeps it.
+    SQLWRAPPER_LOCAL static int takeRow(RecordSet& set, bool keep, int columnCount, char** values,
+                                        char** columnNames);
 
     sqlite3* _db;
     std::int32_t _rc;

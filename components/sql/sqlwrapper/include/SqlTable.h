@@ -22,11 +22,13 @@ namespace sql {
 ///     for (int i = 0; i < products.recordCount(); ++i)
 ///         std::printf("%s\n", products.getRecord(i)->toString().c_str());
 ///
-/// Borrows the connection, owns columns and rows. Pointers to rows live until the next open(),
-/// query(), getRecordByKeyId(), create(), remove() or truncate(). One thread at a time.
+/// Borrows the connection, owns columns and rows. Pointers to rows end with the table, and with its
+/// next open(), query(), getRecordByKeyId(), create(), remove() or truncate(), or a backup() from
+/// it or into it. One thread at a time.
 ///
-/// Names, conditions, orders and keys go into SQL as they stand: put a text from outside between
-/// single quotes, through quoteStr(). An operation that fails reports why.
+/// Names, conditions, orders and keys go into SQL as they stand. Text from outside belongs into a
+/// condition alone, between single quotes and through quoteStr(). An operation that fails reports
+/// why.
 class Table {
 public:
     Table(const string& name); ///< Has neither connection nor columns until initTable().
@@ -91,7 +93,8 @@ public:
     bool updateRecord(const Record& record);
 
     /// Updates if a row with this key exists, otherwise adds, also if that cannot be found out. The
-    /// key only chooses: the record is written under its own.
+    /// key only chooses: the record is written under its own. Not for a transaction on a disk that
+    /// may be full.
     bool addOrUpdateRecord(string key, const Record& record);
     bool addOrUpdateRecord(integer key, const Record& record); ///< The same for an integer key.
 

@@ -7,8 +7,8 @@
 
 namespace sql {
 
-/// One cell: a text with a null mark and the type of its column. Conversions from and to the text
-/// never fail and do not depend on the locale.
+/// One cell: a text with a null mark and the type of its column. Conversions of numbers never fail
+/// and do not depend on the locale.
 ///
 ///     sql::Value price(sql::type_float);
 ///     std::printf("%s\n", price.toString().c_str()); // null

@@ -9,6 +9,29 @@
 
 namespace sql {
 
+namespace {
+
+// Runs a statement, whoever takes its rows, and reports as RecordSet::query() does.
+int run(sqlite3* db, const string& sql, sqlite3_callback callback, void* target)
+{
+    TRACE_DEBUG2_AS("query", "stmt='%s'", sql.c_str());
+
+    char* errorText = nullptr;
+    const int rc = sqlite3_exec(db, sql.c_str(), callback, target, &errorText);
+    if (rc == SQLITE_OK)
+        return rc;
+
+    TRACE_ERROR_AS("query", "Failed to run the SQL stmt '%s'", sql.c_str());
+    if (errorText != nullptr)
+        TRACE_ERROR_AS("query", "  rc=%d=%s: %s", rc, sqliteRc2Str(rc), errorText);
+    else
+        TRACE_ERROR_AS("query", "  rc=%d=%s", rc, sqliteRc2Str(rc));
+    sqlite3_free(errorText);
+    return rc;
+}
+
+} // namespace
+
 RecordSet::RecordSet() : RecordSet(nullptr)
 {
 }
@@ -50,30 +73,19 @@ bool RecordSet::query(const string& sql)
     close();
     if (!SQL_ASSERT(_db, "bool sql::RecordSet::query(const string&)"))
         return false;
-    TRACE_DEBUG2("stmt='%s'", sql.c_str());
-
-    char* errorText = nullptr;
-    _rc = sqlite3_exec(_db, sql.c_str(), on_next_record, this, &errorText);
-    if (isResultOk())
-        return true;
-
-    TRACE_ERROR("Failed to run the SQL stmt '%s'", sql.c_str());
-    if (errorText != nullptr)
-        TRACE_ERROR("  rc=%d=%s: %s", _rc, sqliteRc2Str(_rc), errorText);
-    else
-        TRACE_ERROR("  rc=%d=%s", _rc, sqliteRc2Str(_rc));
-    sqlite3_free(errorText);
-    return false;
+    _rc = run(_db, sql, on_next_record, this);
+    return isResultOk();
 }
 
-// Not by a second set: copying the columns would take longer than building most statements.
+// Not by a second set, which would copy the columns for each write.
 bool RecordSet::queryAside(const string& sql)
 {
-    std::vector<Record> held;
-    held.swap(_records);
-    const bool done = query(sql);
-    _records.swap(held);
-    return done;
+    if (!SQL_ASSERT(_db, "bool sql::RecordSet::query(const string&)"))
+        return false;
+    const auto trace = [](void* set, int columnCount, char** values, char** columnNames) {
+        return takeRow(*static_cast<RecordSet*>(set), false, columnCount, values, columnNames);
+    };
+    return run(_db, sql, trace, this) == SQLITE_OK;
 }
 
 bool RecordSet::isResultOk() const
@@ -122,9 +134,15 @@ string RecordSet::toString() const
     return lines;
 }
 
+int RecordSet::on_next_record(void* recordSet, int columnCount, char** values, char** columnNames)
+{
+    return takeRow(*static_cast<RecordSet*>(recordSet), true, columnCount, values, columnNames);
+}
+
 // Memory that runs out ends the statement, since SQLite's own frames cannot be unwound: they would
 // leak it.
-int RecordSet::on_next_record(void* recordSet, int columnCount, char** values, char** columnNames)
+int RecordSet::takeRow(RecordSet& set, bool keep, int columnCount, char** values,
+                       char** columnNames)
 #ifdef __cpp_exceptions
 try
 #endif
@@ -133,10 +151,10 @@ try
     if (values == nullptr && columnNames != nullptr)
         return 0;
 
-    RecordSet& set = *static_cast<RecordSet*>(recordSet);
     Record record(set._fields, values != nullptr ? columnCount : 0, values);
-    TRACE_DEBUG3("%s", record.dump(false).c_str());
-    set._records.push_back(std::move(record));
+    TRACE_DEBUG3_AS("on_next_record", "%s", record.dump(false).c_str());
+    if (keep)
+        set._records.push_back(std::move(record));
     return 0;
 }
 #ifdef __cpp_exceptions

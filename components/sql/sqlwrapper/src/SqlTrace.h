@@ -12,8 +12,8 @@ struct TraceObject {
 };
 extern TraceObject* g_traceObject;
 
-// Owned by libframework, with C linkage unless the device's has the other. It returns, and the caller
-// then takes its failure path.
+// Owned by libframework, with C linkage unless the device's has the other. It returns, and the
+// caller then takes its failure path.
 #ifndef SQLWRAPPER_FRAMEWORK_LINKAGE
 #define SQLWRAPPER_FRAMEWORK_LINKAGE "C"
 #endif
@@ -47,12 +47,16 @@ inline bool checked(bool holds, const char* text, const char* path, int line, co
 // The messages are an interface, byte for byte: log filters know their blanks and doubled words.
 #define TRACE_ERROR(text, ...) TRACE_ERROR_AS(__func__, text, ##__VA_ARGS__)
 #define TRACE_DEBUG1(text, ...) SQL_TRACE(6, LOG_DEBUG, "[DEBUG1]", __func__, text, ##__VA_ARGS__)
-#define TRACE_DEBUG2(text, ...) SQL_TRACE(7, LOG_DEBUG, "[DEBUG2]", __func__, text, ##__VA_ARGS__)
-#define TRACE_DEBUG3(text, ...) SQL_TRACE(8, LOG_DEBUG, "[DEBUG3]", __func__, text, ##__VA_ARGS__)
+#define TRACE_DEBUG2(text, ...) TRACE_DEBUG2_AS(__func__, text, ##__VA_ARGS__)
+#define TRACE_DEBUG3(text, ...) TRACE_DEBUG3_AS(__func__, text, ##__VA_ARGS__)
 
 // For a helper that reports for its callers: `operation` is the name of the one that called.
 #define TRACE_ERROR_AS(operation, text, ...)                                                       \
     SQL_TRACE(2, LOG_ERR, "[ERROR]", operation, text, ##__VA_ARGS__)
+#define TRACE_DEBUG2_AS(operation, text, ...)                                                      \
+    SQL_TRACE(7, LOG_DEBUG, "[DEBUG2]", operation, text, ##__VA_ARGS__)
+#define TRACE_DEBUG3_AS(operation, text, ...)                                                      \
+    SQL_TRACE(8, LOG_DEBUG, "[DEBUG3]", operation, text, ##__VA_ARGS__)
 
 #define SQL_TRACE(limit, priority, tag, operation, text, ...)                                      \
     do {                                                                                           \
