@@ -580,8 +580,8 @@ protected:
     }
 
 private:
-    // The user who may look into the folder for temporary files, whoever else may not, and who has no
-    // rights but those that files give.
+    // The user who may look into the folder for temporary files, whoever else may not, and who has
+    // no rights but those that files give.
     static bool becomeOwner()
     {
         struct stat folder = {};

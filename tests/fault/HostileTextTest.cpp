@@ -89,8 +89,8 @@ protected:
         _diagnostics.setLevel(GetParam());
     }
 
-    // Calls `check` for each text, with nothing captured yet. Where most lines are hidden a part of the
-    // texts will do.
+    // Calls `check` for each text, with nothing captured yet. Where most lines are hidden a part of
+    // the texts will do.
     void forEach(const std::function<void(const std::string&)>& check)
     {
         const std::size_t step = test::stride(GetParam() > 8 ? 1 : 8);
@@ -596,8 +596,10 @@ TEST_P(HostileRoundTripTest, RealsComeBackAsFarAsTheirTextHoldsThem)
 const char* const shop =
     "create table product (id integer primary key, name text, price real);"
     "create table vendor (code text primary key, name text);"
-    "insert into product values (1, 'tea', 2.5), (2, 'O''Brien', null), (7, '', 0), (-1, 'x', -1e300);"
-    "insert into vendor values ('tea', 'one'), ('7', 'two'), ('', 'three'), ('vendor', 'vendor'), ('%s', '%n');"
+    "insert into product values (1, 'tea', 2.5), (2, 'O''Brien', null), (7, '', 0),"
+    " (-1, 'x', -1e300);"
+    "insert into vendor values ('tea', 'one'), ('7', 'two'), ('', 'three'), ('vendor', 'vendor'),"
+    " ('%s', '%n');"
     "pragma user_version = 7";
 
 // All that a database holds, byte for byte.
@@ -871,8 +873,8 @@ TEST_P(HostileStatementTest, QueryForANumberAndOneStepStatementRunAsTheyStand)
     });
 }
 
-// Names of database files, in two directories with paths of the same length. They are deep enough for
-// a name that leads upwards.
+// Names of database files, in two directories with paths of the same length. They are deep enough
+// for a name that leads upwards.
 class HostileFileNameTest : public HostileTextTest {
 protected:
     HostileFileNameTest() : _library(deep("a")), _plain(deep("b"))

@@ -64,8 +64,8 @@ protected:
     {
     }
 
-    // Lets a program go on after so many changes, kills it a little after it has acknowledged some more
-    // and returns how many it has made for all that it has acknowledged.
+    // Lets a program go on after so many changes, kills it a little after it has acknowledged some
+    // more and returns how many it has made for all that it has acknowledged.
     int workAndKill(int made, int more, int microseconds)
     {
         int ends[2];

@@ -23,8 +23,11 @@ MANY = ("sql::Table many = {{handle = 0x?, columns = {{word text, n integer}}, "
         "records = sql::RecordSet of 1000 rows = {{{}...}}}}")
 ROWS = [f'{{word = "so", n = {n}}}' for n in range(1, 201)]
 EXPECTED = {
-    **{f"all::{name}": shown.replace("NOISE", NOISE) for name, shown in re.findall(
-        r"^(?:const )?sql::\w+&? (\w+)\b.*; *// (.*)$", SOURCE.read_text("utf-8"), re.MULTILINE)},
+    # What stands behind an object, or in the lines below it.
+    **{f"all::{name}": re.sub(r"\n// ", " ", shown).replace("NOISE", NOISE)
+       for name, shown in re.findall(
+           r"^(?:const )?sql::\w+&? (\w+)\b.*;\s+// (.*(?:\n// .*)*)$",
+           SOURCE.read_text("utf-8"), re.MULTILINE)},
     "-elements 3 -- all::text": '"Cap"...',
     "-elements 2 -- all::tea": '{id = 1, name = "te"......}',
     "-pretty -- all::two": """sql::RecordSet of 2 rows = {{

@@ -25,8 +25,8 @@ struct Assertion {
     std::string function;
 };
 
-// The trace object without a level, and none at all; and the levels at which something changes, with
-// those two.
+// The trace object without a level, and none at all; and the levels at which something changes,
+// with those two.
 const int without_level = -1000;
 const int without_trace_object = -1001;
 const int trace_levels[] = {0, 2, 3, 6, 7, 8, 9, without_level, without_trace_object};
@@ -83,8 +83,8 @@ private:
     std::function<void(const Assertion&)> _assertionReaction;
 };
 
-// Those of `events` that are reported at a trace level, which assertions always are, worded() for the
-// SQLite at hand.
+// Those of `events` that are reported at a trace level, which assertions always are, worded() for
+// the SQLite at hand.
 std::vector<std::string> visibleAt(int level, const std::vector<std::string>& events);
 
 } // namespace test

@@ -49,21 +49,21 @@ private:
     std::locale _former;
 };
 
-// Sets the locale that SQLWRAPPER_TEST_LOCALE names, if any, as C locale and as C++ global locale for
-// all tests of the program. Times keep their plain names: the language of weekdays has its own test.
+// Sets the locale that SQLWRAPPER_TEST_LOCALE names, if any, as C and as C++ global locale for all
+// tests of the program. Times keep their plain names: the language of weekdays has its own test.
 void setLocaleOfRun();
 
-// Whether tests that try many cases shall try all of them, which may take hours: SQLWRAPPER_TEST_LONG is
-// set. Otherwise they take a part that is the same in every run.
+// Whether tests that try many cases shall try all of them, which may take hours:
+// SQLWRAPPER_TEST_LONG is set. Otherwise they take a part that is the same in every run.
 bool longRun();
 
-// Whether a smaller part will do: in another locale and time zone, once all of the part was tried in the
-// usual ones; and where everything takes many times as long, ARM code in an emulator, and valgrind. Not so
-// in a long run.
+// Whether a smaller part will do: in another locale and time zone, once all of the part was tried
+// in the usual ones; and where everything takes many times as long, ARM code in an emulator, and
+// valgrind. Not so in a long run.
 bool briefRun();
 
-// How far apart the cases of a series are that a test tries: every `usual`th, a fifth of those in a brief
-// run, all of them in a long one.
+// How far apart the cases of a series are that a test tries: every `usual`th, a fifth of those in a
+// brief run, all of them in a long one.
 int stride(int usual);
 
 void writeFile(const std::string& path, const std::string& contents);

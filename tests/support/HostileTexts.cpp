@@ -63,9 +63,9 @@ const Texts zero_bytes = {
     whole("\0' or 1 --"), whole("null\0null"),
 };
 
-// In this order: bytes that only continue; the zero byte, a single quote and other characters, overlong;
-// cut short, before a quote too; surrogates; beyond the last code point; five and six bytes; byte order
-// marks; no characters; the replacement character; Latin-1.
+// In this order: bytes that only continue; the zero byte, a single quote and other characters,
+// overlong; cut short, before a quote too; surrogates; beyond the last code point; five and six
+// bytes; byte order marks; no characters; the replacement character; Latin-1.
 const Texts broken_utf8 = split(
     "\x80 ~ \xBF\xBF ~ a\x80z ~ \xC0\x80 ~ \xE0\x80\x80 ~ \xF0\x80\x80\x80 ~ \xC0\xA7 ~ "
     "\xE0\x80\xA7 ~ \xF0\x80\x80\xA7 ~ \xC0\xA2 ~ \xC1\xBF ~ \xE0\x9F\xBF ~ \xF0\x8F\xBF\xBF ~ "
@@ -75,9 +75,9 @@ const Texts broken_utf8 = split(
     "\xEF\xBB\xBFtea ~ tea\xEF\xBB\xBF ~ \xEF\xBF\xBE ~ \xEF\xBF\xBF ~ \xEF\xBF\xBD ~ caf\xE9 ~ "
     "\xFF\xFF\xFF\xFF");
 
-// In this order: letters, composed and not; tea and a cup of it; written from right to left; blanks and
-// line ends that are none to the C library; what looks like quotes, and like digits; the last code point;
-// letters whose case depends on the language.
+// In this order: letters, composed and not; tea and a cup of it; written from right to left; blanks
+// and line ends that are none to the C library; what looks like quotes, and like digits; the last
+// code point; letters whose case depends on the language.
 const Texts sound_utf8 = split(
     "caf\xC3\xA9 ~ cafe\xCC\x81 ~ \xE8\x8C\xB6 ~ \xF0\x9F\x8D\xB5 ~ "
     "\xE2\x80\xAE(aet)\xE2\x80\xAC ~ \xE2\x80\x8B ~ \xC2\xA0 ~ \xE3\x80\x80 ~ \xE2\x80\xA8 ~ "
@@ -163,8 +163,8 @@ a b ~ a  b ~ ../x ~ ../../../../etc/passwd ~ a/b ~ ./x ~ a/../b ~ /x ~ //x ~ x/ 
                             "a ",   " a ",  "a\n",  "\na",    "a\nb", "a\r\nb",      "a\tb",
                             "a\vb", "a\fb", "\x7F", "\b\b\b", "\r",   "a\rb"});
 
-// Bytes within a text, in a long run each, otherwise one of many that are alike; and those that are no
-// letters or digits on their own too.
+// Bytes within a text, in a long run each, otherwise one of many that are alike; and those that are
+// no letters or digits on their own too.
 void addBytes(Texts& texts)
 {
     for (int byte = 0; byte < 256; ++byte) {

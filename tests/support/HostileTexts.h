@@ -6,10 +6,10 @@
 
 namespace test {
 
-// Several hundred texts that somebody careless or malicious could hand to an application: quotes, zero
-// and control bytes, broken UTF-8, SQL, conversions of printf(), numbers at their limits, and texts of
-// up to a megabyte, or several in a long run. None twice. Run as statements they leave the file system
-// and the process's own settings alone and end soon.
+// Several hundred texts that somebody careless or malicious could hand to an application: quotes,
+// zero and control bytes, broken UTF-8, SQL, conversions of printf(), numbers at their limits, and
+// texts of up to a megabyte, or several in a long run. None twice. Run as statements they leave the
+// file system and the process's own settings alone and end soon.
 const std::vector<std::string>& hostileTexts();
 
 // The start of a text for a person to read: "a\x00b".

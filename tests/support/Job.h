@@ -43,9 +43,9 @@ struct Change {
 std::vector<Change> changesOf(const std::vector<Step>& steps);
 
 // The work of an application on one database file while something runs short, each operation tried
-// whatever became of those before it. It keeps account of all that the database may hold by what the
-// operations have answered and reported, told by plain SQLite; and fails the test where a result, a
-// report or the rows held cannot come from any of that, or, in the end, the file.
+// whatever became of those before it. It keeps account of all that the database may hold by what
+// the operations have answered and reported, told by plain SQLite; and fails the test where a
+// result, a report or the rows held cannot come from any of that, or, in the end, the file.
 class Job {
 public:
     // Called right before (true) and right after (false) every operation of the library: all else
@@ -126,7 +126,7 @@ protected:
     // `never` is an allocation that no job gets to.
     explicit ShortageTest(int never);
 
-    // A job on a new file, of which the n-th allocation fails, or all from it on. True when one did.
+    // A job on a new file of which the n-th allocation fails, or all from it on. True when one did.
     virtual bool work(int nth, bool lasts) = 0;
 
     // To be called after each operation, with the number of allocations so far.

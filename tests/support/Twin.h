@@ -32,7 +32,7 @@ struct Course {
 };
 
 // A connection with the same contents as the one the library works on. Plain SQLite runs on it the
-// statements that the library has to run, and so tells what the library has to give back and report.
+// statements that the library has to run, and so tells what the library has to return and report.
 class Twin {
 public:
     explicit Twin(sqlite3* db = nullptr);

@@ -5,8 +5,8 @@
 
 namespace test {
 
-// A text with a result or message of SQLite 3.40 in it, as the SQLite at hand reports the same: older
-// ones put some into other words, and know fewer extended result codes.
+// A text with a result or message of SQLite 3.40 in it, as the SQLite at hand reports the same:
+// older ones put some into other words, and know fewer extended result codes.
 std::string worded(const std::string& text);
 
 } // namespace test

@@ -247,7 +247,7 @@ TEST_F(TableSchemaTest, TotalRecordCountIsNotTheNumberOfRowsHeld)
     EXPECT_EQ(_table.totalRecordCount(), 3);
 }
 
-// The operations of SqlTableTest.cpp run on this name too; these need it where the table is missing.
+// The operations of SqlTableTest.cpp run on this name too; these need the table missing.
 TEST_F(TableSchemaTest, OddNameIsCreatedAsItStands)
 {
     _diagnostics.setLevel(3);

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-// What the library expects of SQLite, and no test of the library shows, asked of SQLite itself: a failure
-// here says that the library's texts and results change with the SQLite at hand, not that the library is
-// wrong.
+// What the library expects of SQLite, and no test of the library shows, asked of SQLite itself: a
+// failure here says that the library's texts and results change with the SQLite at hand, not that
+// the library is wrong.
 
 namespace {
 
