@@ -83,6 +83,16 @@ bool fill(sql::Table& products)
     return true;
 }
 
+// False when they cannot be counted.
+bool printCount(const sql::Table& products, const char* what)
+{
+    const int count = products.totalRecordCount();
+    if (count < 0)
+        return false;
+    std::printf("%d products %s\n", count, what);
+    return true;
+}
+
 int fail(const char* what)
 {
     std::fprintf(stderr, "backup: %s\n", what);
@@ -105,16 +115,11 @@ int main(int argc, char** argv)
     if (database.getUserVersion() < 0 || !products.create() || !fill(products))
         return fail("cannot write the database");
 
-    if (!backUp(file))
+    if (!backUp(file) || !printCount(products, "backed up"))
         return fail("cannot back up");
-    std::printf("%d products backed up\n", products.totalRecordCount());
-
-    if (!products.truncate())
+    if (!products.truncate() || !printCount(products, "left by mistake"))
         return fail("cannot empty the table");
-    std::printf("%d products left by mistake\n", products.totalRecordCount());
-
-    if (!copy(file + ".bak", file))
+    if (!copy(file + ".bak", file) || !printCount(products, "restored"))
         return fail("cannot restore");
-    std::printf("%d products restored\n", products.totalRecordCount());
     return 0;
 }

@@ -302,7 +302,7 @@ class BackupTest(Test):
         self.assertEqual(self.query("select count(*) from product"), [(6,)])
 
 
-class SyncTest(Test):
+class TracedTest(Test):
     def test_backup_is_on_the_disk_before_it_gets_its_name_and_so_is_the_name_then(self):
         (self.folder / "shop").mkdir()
         for file, folder in (("a.db", self.folder.name), ("shop/b.db", "shop")):
@@ -313,6 +313,14 @@ class SyncTest(Test):
                 around, = re.findall(r"^(.*)\nrename.*\n(.*)$", calls, re.MULTILINE)
                 self.assertEqual([re.sub(r"\d+<.*/(.*)>\) +", r"<\1>) ", call) for call in around],
                                  [f"fsync(<{os.path.basename(file)}.new>) = 0", f"fsync(<{folder}>) = 0"])
+
+    def test_rows_that_cannot_be_counted_are_told(self):
+        trace = [os.environ["STRACE"], "-o", "calls", "-e", "trace=pread64,rename"]
+        self.run_program("backup", "a.db", before=trace)
+        before, _ = self.bytes("calls").decode().split("rename(")
+        inject = f"inject=pread64:error=EIO:when={before.count('pread64(') + 1}+"
+        self.assert_fails("cannot back up", "backup", "b.db", before=[*trace, "-e", inject])
+        self.assertEqual(self.query("select count(*) from product", "b.db.bak"), [(3,)])
 
 
 class MemoryTest(Test):

@@ -132,7 +132,7 @@ class NeedsTest(ConfigureTestCase):
         listed = subprocess.run(["ctest", "--test-dir", self.build, "-N"], capture_output=True,
                                 text=True, check=True).stdout
         for name, there in (("SqlTableTest", True), ("Readme", True), ("Install", False), ("Gdb", False),
-                            ("Cookbook.SyncTest", False), ("Vendors.", False)):
+                            ("Cookbook.TracedTest", False), ("Vendors.", False)):
             self.assertEqual(f": {name}" in listed, there, name)
 
     def test_library_alone_needs_none_of_it(self):
