@@ -93,6 +93,17 @@ int main(int, char** argv)
 """
 
 
+# What the examples print that say nothing of it.
+UNSAID = {
+    "Time": ["60 s later: 00:00:59"],
+    "FieldSet": ["3 columns, key id", "name TEXT"],
+    "Record": ["Captain's tea", "insert into product (id, name, price) values "
+                                "(7, 'Captain''s tea', null)"],
+    "RecordSet": ["1|rum|null"],
+    "Table": ["1|rum|2.5"],
+}
+
+
 def headers_program():
     examples = documents.header_examples()
     functions = "".join(HEADER_EXAMPLE % example for example in examples.items())
@@ -146,7 +157,8 @@ class ReadmeProgram(unittest.TestCase):
 
     def run_program(self, folder, name="shop", *arguments):
         return subprocess.run([*EMULATOR, self.build / name, *arguments], cwd=folder,
-                              capture_output=True, text=True, check=False)
+                              env={**os.environ, "TZ": "UTC"}, capture_output=True, text=True,
+                              check=False)
 
     def output(self):
         return documents.blocks("README.md", "text")[0]
@@ -173,13 +185,13 @@ class ReadmeProgram(unittest.TestCase):
             done = self.run_program(folder, "fragments")
         self.assertEqual((done.stdout, done.stderr, done.returncode), ("", "", 3))
 
-    def test_examples_of_the_headers_print_what_their_comments_say(self):
+    def test_examples_of_the_headers_print_what_is_expected(self):
         for name, code in documents.header_examples().items():
             with self.subTest(name), tempfile.TemporaryDirectory() as folder:
                 done = self.run_program(folder, "headers", name)
-                printed = done.stdout.splitlines()
-                said = re.findall(r"printf\(.*\); *// (.*)", code) or printed
-                self.assertEqual((done.returncode, printed, done.stderr), (0, said, ""))
+                said = re.findall(r"printf\([^;]*\); *// (.*)", code) + UNSAID.get(name, [])
+                self.assertEqual((done.returncode, done.stdout.splitlines(), done.stderr),
+                                 (0, said, ""))
 
     def test_examples_of_the_headers_are_short(self):
         for name, code in documents.header_examples().items():
