@@ -267,11 +267,8 @@ TEST_P(HostileCellTest, TableNameIsReportedWhole)
     forEachName([&](const std::string& name) {
         EXPECT_EQ(Record(none).toSqlInsert(name), "");
         EXPECT_EQ(Record(none).toSqlUpdate(name), "");
-        expectEvents(
-            test::joined({report::noInsert("No fields to insert in table '" + shown(name) + "'"),
-                          report::noKeyName(),
-                          report::noUpdate("Failed to get name of PRIMARY KEY column for table "
-                                           + shown(name))}));
+        expectEvents(test::joined({report::noFieldsToInsert(shown(name)), report::noKeyName(),
+                                   report::noKeyNameToUpdate(shown(name))}));
     });
 }
 
@@ -282,17 +279,11 @@ TEST_P(HostileCellTest, UnknownColumnNameIsReportedWholeAndNothingIsSet)
             return;
         Record record(_fields);
         const Record& constant = record;
-        const std::string noValue = "No value for column with name '" + shown(name) + "'";
-        const std::string notFound = "Field/column '" + shown(name) + "' not found";
         EXPECT_EQ(record.getValue(name), nullptr);
         EXPECT_EQ(constant.getValue(name), nullptr);
         EXPECT_EQ(record.fieldByName(name), nullptr);
-        expectEvents(test::joined(
-            {report::failed("sql::Value* sql::Record::getValue(const string&)", noValue),
-             report::failed("const sql::Value* sql::Record::getValue(const string&) const",
-                            noValue),
-             report::failed("const sql::Field* sql::Record::fieldByName(const string&) const",
-                            notFound)}));
+        expectEvents(test::joined({report::noValueToChange(shown(name)),
+                                   report::noValue(shown(name)), report::noField(shown(name))}));
         _diagnostics.clear();
         record.setNull(name);
         record.setString(name, name);
@@ -301,7 +292,8 @@ TEST_P(HostileCellTest, UnknownColumnNameIsReportedWholeAndNothingIsSet)
         record.setBool(name, true);
         record.setTime(name, sql::Time(0));
         EXPECT_EQ(record.toString(), "null|null|null");
-        EXPECT_TRUE(same(_diagnostics.errors(), Texts(6, notFound)));
+        EXPECT_TRUE(
+            same(_diagnostics.errors(), Texts(6, test::errorsOf(report::noField(shown(name)))[0])));
         EXPECT_EQ(_diagnostics.assertions(), Texts(6, "false"));
     });
 }

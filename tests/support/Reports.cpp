@@ -195,6 +195,17 @@ Texts notOpened(const std::string& fileName, const std::string& reason)
          {error("Database::open", "Failed to open the database " + fileName + ": rc=" + reason)}});
 }
 
+std::string openedWithoutHandle(const std::string& fileName)
+{
+    return error("Database::open", "Failed to open the database " + fileName
+                                       + ": database handle returned by SQLite is 0");
+}
+
+std::string noBusyTimeout(const std::string& reason)
+{
+    return error("Database::open", "Failed to set the busy timeout: rc=" + reason);
+}
+
 std::string existenceQuery(const std::string& table)
 {
     return "select count(*) from sqlite_master where type = 'table' and name = '" + table + "'";
@@ -214,9 +225,12 @@ Texts absent(const std::string& table)
 
 Texts undetermined(const std::string& table, const std::string& reason)
 {
-    return joined(
-        {notPrepared(existenceQuery(table), reason),
-         {error("Table::exists", "Failed to determine if table '" + table + "' exists")}});
+    return joined({notPrepared(existenceQuery(table), reason), {undetermined(table)}});
+}
+
+std::string undetermined(const std::string& table)
+{
+    return error("Table::exists", "Failed to determine if table '" + table + "' exists");
 }
 
 Texts noKeyName()
@@ -228,6 +242,64 @@ Texts noKeyName()
 Texts noKeyName(const std::string& signature)
 {
     return joined({noKeyName(), failed(signature, "Failed to get name of PRIMARY KEY column")});
+}
+
+Texts noKeyNameToUpdate(const std::string& table)
+{
+    return noUpdate("Failed to get name of PRIMARY KEY column for table " + table);
+}
+
+Texts noValue(int index)
+{
+    return failed("const sql::Value* sql::Record::getValue(int) const",
+                  "No value for column with index " + std::to_string(index));
+}
+
+Texts noValue(const std::string& name)
+{
+    return failed("const sql::Value* sql::Record::getValue(const string&) const",
+                  "No value for column with name '" + name + "'");
+}
+
+Texts noValueToChange(int index)
+{
+    return failed("sql::Value* sql::Record::getValue(int)",
+                  "No value for column with index " + std::to_string(index));
+}
+
+Texts noValueToChange(const std::string& name)
+{
+    return failed("sql::Value* sql::Record::getValue(const string&)",
+                  "No value for column with name '" + name + "'");
+}
+
+Texts noValueToList(int index)
+{
+    return failed("sql::string sql::Record::toSql() const",
+                  "field with index " + std::to_string(index) + " does not have value");
+}
+
+Texts noValueToUpdate(int index, const std::string& name, const std::string& table)
+{
+    return noUpdate("No value for column with index=" + std::to_string(index) + " (and name=" + name
+                    + ") of table " + table);
+}
+
+Texts noField(const std::string& name)
+{
+    return failed("const sql::Field* sql::Record::fieldByName(const string&) const",
+                  "Field/column '" + name + "' not found");
+}
+
+Texts noKeyValue()
+{
+    return failed("const sql::Value* sql::Record::getKeyIdValue() const",
+                  "No PRIMARY KEY column found");
+}
+
+Texts noKeyValueToUpdate(const std::string& table)
+{
+    return noUpdate("No PRIMARY KEY column found for table " + table);
 }
 
 Texts wrongKeyType(const std::string& field, const std::string& type)
@@ -258,6 +330,16 @@ Texts notCreated(const std::string& table)
 Texts noInsert(const std::string& why)
 {
     return failed("sql::string sql::Record::toSqlInsert(const string&) const", why);
+}
+
+Texts noFieldsToInsert(const std::string& table)
+{
+    return noInsert("No fields to insert in table '" + table + "'");
+}
+
+Texts noValuesToInsert(const std::string& table)
+{
+    return noInsert("No values to insert in table '" + table + "'");
 }
 
 Texts noUpdate(const std::string& why)

@@ -54,16 +54,33 @@ std::string timeMade(const std::string& seconds, const std::string& calendarText
 // Database::open()
 Texts opening(const std::string& fileName);
 Texts notOpened(const std::string& fileName, const std::string& reason);
+std::string openedWithoutHandle(const std::string& fileName);
+std::string noBusyTimeout(const std::string& reason);
 
 // Table::exists(), its statement included
 std::string existenceQuery(const std::string& table);
 Texts present(const std::string& table);
 Texts absent(const std::string& table);
 Texts undetermined(const std::string& table, const std::string& reason);
+std::string undetermined(const std::string& table); // the last line alone
 
-// Without a key column: the columns alone, and an operation that needs one.
+// Without a key column: the columns alone, and an operation that needs one; what an UPDATE adds.
 Texts noKeyName();
 Texts noKeyName(const std::string& signature);
+Texts noKeyNameToUpdate(const std::string& table);
+
+// A record without a cell for a column, asked by getValue() as a constant or to be changed.
+Texts noValue(int index);
+Texts noValue(const std::string& name);
+Texts noValueToChange(int index);
+Texts noValueToChange(const std::string& name);
+Texts noValueToList(int index); // what Record::toSql() adds
+Texts noValueToUpdate(int index, const std::string& name, const std::string& table);
+Texts noField(const std::string& name); // Record::fieldByName()
+
+// The same for the key, and what an UPDATE adds.
+Texts noKeyValue();
+Texts noKeyValueToUpdate(const std::string& table);
 
 // Columns and records of which no statement can be built; `why` is that of the record.
 Texts wrongKeyType(const std::string& field, const std::string& type);
@@ -71,6 +88,8 @@ std::string badColumns();
 Texts noDefinition(const std::string& table);
 Texts notCreated(const std::string& table); // noDefinition() and what create() says to it
 Texts noInsert(const std::string& why);
+Texts noFieldsToInsert(const std::string& table);
+Texts noValuesToInsert(const std::string& table);
 Texts noUpdate(const std::string& why);
 Texts notAdded(const std::string& table, const Texts& noInsert);
 Texts notUpdated(const std::string& table, const Texts& noUpdate);

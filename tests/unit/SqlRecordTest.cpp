@@ -29,6 +29,12 @@ using sql::Value;
 using test::cells;
 using test::joined;
 using test::Texts;
+using test::report::noField;
+using test::report::noKeyValue;
+using test::report::noValue;
+using test::report::noValueToChange;
+using test::report::noValueToList;
+using test::report::noValueToUpdate;
 using testing::ElementsAre;
 using testing::ValuesIn;
 
@@ -37,36 +43,6 @@ static_assert(!std::is_default_constructible<Record>::value, "every record has i
 
 // --- What is reported
 
-Texts noIndex(int index)
-{
-    return report::failed("sql::Value* sql::Record::getValue(int)",
-                          "No value for column with index " + std::to_string(index));
-}
-
-Texts noIndexConst(int index)
-{
-    return report::failed("const sql::Value* sql::Record::getValue(int) const",
-                          "No value for column with index " + std::to_string(index));
-}
-
-Texts noName(const std::string& name)
-{
-    return report::failed("sql::Value* sql::Record::getValue(const string&)",
-                          "No value for column with name '" + name + "'");
-}
-
-Texts noNameConst(const std::string& name)
-{
-    return report::failed("const sql::Value* sql::Record::getValue(const string&) const",
-                          "No value for column with name '" + name + "'");
-}
-
-Texts noField(const std::string& name)
-{
-    return report::failed("const sql::Field* sql::Record::fieldByName(const string&) const",
-                          "Field/column '" + name + "' not found");
-}
-
 Texts outOfRange(const std::string& index, int count)
 {
     return report::failed("bool sql::Record::initColumnValue(int, const char*, sql::field_type)",
@@ -74,8 +50,6 @@ Texts outOfRange(const std::string& index, int count)
                               + std::to_string(count) + "[");
 }
 
-const Texts no_key = report::failed("const sql::Value* sql::Record::getKeyIdValue() const",
-                                    "No PRIMARY KEY column found");
 const Texts key_is_no_integer = {report::keyIsNoInteger()};
 
 // --- Columns: those of an array have positions, those of a vector have none
@@ -347,17 +321,17 @@ TEST_P(RecordSetterTest, ReportsWhatHasNoCellAndChangesNothing)
 {
     Record record = tea();
     GetParam().byPosition(record, -1);
-    expectTea(record, noIndex(-1));
+    expectTea(record, noValueToChange(-1));
     GetParam().byPosition(record, 3);
-    expectTea(record, noIndex(3));
+    expectTea(record, noValueToChange(3));
     GetParam().byName(record, "no_such_column");
     expectTea(record, noField("no_such_column"));
     _fields = unplaced_products.make();
     GetParam().byName(record, "name");
-    expectTea(record, noIndex(-1));
+    expectTea(record, noValueToChange(-1));
     _fields = all_types.make();
     GetParam().byName(record, "at");
-    expectReport(noIndex(4));
+    expectReport(noValueToChange(4));
 }
 
 const Time day(86400);
@@ -466,11 +440,11 @@ const Comparison comparisons[] = {
     {"ColumnByTheTypeOfThisTextCell", products, fillSeven, products, fillIntegerCell, "name",
      false},
     {"ColumnThatBothLackIsReportedOnce", products, fillTea, products, fillTea, "no_such_column",
-     false, noNameConst("no_such_column")},
+     false, noValue("no_such_column")},
     {"ColumnThatTheOtherLacks", products, fillTea, key_alone, fillNothing, "name", false,
-     noNameConst("name")},
+     noValue("name")},
     {"ColumnThatThisLacksIsReportedBeforeTheOtherIsLookedAt", unplaced_products, fillNothing,
-     key_alone, fillNothing, "name", false, noIndexConst(-1)},
+     key_alone, fillNothing, "name", false, noValue(-1)},
     {"ColumnOfDifferentTimesIsEqualDeliberately", all_types, fillTime<1>, all_types, fillTime<2>,
      "at", true, time_conversions},
 
@@ -518,11 +492,11 @@ const Comparison comparisons[] = {
      },
      nullptr, true},
     {"ColumnsThatTheOtherLacksCountAsEqual", products, fillTea, key_alone, fillNothing, nullptr,
-     true, joined({noNameConst("name"), noNameConst("price")})},
+     true, joined({noValue("name"), noValue("price")})},
     {"ColumnsThatThisLacksAreReportedOnceAndCountAsEqual", unplaced_products, fillNothing,
-     key_alone, fillNothing, nullptr, true, joined({noIndexConst(-1), noIndexConst(-1)})},
+     key_alone, fillNothing, nullptr, true, joined({noValue(-1), noValue(-1)})},
     {"GoesOnBehindALackingColumn", products, fillTea, price_alone, fillPrice, nullptr, false,
-     noNameConst("name")},
+     noValue("name")},
     {"EndsAtTheFirstDifference", products, fillTea, text_key,
      [](Record& record) { record.setString("name", "coffee"); }, nullptr, false},
     {"SecondOfTwoColumnsOfOneNameIsNotComparedDeliberately", one_name_twice,
@@ -850,7 +824,7 @@ TEST_F(RecordTest, InsertOfAnEmptyIntegerAloneIsReportedByTheTableAlone)
     Record record(fields);
     record.setString("id", "");
     EXPECT_EQ(record.toSqlInsert("product"), "");
-    expectReport(report::noInsert("No values to insert in table 'product'"));
+    expectReport(report::noValuesToInsert("product"));
 }
 
 TEST_F(RecordTest, InsertWorksWithoutAKeyColumn)
@@ -894,10 +868,8 @@ TEST_F(RecordTest, NamelessKeyAloneMakesNoStatement)
     _diagnostics.clear();
     EXPECT_EQ(record.toSqlInsert("product"), "");
     EXPECT_EQ(record.toSqlUpdate("product"), "");
-    EXPECT_EQ(
-        _diagnostics.take(),
-        joined({report::noInsert("No fields to insert in table 'product'"),
-                report::noUpdate("Failed to get name of PRIMARY KEY column for table product")}));
+    EXPECT_EQ(_diagnostics.take(),
+              joined({report::noFieldsToInsert("product"), report::noKeyNameToUpdate("product")}));
 }
 
 // --- Failures, each told by what came back
@@ -1017,36 +989,35 @@ const Failure lookup_failures[] = {
     {"InitColumnValueOfAColumnWithoutACell", products, all_types, initialised(3), "false",
      outOfRange("3", 3)},
 
-    {"ValueAtMinusOne", products, products, got(-1), "null", noIndex(-1)},
-    {"ValueBehindTheLast", products, products, got(3), "null", noIndex(3)},
-    {"ValueAtTheLowestIndex", products, products, got(INT_MIN), "null", noIndex(INT_MIN)},
-    {"ValueAtTheHighestIndex", products, products, got(INT_MAX), "null", noIndex(INT_MAX)},
-    {"ValueWithoutCells", no_columns, no_columns, got(0), "null", noIndex(0)},
-    {"ConstValueAtMinusOne", products, products, gotConst(-1), "null", noIndexConst(-1)},
-    {"ConstValueBehindTheLast", products, products, gotConst(3), "null", noIndexConst(3)},
+    {"ValueAtMinusOne", products, products, got(-1), "null", noValueToChange(-1)},
+    {"ValueBehindTheLast", products, products, got(3), "null", noValueToChange(3)},
+    {"ValueAtTheLowestIndex", products, products, got(INT_MIN), "null", noValueToChange(INT_MIN)},
+    {"ValueAtTheHighestIndex", products, products, got(INT_MAX), "null", noValueToChange(INT_MAX)},
+    {"ValueWithoutCells", no_columns, no_columns, got(0), "null", noValueToChange(0)},
+    {"ConstValueAtMinusOne", products, products, gotConst(-1), "null", noValue(-1)},
+    {"ConstValueBehindTheLast", products, products, gotConst(3), "null", noValue(3)},
 
     {"ValueOfAnUnknownName", products, products, got("no_such_column"), "null",
-     noName("no_such_column")},
-    {"ValueOfANameInAnotherCase", products, products, got("Name"), "null", noName("Name")},
-    {"ValueOfANameWithABlank", products, products, got("name "), "null", noName("name ")},
-    {"ValueOfAnEmptyName", products, products, got(""), "null", noName("")},
+     noValueToChange("no_such_column")},
+    {"ValueOfANameInAnotherCase", products, products, got("Name"), "null", noValueToChange("Name")},
+    {"ValueOfANameWithABlank", products, products, got("name "), "null", noValueToChange("name ")},
+    {"ValueOfAnEmptyName", products, products, got(""), "null", noValueToChange("")},
     {"ConstValueOfAnUnknownName", products, products, gotConst("no_such_column"), "null",
-     noNameConst("no_such_column")},
-    {"ConstValueOfAnEmptyName", products, products, gotConst(""), "null", noNameConst("")},
+     noValue("no_such_column")},
+    {"ConstValueOfAnEmptyName", products, products, gotConst(""), "null", noValue("")},
     {"ValueOfAColumnWithoutAPosition", unplaced_products, unplaced_products, got("name"), "null",
-     noIndex(-1)},
+     noValueToChange(-1)},
     {"ConstValueOfAColumnWithoutAPosition", unplaced_products, unplaced_products, gotConst("name"),
-     "null", noIndexConst(-1)},
-    {"ValueOfAColumnWithoutACell", products, all_types, got("sold"), "null", noIndex(3)},
-    {"ConstValueOfAColumnWithoutACell", products, all_types, gotConst("at"), "null",
-     noIndexConst(4)},
-    {"ValueOfACellWithoutAColumn", products, key_alone, got("name"), "null", noName("name")},
+     "null", noValue(-1)},
+    {"ValueOfAColumnWithoutACell", products, all_types, got("sold"), "null", noValueToChange(3)},
+    {"ConstValueOfAColumnWithoutACell", products, all_types, gotConst("at"), "null", noValue(4)},
+    {"ValueOfACellWithoutAColumn", products, key_alone, got("name"), "null",
+     noValueToChange("name")},
 
-    {"KeyWithoutAKeyColumn", without_key, without_key, got_key, "null", no_key},
-    {"KeyWithoutColumns", no_columns, no_columns, got_key, "null", no_key},
-    {"KeyWithoutAPosition", unplaced_products, unplaced_products, got_key, "null",
-     noIndexConst(-1)},
-    {"KeyWithoutACell", without_key, key_last, got_key, "null", noIndexConst(2)},
+    {"KeyWithoutAKeyColumn", without_key, without_key, got_key, "null", noKeyValue()},
+    {"KeyWithoutColumns", no_columns, no_columns, got_key, "null", noKeyValue()},
+    {"KeyWithoutAPosition", unplaced_products, unplaced_products, got_key, "null", noValue(-1)},
+    {"KeyWithoutACell", without_key, key_last, got_key, "null", noValue(2)},
 
     {"FieldOfAnUnknownName", products, products, gotField("no_such_column"), "null",
      noField("no_such_column")},
@@ -1054,31 +1025,17 @@ const Failure lookup_failures[] = {
     {"FieldOfAnEmptyName", products, products, gotField(""), "null", noField("")},
 };
 
-Texts noValue(int position)
-{
-    return report::failed("sql::string sql::Record::toSql() const",
-                          "field with index " + std::to_string(position) + " does not have value");
-}
-
-Texts noAssignment(int position, const std::string& column)
-{
-    return report::noUpdate("No value for column with index=" + std::to_string(position)
-                            + " (and name=" + column + ") of table product");
-}
-
-const Texts no_values = report::noInsert("No values to insert in table 'product'");
-const Texts no_fields = report::noInsert("No fields to insert in table 'product'");
-const Texts no_key_name = joined(
-    {report::noKeyName(),
-     report::noUpdate("Failed to get name of PRIMARY KEY column for table product")});
-const Texts no_key_value = report::noUpdate("No PRIMARY KEY column found for table product");
+const Texts no_values = report::noValuesToInsert("product");
+const Texts no_fields = report::noFieldsToInsert("product");
+const Texts no_key_name = joined({report::noKeyName(), report::noKeyNameToUpdate("product")});
+const Texts no_key_value = report::noKeyValueToUpdate("product");
 const char none[] = "no statement";
 
 const Failure statement_failures[] = {
     {"ValueListOfAColumnWithoutACell", products, all_types, listed, none,
-     joined({noIndexConst(3), noValue(3)})},
+     joined({noValue(3), noValueToList(3)})},
     {"ValueListOfColumnsWithoutPositions", unplaced_products, unplaced_products, listed, none,
-     joined({noIndexConst(-1), noValue(0)})},
+     joined({noValue(-1), noValueToList(0)})},
 
     {"InsertWithoutATableName", products, products, inserted_nowhere, none,
      report::noInsert("No table name given")},
@@ -1086,26 +1043,26 @@ const Failure statement_failures[] = {
      report::noInsert("No table name given")},
     {"InsertWithoutColumns", no_columns, no_columns, inserted, none, no_fields},
     {"InsertOfAColumnWithoutACell", products, all_types, inserted, none,
-     joined({noIndexConst(3), noValue(3), no_values})},
+     joined({noValue(3), noValueToList(3), no_values})},
     {"InsertOfColumnsWithoutPositions", unplaced_products, unplaced_products, inserted, none,
-     joined({noIndexConst(-1), noValue(0), no_values})},
+     joined({noValue(-1), noValueToList(0), no_values})},
 
     {"UpdateWithoutATableName", products, products, updated_nowhere, none,
      report::noUpdate("No table name given")},
     {"UpdateWithoutATableNameAndWithoutAKey", without_key, without_key, updated_nowhere, none,
      report::noUpdate("No table name given")},
     {"UpdateOfAColumnWithoutACell", products, all_types, updated, none,
-     joined({noIndexConst(3), noAssignment(3, "sold")})},
+     joined({noValue(3), noValueToUpdate(3, "sold", "product")})},
     {"UpdateOfColumnsWithoutPositions", unplaced_products, unplaced_products, updated, none,
-     joined({noIndexConst(-1), noAssignment(1, "name")})},
+     joined({noValue(-1), noValueToUpdate(1, "name", "product")})},
     {"UpdateOfAColumnWithoutACellAndWithoutAKey", key_alone, without_key, updated, none,
-     joined({noIndexConst(1), noAssignment(1, "price")})},
+     joined({noValue(1), noValueToUpdate(1, "price", "product")})},
     {"UpdateWithoutAKeyColumn", without_key, without_key, updated, none, no_key_name},
     {"UpdateWithoutColumns", no_columns, no_columns, updated, none, no_key_name},
     {"UpdateWithAKeyWithoutAPosition", unplaced_key_alone, unplaced_key_alone, updated, none,
-     joined({noIndexConst(-1), no_key_value})},
+     joined({noValue(-1), no_key_value})},
     {"UpdateWithAKeyWithoutACell", without_key, key_last, updated, none,
-     joined({noIndexConst(2), no_key_value})},
+     joined({noValue(2), no_key_value})},
 };
 
 INSTANTIATE_TEST_SUITE_P(Lookup, RecordFailureTest, ValuesIn(lookup_failures), test::NameOfCase());
