@@ -70,7 +70,7 @@ string intToStr(integer value); ///< Returns the number in decimal digits, whate
 ///     sql::Time end = start;
 ///     end.addMinutes(1);
 ///     std::printf("%.0f s later: %s\n", end.diff(start),
-///                 end.asTimeString().c_str());
+///                 end.asTimeString().c_str()); // 60 s later: 00:00:59
 ///
 /// A plain value. Texts are in local time, after the process's TZ and locale.
 class Time {

@@ -15,9 +15,9 @@ namespace sql {
 ///
 ///     const sql::FieldSet fields(columns);
 ///     std::printf("%d columns, key %s\n", fields.count(),
-///                 fields.getKeyIdName().c_str());
+///                 fields.getKeyIdName().c_str()); // 3 columns, key id
 ///     if (const sql::Field* const name = fields.getByName("name"))
-///         std::printf("%s\n", name->getDefinition().c_str());
+///         std::printf("%s\n", name->getDefinition().c_str()); // name TEXT
 ///
 /// Owns copies of the fields. Records borrow the set: keep it, unchanged, for as long as they live.
 /// Pointers to fields live until the set is assigned to, extended or destroyed.
