@@ -36,10 +36,11 @@ Texts split(const std::string& list, Texts others = {})
     for (std::string line; std::getline(lines, line);) {
         line += " ~ ";
         std::size_t start = 0;
-        for (std::size_t end; (end = line.find(" ~ ", start)) != std::string::npos;
-             start = end + 3) {
+        for (std::size_t end = line.find(" ~ "); end != std::string::npos;
+             end = line.find(" ~ ", start)) {
             if (end > start)
                 texts.push_back(line.substr(start, end - start));
+            start = end + 3;
         }
     }
     return texts;

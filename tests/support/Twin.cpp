@@ -249,7 +249,7 @@ bool Twin::isRefused(Route route, const std::string& statement)
         queryRefusals, numberRefusals, stepRefusals};
     if (_errors + 2 > _course.errors.size())
         return false;
-    const Texts next(_course.errors.begin() + _errors, _course.errors.begin() + _errors + 2);
+    const Texts next = {_course.errors[_errors], _course.errors[_errors + 1]};
     bool found = false;
     for (const std::string& reason : _course.reasons) {
         if (route != by_query && reason.find(':') == std::string::npos)

@@ -7,7 +7,7 @@ namespace sql {
 namespace {
 
 // Most names need no more, with what stands between two: no copies while the list grows.
-constexpr int usual_name_size = 16;
+constexpr string::size_type usual_name_size = 16;
 
 bool canBeKey(field_type type)
 {
@@ -118,7 +118,7 @@ string FieldSet::getDefinition() const
 string FieldSet::toSql() const
 {
     string names;
-    names.reserve(usual_name_size * count());
+    names.reserve(usual_name_size * _fields.size());
     for (int i = 0; i < count(); ++i) {
         const Field* const field = fieldAt(*this, i, __func__,
                                            "sql::string sql::FieldSet::toSql() const");

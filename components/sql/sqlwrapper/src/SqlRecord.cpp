@@ -10,7 +10,7 @@ namespace sql {
 namespace {
 
 // Most literals need no more, with what stands between two: no copies while the list grows.
-constexpr int usual_literal_size = 16;
+constexpr string::size_type usual_literal_size = 16;
 
 // Whether there is such a cell; reported as getValue() does otherwise.
 bool hasCell(int index, int count, const char* signature)
@@ -301,7 +301,7 @@ string Record::toSql() const
 {
     string literals;
     const int count = _fields->count();
-    literals.reserve(usual_literal_size * count);
+    literals.reserve(usual_literal_size * _values.size());
     for (int i = 0; i < count; ++i) {
         const Field* const field = _fields->getByIndex(i);
         if (field == nullptr) {
