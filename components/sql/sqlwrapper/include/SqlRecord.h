@@ -18,8 +18,8 @@ namespace sql {
 ///     tea.setInteger("id", 7);
 ///     tea.setString("name", "Captain's tea");
 ///     if (const sql::Value* const name = tea.getValue("name"))
-///         std::printf("%s\n", name->asString().c_str()); // Captain's tea
-///     std::printf("%s\n", tea.toSql().c_str()); // 7, 'Captain''s tea', null
+///         std::puts(name->asString().c_str()); // Captain's tea
+///     std::puts(tea.toSql().c_str()); // 7, 'Captain''s tea', null
 ///
 /// Owns its cells and borrows the FieldSet, which must outlive the record and its copies,
 /// unchanged: never build a record on a temporary FieldSet. Pointers to cells live until the record
