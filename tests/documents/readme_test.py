@@ -182,7 +182,7 @@ class ReadmeProgram(unittest.TestCase):
         for name, code in documents.header_examples().items():
             with self.subTest(name), tempfile.TemporaryDirectory() as folder:
                 done = self.run_program(folder, "headers", name)
-                said = re.findall(r"printf\([^;]*\); *// (.*)", code) + ROWS.get(name, [])
+                said = re.findall(r"(?:printf|puts)\([^;]*\); *// (.*)", code) + ROWS.get(name, [])
                 self.assertEqual((done.returncode, done.stdout.splitlines(), done.stderr),
                                  (0, said, ""))
 
