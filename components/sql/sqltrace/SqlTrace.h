@@ -1,7 +1,7 @@
-#ifndef SQLWRAPPER_SRC_SQLTRACE_H
-#define SQLWRAPPER_SRC_SQLTRACE_H
+#ifndef SQLTRACE_SQLTRACE_H
+#define SQLTRACE_SQLTRACE_H
 
-// How the library reports: one system log line per event, behind the trace level of the device's
+// How the libraries report: one system log line per event, behind the trace level of the device's
 // trace library, and broken preconditions through the device's assertion reporter.
 
 #include <syslog.h>
@@ -46,13 +46,15 @@ inline bool checked(bool holds, const char* text, const char* path, int line, co
 
 // The messages are an interface, byte for byte: log filters know their blanks and doubled words.
 #define TRACE_ERROR(text, ...) TRACE_ERROR_AS(__func__, text, ##__VA_ARGS__)
-#define TRACE_DEBUG1(text, ...) SQL_TRACE(6, LOG_DEBUG, "[DEBUG1]", __func__, text, ##__VA_ARGS__)
+#define TRACE_DEBUG1(text, ...) TRACE_DEBUG1_AS(__func__, text, ##__VA_ARGS__)
 #define TRACE_DEBUG2(text, ...) TRACE_DEBUG2_AS(__func__, text, ##__VA_ARGS__)
 #define TRACE_DEBUG3(text, ...) TRACE_DEBUG3_AS(__func__, text, ##__VA_ARGS__)
 
 // For a helper that reports for its callers: `operation` is the name of the one that called.
 #define TRACE_ERROR_AS(operation, text, ...)                                                       \
     SQL_TRACE(2, LOG_ERR, "[ERROR]", operation, text, ##__VA_ARGS__)
+#define TRACE_DEBUG1_AS(operation, text, ...)                                                      \
+    SQL_TRACE(6, LOG_DEBUG, "[DEBUG1]", operation, text, ##__VA_ARGS__)
 #define TRACE_DEBUG2_AS(operation, text, ...)                                                      \
     SQL_TRACE(7, LOG_DEBUG, "[DEBUG2]", operation, text, ##__VA_ARGS__)
 #define TRACE_DEBUG3_AS(operation, text, ...)                                                      \
@@ -66,9 +68,10 @@ inline bool checked(bool holds, const char* text, const char* path, int line, co
     } while (false)
 
 // True when the condition holds; otherwise reports its text exactly as written at the call. The
-// function's signature is given as a literal, since compilers print it differently.
+// function's signature is given as a literal, since compilers print it differently; the path is
+// each library's own.
 #define SQL_ASSERT(condition, function)                                                            \
     ::sql::checked(static_cast<bool>(condition), #condition,                                       \
-                   "components/sql/sqlwrapper/src/" __FILE_NAME__, __LINE__, function)
+                   SQL_SOURCE_FOLDER __FILE_NAME__, __LINE__, function)
 
 #endif

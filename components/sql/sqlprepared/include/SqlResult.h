@@ -1,0 +1,141 @@
+#ifndef SQLPREPARED_SQLRESULT_H
+#define SQLPREPARED_SQLRESULT_H
+
+#include "SqlDatabase.h"
+
+#include <optional>
+#include <utility>
+
+#pragma GCC visibility push(default)
+
+namespace sql {
+
+/// Why an operation failed, or that none did.
+///
+///     sql::Statement add(database, "insert into product values (?, ?)");
+///     if (!add.run(7, "tea") && add.error().isConstraint())
+///         std::puts(add.error().name()); // SQLITE_CONSTRAINT_PRIMARYKEY
+///
+/// A plain value that owns its texts.
+class Error {
+public:
+    Error() = default; ///< No failure.
+
+    /// Makes a failure with one of SQLite's extended result codes. `offset` is the byte in
+    /// `statement` that it is about, or -1.
+    Error(int extendedCode, string text, string statement = string(), int offset = -1);
+
+    explicit operator bool() const; ///< Returns whether there is a failure.
+    int code() const;               ///< Returns SQLite's result code, 0 for no failure.
+    int extendedCode() const;       ///< Returns SQLite's extended result code.
+
+    /// Returns the extended code's name, a constant text such as "SQLITE_CONSTRAINT_UNIQUE", or the
+    /// code's, where the extended one has none that is known.
+    const char* name() const;
+
+    const string& text() const; ///< Returns the reason in words, without values of the program's.
+
+    /// Returns the statement with its `?`; empty where there is none, and after a lack of memory.
+    const string& statement() const;
+
+    /// Returns the byte in the statement that SQLite points at, where it does.
+    std::optional<int> offset() const;
+
+    bool isBusy() const;       ///< Returns whether another connection, or this one, has a lock.
+    bool isConstraint() const; ///< Returns whether a constraint of the table refused a row.
+    bool isCorrupt() const;    ///< Returns whether the file is damaged, or is no database.
+    bool isFull() const;       ///< Returns whether the disk or the file's limit is reached.
+    bool isIo() const;         ///< Returns whether the system could not read or write.
+    bool isMismatch() const;   ///< Returns whether a value did not fit where it should go.
+    bool isMisuse() const;     ///< Returns whether the program asked for what cannot be.
+    bool isNoMemory() const;   ///< Returns whether memory ran out.
+    bool isReadOnly() const;   ///< Returns whether the file may not be written.
+    bool isStopped() const;    ///< Returns whether the operation was interrupted.
+    bool isTooBig() const;     ///< Returns whether a text or block is beyond SQLite's limit.
+
+private:
+    int _extendedCode = 0;
+    int _offset = -1;
+    string _text;
+    string _statement;
+};
+
+/// Returns why the latest call of SQLite on this connection failed, without a report. Ask directly
+/// after an operation of sqlwrapper: there is no failure where SQLite knows of none, and where the
+/// database has no connection.
+Error lastError(Database& database);
+
+/// Whether there is a row with a key: what a failure left open is not mistaken for "no".
+enum class Presence {
+    absent,  ///< there is none
+    present, ///< there is one
+    unknown  ///< the question failed
+};
+
+/// A value, nothing, or the reason why it is not known.
+///
+///     const sql::Result<sql::string> name = find.one<sql::string>(7);
+///     if (name)
+///         std::puts(name->c_str()); // tea
+///     else if (name.failed())
+///         std::puts(name.error().text().c_str());
+///
+/// Owns what it holds. Ask it before taking its value: there is none otherwise.
+template <typename T> class [[nodiscard]] Result {
+public:
+    Result() = default;                        ///< Holds nothing, which is no failure.
+    Result(T value) : _value(std::move(value)) ///< Holds the value.
+    {
+    }
+    Result(Error error) : _error(std::move(error)) ///< Holds the reason.
+    {
+    }
+
+    explicit operator bool() const ///< Returns whether there is a value.
+    {
+        return _value.has_value();
+    }
+    bool failed() const ///< Returns whether there is a reason why not.
+    {
+        return static_cast<bool>(_error);
+    }
+    const Error& error() const ///< Returns the reason, no failure if there is none.
+    {
+        return _error;
+    }
+
+    T& operator*() & ///< Returns the value, which lives as long as the result.
+    {
+        return *_value;
+    }
+    const T& operator*() const& ///< Returns the value, which lives as long as the result.
+    {
+        return *_value;
+    }
+    T&& operator*() && ///< Returns the value of a result that is about to end.
+    {
+        return *std::move(_value);
+    }
+    T* operator->() ///< Returns the value, which lives as long as the result.
+    {
+        return &*_value;
+    }
+    const T* operator->() const ///< Returns the value, which lives as long as the result.
+    {
+        return &*_value;
+    }
+    T valueOr(T other) const ///< Returns the value, or `other` where there is none.
+    {
+        return _value ? *_value : std::move(other);
+    }
+
+private:
+    std::optional<T> _value;
+    Error _error;
+};
+
+} // namespace sql
+
+#pragma GCC visibility pop
+
+#endif

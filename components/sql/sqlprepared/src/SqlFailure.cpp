@@ -1,0 +1,52 @@
+#include "SqlFailure.h"
+
+#include "SqlTrace.h"
+
+#include <sqlite3.h>
+
+namespace sql {
+
+namespace {
+
+bool isOf(int code, int extendedCode)
+{
+    return (code & 0xff) == (extendedCode & 0xff);
+}
+
+// None where SQLite is too old to tell it, or the failure is not SQLite's.
+int offsetOf([[maybe_unused]] sqlite3* db, [[maybe_unused]] int rc)
+{
+#if SQLITE_VERSION_NUMBER >= 3038000
+    if (db != nullptr && sqlite3_extended_errcode(db) == rc)
+        return sqlite3_error_offset(db);
+#endif
+    return -1;
+}
+
+} // namespace
+
+int extendedCodeOf(sqlite3* db, int rc)
+{
+    const int extended = sqlite3_extended_errcode(db);
+    return isOf(rc, extended) ? extended : rc;
+}
+
+const char* reasonOf(sqlite3* db, int rc)
+{
+    return isOf(rc, sqlite3_errcode(db)) ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
+}
+
+void reportFailure(const char* operation, const char* statement, int rc, const char* why)
+{
+    TRACE_ERROR_AS(operation, "SQL statement '%s' failed: ", statement);
+    TRACE_ERROR_AS(operation, "  rc=%d=%s: %s", rc, Error(rc, string()).name(), why);
+}
+
+Error errorOf(sqlite3* db, int rc, const string& why, const char* statement)
+{
+    if (isOf(rc, SQLITE_NOMEM))
+        return Error(rc, why);
+    return Error(rc, why, statement, offsetOf(db, rc));
+}
+
+} // namespace sql

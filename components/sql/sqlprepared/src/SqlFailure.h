@@ -1,0 +1,26 @@
+#ifndef SQLPREPARED_SRC_SQLFAILURE_H
+#define SQLPREPARED_SRC_SQLFAILURE_H
+
+// How an operation of this library fails: a reason that is kept, and one report of two lines. Neither
+// has values in it: a statement shows its parameters.
+
+#include "SqlResult.h"
+
+namespace sql {
+
+constexpr const char* database_not_open = "the database is not open";
+constexpr const char* database_closed = "the database was closed or opened anew";
+
+// What SQLite says of a call that returned this code, which is not always noted in the connection.
+int extendedCodeOf(sqlite3* db, int rc);
+const char* reasonOf(sqlite3* db, int rc);
+
+// Takes no memory.
+void reportFailure(const char* operation, const char* statement, int rc, const char* why);
+
+// Copies no statement where memory has run out.
+Error errorOf(sqlite3* db, int rc, const string& why, const char* statement);
+
+} // namespace sql
+
+#endif

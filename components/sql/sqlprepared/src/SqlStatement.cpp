@@ -1,0 +1,828 @@
+#include "SqlStatement.h"
+
+#include "SqlFailure.h"
+#include "SqlTrace.h"
+
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <cfloat>
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+namespace sql {
+
+namespace {
+
+// Why a cell could not be converted; compared by address, since it is SQLite's failure, not the cell's.
+const char no_memory[] = "out of memory";
+
+const char is_null[] = "is NULL";
+const char is_no_number[] = "is no number";
+const char is_no_integer[] = "is no integer";
+const char is_out_of_range[] = "is out of the variable's range";
+
+// SQLite's own messages have no values in them, nor do ours: statements and reasons are logged where
+// values are not.
+constexpr const char* gone = "the statement was released or moved from";
+
+bool isBlank(char byte)
+{
+    return byte == ' ' || (byte >= '\t' && byte <= '\r');
+}
+
+// Where the next statement begins: behind blanks, comments and semicolons. SQLite takes a comment
+// that nobody ends for one up to the end.
+std::size_t nextStatement(std::string_view sql)
+{
+    std::size_t at = 0;
+    while (at < sql.size()) {
+        std::size_t end = at + 1;
+        if (sql.compare(at, 2, "--") == 0)
+            end = sql.find('\n', at);
+        else if (sql.compare(at, 2, "/*") == 0)
+            end = (end = sql.find("*/", at + 2)) == sql.npos ? end : end + 2;
+        else if (!isBlank(sql[at]) && sql[at] != ';')
+            return at;
+        at = std::min(end, sql.size());
+    }
+    return at;
+}
+
+bool isInteger(double number)
+{
+    return number >= -9223372036854775808.0 && number < 9223372036854775808.0
+           && number == std::trunc(number);
+}
+
+// A number in any form that SQL has, and nothing else; blanks around it are SQLite's own habit.
+std::optional<double> realIn(std::string_view text)
+{
+    double number = 0;
+    if (!text.empty() && text.front() == '+')
+        text.remove_prefix(1);
+    const char* const end = text.data() + text.size();
+    const auto [last, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || last != end || !std::isfinite(number))
+        return std::nullopt;
+    return number;
+}
+
+std::optional<integer> integerIn(std::string_view text)
+{
+    integer number = 0;
+    if (!text.empty() && text.front() == '+')
+        text.remove_prefix(1);
+    const char* const end = text.data() + text.size();
+    const auto [last, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || last != end)
+        return std::nullopt;
+    return number;
+}
+
+int boundText(sqlite3_stmt* statement, int position, Bytes text, sqlite3_destructor_type copy)
+{
+    const char* const data = text.data != nullptr ? static_cast<const char*>(text.data) : "";
+    return sqlite3_bind_text64(statement, position, data, text.size, copy, SQLITE_UTF8);
+}
+
+int boundBlock(sqlite3_stmt* statement, int position, Bytes bytes, sqlite3_destructor_type copy)
+{
+    if (bytes.size == 0)
+        return sqlite3_bind_zeroblob(statement, position, 0);
+    return sqlite3_bind_blob64(statement, position, bytes.data, bytes.size, copy);
+}
+
+// The connection keeps the key of its latest insertion for ever. Before a run it is set to this one,
+// so that a row that was inserted shows, whatever its key is; no program counts down from there.
+constexpr integer no_key = -9223372036854775807 + 1234567890;
+
+bool beginsWith(std::string_view sql, std::string_view keyword)
+{
+    return sqlite3_strnicmp(sql.data(), keyword.data(), static_cast<int>(keyword.size())) == 0;
+}
+
+bool mentions(std::string_view sql, std::string_view word)
+{
+    for (std::size_t at = 0; at + word.size() <= sql.size(); ++at) {
+        if (beginsWith(sql.substr(at), word))
+            return true;
+    }
+    return false;
+}
+
+// A statement that asks for the connection's latest key has to see it as it is.
+bool mayInsert(std::string_view sql)
+{
+    const std::string_view statement = sql.substr(nextStatement(sql));
+    return (beginsWith(statement, "insert") || beginsWith(statement, "replace")
+            || beginsWith(statement, "with"))
+           && !mentions(statement, "last_insert_rowid");
+}
+
+integer totalChanges(sqlite3* db)
+{
+#if SQLITE_VERSION_NUMBER >= 3037000
+    return sqlite3_total_changes64(db);
+#else
+    return sqlite3_total_changes(db);
+#endif
+}
+
+integer latestChanges(sqlite3* db)
+{
+#if SQLITE_VERSION_NUMBER >= 3037000
+    return sqlite3_changes64(db);
+#else
+    return sqlite3_changes(db);
+#endif
+}
+
+void traceValues(const char* operation, sqlite3_stmt* statement)
+{
+    if (!traceLevelAbove(8))
+        return;
+    char* const text = sqlite3_expanded_sql(statement);
+    if (text != nullptr)
+        TRACE_DEBUG3_AS(operation, "%s", text);
+    sqlite3_free(text);
+}
+
+} // namespace
+
+// --- Cells ---------------------------------------------------------------------------------------
+
+bool Column::isNull() const
+{
+    return _value == nullptr || sqlite3_value_type(_value) == SQLITE_NULL;
+}
+
+integer Column::asInteger() const
+{
+    return isNull() ? 0 : sqlite3_value_int64(_value);
+}
+
+double Column::asDouble() const
+{
+    return isNull() ? 0.0 : sqlite3_value_double(_value);
+}
+
+bool Column::asBool() const
+{
+    if (!isNull() && sqlite3_value_type(_value) == SQLITE_INTEGER)
+        return asInteger() == 1;
+    return asText() == "1";
+}
+
+Time Column::asTime() const
+{
+    return Time(asInteger());
+}
+
+string Column::asString() const
+{
+    return string(asText());
+}
+
+std::string_view Column::asText() const
+{
+    std::string_view text;
+    if (!isNull() && read(text) != nullptr)
+        _statement->keepFailure("column", Statement::State::broken, SQLITE_NOMEM, no_memory);
+    return text;
+}
+
+Bytes Column::asBytes() const
+{
+    Bytes bytes;
+    if (!isNull() && read(bytes) != nullptr)
+        _statement->keepFailure("column", Statement::State::broken, SQLITE_NOMEM, no_memory);
+    return bytes;
+}
+
+const char* Column::read(integer& number, integer lowest, integer highest) const
+{
+    integer found = 0;
+    if (sqlite3_value_type(_value) == SQLITE_INTEGER) {
+        found = sqlite3_value_int64(_value);
+    } else {
+        double real = 0;
+        std::string_view text;
+        const char* const why = read(real);
+        if (why != nullptr)
+            return why;
+        if (sqlite3_value_type(_value) == SQLITE_TEXT && read(text) == nullptr && integerIn(text))
+            found = *integerIn(text);
+        else if (isInteger(real))
+            found = static_cast<integer>(real);
+        else
+            return real == std::trunc(real) ? is_out_of_range : is_no_integer;
+    }
+    if (found < lowest || found > highest)
+        return is_out_of_range;
+    number = found;
+    return nullptr;
+}
+
+const char* Column::read(double& number) const
+{
+    const int type = sqlite3_value_type(_value);
+    if (type == SQLITE_NULL)
+        return is_null;
+    if (type == SQLITE_FLOAT || type == SQLITE_INTEGER) {
+        number = sqlite3_value_double(_value);
+        return nullptr;
+    }
+    std::string_view text;
+    if (type == SQLITE_TEXT) {
+        if (const char* const why = read(text))
+            return why;
+    }
+    const std::optional<double> found = realIn(text);
+    if (!found)
+        return is_no_number;
+    number = *found;
+    return nullptr;
+}
+
+const char* Column::read(float& number) const
+{
+    double wide = 0;
+    if (const char* const why = read(wide))
+        return why;
+    if (std::isfinite(wide) && std::fabs(wide) > static_cast<double>(FLT_MAX))
+        return is_out_of_range;
+    number = static_cast<float>(wide);
+    return nullptr;
+}
+
+const char* Column::read(std::string_view& text) const
+{
+    const void* const bytes = sqlite3_value_text(_value);
+    if (bytes == nullptr)
+        return sqlite3_value_type(_value) == SQLITE_NULL ? is_null : no_memory;
+    text = std::string_view(static_cast<const char*>(bytes), sqlite3_value_bytes(_value));
+    return nullptr;
+}
+
+const char* Column::read(Bytes& bytes) const
+{
+    const int type = sqlite3_value_type(_value);
+    if (type == SQLITE_NULL)
+        return is_null;
+    // A number's block is its text, which takes memory to make; an empty block has no address.
+    const void* const data = sqlite3_value_blob(_value);
+    if (data == nullptr && (type == SQLITE_INTEGER || type == SQLITE_FLOAT))
+        return no_memory;
+    bytes = Bytes{data, static_cast<std::size_t>(sqlite3_value_bytes(_value))};
+    return nullptr;
+}
+
+const char* Column::read(string& text) const
+{
+    std::string_view view;
+    const char* const why = read(view);
+    if (why == nullptr)
+        text = view;
+    return why;
+}
+
+const char* Column::read(std::vector<unsigned char>& bytes) const
+{
+    Bytes view;
+    const char* const why = read(view);
+    const unsigned char* const first = static_cast<const unsigned char*>(view.data);
+    if (why == nullptr)
+        bytes.assign(first, first + view.size);
+    return why;
+}
+
+// --- From the text to the release -----------------------------------------------------------------
+
+Statement::Handle& Statement::Handle::operator=(Handle&& other) noexcept
+{
+    Handle former(std::move(other)); // swapped, so that one that takes itself stays
+    std::swap(statement, former.statement);
+    return *this;
+}
+
+Statement::Handle::~Handle()
+{
+    // What a statement has written may be committed only here.
+    const int rc = sqlite3_reset(statement);
+    if (rc != SQLITE_OK) {
+        sqlite3* const db = sqlite3_db_handle(statement);
+        reportFailure("release", sqlite3_sql(statement), extendedCodeOf(db, rc), reasonOf(db, rc));
+    }
+    sqlite3_finalize(statement);
+}
+
+Statement::Statement(Database& database, const string& text)
+    : _database(&database), _connection(database.getHandle())
+{
+    prepare(text);
+}
+
+Statement::Statement(Statement&& other) noexcept = default;
+Statement& Statement::operator=(Statement&& other) noexcept = default;
+Statement::~Statement() = default;
+
+void Statement::prepare(const string& text)
+{
+    const char* rest = nullptr;
+    int rc = SQLITE_MISUSE;
+    string why;
+    if (_connection == nullptr) {
+        why = database_not_open;
+    } else if (text.find('\0') != string::npos) {
+        why = "there is a zero byte in the text";
+    } else {
+        // With the final zero SQLite needs no copy.
+        const int size = static_cast<int>(std::min<std::size_t>(text.size() + 1, INT_MAX));
+        rc = sqlite3_prepare_v3(_connection, text.c_str(), size, SQLITE_PREPARE_PERSISTENT,
+                                &_handle.statement, &rest);
+        if (rc != SQLITE_OK) {
+            rc = extendedCodeOf(_connection, rc);
+            why = reasonOf(_connection, rc);
+        } else if (_handle.statement == nullptr) {
+            rc = SQLITE_MISUSE;
+            why = "there is no statement in the text";
+        } else if (rest[nextStatement(rest)] != '\0') {
+            rc = SQLITE_MISUSE;
+            why = "there is more than one statement in the text";
+            _handle = Handle();
+        }
+    }
+    if (rc == SQLITE_OK) {
+        _state = State::ready;
+        _inserts = sqlite3_stmt_readonly(_handle.statement) == 0 && mayInsert(text);
+        return;
+    }
+    reportFailure("Statement", text.c_str(), rc, why.c_str());
+    _error = errorOf(_connection, rc, why, text.c_str());
+}
+
+void Statement::release()
+{
+    _handle = Handle();
+    if (_state != State::unprepared)
+        _state = State::ready;
+}
+
+bool Statement::isPrepared() const
+{
+    return _handle.statement != nullptr;
+}
+
+bool Statement::isUsable(const char* operation)
+{
+    if (_handle.statement != nullptr && _database->getHandle() == _connection)
+        return true;
+    if (_state != State::unprepared)
+        fail(operation, State::failed, SQLITE_MISUSE,
+             _handle.statement == nullptr ? gone : database_closed);
+    return false;
+}
+
+// --- Values --------------------------------------------------------------------------------------
+
+bool Statement::canBind()
+{
+    if (_state == State::unbound)
+        return false;
+    if (!isUsable("bind")) {
+        if (_state != State::unprepared)
+            _state = State::unbound;
+        return false;
+    }
+    if (_state == State::row || _state == State::broken)
+        return fail("bind", State::unbound, SQLITE_MISUSE,
+                    "a value was bound at a row: reset the statement before");
+    _state = State::ready;
+    forgetStale();
+    return true;
+}
+
+void Statement::forgetStale()
+{
+    if (_stale)
+        sqlite3_clear_bindings(_handle.statement);
+    _stale = false;
+}
+
+bool Statement::bindOne(const char* operation, int position, const Argument& argument, bool copied)
+{
+    sqlite3_stmt* const statement = _handle.statement;
+    const sqlite3_destructor_type owner = copied ? SQLITE_TRANSIENT : SQLITE_STATIC;
+    int rc = SQLITE_MISMATCH;
+    const char* why = nullptr;
+    switch (argument._kind) {
+    case Argument::Kind::null:
+        rc = sqlite3_bind_null(statement, position);
+        break;
+    case Argument::Kind::number:
+        rc = sqlite3_bind_int64(statement, position, argument._number);
+        break;
+    case Argument::Kind::real:
+        if (std::isnan(argument._real)) // SQLite would take it for NULL
+            why = "is not a number";
+        else
+            rc = sqlite3_bind_double(statement, position, argument._real);
+        break;
+    case Argument::Kind::text:
+        rc = boundText(statement, position, argument._bytes, owner);
+        break;
+    case Argument::Kind::block:
+        rc = boundBlock(statement, position, argument._bytes, owner);
+        break;
+    case Argument::Kind::unfit:
+        why = argument._why;
+        break;
+    }
+    if (rc == SQLITE_OK)
+        return true;
+    if (why != nullptr)
+        return fail(operation, State::unbound, rc,
+                    "the value of parameter " + intToStr(position) + " " + why);
+    return fail(operation, State::unbound, rc, reasonOf(_connection, rc));
+}
+
+bool Statement::bindAll(const char* operation, const Argument* arguments, int count)
+{
+    const int wanted = parameterCount();
+    if (count != wanted)
+        return fail(operation, State::failed, SQLITE_RANGE,
+                    "there are " + intToStr(count) + " values for " + intToStr(wanted)
+                        + " parameters");
+    _stale = true;
+    for (int i = 0; i < count; ++i) {
+        if (!bindOne(operation, i + 1, arguments[i], false))
+            return false;
+    }
+    return true;
+}
+
+Statement& Statement::bindArgument(int position, const Argument& argument)
+{
+    if (!canBind())
+        return *this;
+    const int count = parameterCount();
+    if (position < 1 || position > count)
+        fail("bind", State::unbound, SQLITE_RANGE,
+             "there is no parameter " + intToStr(position) + " among " + intToStr(count));
+    else
+        bindOne("bind", position, argument, true);
+    return *this;
+}
+
+int Statement::positionOf(std::string_view name)
+{
+    if (!canBind())
+        return 0;
+    for (int i = parameterCount(); i > 0; --i) {
+        const char* const known = sqlite3_bind_parameter_name(_handle.statement, i);
+        if (known != nullptr && name == known)
+            return i;
+    }
+    fail("bind", State::unbound, SQLITE_RANGE, "there is no parameter " + string(name));
+    return 0;
+}
+
+void Statement::clearBindings()
+{
+    if (canBind())
+        sqlite3_clear_bindings(_handle.statement);
+}
+
+// --- Runs ----------------------------------------------------------------------------------------
+
+bool Statement::restart(const char* operation)
+{
+    if (!isUsable(operation))
+        return false;
+    if ((_state == State::row || _state == State::broken) && !end(operation))
+        return false;
+    _state = State::ready;
+    return true;
+}
+
+void Statement::begin(const char* operation)
+{
+    TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(_handle.statement));
+    traceValues(operation, _handle.statement);
+    if (_error)
+        _error = Error();
+    _names = Names::unknown;
+    _changes = 0;
+    _key.reset();
+    _totalBefore = totalChanges(_connection);
+    if (_inserts) {
+        _keyBefore = sqlite3_last_insert_rowid(_connection);
+        sqlite3_set_last_insert_rowid(_connection, no_key);
+    }
+}
+
+bool Statement::step(const char* operation)
+{
+    const int rc = sqlite3_step(_handle.statement);
+    if (_inserts && _state == State::ready) { // all rows are inserted before the first comes back
+        const integer key = sqlite3_last_insert_rowid(_connection);
+        if (key != no_key)
+            _key = key;
+        else
+            sqlite3_set_last_insert_rowid(_connection, _keyBefore);
+    }
+    if (rc == SQLITE_ROW) {
+        _state = State::row;
+        return true;
+    }
+    if (rc != SQLITE_DONE) {
+        const int extended = extendedCodeOf(_connection, rc);
+        return fail(operation, State::failed, extended, reasonOf(_connection, rc));
+    }
+    end(operation);
+    return false;
+}
+
+// Returns false if what was written cannot be committed, which a reset at a row does.
+bool Statement::end(const char* operation)
+{
+    const int rc = sqlite3_reset(_handle.statement);
+    if (rc != SQLITE_OK)
+        return fail(operation, State::failed, extendedCodeOf(_connection, rc),
+                    reasonOf(_connection, rc));
+    if (totalChanges(_connection) != _totalBefore)
+        _changes = latestChanges(_connection);
+    _state = State::ended;
+    return true;
+}
+
+bool Statement::runToEnd(const char* operation)
+{
+    begin(operation);
+    while (step(operation)) {
+    }
+    return _state == State::ended;
+}
+
+bool Statement::next()
+{
+    if (!isUsable("next"))
+        return false;
+    if (_state == State::row)
+        return step("next");
+    if (_state == State::broken) {
+        sqlite3_reset(_handle.statement);
+        _state = State::failed;
+    }
+    if (_state != State::ready)
+        return false;
+    forgetStale();
+    begin("next");
+    return step("next");
+}
+
+bool Statement::run()
+{
+    if (_state == State::unbound || !restart("run"))
+        return false;
+    forgetStale();
+    return runToEnd("run");
+}
+
+bool Statement::runWith(const Argument* arguments, int count)
+{
+    return restart("run") && bindAll("run", arguments, count) && runToEnd("run");
+}
+
+Presence Statement::readOne(const Argument* arguments, int argumentCount, const Variable* variables,
+                            int variableCount)
+{
+    const bool bound = argumentCount == 0;
+    if ((bound && _state == State::unbound) || !restart("one"))
+        return Presence::unknown;
+    if (bound)
+        forgetStale();
+    else if (!bindAll("one", arguments, argumentCount))
+        return Presence::unknown;
+    begin("one");
+    if (!step("one"))
+        return _state == State::ended ? Presence::absent : Presence::unknown;
+    return readCells("one", variables, variableCount) && end("one") ? Presence::present
+                                                                    : Presence::unknown;
+}
+
+bool Statement::finished() const
+{
+    return _state == State::ended;
+}
+
+bool Statement::reset()
+{
+    if (!restart("reset"))
+        return false;
+    if (_error)
+        _error = Error();
+    return true;
+}
+
+// --- Rows ----------------------------------------------------------------------------------------
+
+bool Statement::readRow(const Variable* variables, int count)
+{
+    return readCells("next", variables, count);
+}
+
+bool Statement::readCells(const char* operation, const Variable* variables, int count)
+{
+    const int columns = sqlite3_data_count(_handle.statement);
+    if (count != columns)
+        return fail(operation, State::failed, SQLITE_RANGE,
+                    "there are " + intToStr(count) + " variables for " + intToStr(columns)
+                        + " columns");
+    for (int i = 0; i < count; ++i) {
+        const Column column(*this, sqlite3_column_value(_handle.statement, i));
+        const char* const why = variables[i].read(column, variables[i].variable);
+        if (why == no_memory)
+            return fail(operation, State::failed, SQLITE_NOMEM, why);
+        if (why != nullptr)
+            return fail(operation, State::failed, SQLITE_MISMATCH,
+                        "column " + columnName(i) + " " + why);
+    }
+    return true;
+}
+
+Column Statement::column(int index)
+{
+    if (!isUsable("column"))
+        return Column(*this, nullptr);
+    if (index >= 0 && index < sqlite3_data_count(_handle.statement))
+        return Column(*this, sqlite3_column_value(_handle.statement, index));
+    return noColumn(intToStr(index));
+}
+
+Column Statement::column(std::string_view name)
+{
+    if (!isUsable("column"))
+        return Column(*this, nullptr);
+    const int index = indexOf(name);
+    if (index >= 0)
+        return Column(*this, sqlite3_column_value(_handle.statement, index));
+    return noColumn(string(name));
+}
+
+// The row stays where it is until the statement goes on: other cells of it may be in use.
+Column Statement::noColumn(const string& which)
+{
+    if (_state == State::row || _state == State::broken)
+        keepFailure("column", State::broken, SQLITE_RANGE, "there is no column " + which);
+    else
+        keepFailure("column", _state == State::unbound ? State::unbound : State::failed,
+                    SQLITE_MISUSE, "column " + which + " was asked for outside a row");
+    return Column(*this, nullptr);
+}
+
+// The names may change with the schema, so that they are asked for anew; in most programs in the
+// order of the columns.
+int Statement::indexOf(std::string_view name)
+{
+    const int count = sqlite3_data_count(_handle.statement);
+    const int start = count > 0 && hasDistinctNames() ? _latestIndex + 1 : 0;
+    for (int i = 0; i < count; ++i) {
+        const int index = (start + i) % count;
+        const char* const known = sqlite3_column_name(_handle.statement, index);
+        if (known != nullptr && name == known) {
+            _latestIndex = index;
+            return index;
+        }
+    }
+    return -1;
+}
+
+bool Statement::hasDistinctNames()
+{
+    if (_names == Names::unknown) {
+        _names = Names::distinct;
+        for (int i = columnCount() - 1; i > 0; --i) {
+            for (int k = 0; k < i; ++k) {
+                if (columnName(k) == columnName(i))
+                    _names = Names::repeated;
+            }
+        }
+    }
+    return _names == Names::distinct;
+}
+
+// --- What there is to know ------------------------------------------------------------------------
+
+integer Statement::changes() const
+{
+    return _changes;
+}
+
+std::optional<integer> Statement::lastKey() const
+{
+    return _key;
+}
+
+const Error& Statement::error() const
+{
+    return _error;
+}
+
+std::string_view Statement::text() const
+{
+    const char* const text = sqlite3_sql(_handle.statement);
+    return text != nullptr ? text : std::string_view();
+}
+
+string Statement::expandedText()
+{
+    forgetStale();
+    char* const expanded = sqlite3_expanded_sql(_handle.statement);
+    const string text = expanded != nullptr ? expanded : "";
+    sqlite3_free(expanded);
+    return text;
+}
+
+bool Statement::isReadOnly() const
+{
+    return sqlite3_stmt_readonly(_handle.statement) != 0;
+}
+
+int Statement::parameterCount() const
+{
+    return sqlite3_bind_parameter_count(_handle.statement);
+}
+
+int Statement::columnCount() const
+{
+    return sqlite3_column_count(_handle.statement);
+}
+
+string Statement::columnName(int index) const
+{
+    const char* const name = sqlite3_column_name(_handle.statement, index);
+    return name != nullptr ? name : "";
+}
+
+// --- Failures ------------------------------------------------------------------------------------
+
+void Statement::keepFailure(const char* operation, State state, int rc, const string& why)
+{
+    const char* const sql = sqlite3_sql(_handle.statement);
+    _state = state;
+    reportFailure(operation, sql != nullptr ? sql : "", rc, why.c_str());
+    _error = errorOf(_connection, rc, why, sql != nullptr ? sql : "");
+}
+
+// No lock outlives a failure.
+bool Statement::fail(const char* operation, State state, int rc, const string& why)
+{
+    sqlite3_reset(_handle.statement);
+    keepFailure(operation, state, rc, why);
+    return false;
+}
+
+// --- Scripts -------------------------------------------------------------------------------------
+
+Result<int> runScript(Database& database, const string& script)
+{
+    sqlite3* const db = database.getHandle();
+    const auto failed = [&](const char* sql, int rc, const string& why) {
+        reportFailure("runScript", sql, rc, why.c_str());
+        return errorOf(db, rc, why, sql);
+    };
+    if (db == nullptr)
+        return failed(script.c_str(), SQLITE_MISUSE, database_not_open);
+    if (script.find('\0') != string::npos)
+        return failed(script.c_str(), SQLITE_MISUSE, "there is a zero byte in the text");
+
+    int count = 0;
+    const char* rest = script.c_str();
+    while (rest[nextStatement(rest)] != '\0') {
+        const char* const sql = rest + nextStatement(rest);
+        sqlite3_stmt* statement = nullptr;
+        int rc = sqlite3_prepare_v2(db, sql, -1, &statement, &rest);
+        if (rc == SQLITE_OK) {
+            TRACE_DEBUG2("stmt='%s'", sqlite3_sql(statement));
+            while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
+            }
+        }
+        ++count;
+        if (rc != SQLITE_OK && rc != SQLITE_DONE) {
+            const string why = "statement " + intToStr(count) + ": " + reasonOf(db, rc);
+            const char* const own = sqlite3_sql(statement);
+            const Error error = failed(own != nullptr ? own : sql, extendedCodeOf(db, rc), why);
+            sqlite3_finalize(statement);
+            return error;
+        }
+        sqlite3_finalize(statement);
+    }
+    return count;
+}
+
+} // namespace sql

@@ -1,0 +1,280 @@
+#include "SqlTransaction.h"
+
+#include "SqlFailure.h"
+#include "SqlTrace.h"
+
+#include <sqlite3.h>
+
+#include <time.h>
+
+#include <algorithm>
+#include <atomic>
+#include <mutex>
+
+namespace sql {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds longest_pause(50);
+
+constexpr const char* lost = "the transaction was rolled back before";
+constexpr const char* ended = "the transaction has ended before";
+
+// The outermost scopes of all connections, which threads may have one each. SQLite keeps one word for
+// each hook, but tells it only to who takes the hook away.
+std::mutex watching_mutex;
+TransactionScope* watching = nullptr;
+
+const char* beginOf(TransactionMode mode)
+{
+    switch (mode) {
+    case begin_deferred:
+        return "begin deferred";
+    case begin_immediate:
+        return "begin immediate";
+    case begin_exclusive:
+        return "begin exclusive";
+    }
+    return "begin";
+}
+
+// Nested scopes may end in any order: each has a name of its own.
+string savepointName()
+{
+    static std::atomic<int> count(0);
+    return "sqlprepared_" + intToStr(++count);
+}
+
+void sleepFor(milliseconds pause)
+{
+    const timespec length = {static_cast<time_t>(pause.count() / 1000),
+                             static_cast<long>(pause.count() % 1000 * 1000000)};
+    ::nanosleep(&length, nullptr);
+}
+
+} // namespace
+
+// --- Begin and end -------------------------------------------------------------------------------
+
+TransactionScope::TransactionScope(Database& database, const char* text, milliseconds patience)
+    : _database(&database), _connection(database.getHandle()), _patience(patience)
+{
+    if (begin(text)) {
+        _state = State::open;
+        watch();
+    } else {
+        end();
+    }
+}
+
+TransactionScope::~TransactionScope()
+{
+    if (isOpen()) {
+        const int rc = undo("~TransactionScope");
+        if (rc != SQLITE_DONE)
+            reportFailure("~TransactionScope", sqlite3_sql(_rollback),
+                          extendedCodeOf(_connection, rc), reasonOf(_connection, rc));
+    }
+    end();
+}
+
+Transaction::Transaction(Database& database, TransactionMode mode, milliseconds patience)
+    : TransactionScope(database, beginOf(mode), patience)
+{
+}
+
+Savepoint::Savepoint(Database& database) : TransactionScope(database, nullptr, milliseconds(0))
+{
+}
+
+// What ends it is prepared before it begins: then a rollback takes no memory, and the connection
+// outlives the scope, whoever closes it.
+bool TransactionScope::begin(const char* text)
+{
+    const string name = text == nullptr ? savepointName() : string();
+    const string beginning = text != nullptr ? text : "savepoint " + name;
+    if (_connection == nullptr)
+        return fail("begin", beginning, SQLITE_MISUSE, database_not_open);
+    const TransactionScope* const outer = outermost(_connection);
+    if (outer != nullptr && outer->_state == State::lost)
+        return fail("begin", beginning, SQLITE_ABORT_ROLLBACK, lost);
+
+    _nested = text == nullptr && sqlite3_get_autocommit(_connection) == 0;
+    sqlite3_stmt* statement = nullptr;
+    if (!prepare(text != nullptr ? "commit" : "release " + name, &_commit)
+        || !prepare(_nested ? "rollback to " + name : "rollback", &_rollback)
+        || !prepare(beginning, &statement))
+        return false;
+    const int rc = run("begin", statement);
+    if (rc != SQLITE_DONE)
+        failAsSqlite("begin", statement, rc);
+    sqlite3_finalize(statement);
+    return rc == SQLITE_DONE;
+}
+
+bool TransactionScope::prepare(const string& text, sqlite3_stmt** statement)
+{
+    const int rc = sqlite3_prepare_v2(_connection, text.c_str(), -1, statement, nullptr);
+    return rc == SQLITE_OK
+           || fail("begin", text, extendedCodeOf(_connection, rc), reasonOf(_connection, rc));
+}
+
+void TransactionScope::end()
+{
+    if (_watching) {
+        sqlite3_commit_hook(_connection, nullptr, nullptr);
+        sqlite3_rollback_hook(_connection, nullptr, nullptr);
+        const std::lock_guard<std::mutex> lock(watching_mutex);
+        TransactionScope** link = &watching;
+        while (*link != this)
+            link = &(*link)->_next;
+        *link = _next;
+    }
+    _watching = false;
+    _state = State::closed;
+    sqlite3_finalize(_commit);
+    sqlite3_finalize(_rollback);
+    _commit = _rollback = nullptr;
+}
+
+// --- While it lasts ------------------------------------------------------------------------------
+
+void TransactionScope::watch()
+{
+    if (outermost(_connection) != nullptr)
+        return;
+    _watching = true;
+    sqlite3_commit_hook(_connection, refuseCommit, this);
+    sqlite3_rollback_hook(_connection, noteRollback, this);
+    const std::lock_guard<std::mutex> lock(watching_mutex);
+    _next = watching;
+    watching = this;
+}
+
+TransactionScope* TransactionScope::outermost(sqlite3* connection)
+{
+    const std::lock_guard<std::mutex> lock(watching_mutex);
+    TransactionScope* scope = watching;
+    while (scope != nullptr && scope->_connection != connection)
+        scope = scope->_next;
+    return scope;
+}
+
+// SQLite rolls back what it may not commit.
+int TransactionScope::refuseCommit(void* scope)
+{
+    if (static_cast<TransactionScope*>(scope)->_committing)
+        return 0;
+    TRACE_ERROR("Refused a commit that is not the transaction's own");
+    return 1;
+}
+
+void TransactionScope::noteRollback(void* scope)
+{
+    TransactionScope& self = *static_cast<TransactionScope*>(scope);
+    if (self._state != State::open)
+        return;
+    self._state = State::lost;
+    TRACE_ERROR("The transaction was rolled back: nothing is committed before its scope ends");
+}
+
+bool TransactionScope::isOpen() const
+{
+    if (_state != State::open || _watching)
+        return _state == State::open;
+    const TransactionScope* const outer = outermost(_connection);
+    return outer != nullptr && outer->_state == State::open;
+}
+
+bool TransactionScope::commit()
+{
+    if (!isUsable("commit"))
+        return false;
+    if (!isOpen())
+        return fail("commit", sqlite3_sql(_commit), SQLITE_ABORT_ROLLBACK, lost);
+    _committing = true;
+    const int rc = run("commit", _commit);
+    _committing = false;
+    if (rc != SQLITE_DONE)
+        return failAsSqlite("commit", _commit, rc);
+    end();
+    return true;
+}
+
+bool TransactionScope::rollback()
+{
+    if (!isUsable("rollback"))
+        return false;
+    const int rc = isOpen() ? undo("rollback") : SQLITE_DONE;
+    if (rc != SQLITE_DONE)
+        return failAsSqlite("rollback", _rollback, rc);
+    end();
+    return true;
+}
+
+const Error& TransactionScope::error() const
+{
+    return _error;
+}
+
+// One that could not begin has said why.
+bool TransactionScope::isUsable(const char* operation)
+{
+    if (_state == State::closed)
+        return _error ? false : fail(operation, operation, SQLITE_MISUSE, ended);
+    if (_database->getHandle() == _connection)
+        return true;
+    return fail(operation, operation, SQLITE_MISUSE, database_closed);
+}
+
+// Without the database, which may be gone: what ends here was begun on its connection.
+int TransactionScope::undo(const char* operation)
+{
+    if (!_nested)
+        _state = State::closed; // so that the rollback is known for its own
+    int rc = run(operation, _rollback);
+    if (rc == SQLITE_DONE && _nested)
+        rc = run(operation, _commit);
+    return rc;
+}
+
+// Waits for other connections in ever longer pauses.
+int TransactionScope::run(const char* operation, sqlite3_stmt* statement) const
+{
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point start = Clock::now();
+    TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(statement));
+    for (milliseconds pause(1);; pause = std::min(2 * pause, longest_pause)) {
+        const int rc = sqlite3_step(statement);
+        const milliseconds left = _patience
+                                  - std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+        if ((rc & 0xff) != SQLITE_BUSY || left <= milliseconds(0))
+            return rc;
+        sqlite3_reset(statement);
+        if (pause == milliseconds(1))
+            TRACE_DEBUG1_AS(operation, "Waiting for another connection to '%s'",
+                            sqlite3_sql(statement));
+        sleepFor(std::min(pause, left));
+    }
+}
+
+// --- Failures ------------------------------------------------------------------------------------
+
+bool TransactionScope::fail(const char* operation, const string& text, int rc, const char* why)
+{
+    reportFailure(operation, text.c_str(), rc, why);
+    _error = errorOf(_connection, rc, why, text.c_str());
+    return false;
+}
+
+bool TransactionScope::failAsSqlite(const char* operation, sqlite3_stmt* statement, int rc)
+{
+    fail(operation, sqlite3_sql(statement), extendedCodeOf(_connection, rc),
+         reasonOf(_connection, rc));
+    sqlite3_reset(statement);
+    return false;
+}
+
+} // namespace sql
