@@ -484,6 +484,7 @@ private:
                      int variableCount);
 
     SQLWRAPPER_LOCAL void prepare(const string& text);
+    SQLWRAPPER_LOCAL void refuse(const string& text, int rc, const char* why);
     SQLWRAPPER_LOCAL bool isUsable(const char* operation);
     SQLWRAPPER_LOCAL bool canBind();
     SQLWRAPPER_LOCAL void forgetStale();

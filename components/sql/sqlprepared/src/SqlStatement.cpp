@@ -52,6 +52,14 @@ std::size_t nextStatement(std::string_view sql)
     return at;
 }
 
+// Null where SQLite may have a look at the text. It would read no further than to a zero byte.
+const char* whyNotCompiled(const sqlite3* db, const string& text)
+{
+    if (db == nullptr)
+        return database_not_open;
+    return text.find('\0') != string::npos ? "there is a zero byte in the text" : nullptr;
+}
+
 bool isInteger(double number)
 {
     return number >= -9223372036854775808.0 && number < 9223372036854775808.0
@@ -332,36 +340,28 @@ Statement::~Statement() = default;
 
 void Statement::prepare(const string& text)
 {
+    if (const char* const why = whyNotCompiled(_connection, text))
+        return refuse(text, SQLITE_MISUSE, why);
+    // With the final zero SQLite needs no copy.
+    const int size = static_cast<int>(std::min<std::size_t>(text.size() + 1, INT_MAX));
     const char* rest = nullptr;
-    int rc = SQLITE_MISUSE;
-    string why;
-    if (_connection == nullptr) {
-        why = database_not_open;
-    } else if (text.find('\0') != string::npos) {
-        why = "there is a zero byte in the text";
-    } else {
-        // With the final zero SQLite needs no copy.
-        const int size = static_cast<int>(std::min<std::size_t>(text.size() + 1, INT_MAX));
-        rc = sqlite3_prepare_v3(_connection, text.c_str(), size, SQLITE_PREPARE_PERSISTENT,
-                                &_handle.statement, &rest);
-        if (rc != SQLITE_OK) {
-            rc = extendedCodeOf(_connection, rc);
-            why = reasonOf(_connection, rc);
-        } else if (_handle.statement == nullptr) {
-            rc = SQLITE_MISUSE;
-            why = "there is no statement in the text";
-        } else if (rest[nextStatement(rest)] != '\0') {
-            rc = SQLITE_MISUSE;
-            why = "there is more than one statement in the text";
-            _handle = Handle();
-        }
+    const int rc = sqlite3_prepare_v3(_connection, text.c_str(), size, SQLITE_PREPARE_PERSISTENT,
+                                      &_handle.statement, &rest);
+    if (rc != SQLITE_OK)
+        return refuse(text, extendedCodeOf(_connection, rc), reasonOf(_connection, rc));
+    if (_handle.statement == nullptr)
+        return refuse(text, SQLITE_MISUSE, "there is no statement in the text");
+    if (rest[nextStatement(rest)] != '\0') {
+        _handle = Handle();
+        return refuse(text, SQLITE_MISUSE, "there is more than one statement in the text");
     }
-    if (rc == SQLITE_OK) {
-        _state = State::ready;
-        _inserts = sqlite3_stmt_readonly(_handle.statement) == 0 && mayInsert(text);
-        return;
-    }
-    reportFailure("Statement", text.c_str(), rc, why.c_str());
+    _state = State::ready;
+    _inserts = sqlite3_stmt_readonly(_handle.statement) == 0 && mayInsert(text);
+}
+
+void Statement::refuse(const string& text, int rc, const char* why)
+{
+    reportFailure("Statement", text.c_str(), rc, why);
     _error = errorOf(_connection, rc, why, text.c_str());
 }
 
@@ -796,10 +796,8 @@ Result<int> runScript(Database& database, const string& script)
         reportFailure("runScript", sql, rc, why.c_str());
         return errorOf(db, rc, why, sql);
     };
-    if (db == nullptr)
-        return failed(script.c_str(), SQLITE_MISUSE, database_not_open);
-    if (script.find('\0') != string::npos)
-        return failed(script.c_str(), SQLITE_MISUSE, "there is a zero byte in the text");
+    if (const char* const why = whyNotCompiled(db, script))
+        return failed(script.c_str(), SQLITE_MISUSE, why);
 
     int count = 0;
     const char* rest = script.c_str();
