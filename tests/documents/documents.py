@@ -30,14 +30,16 @@ def is_part_of(block, source):
     return any("\n" + textwrap.indent(block, " " * depth) in "\n" + source for depth in (0, 4, 8))
 
 
-def header_examples():
-    """The code in the comment above each class of the public headers, and above their namespace."""
+def header_examples(library):
+    """The code in the comments above the classes of a library's public headers, above their
+    namespace, and above what programs specialize."""
     headers = "".join(path.read_text(encoding="utf-8")
-                      for path in sorted(ROOT.glob("components/*/*/include/*.h")))
-    found = re.findall(r"((?:^///.*\n)*)^(namespace|class) (\w+) *[:{]", headers, re.MULTILINE)
-    return {name: "".join(re.findall(r"^///     (.*\n)", comment, re.MULTILINE))
-            for comment, kind, name in found
-            if comment or kind == "class"}
+                      for path in sorted(ROOT.glob(f"components/*/{library}/include/*.h")))
+    found = re.findall(r"((?:^///.*\n)*)^(?:template <.*> )?(namespace|class|struct) "
+                       r"(?:\[\[nodiscard\]\] )?(\w+) *([:{;])", headers, re.MULTILINE)
+    code = [(name, "".join(re.findall(r"^///     (.*\n)", comment, re.MULTILINE)),
+             kind == "class" and end != ";") for comment, kind, name, end in found]
+    return {name: text for name, text, needs_code in code if text or needs_code}
 
 
 def examples():

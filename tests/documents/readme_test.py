@@ -22,9 +22,14 @@ EMULATOR = os.environ["EMULATOR"].split()
 FRAGMENTS_TARGET = """
 add_executable(fragments fragments.cpp)
 target_link_libraries(fragments PRIVATE sqlwrapper::sqlwrapper platform::trace)
-add_executable(headers headers.cpp)
-set_target_properties(headers PROPERTIES CXX_STANDARD 11 CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
-target_link_libraries(headers PRIVATE sqlwrapper::sqlwrapper platform::trace)
+foreach(library sqlwrapper sqlprepared)
+    if(TARGET sqlwrapper::${library})
+        add_executable(${library}_headers ${library}.cpp)
+        set_target_properties(${library}_headers PROPERTIES CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
+        target_link_libraries(${library}_headers PRIVATE sqlwrapper::${library} platform::trace)
+    endif()
+endforeach()
+set_target_properties(sqlwrapper_headers PROPERTIES CXX_STANDARD 11)
 """
 INCLUDES = """
 #include "SqlDatabase.h"
@@ -61,17 +66,34 @@ CALL = """
 """
 
 
-# The examples of the headers, made a program that runs the one it is told.
+# The libraries with the standard includes of their examples; sqlprepared where SQLite is recent enough.
+LIBRARIES = {"sqlwrapper": ""}
+if os.environ["PREPARED"] == "1":
+    LIBRARIES["sqlprepared"] = '#include "SqlStatement.h"\n#include "SqlTransaction.h"\n'
+
+# The examples of the headers, made a program that runs the one it is told; those that do not stand in
+# a function are checked by one that does.
 HEADER_EXAMPLE = """
-static int example%s(sql::Database& database, sql::Table& products)
+static int example%s(sql::Database& database, sql::Table& products, const sql::Record& tea)
 {
-    (void)database, (void)products;
+    (void)database, (void)products, (void)tea;
     {
 %s
     }
     return 0;
 }
 """
+OUTSIDE = {"Binder": """
+struct Money {
+    sql::integer cents;
+};
+%s
+"""}
+USES = {"Binder": """
+    sql::Statement same(database, "select ?");
+    const auto money = same.one<Money>(Money{250});
+    return money && money->cents == 250 ? 0 : 1;
+"""}
 HEADERS_MAIN = """
 #include <syslog.h>
 int main(int, char** argv)
@@ -95,14 +117,19 @@ int main(int, char** argv)
 
 # What the examples print of the row that is there; what else they print, their comments say.
 ROWS = {"RecordSet": ["1|rum|null"], "Table": ["1|rum|2.5"]}
+# What is reported of an example that fails.
+REPORTS = {"Error": ["SQL statement 'insert into product (id) values (?)' failed: ",
+                     "  rc=1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: product.id"]}
 
 
-def headers_program():
-    examples = documents.header_examples()
-    functions = "".join(HEADER_EXAMPLE % example for example in examples.items())
-    calls = "".join(f'    if (name == "{name}")\n        return example{name}(database, products);\n'
+def headers_program(library):
+    examples = documents.header_examples(library)
+    outside = "".join(OUTSIDE[name] % code for name, code in examples.items() if name in OUTSIDE)
+    functions = "".join(HEADER_EXAMPLE % (name, USES.get(name, code))
+                        for name, code in examples.items())
+    calls = "".join(f'    if (name == "{name}")\n        return example{name}(database, products, rum);\n'
                     for name in examples)
-    return INCLUDES + COLUMNS % PRICE + functions + HEADERS_MAIN % calls
+    return INCLUDES + LIBRARIES[library] + COLUMNS % PRICE + outside + functions + HEADERS_MAIN % calls
 
 
 def fragments():
@@ -134,7 +161,8 @@ class ReadmeProgram(unittest.TestCase):
         (folder / "CMakeLists.txt").write_text(project, encoding="utf-8")
         (folder / "shop.cpp").write_text(documents.blocks("README.md", "cpp")[0], encoding="utf-8")
         (folder / "fragments.cpp").write_text(fragments_program(), encoding="utf-8")
-        (folder / "headers.cpp").write_text(headers_program(), encoding="utf-8")
+        for library in LIBRARIES:
+            (folder / f"{library}.cpp").write_text(headers_program(library), encoding="utf-8")
         cls.build = folder / "build"
         compiler = ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"],
                     "-DCMAKE_TOOLCHAIN_FILE=" + os.environ["TOOLCHAIN"]]
@@ -179,16 +207,20 @@ class ReadmeProgram(unittest.TestCase):
         self.assertEqual((done.stdout, done.stderr, done.returncode), ("", "", 3))
 
     def test_examples_of_the_headers_print_what_is_expected(self):
-        for name, code in documents.header_examples().items():
-            with self.subTest(name), tempfile.TemporaryDirectory() as folder:
-                done = self.run_program(folder, "headers", name)
-                said = re.findall(r"(?:printf|puts)\([^;]*\); *// (.*)", code) + ROWS.get(name, [])
-                self.assertEqual((done.returncode, done.stdout.splitlines(), done.stderr),
-                                 (0, said, ""))
+        for library in LIBRARIES:
+            for name, code in documents.header_examples(library).items():
+                with self.subTest(name), tempfile.TemporaryDirectory() as folder:
+                    done = self.run_program(folder, f"{library}_headers", name)
+                    said = re.findall(r"(?:printf|puts)\([^;]*\); *// (.*)", code) + ROWS.get(name, [])
+                    told = [line.partition(" - ")[2] for line in done.stderr.splitlines()]
+                    self.assertEqual((done.returncode, done.stdout.splitlines(), told),
+                                     (0, said, REPORTS.get(name, [])))
 
     def test_examples_of_the_headers_are_short(self):
-        for name, code in documents.header_examples().items():
-            self.assertIn(len(code.splitlines()), range(5, 9), f"{name}\n{code}")
+        for library in LIBRARIES:
+            for name, code in documents.header_examples(library).items():
+                if name not in OUTSIDE:
+                    self.assertIn(len(code.splitlines()), range(5, 9), f"{name}\n{code}")
 
     def test_every_program_is_that_of_the_readme_or_an_example(self):
         sources = documents.examples().values()

@@ -12,9 +12,11 @@ namespace sql {
 
 /// Why an operation failed, or that none did.
 ///
-///     sql::Statement add(database, "insert into product values (?, ?)");
-///     if (!add.run(7, "tea") && add.error().isConstraint())
+///     sql::Statement add(database, "insert into product (id) values (?)");
+///     if (!add.run(1) && add.error().isConstraint())
 ///         std::puts(add.error().name()); // SQLITE_CONSTRAINT_PRIMARYKEY
+///     else if (add.error())
+///         std::puts(add.error().text().c_str());
 ///
 /// A plain value that owns its texts.
 class Error {
@@ -74,9 +76,11 @@ enum class Presence {
 
 /// A value, nothing, or the reason why it is not known.
 ///
-///     const sql::Result<sql::string> name = find.one<sql::string>(7);
+///     sql::Statement find(
+///         database, "select name from product where id = ?");
+///     const sql::Result<sql::string> name = find.one<sql::string>(1);
 ///     if (name)
-///         std::puts(name->c_str()); // tea
+///         std::puts(name->c_str()); // rum
 ///     else if (name.failed())
 ///         std::puts(name.error().text().c_str());
 ///

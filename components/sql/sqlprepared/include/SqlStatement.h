@@ -24,7 +24,15 @@ struct Bytes {
     std::size_t size = 0;       ///< How many there are.
 };
 
-/// A value as SQLite stores it, on its way into a statement. Borrows texts and bytes.
+/// A value as SQLite stores it, on its way into a statement: what a Binder makes of a type.
+///
+///     const auto argument = [](int percent) {
+///         if (percent > 100)
+///             return sql::Argument::unfit("is no percentage");
+///         return sql::Argument(percent / 100.0);
+///     };
+///
+/// Borrows texts and bytes.
 class Argument {
 public:
     Argument(std::nullptr_t) : _kind(Kind::null), _number(0) ///< Holds NULL.
@@ -69,6 +77,12 @@ private:
 class Statement;
 
 /// A cell of the row that a statement stands at; lives until the statement goes on.
+///
+///     sql::Statement all(database, "select name, price from product");
+///     while (all.next()) {
+///         const sql::Column price = all.column("price");
+///         std::printf("%.2f\n", price.isNull() ? 0 : price.asDouble()); // 2.50
+///     }
 ///
 /// The getters convert as those of Value do and never fail. Views live until the statement goes on
 /// or another getter is called for the same cell.
@@ -306,12 +320,11 @@ template <typename T> struct Binder<std::optional<T>, std::enable_if_t<is_bindab
 /// One statement of SQL, compiled once: values are bound to its parameters, rows read one by one.
 ///
 ///     sql::Statement cheap(
-///         database, "select id, name from product where price < ?");
-///     sql::integer id = 0;
+///         database, "select name from product where price < ?");
 ///     sql::string name;
 ///     cheap.bind(1, 3.5);
-///     while (cheap.next(id, name))
-///         std::printf("%lld %s\n", id, name.c_str());
+///     while (cheap.next(name))
+///         std::puts(name.c_str()); // rum
 ///     if (!cheap.finished())
 ///         std::puts(cheap.error().text().c_str());
 ///

@@ -20,6 +20,13 @@ enum TransactionMode : std::int32_t {
 
 /// What Transaction and Savepoint have in common: it is open from its making to its commit or
 /// rollback, and what is not committed at the end of its scope is rolled back.
+///
+///     const auto end = [](sql::TransactionScope& scope, bool isGood) {
+///         return isGood ? scope.commit() : scope.rollback();
+///     };
+///     sql::Transaction transaction(database, sql::begin_immediate);
+///     if (!end(transaction, products.addRecord(tea)))
+///         std::puts(transaction.error().text().c_str());
 class TransactionScope {
 public:
     TransactionScope(const TransactionScope&) = delete;            ///< It is where it was made.
@@ -97,6 +104,13 @@ public:
 
 /// A part of a transaction, or of another savepoint, that can be undone alone. Outside both it is a
 /// deferred transaction. What it commits is still undone by a rollback of what it is in.
+///
+///     sql::Transaction whole(database, sql::begin_immediate);
+///     sql::Savepoint part(database);
+///     if (!products.addRecord(tea) || !part.commit())
+///         part.rollback();
+///     if (!whole.commit())
+///         return 1;
 class Savepoint : public TransactionScope {
 public:
     explicit Savepoint(Database& database); ///< Begins it. If that fails it is not open.
