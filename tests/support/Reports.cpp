@@ -367,6 +367,13 @@ std::string keyIsNoInteger()
                     "value->getType() == type_int");
 }
 
+Texts statementFailed(const std::string& operation, const std::string& statement,
+                      const std::string& reason)
+{
+    return {error("Failure::" + operation, "SQL statement '" + statement + "' failed: "),
+            error("Failure::" + operation, "  rc=" + reason)};
+}
+
 } // namespace report
 
 } // namespace test

@@ -95,6 +95,10 @@ Texts notAdded(const std::string& table, const Texts& noInsert);
 Texts notUpdated(const std::string& table, const Texts& noUpdate);
 std::string keyIsNoInteger();
 
+// Any operation of sqlprepared that fails, by the name alone: "run", "commit".
+Texts statementFailed(const std::string& operation, const std::string& statement,
+                      const std::string& reason);
+
 } // namespace report
 
 } // namespace test
