@@ -60,6 +60,7 @@ private:
 
     SQLWRAPPER_LOCAL bool begin(const char* text);
     SQLWRAPPER_LOCAL bool prepare(const string& text, sqlite3_stmt** statement);
+    SQLWRAPPER_LOCAL const char* whyNotOpen() const;
     SQLWRAPPER_LOCAL bool isUsable(const char* operation);
     SQLWRAPPER_LOCAL int run(const char* operation, sqlite3_stmt* statement) const;
     SQLWRAPPER_LOCAL int undo(const char* operation);

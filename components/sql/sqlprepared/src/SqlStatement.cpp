@@ -574,10 +574,8 @@ bool Statement::next()
         return false;
     if (_state == State::row)
         return step("next");
-    if (_state == State::broken) {
-        sqlite3_reset(_handle.statement);
+    if (_state == State::broken && end("next"))
         _state = State::failed;
-    }
     if (_state != State::ready)
         return false;
     forgetStale();

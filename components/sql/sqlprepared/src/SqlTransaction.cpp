@@ -182,18 +182,26 @@ void TransactionScope::noteRollback(void* scope)
 
 bool TransactionScope::isOpen() const
 {
-    if (_state != State::open || _watching)
-        return _state == State::open;
-    const TransactionScope* const outer = outermost(_connection);
-    return outer != nullptr && outer->_state == State::open;
+    return whyNotOpen() == nullptr;
+}
+
+// Null while it is open. A commit of nothing that was written passes the hook, whoever it is of.
+const char* TransactionScope::whyNotOpen() const
+{
+    const TransactionScope* const outer = _watching ? this : outermost(_connection);
+    if (_state == State::lost || (outer != nullptr && outer->_state == State::lost))
+        return lost;
+    const bool open = _state == State::open && outer != nullptr && outer->_state == State::open
+                      && sqlite3_get_autocommit(_connection) == 0;
+    return open ? nullptr : ended;
 }
 
 bool TransactionScope::commit()
 {
     if (!isUsable("commit"))
         return false;
-    if (!isOpen())
-        return fail("commit", sqlite3_sql(_commit), SQLITE_ABORT_ROLLBACK, lost);
+    if (const char* const why = whyNotOpen())
+        return fail("commit", sqlite3_sql(_commit), SQLITE_ABORT_ROLLBACK, why);
     _committing = true;
     const int rc = run("commit", _commit);
     _committing = false;
