@@ -302,6 +302,24 @@ Texts noKeyValueToUpdate(const std::string& table)
     return noUpdate("No PRIMARY KEY column found for table " + table);
 }
 
+std::string started(const std::string& operation, const std::string& statement)
+{
+    return statementLine("Statement::" + operation, statement);
+}
+
+std::string withValues(const std::string& operation, const std::string& statement)
+{
+    return debug(3, "Statement::" + operation, statement);
+}
+
+Texts statementFailed(const std::string& operation, const std::string& statement,
+                      const std::string& reason)
+{
+    const std::string reported = "Failure::" + operation;
+    return {error(reported, "SQL statement '" + statement + "' failed: "),
+            error(reported, "  rc=" + reason)};
+}
+
 Texts wrongKeyType(const std::string& field, const std::string& type)
 {
     return failed("bool sql::FieldSet::initFieldSet(const sql::Field*)",

@@ -82,6 +82,13 @@ Texts noField(const std::string& name); // Record::fieldByName()
 Texts noKeyValue();
 Texts noKeyValueToUpdate(const std::string& table);
 
+// An operation of sqlprepared, such as "next" and, for a constructor, "Statement": the statement that
+// it starts, the same with its values, and why it fails.
+std::string started(const std::string& operation, const std::string& statement);
+std::string withValues(const std::string& operation, const std::string& statement);
+Texts statementFailed(const std::string& operation, const std::string& statement,
+                      const std::string& reason);
+
 // Columns and records of which no statement can be built; `why` is that of the record.
 Texts wrongKeyType(const std::string& field, const std::string& type);
 std::string badColumns();

@@ -174,6 +174,32 @@ void trace(sqlite3* db, std::vector<std::string>* texts)
 
 } // namespace
 
+void run(sqlite3* db, const std::string& sql)
+{
+    if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+        refuse(db, sql);
+}
+
+std::string rows(sqlite3* db, const std::string& sql)
+{
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
+        refuse(db, sql);
+    std::string text;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        if (!text.empty())
+            text += "\n";
+        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+            const unsigned char* const cell = sqlite3_column_text(statement, i);
+            if (i > 0)
+                text += "|";
+            text += cell != nullptr ? reinterpret_cast<const char*>(cell) : "NULL";
+        }
+    }
+    sqlite3_finalize(statement);
+    return text;
+}
+
 Connection::Connection(const std::string& fileName) : _db(nullptr)
 {
     if (sqlite3_open(fileName.c_str(), &_db) != SQLITE_OK)
@@ -197,28 +223,12 @@ Connection::operator sqlite3*() const
 
 void Connection::run(const std::string& sql)
 {
-    if (sqlite3_exec(_db, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
-        refuse(_db, sql);
+    test::run(_db, sql);
 }
 
 std::string Connection::rows(const std::string& sql)
 {
-    sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(_db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
-        refuse(_db, sql);
-    std::string text;
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-        if (!text.empty())
-            text += "\n";
-        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-            const unsigned char* const cell = sqlite3_column_text(statement, i);
-            if (i > 0)
-                text += "|";
-            text += cell != nullptr ? reinterpret_cast<const char*>(cell) : "NULL";
-        }
-    }
-    sqlite3_finalize(statement);
-    return text;
+    return test::rows(_db, sql);
 }
 
 Statements::Statements(sqlite3* db) : _db(db)

@@ -9,6 +9,12 @@
 
 namespace test {
 
+// Runs statements past the library; aborts the test program when SQLite refuses.
+void run(sqlite3* db, const std::string& sql);
+
+// What a query yields, past the library: cells separated by "|", rows by "\n", NULL as "NULL".
+std::string rows(sqlite3* db, const std::string& sql);
+
 // A connection of the test's own, in memory unless a file is named.
 class Connection {
 public:
@@ -20,10 +26,8 @@ public:
     sqlite3* get() const;
     operator sqlite3*() const;
 
-    // Runs statements past the library; aborts the test program when SQLite refuses.
+    // As the functions of these names.
     void run(const std::string& sql);
-
-    // What a query yields, past the library: cells separated by "|", rows by "\n", NULL as "NULL".
     std::string rows(const std::string& sql);
 
 private:
