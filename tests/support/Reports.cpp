@@ -302,24 +302,6 @@ Texts noKeyValueToUpdate(const std::string& table)
     return noUpdate("No PRIMARY KEY column found for table " + table);
 }
 
-std::string started(const std::string& operation, const std::string& statement)
-{
-    return statementLine("Statement::" + operation, statement);
-}
-
-std::string withValues(const std::string& operation, const std::string& statement)
-{
-    return debug(3, "Statement::" + operation, statement);
-}
-
-Texts statementFailed(const std::string& operation, const std::string& statement,
-                      const std::string& reason)
-{
-    const std::string reported = "Failure::" + operation;
-    return {error(reported, "SQL statement '" + statement + "' failed: "),
-            error(reported, "  rc=" + reason)};
-}
-
 Texts wrongKeyType(const std::string& field, const std::string& type)
 {
     return failed("bool sql::FieldSet::initFieldSet(const sql::Field*)",
@@ -383,6 +365,16 @@ std::string keyIsNoInteger()
 {
     return asserted("sql::string sql::Record::toSqlUpdate(const string&) const",
                     "value->getType() == type_int");
+}
+
+std::string started(const std::string& operation, const std::string& statement)
+{
+    return statementLine("Statement::" + operation, statement);
+}
+
+std::string withValues(const std::string& operation, const std::string& statement)
+{
+    return debug(3, "Statement::" + operation, statement);
 }
 
 Texts statementFailed(const std::string& operation, const std::string& statement,

@@ -82,13 +82,6 @@ Texts noField(const std::string& name); // Record::fieldByName()
 Texts noKeyValue();
 Texts noKeyValueToUpdate(const std::string& table);
 
-// An operation of sqlprepared, such as "next" and, for a constructor, "Statement": the statement that
-// it starts, the same with its values, and why it fails.
-std::string started(const std::string& operation, const std::string& statement);
-std::string withValues(const std::string& operation, const std::string& statement);
-Texts statementFailed(const std::string& operation, const std::string& statement,
-                      const std::string& reason);
-
 // Columns and records of which no statement can be built; `why` is that of the record.
 Texts wrongKeyType(const std::string& field, const std::string& type);
 std::string badColumns();
@@ -102,7 +95,10 @@ Texts notAdded(const std::string& table, const Texts& noInsert);
 Texts notUpdated(const std::string& table, const Texts& noUpdate);
 std::string keyIsNoInteger();
 
-// Any operation of sqlprepared that fails, by the name alone: "run", "commit".
+// Any operation of sqlprepared, by the name alone, "run", "commit": the statement that it starts, the
+// same with its values, and how it fails.
+std::string started(const std::string& operation, const std::string& statement);
+std::string withValues(const std::string& operation, const std::string& statement);
 Texts statementFailed(const std::string& operation, const std::string& statement,
                       const std::string& reason);
 
