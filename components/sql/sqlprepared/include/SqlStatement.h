@@ -517,6 +517,8 @@ private:
     SQLWRAPPER_LOCAL void keepFailure(const char* operation, State state, int rc,
                                       const string& why);
 
+    struct LettingGo;
+
     // The statement of SQLite's, which ends with it.
     struct Handle {
         Handle() = default;

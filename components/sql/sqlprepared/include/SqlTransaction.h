@@ -52,8 +52,10 @@ protected:
     ~TransactionScope();
 
 private:
-    enum class State { closed, open, lost };
+    // Lost: SQLite has rolled back, or could not.
+    enum class State { unbegun, open, undoing, lost, ended };
 
+    SQLWRAPPER_LOCAL TransactionScope(Database& database, std::chrono::milliseconds patience);
     SQLWRAPPER_LOCAL static TransactionScope* outermost(sqlite3* connection);
     SQLWRAPPER_LOCAL static int refuseCommit(void* scope);
     SQLWRAPPER_LOCAL static void noteRollback(void* scope);
@@ -64,7 +66,9 @@ private:
     SQLWRAPPER_LOCAL bool isUsable(const char* operation);
     SQLWRAPPER_LOCAL int run(const char* operation, sqlite3_stmt* statement) const;
     SQLWRAPPER_LOCAL int undo(const char* operation);
-    SQLWRAPPER_LOCAL void watch();
+    SQLWRAPPER_LOCAL void enter();
+    SQLWRAPPER_LOCAL void leave();
+    SQLWRAPPER_LOCAL bool hasToUndo() const;
     SQLWRAPPER_LOCAL void end();
     SQLWRAPPER_LOCAL bool fail(const char* operation, const string& text, int rc, const char* why);
     SQLWRAPPER_LOCAL bool failAsSqlite(const char* operation, sqlite3_stmt* statement, int rc);
@@ -74,8 +78,9 @@ private:
     std::chrono::milliseconds _patience;
     sqlite3_stmt* _commit = nullptr;
     sqlite3_stmt* _rollback = nullptr;
-    TransactionScope* _next = nullptr; // of those that watch their connections
-    State _state = State::closed;
+    sqlite3_stmt* _abort = nullptr;    // rolls back when it is interrupted
+    TransactionScope* _next = nullptr; // of those that have not ended
+    State _state = State::unbegun;
     bool _nested = false;     // in another transaction, to which a rollback goes back
     bool _watching = false;   // it is the outermost of its connection, and has the hooks
     bool _committing = false; // the commit that the hook is asked about is its own

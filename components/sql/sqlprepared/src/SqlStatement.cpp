@@ -11,6 +11,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <utility>
 
 namespace sql {
@@ -596,6 +597,19 @@ bool Statement::runWith(const Argument* arguments, int count)
     return restart("run") && bindAll("run", arguments, count) && runToEnd("run");
 }
 
+// Of the row and the values, should a binder throw.
+struct Statement::LettingGo {
+    ~LettingGo()
+    {
+        if (statement._state != State::row)
+            return;
+        sqlite3_reset(statement._handle.statement);
+        statement._state = State::failed;
+    }
+
+    Statement& statement;
+};
+
 Presence Statement::readOne(const Argument* arguments, int argumentCount, const Variable* variables,
                             int variableCount)
 {
@@ -609,6 +623,7 @@ Presence Statement::readOne(const Argument* arguments, int argumentCount, const 
     begin("one");
     if (!step("one"))
         return _state == State::ended ? Presence::absent : Presence::unknown;
+    const LettingGo lettingGo{*this};
     return readCells("one", variables, variableCount) && end("one") ? Presence::present
                                                                     : Presence::unknown;
 }
@@ -740,10 +755,9 @@ std::string_view Statement::text() const
 string Statement::expandedText()
 {
     forgetStale();
-    char* const expanded = sqlite3_expanded_sql(_handle.statement);
-    const string text = expanded != nullptr ? expanded : "";
-    sqlite3_free(expanded);
-    return text;
+    const std::unique_ptr<char, decltype(&sqlite3_free)> expanded(
+        sqlite3_expanded_sql(_handle.statement), sqlite3_free);
+    return expanded != nullptr ? expanded.get() : string();
 }
 
 bool Statement::isReadOnly() const
@@ -803,6 +817,8 @@ Result<int> runScript(Database& database, const string& script)
         const char* const sql = rest + nextStatement(rest);
         sqlite3_stmt* statement = nullptr;
         int rc = sqlite3_prepare_v2(db, sql, -1, &statement, &rest);
+        const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> owner(statement,
+                                                                               sqlite3_finalize);
         if (rc == SQLITE_OK) {
             TRACE_DEBUG2("stmt='%s'", sqlite3_sql(statement));
             while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
@@ -812,11 +828,8 @@ Result<int> runScript(Database& database, const string& script)
         if (rc != SQLITE_OK && rc != SQLITE_DONE) {
             const string why = "statement " + intToStr(count) + ": " + reasonOf(db, rc);
             const char* const own = sqlite3_sql(statement);
-            const Error error = failed(own != nullptr ? own : sql, extendedCodeOf(db, rc), why);
-            sqlite3_finalize(statement);
-            return error;
+            return failed(own != nullptr ? own : sql, extendedCodeOf(db, rc), why);
         }
-        sqlite3_finalize(statement);
     }
     return count;
 }

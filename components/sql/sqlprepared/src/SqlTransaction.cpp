@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <memory>
 #include <mutex>
 
 namespace sql {
@@ -22,10 +23,10 @@ constexpr milliseconds longest_pause(50);
 constexpr const char* lost = "the transaction was rolled back before";
 constexpr const char* ended = "the transaction has ended before";
 
-// The outermost scopes of all connections, which threads may have one each. SQLite keeps one word for
-// each hook, but tells it only to who takes the hook away.
-std::mutex watching_mutex;
-TransactionScope* watching = nullptr;
+// The scopes that were begun and have not ended, the latest first, of all connections, which threads
+// may have one each. SQLite keeps one word for each hook, but tells it only to who takes the hook away.
+std::mutex scopes_mutex;
+TransactionScope* scopes = nullptr;
 
 const char* beginOf(TransactionMode mode)
 {
@@ -58,20 +59,24 @@ void sleepFor(milliseconds pause)
 
 // --- Begin and end -------------------------------------------------------------------------------
 
-TransactionScope::TransactionScope(Database& database, const char* text, milliseconds patience)
+TransactionScope::TransactionScope(Database& database, milliseconds patience)
     : _database(&database), _connection(database.getHandle()), _patience(patience)
 {
-    if (begin(text)) {
-        _state = State::open;
-        watch();
-    } else {
+}
+
+// What the other has made is destroyed, should memory run out here.
+TransactionScope::TransactionScope(Database& database, const char* text, milliseconds patience)
+    : TransactionScope(database, patience)
+{
+    if (begin(text))
+        enter();
+    else
         end();
-    }
 }
 
 TransactionScope::~TransactionScope()
 {
-    if (isOpen()) {
+    if (hasToUndo()) {
         const int rc = undo("~TransactionScope");
         if (rc != SQLITE_DONE)
             reportFailure("~TransactionScope", sqlite3_sql(_rollback),
@@ -98,20 +103,19 @@ bool TransactionScope::begin(const char* text)
     if (_connection == nullptr)
         return fail("begin", beginning, SQLITE_MISUSE, database_not_open);
     const TransactionScope* const outer = outermost(_connection);
-    if (outer != nullptr && outer->_state == State::lost)
-        return fail("begin", beginning, SQLITE_ABORT_ROLLBACK, lost);
+    if (const char* const why = outer != nullptr ? outer->whyNotOpen() : nullptr)
+        return fail("begin", beginning, SQLITE_ABORT_ROLLBACK, why);
 
     _nested = text == nullptr && sqlite3_get_autocommit(_connection) == 0;
     sqlite3_stmt* statement = nullptr;
     if (!prepare(text != nullptr ? "commit" : "release " + name, &_commit)
         || !prepare(_nested ? "rollback to " + name : "rollback", &_rollback)
-        || !prepare(beginning, &statement))
+        || !prepare("begin immediate", &_abort) || !prepare(beginning, &statement))
         return false;
+    const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> owner(statement,
+                                                                           sqlite3_finalize);
     const int rc = run("begin", statement);
-    if (rc != SQLITE_DONE)
-        failAsSqlite("begin", statement, rc);
-    sqlite3_finalize(statement);
-    return rc == SQLITE_DONE;
+    return rc == SQLITE_DONE || failAsSqlite("begin", statement, rc);
 }
 
 bool TransactionScope::prepare(const string& text, sqlite3_stmt** statement)
@@ -126,40 +130,56 @@ void TransactionScope::end()
     if (_watching) {
         sqlite3_commit_hook(_connection, nullptr, nullptr);
         sqlite3_rollback_hook(_connection, nullptr, nullptr);
-        const std::lock_guard<std::mutex> lock(watching_mutex);
-        TransactionScope** link = &watching;
-        while (*link != this)
-            link = &(*link)->_next;
-        *link = _next;
     }
     _watching = false;
-    _state = State::closed;
+    leave();
     sqlite3_finalize(_commit);
     sqlite3_finalize(_rollback);
-    _commit = _rollback = nullptr;
+    sqlite3_finalize(_abort);
+    _commit = _rollback = _abort = nullptr;
 }
 
 // --- While it lasts ------------------------------------------------------------------------------
 
-void TransactionScope::watch()
+void TransactionScope::enter()
 {
-    if (outermost(_connection) != nullptr)
+    if (outermost(_connection) == nullptr) {
+        _watching = true;
+        sqlite3_commit_hook(_connection, refuseCommit, this);
+        sqlite3_rollback_hook(_connection, noteRollback, this);
+    }
+    _state = State::open;
+    const std::lock_guard<std::mutex> lock(scopes_mutex);
+    _next = scopes;
+    scopes = this;
+}
+
+// Those that were begun in it end with it.
+void TransactionScope::leave()
+{
+    if (_state == State::unbegun || _state == State::ended)
         return;
-    _watching = true;
-    sqlite3_commit_hook(_connection, refuseCommit, this);
-    sqlite3_rollback_hook(_connection, noteRollback, this);
-    const std::lock_guard<std::mutex> lock(watching_mutex);
-    _next = watching;
-    watching = this;
+    const std::lock_guard<std::mutex> lock(scopes_mutex);
+    for (TransactionScope** link = &scopes; _state != State::ended;) {
+        TransactionScope& scope = **link;
+        if (scope._connection == _connection) {
+            scope._state = State::ended;
+            *link = scope._next;
+        } else {
+            link = &scope._next;
+        }
+    }
 }
 
 TransactionScope* TransactionScope::outermost(sqlite3* connection)
 {
-    const std::lock_guard<std::mutex> lock(watching_mutex);
-    TransactionScope* scope = watching;
-    while (scope != nullptr && scope->_connection != connection)
-        scope = scope->_next;
-    return scope;
+    const std::lock_guard<std::mutex> lock(scopes_mutex);
+    TransactionScope* found = nullptr;
+    for (TransactionScope* scope = scopes; scope != nullptr; scope = scope->_next) {
+        if (scope->_connection == connection)
+            found = scope;
+    }
+    return found;
 }
 
 // SQLite rolls back what it may not commit.
@@ -173,10 +193,16 @@ int TransactionScope::refuseCommit(void* scope)
 
 void TransactionScope::noteRollback(void* scope)
 {
-    TransactionScope& self = *static_cast<TransactionScope*>(scope);
+    const TransactionScope& self = *static_cast<TransactionScope*>(scope);
     if (self._state != State::open)
         return;
-    self._state = State::lost;
+    {
+        const std::lock_guard<std::mutex> lock(scopes_mutex);
+        for (TransactionScope* each = scopes; each != nullptr; each = each->_next) {
+            if (each->_connection == self._connection)
+                each->_state = State::lost;
+        }
+    }
     TRACE_ERROR("The transaction was rolled back: nothing is committed before its scope ends");
 }
 
@@ -188,12 +214,16 @@ bool TransactionScope::isOpen() const
 // Null while it is open. A commit of nothing that was written passes the hook, whoever it is of.
 const char* TransactionScope::whyNotOpen() const
 {
-    const TransactionScope* const outer = _watching ? this : outermost(_connection);
-    if (_state == State::lost || (outer != nullptr && outer->_state == State::lost))
+    if (_state == State::lost)
         return lost;
-    const bool open = _state == State::open && outer != nullptr && outer->_state == State::open
-                      && sqlite3_get_autocommit(_connection) == 0;
-    return open ? nullptr : ended;
+    return _state == State::open && sqlite3_get_autocommit(_connection) == 0 ? nullptr : ended;
+}
+
+// After a loss another may have begun anew: nothing of that outlives the scope either.
+bool TransactionScope::hasToUndo() const
+{
+    const bool isLast = _state == State::lost && _watching && !_nested;
+    return isOpen() || (isLast && sqlite3_get_autocommit(_connection) == 0);
 }
 
 bool TransactionScope::commit()
@@ -208,6 +238,7 @@ bool TransactionScope::commit()
     if (rc != SQLITE_DONE)
         return failAsSqlite("commit", _commit, rc);
     end();
+    _error = Error();
     return true;
 }
 
@@ -215,10 +246,11 @@ bool TransactionScope::rollback()
 {
     if (!isUsable("rollback"))
         return false;
-    const int rc = isOpen() ? undo("rollback") : SQLITE_DONE;
+    const int rc = hasToUndo() ? undo("rollback") : SQLITE_DONE;
     if (rc != SQLITE_DONE)
         return failAsSqlite("rollback", _rollback, rc);
     end();
+    _error = Error();
     return true;
 }
 
@@ -230,8 +262,10 @@ const Error& TransactionScope::error() const
 // One that could not begin has said why.
 bool TransactionScope::isUsable(const char* operation)
 {
-    if (_state == State::closed)
-        return _error ? false : fail(operation, operation, SQLITE_MISUSE, ended);
+    if (_state == State::unbegun)
+        return false;
+    if (_state == State::ended)
+        return fail(operation, operation, SQLITE_MISUSE, ended);
     if (_database->getHandle() == _connection)
         return true;
     return fail(operation, operation, SQLITE_MISUSE, database_closed);
@@ -241,10 +275,17 @@ bool TransactionScope::isUsable(const char* operation)
 int TransactionScope::undo(const char* operation)
 {
     if (!_nested)
-        _state = State::closed; // so that the rollback is known for its own
+        _state = State::undoing; // so that the rollback is known for its own
     int rc = run(operation, _rollback);
     if (rc == SQLITE_DONE && _nested)
         rc = run(operation, _commit);
+    // An interrupt lasts as long as a statement stands at a row, and stops a rollback like any other.
+    // SQLite itself rolls back when it stops one that writes.
+    if (rc == SQLITE_INTERRUPT && sqlite3_step(_abort) == SQLITE_INTERRUPT
+        && sqlite3_get_autocommit(_connection) != 0)
+        rc = SQLITE_DONE;
+    if (rc != SQLITE_DONE)
+        _state = State::lost;
     return rc;
 }
 
