@@ -1,5 +1,5 @@
-"""Runs what docs/start.md, docs/tour.md, docs/integration.md and docs/faq.md show, the programs as
-programs.py says. CXX is the compiler, which stands in for g++.
+"""Runs what docs/start.md, docs/tour.md, docs/prepared.md, docs/choosing.md, docs/integration.md and
+docs/faq.md show, the programs as programs.py says. CXX is the compiler, which stands in for g++.
 """
 
 import os
@@ -20,6 +20,16 @@ GUIDE = ROOT / "examples" / "guide"
 MARK = "--- next command"
 
 
+def printed_by_tour(page):
+    """What a page shows that its tour prints, below the headings of the tasks."""
+    parts = re.split(r"^## (.*)\n", documents.text(page), flags=re.MULTILINE)[1:]
+    shown = ""
+    for heading, section in zip(parts[::2], parts[1::2]):
+        output = "".join(re.findall(r"^```text\n(.*?)^```$", section, re.M | re.S))
+        shown += f"-- {heading}\n{output}" if output else ""
+    return comparable(shown)
+
+
 class TourTest(Test):
     def tour(self):
         """Its exit status and what it prints, standard error included."""
@@ -27,12 +37,7 @@ class TourTest(Test):
         return status, comparable(output)
 
     def test_prints_what_is_shown(self):
-        parts = re.split(r"^## (.*)\n", documents.text("docs/tour.md"), flags=re.MULTILINE)[1:]
-        shown = ""
-        for heading, section in zip(parts[::2], parts[1::2]):
-            output = "".join(re.findall(r"^```text\n(.*?)^```$", section, re.M | re.S))
-            shown += f"-- {heading}\n{output}" if output else ""
-        self.assertEqual(self.tour(), (0, comparable(shown)))
+        self.assertEqual(self.tour(), (0, printed_by_tour("docs/tour.md")))
 
     def test_can_be_taken_again_and_leaves_an_empty_table(self):
         for version in ("version 1, was 0\n", "version 1, was 1\n"):
@@ -53,6 +58,61 @@ class TourTest(Test):
         status, output = self.tour()
         self.assertEqual((status, output.splitlines()[-2:]),
                          (1, ["-- Add rows", "tour: this task failed"]))
+
+
+class PreparedTest(Test):
+    """The programs of docs/prepared.md, and the calls that docs/choosing.md has side by side."""
+
+    def test_tour_prints_what_is_shown_and_can_be_taken_again(self):
+        for _ in range(2):
+            self.assert_prints(printed_by_tour("docs/prepared.md"), "prepared", "a.db")
+            self.assertEqual(self.query("select * from product"), [
+                (1, "Captain's tea", 200, 0.125), (2, "Tea pot", 1949, None), (3, "Mug", 389, None)])
+            self.assertEqual(self.query("select name from sqlite_master where type = 'table'"),
+                             [("product",)])
+
+    def test_tour_tells_wrong_use_and_a_file_that_is_no_database(self):
+        self.assert_ends(self.start("prepared"), 2, "", "usage: prepared DATABASE\n")
+        self.write("a.db", "This is no database.\n" * 100)
+        self.assert_fails("cannot open the database", "prepared", "a.db")
+
+    def test_first_program_tells_each_reason(self):
+        self.assert_ends(self.start("readings"), 2, "", "usage: readings SENSOR VALUE\n")
+        self.make("create table reading (id integer)", "readings.db")
+        self.assert_fails("cannot add the reading: table reading has no column named sensor",
+                          "readings", "hall", "1")
+        self.write("readings.db", "This is no database.\n" * 100)
+        self.assert_fails("cannot make the table: statement 1: file is not a database",
+                          "readings", "hall", "1")
+        os.remove(self.folder / "readings.db")
+        (self.folder / "readings.db").mkdir()
+        self.assert_fails("cannot open readings.db: unable to open database file",
+                          "readings", "hall", "1")
+
+    def test_first_program_takes_any_text_for_a_sensor(self):
+        for sensor in ("it's", "'); drop table reading; --", "?", ""):
+            self.assert_prints("1: 20.0\n", "readings", sensor, "20")
+            self.assertEqual(self.query("select sensor, value from reading", "readings.db"),
+                             [(sensor, 20.0)])
+            os.remove(self.folder / "readings.db")
+
+    def test_calls_find_the_same_by_texts_and_by_statements(self):
+        status, output, errors = self.run_program("calls")
+        texts, statements = output.splitlines()
+        self.assertEqual((status, errors, texts), (0, "", statements))
+        self.assertEqual(texts, "1|Captain's tea|Captain's tea|not there|3|0|2|")
+
+    def test_calls_side_by_side_stand_in_their_program(self):
+        source = "".join((GUIDE / "calls.cpp").read_text(encoding="utf-8").split())
+        texts, statements = source.split("boolbyStatements")
+        section = documents.text("docs/choosing.md").split("\n## ")[2]
+        rows = re.findall(r"^\| (.*`) \| (.*`.*) \|$", section, re.MULTILINE)
+        self.assertEqual(len(rows), len(re.findall(r"^\| ", section, re.MULTILINE)) - 1)
+        for row in rows:
+            for side, part in zip(row, (texts, statements)):
+                for code in re.findall(r"`([^`]*)`", side):
+                    with self.subTest(code):
+                        self.assertIn("".join(code.split()), part)
 
 
 class QuestionsTest(Test):
@@ -102,23 +162,38 @@ class InstalledTest(Test):
         compiler = cls.home / "bin" / "g++"
         compiler.write_text(f'#!/bin/sh\nexec {shlex.quote(os.environ["CXX"])} "$@"\n', "utf-8")
         compiler.chmod(0o755)
-        program = [block for block in documents.blocks("docs/start.md", "cpp") if "main(" in block]
-        (cls.home / "notes.cpp").write_text(program[0], encoding="utf-8")
-        cls.steps = cls.steps_of_the_document()
-        script = "".join(f"echo '{MARK}'\n{command}\n" for command, _ in cls.steps)
-        cls.printed = cls.run_in_shell(script).stdout.split(f"{MARK}\n")[1:]
+        (cls.home / "notes.cpp").write_text(cls.program_of("docs/start.md"), encoding="utf-8")
+        cls.steps = cls.steps_of_the_document("docs/start.md")
+        cls.printed = cls.run_steps(cls.steps)
 
     @staticmethod
-    def steps_of_the_document():
-        """The commands of docs/start.md in their order, each with what it prints, or None."""
+    def program_of(page):
+        return next(block for block in documents.blocks(page, "cpp") if "main(" in block)
+
+    @staticmethod
+    def steps_of_the_document(page):
+        """The commands of a page in their order, each with what it prints, or None."""
         steps = []
-        for language, block in re.findall(r"^```(sh|console)\n(.*?)^```$",
-                                          documents.text("docs/start.md"), re.M | re.S):
+        for language, block in re.findall(r"^```(sh|console)\n(.*?)^```$", documents.text(page),
+                                          re.M | re.S):
             if language == "sh":
                 steps += [(line, None) for line in block.splitlines() if "apt-get" not in line]
             else:
                 steps += steps_of(block)
         return steps
+
+    @classmethod
+    def run_steps(cls, steps):
+        """What each command prints, in one shell."""
+        script = "".join(f"echo '{MARK}'\n{command}\n" for command, _ in steps)
+        return cls.run_in_shell(script).stdout.split(f"{MARK}\n")[1:]
+
+    def assert_printed(self, steps, printed):
+        self.assertEqual(len(printed), len(steps), printed)
+        for (command, shown), text in zip(steps, printed):
+            if shown is not None:
+                with self.subTest(command):
+                    self.assertEqual(comparable(text), comparable(shown), printed)
 
     @classmethod
     def run_in_shell(cls, script):
@@ -129,11 +204,7 @@ class InstalledTest(Test):
                               check=False)
 
     def test_session_prints_what_is_shown(self):
-        self.assertEqual(len(self.printed), len(self.steps), self.printed)
-        for (command, shown), printed in zip(self.steps, self.printed):
-            if shown is not None:
-                with self.subTest(command):
-                    self.assertEqual(comparable(printed), comparable(shown), self.printed)
+        self.assert_printed(self.steps, self.printed)
 
     def test_program_is_the_one_of_the_examples(self):
         self.assertEqual((self.home / "notes.cpp").read_text(encoding="utf-8"),

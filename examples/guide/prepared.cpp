@@ -1,0 +1,298 @@
+// A tour of sqlprepared, task by task, as docs/prepared.md quotes it.
+//
+//     prepared DATABASE
+
+#include "SqlLiteral.h"
+#include "SqlStatement.h"
+#include "SqlTable.h"
+#include "SqlTransaction.h"
+
+#include <cstdio>
+#include <optional>
+#include <tuple>
+
+// A type of the program's own.
+struct Money {
+    sql::integer cents;
+};
+
+template <> struct sql::Binder<Money> {
+    static sql::Argument argument(const Money& money)
+    {
+        return sql::Argument(money.cents);
+    }
+    static const char* read(const sql::Column& column, Money& money)
+    {
+        return sql::Binder<sql::integer>::read(column, money.cents);
+    }
+};
+
+namespace {
+
+constexpr int busy_timeout_ms = 100;
+
+const sql::Field columns[] = {
+    sql::Field("id", sql::type_int, sql::flag_primary_key),
+    sql::Field("name", sql::type_text, sql::flag_not_null | sql::flag_unique),
+    sql::Field("cents", sql::type_int, sql::flag_not_null),
+    sql::Field("weight", sql::type_float, sql::flag_none),
+    sql::Field(),
+};
+
+bool report(const sql::Error& error)
+{
+    std::printf("%s\n", error.text().c_str());
+    return false;
+}
+
+bool show(sql::Database& database)
+{
+    sql::Statement all(database, "select id || ' ' || name || ' ' || cents from product");
+    sql::string row;
+    while (all.next(row))
+        std::printf("%s\n", row.c_str());
+    return all.finished() || report(all.error());
+}
+
+bool runScript(sql::Database& database, sql::Database&)
+{
+    const sql::Result<int> run = sql::runScript(
+        database, "drop table if exists product;"
+                  "create table product (id integer primary key, name text not null unique,"
+                  " cents integer not null, weight real);");
+    if (!run)
+        return report(run.error());
+    std::printf("%d statements\n", *run);
+    return true;
+}
+
+bool bindValues(sql::Database& database, sql::Database&)
+{
+    sql::Statement add(database, "insert into product (name, cents, weight) values (?, ?, ?)");
+    const std::optional<double> unknown;
+    if (!add.run("Captain's tea", 250, 0.125) || !add.run("Tea pot", 1999, unknown))
+        return report(add.error());
+
+    sql::Statement raise(database, "update product set cents = cents + :more where name = :name");
+    raise.bind(":more", 10).bind(":name", "Tea pot");
+    if (!raise.run())
+        return report(raise.error());
+    return show(database);
+}
+
+bool readRows(sql::Database& database, sql::Database&)
+{
+    sql::Statement cheap(database, "select name, weight from product where cents < ? order by id");
+    cheap.bind(1, 5000);
+    sql::string name;
+    std::optional<double> weight; // is empty for NULL
+    while (cheap.next(name, weight))
+        std::printf("%s: %.3f\n", name.c_str(), weight.value_or(0));
+    if (!cheap.finished()) // the loop has ended by a failure
+        return report(cheap.error());
+
+    sql::Statement all(database, "select * from product order by cents desc");
+    while (all.next())
+        std::printf("%lld %s\n", all.column("cents").asInteger(),
+                    all.column("name").asString().c_str());
+    return all.finished() || report(all.error());
+}
+
+bool tellReasons(sql::Database& database, sql::Database&)
+{
+    sql::Statement add(database, "insert into product (name, cents) values (?, ?)");
+    if (!add.run("Tea pot", 1) && add.error().isConstraint())
+        std::printf("%s: %s\n", add.error().name(), add.error().text().c_str());
+
+    const sql::Statement misspelt(database, "select prize from product");
+    if (!misspelt.isPrepared())
+        std::printf("%s in '%s'\n", misspelt.error().text().c_str(),
+                    misspelt.error().statement().c_str());
+    return true;
+}
+
+bool readOne(sql::Database& database, sql::Database&)
+{
+    sql::Statement find(database, "select cents from product where name = ?");
+    const sql::Result<sql::integer> cents = find.one<sql::integer>("Tea pot");
+    if (cents)
+        std::printf("%lld\n", *cents);
+    else if (cents.failed())
+        return report(cents.error());
+    else
+        std::printf("no such product\n");
+
+    sql::Statement row(database, "select name, cents from product where id = ?");
+    if (const auto tea = row.one<sql::string, sql::integer>(1))
+        std::printf("%s %lld\n", std::get<0>(*tea).c_str(), std::get<1>(*tea));
+    return true;
+}
+
+bool tellKeys(sql::Database& database, sql::Database&)
+{
+    sql::Statement add(database, "insert into product (name, cents) values (?, ?)");
+    if (!add.run("Mug", 450))
+        return report(add.error());
+    std::printf("key %lld\n", add.lastKey().value_or(0));
+
+    sql::Statement reduce(database, "update product set cents = cents - 10 where cents > ?");
+    if (!reduce.run(400))
+        return report(reduce.error());
+    std::printf("%lld changed\n", reduce.changes());
+    return true;
+}
+
+bool changeTogether(sql::Database& database, sql::Database&)
+{
+    sql::Statement reduce(database, "update product set cents = cents - ?");
+    sql::Statement remove(database, "delete from product where cents > ?");
+
+    sql::Transaction transaction(database, sql::begin_immediate);
+    if (!transaction.isOpen())
+        return report(transaction.error());
+    if (!reduce.run(50))
+        return report(reduce.error()); // leaving the scope rolls back
+    {
+        sql::Savepoint trial(database);
+        if (!trial.isOpen() || !remove.run(1000))
+            return report(trial.isOpen() ? remove.error() : trial.error());
+    } // was not committed: nothing is removed
+    if (!transaction.commit())
+        return report(transaction.error());
+    return show(database);
+}
+
+// `other` is another program's connection to the same file.
+bool shareFile(sql::Database& database, sql::Database& other)
+{
+    sql::Statement take(database,
+                        "update product set cents = cents - 1 where name = ? and cents > 0");
+    const auto work = [&take] {
+        return take.run("Mug") && take.changes() == 1;
+    };
+
+    sql::Transaction writer(other, sql::begin_immediate);
+    sql::Result<bool> done = sql::inTransaction(database, work, std::chrono::milliseconds(50));
+    if (done.error().isBusy())
+        std::printf("busy\n");
+    writer.rollback();
+
+    done = sql::inTransaction(database, work, std::chrono::seconds(2));
+    std::printf("%s\n", done ? "done" : done.failed() ? "failed" : "rolled back");
+    return true;
+}
+
+bool find(sql::Database& database, const sql::string& typed)
+{
+    sql::Statement find(database, "select name from product where name like ? escape '\\'");
+    find.bind(1, "%" + sql::escapeLike(typed) + "%");
+    sql::string name;
+    while (find.next(name))
+        std::printf("%s\n", name.c_str());
+    return find.finished() || report(find.error());
+}
+
+bool lookForTexts(sql::Database& database, sql::Database&)
+{
+    return find(database, "n's t") && find(database, "%");
+}
+
+bool quoteNames(sql::Database& database, sql::Database&)
+{
+    const sql::string typed = "my \"best\" products";
+    const sql::string name = sql::quoteIdentifier(typed);
+    std::printf("%s\n", name.c_str());
+    const sql::Result<int> run = sql::runScript(database, "create table " + name + " (id integer);"
+                                                              + "drop table " + name);
+    return run || report(run.error());
+}
+
+bool tellTimes(sql::Database& database, sql::Database&)
+{
+    const sql::string text = sql::toIso8601(sql::Time(1262304000));
+    std::printf("%s\n", text.c_str());
+    sql::Statement nextDay(database, "select datetime(?, '+1 day')"); // SQLite takes such texts
+    const sql::Result<sql::string> day = nextDay.one<sql::string>(text);
+    sql::Time time;
+    if (!day || !sql::fromIso8601(*day, time))
+        return report(day.error());
+    std::printf("%s is %lld\n", day->c_str(), time.asInteger());
+    return true;
+}
+
+bool useOwnTypes(sql::Database& database, sql::Database&)
+{
+    sql::Statement price(database, "select cents from product where cents >= ? order by cents");
+    const sql::Result<Money> least = price.one<Money>(Money{300});
+    if (!least)
+        return report(least.error());
+    std::printf("%.2f\n", static_cast<double>(least->cents) / 100);
+    return true;
+}
+
+bool useTables(sql::Database& database, sql::Database&)
+{
+    sql::Table products(database.getHandle(), "product", columns);
+    sql::Record towel(*products.fields());
+    towel.setString("name", "Towel");
+    towel.setInteger("cents", 700);
+    sql::Record another(towel); // whose name is taken
+
+    sql::Transaction transaction(database, sql::begin_immediate);
+    if (!transaction.isOpen())
+        return report(transaction.error());
+    if (!products.addRecord(towel) || !products.addRecord(another))
+        report(sql::lastError(database));
+    return transaction.rollback();
+}
+
+struct Task {
+    const char* heading;
+    bool (*run)(sql::Database& database, sql::Database& other);
+};
+
+const Task tasks[] = {
+    {"Scripts", runScript},
+    {"Bind values", bindValues},
+    {"Read rows", readRows},
+    {"Why it failed", tellReasons},
+    {"One value", readOne},
+    {"Keys and counts", tellKeys},
+    {"Transactions and savepoints", changeTogether},
+    {"Several programs at once", shareFile},
+    {"Look for texts", lookForTexts},
+    {"Names from outside", quoteNames},
+    {"Times as texts", tellTimes},
+    {"Types of your own", useOwnTypes},
+    {"Together with tables", useTables},
+};
+
+int fail(const char* what)
+{
+    std::fprintf(stderr, "prepared: %s\n", what);
+    return 1;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2) {
+        std::fputs("usage: prepared DATABASE\n", stderr);
+        return 2;
+    }
+    sql::Database database;
+    sql::Database other;
+    for (sql::Database* const one : {&database, &other}) {
+        if (!one->open(argv[1], sql::Database::access_create, false, busy_timeout_ms)
+            || one->getUserVersion() < 0)
+            return fail("cannot open the database");
+    }
+    for (const Task& task : tasks) {
+        std::printf("-- %s\n",
+                    task.heading); // so that the page and what is printed can be compared
+        if (!task.run(database, other))
+            return fail("this task failed");
+    }
+    return 0;
+}
