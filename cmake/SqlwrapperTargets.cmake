@@ -1,4 +1,5 @@
-# What the project's own targets are built with: linked privately, so that none of it reaches a user.
+# What the project's own targets are built with, linked privately, so that none of it reaches a user, and
+# how its libraries are built.
 
 add_library(sqlwrapper_build INTERFACE)
 
@@ -58,3 +59,42 @@ if(SQLWRAPPER_COVERAGE)
     target_compile_options(sqlwrapper_build INTERFACE --coverage -O0)
     target_link_options(sqlwrapper_build INTERFACE --coverage)
 endif()
+
+# add_sql_library(<name> <version> <sources>...): sqlwrapper::<name>, of the headers in include/ and the
+# sources, which exports what <name>.map lists.
+function(add_sql_library name version)
+    add_library(${name} ${ARGN})
+    add_library(sqlwrapper::${name} ALIAS ${name})
+    target_include_directories(${name} PUBLIC
+        $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/sqlwrapper>)
+    target_compile_features(${name} PRIVATE cxx_std_17)
+    target_compile_definitions(${name} PRIVATE SQL_SOURCE_FOLDER="components/sql/${name}/src/")
+    target_link_libraries(${name} PRIVATE
+        ${SQLWRAPPER_SQLITE_TARGET} platform::trace platform::framework
+        $<BUILD_INTERFACE:sqltrace> $<BUILD_INTERFACE:sqlwrapper_build>)
+    string(REGEX MATCH "^[0-9]+" major ${version})
+    set_target_properties(${name} PROPERTIES
+        VERSION ${version}
+        SOVERSION ${major}
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON
+        BUILD_RPATH_USE_ORIGIN ON)
+    # Programs with exceptions and without link with either kind; the interface is the same. Nobody
+    # replaces a function of the library for the library's own calls, which then are direct: less code,
+    # fewer relocations, and no table of them to fill at start.
+    target_compile_options(${name} PRIVATE
+        $<$<NOT:$<BOOL:${SQLWRAPPER_EXCEPTIONS}>>:-fno-exceptions;-fno-rtti>
+        -fno-semantic-interposition -ffunction-sections -fdata-sections)
+    if(BUILD_SHARED_LIBS)
+        set(map ${CMAKE_CURRENT_SOURCE_DIR}/${name}.map)
+        target_link_options(${name} PRIVATE
+            LINKER:--version-script=${map} LINKER:--no-undefined LINKER:-Bsymbolic-functions
+            LINKER:--gc-sections)
+        set_target_properties(${name} PROPERTIES LINK_DEPENDS ${map})
+        if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/gdb)
+            # gdb loads it with the library, beside which it looks for a file of this name.
+            file(GENERATE OUTPUT $<TARGET_FILE:${name}>-gdb.py INPUT gdb/${name}-gdb.py)
+        endif()
+    endif()
+endfunction()

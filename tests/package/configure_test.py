@@ -19,6 +19,7 @@ FRAMEWORK = "-DSQLWRAPPER_FRAMEWORK_LIBRARY=" + os.environ["FRAMEWORK"]
 CONSUMER = pathlib.Path(__file__).resolve().parent / "consumer"
 NO_TESTS = "-DSQLWRAPPER_BUILD_TESTS=OFF"
 NO_EXAMPLES = "-DSQLWRAPPER_BUILD_EXAMPLES=OFF"
+NO_PREPARED = "-DSQLWRAPPER_PREPARED=OFF"
 
 # What can be left out, by its packages and the option that makes it missing.
 FOR_TESTS = {
@@ -71,6 +72,26 @@ class ConfigureTestCase(unittest.TestCase):
         # Below the place in the project's files, in one piece.
         self.assertEqual(done.stderr.splitlines()[1].strip(), line)
 
+    def use_installed(self, *options):
+        """Configures a project that finds an installation of what was configured before."""
+        prefix = self.build / "installed"
+        for step in (["--build", self.build], ["--install", self.build, "--prefix", prefix]):
+            subprocess.run(["cmake", *step], stdout=subprocess.DEVNULL, check=True)
+        compiler = [] if TOOLCHAIN else ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"]]
+        return subprocess.run(
+            ["cmake", "-S", CONSUMER, "-B", self.build / "user", "-G", "Ninja",
+             "-DCMAKE_TOOLCHAIN_FILE=" + TOOLCHAIN, *compiler, f"-DCMAKE_PREFIX_PATH={prefix}",
+             f"-DCMAKE_FIND_ROOT_PATH={prefix}", *options],
+            capture_output=True, text=True, check=False)
+
+    def build_user(self):
+        subprocess.run(["cmake", "--build", self.build / "user"], stdout=subprocess.DEVNULL, check=True)
+
+    def assert_not_found(self, done, reason):
+        self.assertEqual(done.returncode, 1)
+        said = " ".join(done.stderr.split()).rpartition(" Reason given by package: ")[2]
+        self.assertEqual(said, reason)
+
 
 class NeedsTest(ConfigureTestCase):
     def test_sqlite_is_missing(self):
@@ -88,7 +109,24 @@ class NeedsTest(ConfigureTestCase):
             "to CMAKE_PREFIX_PATH", *self.old_sqlite("3.7.7"))
 
     def test_sqlite_is_as_old_as_the_oldest_tested(self):
-        self.assert_configures(NO_TESTS, *self.old_sqlite("3.7.7.1"))
+        self.assertEqual(
+            self.assert_configures(NO_TESTS, NO_EXAMPLES, *self.old_sqlite("3.7.7.1")),
+            [f"-- Left out, no SQLite 3.24 for sqlprepared, only 3.7.7.1 in {self.build}: "
+             + way_to("libsqlite3-dev")])
+
+    def test_sqlite_is_older_than_sqlprepared_needs(self):
+        self.assert_refused(
+            f"No SQLite 3.24 for sqlprepared, only 3.23.1 in {self.build}: {way_to('libsqlite3-dev')}, "
+            "or turn SQLWRAPPER_PREPARED off", "-DSQLWRAPPER_PREPARED=ON", *self.old_sqlite("3.23.1"))
+
+    def test_sqlite_is_as_old_as_sqlprepared_needs(self):
+        left_out = self.assert_configures(NO_TESTS, NO_EXAMPLES, *self.old_sqlite("3.24.0"))
+        self.assertEqual(left_out, [])
+
+    def test_sqlprepared_is_not_wanted(self):
+        left_out = self.assert_configures(NO_TESTS, NO_EXAMPLES, NO_PREPARED,
+                                          *self.old_sqlite("3.7.7.1"))
+        self.assertEqual(left_out, [])
 
     def test_sqlcipher_is_missing(self):
         for missing in ("INCLUDE_DIR", "LIBRARY"):
@@ -123,7 +161,7 @@ class NeedsTest(ConfigureTestCase):
                         f"-DSQLWRAPPER_BUILD_{option}=ON", missing)
 
     def test_left_out_by_default(self):
-        left_out = self.assert_configures(*(missing for _, missing in WANTED.values()))
+        left_out = self.assert_configures(NO_PREPARED, *(missing for _, missing in WANTED.values()))
         self.assertEqual(sorted(left_out), sorted(f"-- Left out, no {what}: {way_to(packages)}"
                                                   for what, (packages, _) in WANTED.items()))
 
@@ -136,7 +174,7 @@ class NeedsTest(ConfigureTestCase):
             self.assertEqual(f": {name}" in listed, there, name)
 
     def test_library_alone_needs_none_of_it(self):
-        left_out = self.assert_configures(NO_TESTS, NO_EXAMPLES,
+        left_out = self.assert_configures(NO_TESTS, NO_EXAMPLES, NO_PREPARED,
                                           *(missing for _, missing in WANTED.values()))
         self.assertEqual(left_out, [])
 
@@ -199,35 +237,52 @@ class DeviceTest(ConfigureTestCase):
                     f"SQLWRAPPER_FRAMEWORK_LINKAGE to {linkage}",
                     DEVICE, TRACE, framework, f"-DSQLWRAPPER_FRAMEWORK_LINKAGE={default}")
 
-    def use_installed(self, *options, framework=FRAMEWORK, linkage="C"):
-        """Configures a project that finds an installation made with the device's libraries."""
+    def configure_for(self, framework, linkage):
         self.assert_configures(DEVICE, TRACE, framework, f"-DSQLWRAPPER_FRAMEWORK_LINKAGE={linkage}")
-        prefix = self.build / "installed"
-        for step in (["--build", self.build], ["--install", self.build, "--prefix", prefix]):
-            subprocess.run(["cmake", *step], stdout=subprocess.DEVNULL, check=True)
-        compiler = [] if TOOLCHAIN else ["-DCMAKE_CXX_COMPILER=" + os.environ["CXX"]]
-        return subprocess.run(
-            ["cmake", "-S", CONSUMER, "-B", self.build / "user", "-G", "Ninja",
-             "-DCMAKE_TOOLCHAIN_FILE=" + TOOLCHAIN, *compiler, f"-DCMAKE_PREFIX_PATH={prefix}",
-             f"-DCMAKE_FIND_ROOT_PATH={prefix}", *options],
-            capture_output=True, text=True, check=False)
 
     def test_installation_is_used_with_the_devices_libraries(self):
         for linkage, framework in (("C", FRAMEWORK), ("C++", self.cpp_framework())):
             with self.subTest(linkage):
-                done = self.use_installed(TRACE, framework, framework=framework, linkage=linkage)
+                self.configure_for(framework, linkage)
+                done = self.use_installed(TRACE, framework)
                 self.assertEqual(done.returncode, 0, done.stderr)
-                subprocess.run(["cmake", "--build", self.build / "user"], stdout=subprocess.DEVNULL, check=True)
+                self.build_user()
 
     def test_user_of_an_installation_lacks_a_library(self):
         for name, others in (("trace", [FRAMEWORK]), ("framework", [TRACE])):
             with self.subTest(name):
-                done = self.use_installed(*others, f"-DSQLWRAPPER_{name.upper()}_LIBRARY=")
-                self.assertEqual(done.returncode, 1)
-                reason = " ".join(done.stderr.split()).rpartition(" Reason given by package: ")[2]
-                self.assertEqual(
-                    reason, f"No lib{name} of the device: point SQLWRAPPER_{name.upper()}_LIBRARY at "
-                    "it, or add its prefix to CMAKE_PREFIX_PATH")
+                self.configure_for(FRAMEWORK, "C")
+                self.assert_not_found(
+                    self.use_installed(*others, f"-DSQLWRAPPER_{name.upper()}_LIBRARY="),
+                    f"No lib{name} of the device: point SQLWRAPPER_{name.upper()}_LIBRARY at it, or "
+                    "add its prefix to CMAKE_PREFIX_PATH")
+
+
+class WithoutPreparedTest(ConfigureTestCase):
+    """An installation of sqlwrapper alone, as one package of two is."""
+
+    def setUp(self):
+        super().setUp()
+        self.assert_configures(NO_TESTS, NO_EXAMPLES, NO_PREPARED)
+
+    def test_is_used_by_who_does_not_ask_for_more(self):
+        for wanted in ("", "COMPONENTS;sqlwrapper", "OPTIONAL_COMPONENTS;sqlprepared"):
+            with self.subTest(wanted):
+                done = self.use_installed("-DWANTED=" + wanted)
+                self.assertEqual((done.returncode, done.stderr), (0, ""))
+                self.build_user()
+                self.assertFalse((self.build / "user" / "prepared").exists())
+
+    def test_is_not_found_by_who_does(self):
+        self.assert_not_found(
+            self.use_installed("-DWANTED=COMPONENTS;sqlprepared"),
+            "No sqlprepared beside sqlwrapper: apt-get install libsqlprepared-dev, or build it with "
+            "SQLWRAPPER_PREPARED=ON")
+
+    def test_is_not_found_by_who_asks_for_what_there_never_was(self):
+        done = self.use_installed("-DWANTED=COMPONENTS;sqlsomething")
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("considered to be NOT FOUND", " ".join(done.stderr.split()))
 
 
 if __name__ == "__main__":

@@ -1,8 +1,9 @@
-"""Builds the library in two folders, installs it, moves the installation and uses it from there.
+"""Builds the libraries in two folders, installs them, moves the installation and uses it from there.
 
-CXX is the compiler, PKG_CONFIG, NM and READELF are tools beside it, SQLITE is the SQLite to link. For another machine's programs
-TOOLCHAIN is the toolchain file, TIME_BITS the width of their time_t, EMULATOR the command that runs
-them, SYSROOT the machine's root folder and LIBRARIES the one of its libraries in there.
+CXX is the compiler, PKG_CONFIG, NM and READELF are tools beside it, SQLITE is the SQLite to link and
+SHIPPED the libraries that are built with it. For another machine's programs TOOLCHAIN is the toolchain
+file, TIME_BITS the width of their time_t, EMULATOR the command that runs them, SYSROOT the machine's
+root folder and LIBRARIES the one of its libraries in there.
 """
 
 import filecmp
@@ -11,6 +12,7 @@ import pathlib
 import shutil
 import subprocess
 import tempfile
+import typing
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
@@ -27,16 +29,30 @@ if os.environ.get("CMAKE_PREFIX_PATH"):  # SQLite from elsewhere, which debug in
 # Users do not know how wide the library's time_t is.
 TIME_BITS = "-DSQLWRAPPER_TIME_BITS=" + os.environ["TIME_BITS"]
 
-HEADERS = [f"include/sqlwrapper/{name}.h"
-           for name in ("SqlCommon", "SqlDatabase", "SqlField", "SqlFieldSet", "SqlRecord",
-                        "SqlRecordSet", "SqlTable", "SqlValue", "TraceLevel")]
-PACKAGE = [f"lib/cmake/sqlwrapper/{name}.cmake"
-           for name in ("sqlwrapperConfig", "sqlwrapperConfigVersion", "sqlwrapperTargets",
-                        "sqlwrapperTargets-relwithdebinfo")] + ["lib/pkgconfig/sqlwrapper.pc"]
+
+class Library(typing.NamedTuple):
+    version: str
+    headers: typing.Sequence[str]
+    needed: typing.Set[str]  # beside the runtime
+    function: str  # one that it exports
+    program: str  # of the consumer's, which uses it
+    standard: str
+    printed: str
+
+
 PLATFORM = ["lib/libframework.so", "lib/libtrace.so"]
-SHARED = ["lib/libsqlwrapper.so", "lib/libsqlwrapper.so.1", "lib/libsqlwrapper.so.1.0.0",
-          "lib/libsqlwrapper.so.1.0.0-gdb.py"]
-STATIC = ["lib/libsqlwrapper.a"]
+BOTH = {
+    "sqlwrapper": Library(
+        "1.0.0", ("SqlCommon", "SqlDatabase", "SqlField", "SqlFieldSet", "SqlRecord", "SqlRecordSet",
+                  "SqlTable", "SqlValue"),
+        {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so"}, "sql::Table::exists()",
+        "consumer", "c++11", "Captain's tea, 86400\n"),
+    "sqlprepared": Library(
+        "0.1.0", ("SqlLiteral", "SqlResult", "SqlStatement", "SqlTransaction"),
+        {f"lib{SQLITE}.so.0", "libtrace.so", "libsqlwrapper.so.1"}, "sql::Statement::run()",
+        "prepared", "c++17", "`tea`: 3.5, 1970-01-02T00:00:00Z, SQLITE_CONSTRAINT_PRIMARYKEY\n"),
+}
+SHIPPED = {name: BOTH[name] for name in os.environ["SHIPPED"].split(",")}
 RUNTIME = {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6", "libm.so.6"}
 
 
@@ -47,15 +63,35 @@ def run(*command, **options):
     return done.stdout
 
 
+def major(library):
+    return library.version.split(".")[0]
+
+
+def installed(kind):
+    """Every file of an installation of shared or static libraries."""
+    names = [*PLATFORM, "include/sqlwrapper/TraceLevel.h"]
+    packages = ["sqlwrapperConfig", "sqlwrapperConfigVersion"]
+    for name, library in SHIPPED.items():
+        names += [f"include/sqlwrapper/{header}.h" for header in library.headers]
+        names.append(f"lib/pkgconfig/{name}.pc")
+        packages += [f"{name}Targets", f"{name}Targets-relwithdebinfo"]
+        endings = ["", f".{major(library)}", f".{library.version}"]
+        if (ROOT / "components/sql" / name / "gdb").exists():
+            endings.append(f".{library.version}-gdb.py")
+        names += ([f"lib/lib{name}.so{ending}" for ending in endings] if kind == "shared"
+                  else [f"lib/lib{name}.a"])
+    return sorted(names + [f"lib/cmake/sqlwrapper/{name}.cmake" for name in packages])
+
+
 def files(folder):
     return sorted(str(file.relative_to(folder)) for file in folder.rglob("*") if not file.is_dir())
 
 
 class InstallTestCase:
-    """One kind of library. It is built from two copies of the sources, without the examples, and all
+    """One kind of libraries. They are built from two copies of the sources, without the examples, and all
     that remains is the installation, moved to another folder."""
 
-    shared = None
+    kind = None
 
     @classmethod
     def setUpClass(cls):
@@ -78,9 +114,10 @@ class InstallTestCase:
             (shutil.copytree if (ROOT / name).is_dir() else shutil.copy)(ROOT / name, source / name)
         prefix = cls.folder / ("installed-from-" + folder.name)
         run("cmake", "-S", source, "-B", folder / "build", "-G", "Ninja", *COMPILER, TIME_BITS,
-            "-DCMAKE_BUILD_TYPE=RelWithDebInfo", f"-DBUILD_SHARED_LIBS={cls.shared}",
+            "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+            "-DBUILD_SHARED_LIBS=" + ("ON" if cls.kind == "shared" else "OFF"),
             f"-DSQLWRAPPER_SQLITE={SQLITE}", "-DSQLWRAPPER_BUILD_TESTS=OFF")
-        run("cmake", "--build", folder / "build", "--target", "sqlwrapper")
+        run("cmake", "--build", folder / "build", "--target", *SHIPPED)
         run("cmake", "--install", folder / "build", "--prefix", prefix)
         return prefix
 
@@ -92,11 +129,15 @@ class InstallTestCase:
         return run(program, env={"LD_LIBRARY_PATH": libraries})
 
     def test_found_by_cmake(self):
-        build = self.folder / "cmake"
-        run("cmake", "-S", CONSUMER, "-B", build, "-G", "Ninja", *COMPILER,
-            f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_FIND_ROOT_PATH={self.prefix}")
-        run("cmake", "--build", build)
-        self.assertEqual(self.run_consumer(build / "consumer"), "Captain's tea, 86400\n")
+        for wanted in ([], ["COMPONENTS", *SHIPPED]):
+            build = self.folder / "-".join(["cmake", *wanted])
+            run("cmake", "-S", CONSUMER, "-B", build, "-G", "Ninja", *COMPILER,
+                "-DWANTED=" + ";".join(wanted),
+                f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_FIND_ROOT_PATH={self.prefix}")
+            run("cmake", "--build", build)
+            for name, library in SHIPPED.items():
+                with self.subTest(wanted=wanted, library=name):
+                    self.assertEqual(self.run_consumer(build / library.program), library.printed)
 
     def test_not_found_by_cmake_as_another_major_version(self):
         source = self.folder / "version-2"
@@ -118,16 +159,19 @@ class InstallTestCase:
             folders.append(LIBRARIES + "/pkgconfig")
             environment["PKG_CONFIG_LIBDIR"] = ":".join(folders)
             machine = [f"-L{LIBRARIES}", f"-Wl,-rpath-link,{LIBRARIES}"]
-        flags = run(os.environ["PKG_CONFIG"], "--cflags", "--libs", "sqlwrapper",
-                    env=environment).split()
-        program = self.folder / "pkg-config-consumer"
-        run(CXX, "-std=c++11", CONSUMER / "main.cpp", *flags, *machine, "-o", program)
-        self.assertEqual(self.run_consumer(program), "Captain's tea, 86400\n")
+        for name, library in SHIPPED.items():
+            with self.subTest(name):
+                version = run(os.environ["PKG_CONFIG"], "--modversion", name, env=environment)
+                self.assertEqual(version, library.version + "\n")
+                flags = run(os.environ["PKG_CONFIG"], "--cflags", "--libs", name,
+                            env=environment).split()
+                program = self.folder / ("pkg-config-" + library.program)
+                run(CXX, "-std=" + library.standard, CONSUMER / (library.program + ".cpp"), *flags,
+                    *machine, "-o", program)
+                self.assertEqual(self.run_consumer(program), library.printed)
 
     def test_installs_these_files_alone(self):
-        self.assertEqual(files(self.prefix),
-                         sorted(HEADERS + PACKAGE + PLATFORM
-                                + (SHARED if self.shared == "ON" else STATIC)))
+        self.assertEqual(files(self.prefix), installed(self.kind))
 
     def test_names_no_place_of_its_making(self):
         places = [str(place).encode() for place in (self.folder, SYSROOT, os.environ["TOOLCHAIN"])
@@ -146,7 +190,7 @@ class InstallTestCase:
 
 
 class SharedLibraryTest(InstallTestCase, unittest.TestCase):
-    shared = "ON"
+    kind = "shared"
 
     def dynamic(self, name):
         lines = run(os.environ["READELF"], "-dW", self.prefix / "lib" / name).splitlines()
@@ -156,31 +200,37 @@ class SharedLibraryTest(InstallTestCase, unittest.TestCase):
         return {line.split("[")[1].rstrip("]") for line in self.dynamic(name) if line.startswith("(NEEDED)")}
 
     def test_needs_sqlite_the_platform_and_the_runtime_alone(self):
-        self.assertEqual(self.needed("libsqlwrapper.so") - RUNTIME,
-                         {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so"})
+        for name, library in SHIPPED.items():
+            with self.subTest(name):
+                self.assertEqual(self.needed(f"lib{name}.so") - RUNTIME, library.needed)
 
     def test_names_no_folder_to_look_for_libraries_in(self):
-        for file in SHARED[:1] + PLATFORM:
+        for file in [f"lib{name}.so" for name in SHIPPED] + ["libtrace.so", "libframework.so"]:
             with self.subTest(file):
-                paths = [line for line in self.dynamic(file[len("lib/"):]) if "PATH)" in line]
+                paths = [line for line in self.dynamic(file) if "PATH)" in line]
                 self.assertEqual(paths, [])
 
     def test_is_called_by_its_major_version(self):
-        names = [line.split("[")[1] for line in self.dynamic("libsqlwrapper.so")
-                 if line.startswith("(SONAME)")]
-        self.assertEqual(names, ["libsqlwrapper.so.1]"])
-        self.assertEqual(os.readlink(self.prefix / "lib" / "libsqlwrapper.so"), "libsqlwrapper.so.1")
+        for name, library in SHIPPED.items():
+            with self.subTest(name):
+                called = f"lib{name}.so.{major(library)}"
+                names = [line.split("[")[1] for line in self.dynamic(f"lib{name}.so")
+                         if line.startswith("(SONAME)")]
+                self.assertEqual(names, [called + "]"])
+                self.assertEqual(os.readlink(self.prefix / "lib" / f"lib{name}.so"), called)
 
     def exported(self, name):
         lines = run(os.environ["NM"], "-DC", "--defined-only", self.prefix / "lib" / name).splitlines()
         return {line.split(" ", 2)[2] for line in lines}
 
     def test_exports_its_namespace_alone_and_versioned(self):
-        names = self.exported("libsqlwrapper.so")
-        self.assertIn("sql::Table::exists()@@SQLWRAPPER_1", names)
-        for name in names:
-            with self.subTest(name):
-                self.assertRegex(name, r"^(sql::[^ (]*\(.*\)( const)?@@SQLWRAPPER_1(\.\d+)?|SQLWRAPPER_1(\.\d+)?)$")
+        for name, library in SHIPPED.items():
+            version = f"{name.upper()}_{major(library)}"
+            exported = self.exported(f"lib{name}.so")
+            self.assertIn(f"{library.function}@@{version}", exported)
+            for symbol in exported:
+                with self.subTest(symbol):
+                    self.assertRegex(symbol, rf"^(sql::(operator bool|[^ (])*\(.*\)( const)?@@)?{version}(\.\d+)?$")
 
     def test_stand_ins_export_and_need_no_more_than_they_must(self):
         self.assertEqual(self.exported("libtrace.so"),
@@ -191,7 +241,7 @@ class SharedLibraryTest(InstallTestCase, unittest.TestCase):
 
 
 class StaticLibraryTest(InstallTestCase, unittest.TestCase):
-    shared = "OFF"
+    kind = "static"
 
 
 if __name__ == "__main__":

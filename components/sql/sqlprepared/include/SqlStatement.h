@@ -525,8 +525,8 @@ private:
         Handle(Handle&& other) noexcept : statement(std::exchange(other.statement, nullptr))
         {
         }
-        Handle& operator=(Handle&& other) noexcept;
-        ~Handle();
+        SQLWRAPPER_LOCAL Handle& operator=(Handle&& other) noexcept;
+        SQLWRAPPER_LOCAL ~Handle();
 
         sqlite3_stmt* statement = nullptr;
     };
