@@ -20,62 +20,9 @@
 namespace {
 
 using sql::RecordSet;
+using test::MemoryShortage;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-// Which allocations fail while one of these lives: the nth, and those behind it when it lasts.
-class MemoryShortage {
-public:
-    MemoryShortage(int nth, bool lasts) : _nth(nth), _left(nth), _lasts(lasts)
-    {
-        current = this;
-        test::refusesHeap = strikes;
-    }
-    ~MemoryShortage()
-    {
-        test::refusesHeap = nullptr;
-    }
-    MemoryShortage(const MemoryShortage&) = delete;
-    MemoryShortage& operator=(const MemoryShortage&) = delete;
-
-    bool hasStruck() const
-    {
-        return _left <= 0;
-    }
-
-    // Whether allocations count, and fail; they do at first.
-    void watch(bool on)
-    {
-        _watches = on;
-    }
-
-    int allocations() const // counted
-    {
-        return _nth - _left;
-    }
-
-private:
-    // What the tests do to capture a report is no allocation of the library.
-    static bool strikes()
-    {
-        return current->_watches && !test::Diagnostics::isCapturing() && current->countDown();
-    }
-
-    bool countDown()
-    {
-        --_left;
-        return _left == 0 || (_left < 0 && _lasts);
-    }
-
-    static MemoryShortage* current;
-
-    const int _nth;
-    int _left;
-    const bool _lasts;
-    bool _watches = true;
-};
-
-MemoryShortage* MemoryShortage::current = nullptr;
 
 const int row_count = 4;
 const int most_allocations = 10000; // far more than any operation here needs

@@ -135,9 +135,11 @@ int mapShared(sqlite3_file* file, int page, int pageSize, int extend, void volat
 
 int lockShared(sqlite3_file* file, int offset, int count, int flags)
 {
-    return attempt(accessTo(file, FileCall::lock), [&] {
+    const auto call = [&] {
         return realMethods(file).xShmLock(realFile(file), offset, count, flags);
-    });
+    };
+    const bool unlocks = (flags & SQLITE_SHM_UNLOCK) != 0;
+    return unlocks ? call() : attempt(accessTo(file, FileCall::lock), call);
 }
 
 void shareBarrier(sqlite3_file* file)

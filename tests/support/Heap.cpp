@@ -1,20 +1,21 @@
 #include "Heap.h"
 
+#include "Diagnostics.h"
+
 #include <cstddef>
 #include <cstdlib>
 #include <new>
 
 namespace test {
 
-bool (*refusesHeap)() = nullptr;
-
 namespace {
 
+MemoryShortage* current = nullptr;
 long blocksInUse = 0;
 
 void* allocate(std::size_t size) noexcept
 {
-    const bool refused = refusesHeap != nullptr && refusesHeap();
+    const bool refused = current != nullptr && current->refusesNow();
     void* const memory = refused ? nullptr : std::malloc(size > 0 ? size : 1);
     if (memory != nullptr)
         ++blocksInUse;
@@ -41,6 +42,40 @@ void* allocateOrThrow(std::size_t size)
 long heapBlocksInUse()
 {
     return blocksInUse;
+}
+
+MemoryShortage::MemoryShortage(int nth, bool lasts) : _nth(nth), _left(nth), _lasts(lasts)
+{
+    current = this;
+}
+
+MemoryShortage::~MemoryShortage()
+{
+    current = nullptr;
+}
+
+bool MemoryShortage::hasStruck() const
+{
+    return _left <= 0;
+}
+
+void MemoryShortage::watch(bool on)
+{
+    _watches = on;
+}
+
+int MemoryShortage::allocations() const
+{
+    return _nth - _left;
+}
+
+// What the tests do to capture a report is no allocation of the library.
+bool MemoryShortage::refusesNow()
+{
+    if (!_watches || Diagnostics::isCapturing())
+        return false;
+    --_left;
+    return _left == 0 || (_left < 0 && _lasts);
 }
 
 } // namespace test

@@ -8,8 +8,30 @@ namespace test {
 // of the standard library's operators there.
 long heapBlocksInUse();
 
-// Asked before each allocation, which fails when the answer is true; null at first.
-extern bool (*refusesHeap)();
+// Which allocations fail while one of these lives: the nth, and those behind it when it lasts.
+class MemoryShortage {
+public:
+    MemoryShortage(int nth, bool lasts);
+    ~MemoryShortage();
+    MemoryShortage(const MemoryShortage&) = delete;
+    MemoryShortage& operator=(const MemoryShortage&) = delete;
+
+    bool hasStruck() const;
+
+    // Whether allocations count, and fail; they do at first.
+    void watch(bool on);
+
+    int allocations() const; // counted
+
+    // For the operators.
+    bool refusesNow();
+
+private:
+    const int _nth;
+    int _left;
+    const bool _lasts;
+    bool _watches = true;
+};
 
 } // namespace test
 
