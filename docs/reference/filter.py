@@ -27,11 +27,13 @@ def heading_name(page, anchor):
     return f"{page}_{anchor}".replace("-", "_")
 
 
-def heading(path, line):
-    """A heading with its name; doxygen takes no code in such a one."""
+def heading(path, line, known):
+    """A heading with its name, numbered where it comes again; doxygen takes no code in such a one."""
     marks, text = line.replace("`", "").split(" ", 1)
     name = page_name(path) if marks == "#" else heading_name(page_name(path), slug(text))
-    return f"{marks} {text} {{#{name}}}"
+    known.append(name)
+    again = f"_{known.count(name) - 1}" if known.count(name) > 1 else ""
+    return f"{marks} {text} {{#{name}{again}}}"
 
 
 def link(path, text, target):
@@ -50,9 +52,9 @@ def code(match):
     return "``" + re.sub(r"%(?=\w)", "%%", match[1].replace('"', "&quot;")) + "``"
 
 
-def prose(path, lines):
+def prose(path, lines, known):
     """What stands outside of blocks; a link may go from one line to the next."""
-    lines = [heading(path, line) if re.match(r"#+ ", line) else re.sub(r"`([^`]+)`", code, line)
+    lines = [heading(path, line, known) if re.match(r"#+ ", line) else re.sub(r"`([^`]+)`", code, line)
              for line in lines]
     return re.sub(r"(?<!!)\[((?:[^\]`]|`[^`]*`)*)\]\(([^)\s]+)\)",
                   lambda match: link(path, " ".join(match[1].split()), match[2]),
@@ -60,16 +62,16 @@ def prose(path, lines):
 
 
 def guide_page(path):
-    lines, text, in_block = [], [], False
+    lines, text, known, in_block = [], [], [], False
     for line in (ROOT / path).read_text(encoding="utf-8").splitlines():
         is_fence = line.lstrip().startswith("```")
         if is_fence or in_block:
-            lines += [*prose(path, text), line]
+            lines += [*prose(path, text, known), line]
             text = []
         else:
             text.append(line)
         in_block = in_block != is_fence
-    return lines + prose(path, text)
+    return lines + prose(path, text, known)
 
 
 def main():

@@ -1,5 +1,6 @@
-"""Writes manual pages out of what doxygen gathered as XML: the overview, a page for each class and
-one for the rest of each namespace, which leads there by the name of every function.
+"""Writes manual pages out of what doxygen gathered as XML: an overview of each library, a page for
+each class and one for the rest of what each library has in a namespace, to which the name of every
+function leads.
 
 man.py XML-FOLDER MAN-FOLDER VERSION
 """
@@ -10,9 +11,9 @@ import sys
 import textwrap
 import xml.etree.ElementTree
 
-OVERVIEW = "sqlwrapper"
-# These are called after the library: others may have such namespaces too.
-NAMESPACES = {"sql": "sqlwrapper-functions", "trace": "sqlwrapper-trace"}
+PROJECT = "sqlwrapper"
+# The pages of namespaces are called after the libraries: others may have such namespaces too.
+NAMESPACES = {"sql": "functions", "trace": "trace"}
 ESCAPES = {"\\": "\\e", "-": "\\-", "'": "\\(aq", "`": "\\(ga", "^": "\\(ha", "~": "\\(ti"}
 
 
@@ -110,29 +111,54 @@ def summary(element):
     return escaped(first[0].lower() + first[1:])
 
 
+def template_parameter(parameter):
+    words = [plain(parameter.find(part)) for part in ("type", "declname")
+             if parameter.find(part) is not None]
+    value = parameter.find("defval")
+    return " ".join(words) + (f" = {plain(value)}" if value is not None else "")
+
+
 def declaration(member):
     """A member as a header declares it."""
     name = member.findtext("name")
     if member.get("kind") == "enum":
-        values = [f"{value.findtext('name')} {value.findtext('initializer')}"
+        values = [f"{value.findtext('name')} {value.findtext('initializer') or ''}".strip()
                   for value in member.iterfind("enumvalue")]
-        return f"enum {name} {{ {', '.join(values)} }};"
+        kind = "enum class" if member.get("strong") == "yes" else "enum"
+        return f"{kind} {name} {{ {', '.join(values)} }};"
     words = [*(["explicit"] if member.get("explicit") == "yes" else []),
              *(["static"] if member.get("static") == "yes" and member.get("kind") == "function"
                else []),
              *(["typedef"] if member.get("kind") == "typedef" else []),
              plain(member.find("type")), name]
     text = " ".join(words) + (member.findtext("argsstring") or "")
-    text = re.sub(r" ([*&]+) ?(?=\w|=|\))", r"\1 ", text).replace("& )", "&)").replace("* )", "*)")
+    if member.find("templateparamlist") is not None:
+        parameters = ", ".join(template_parameter(parameter)
+                               for parameter in member.find("templateparamlist"))
+        text = f"template <{parameters}> {text}"
+    text = re.sub(r"(?<=\w)=(?=\w)", " = ", text)
+    text = re.sub(r" ([*&]+) ?(?=\w|=|\)|\.)", r"\1 ", text).replace("& )", "&)").replace("* )", "*)")
     text = re.sub(r"< (.*?) >", r"<\1>", text).replace(")=", ") = ")
     return " ".join(f"{text} {member.findtext('initializer') or ''}".split()) + ";"
 
 
+def place(element):
+    return pathlib.PurePath(element.find("location").get("file"))
+
+
+def library(element):
+    """The library of a header, by its folder; what a platform lends belongs to the first."""
+    parts = place(element).parts
+    return parts[2] if parts[0] == "components" else PROJECT
+
+
 def members(compound):
-    """What programs can use, in the order of the source."""
+    """What programs can use, in the order of the source. Doxygen takes the members of a private union
+    for public ones."""
     found = [member for member in compound.iter("memberdef")
-             if member.get("prot") == "public" and member.get("kind") != "friend"]
-    return sorted(found, key=lambda member: int(member.find("location").get("line")))
+             if member.get("prot") == "public" and member.get("kind") != "friend"
+             and not member.findtext("name").startswith("_")]
+    return sorted(found, key=lambda member: (place(member), int(member.find("location").get("line"))))
 
 
 def enumerators(member):
@@ -143,10 +169,10 @@ def enumerators(member):
     return lines
 
 
-def operations(compound):
-    """What is said about the members, each text once and after all that it is about."""
+def operations(found):
+    """What is said about members, each text once and after all that it is about."""
     texts = []
-    for member in members(compound):
+    for member in found:
         text = described(member) + enumerators(member)
         if not texts or texts[-1][1] != text:
             texts.append(([], text))
@@ -159,68 +185,83 @@ def operations(compound):
     return lines
 
 
+def synopsis(headers):
+    return section("Synopsis", unfilled([f"\\fB#include <{header}>\\fP" for header in headers]))
+
+
+def inherited(compound):
+    scope = compound.findtext("compoundname").rpartition("::")[0]
+    bases = [f"\\fB{escaped(f'{scope}::{base.text}')}\\fP(3)"
+             for base in compound.iterfind("basecompoundref")]
+    return [".PP", "Besides, it has the members of " + ", ".join(bases) + "."] if bases else []
+
+
 class Manual:
     def __init__(self, folder, version):
         self.folder = folder
         self.version = version
-        self.pages = []
+        self.pages = {} # by name: what writes it, with what
 
-    def page_name(self, compound):
-        name = compound.findtext("compoundname")
-        return NAMESPACES.get(name, name)
+    def gather(self, compound):
+        kind, name = compound.get("kind"), compound.findtext("compoundname")
+        if kind == "page":
+            self.pages[name] = (self.write_overview, compound)
+        elif kind == "namespace":
+            for own in sorted({library(member) for member in members(compound)}):
+                self.pages[f"{own}-{NAMESPACES[name]}"] = (self.write_namespace, compound, own)
+        elif compound.get("prot") == "public":
+            self.pages[name] = (self.write_class, compound)
+
+    def write_all(self):
+        for name, (write, *about) in self.pages.items():
+            write(name, *about)
 
     def write(self, name, names, about, lines):
         others = sorted(page for page in self.pages if page != name)
         see = ", ".join(f"\\fB{escaped(page)}\\fP(3)" for page in others)
         # Without a date: the pages are the same whenever they are built.
-        release = f'"{OVERVIEW} {self.version}" "Library Functions Manual"'
+        release = f'"{PROJECT} {self.version}" "Library Functions Manual"'
         head = [f'.TH "{escaped(name)}" 3 "" {release}', ".ad l", ".nh"]
         title = [", ".join(escaped(name) for name in names) + " \\- " + about]
         page = head + section("Name", title) + lines + section("See also", [see])
         (self.folder / f"{name}.3").write_text("\n".join(page) + "\n", encoding="utf-8")
 
-    def write_overview(self, compound):
+    def write_overview(self, name, compound):
         about = compound.findtext("title").partition(": ")[2]
-        self.write(OVERVIEW, [OVERVIEW], escaped(about),
-                   section("Description", described(compound)))
+        self.write(name, [name], escaped(about), section("Description", described(compound)))
 
-    def write_class(self, compound):
-        name = compound.findtext("compoundname")
-        header = compound.find("includes").text
-        synopsis = unfilled([f"\\fB#include <{header}>\\fP"])
+    def write_class(self, name, compound):
+        said = [*operations(members(compound)), *inherited(compound)]
         self.write(name, [name], summary(compound),
-                   section("Synopsis", synopsis) + section("Description", described(compound))
-                   + section("Members", operations(compound)))
+                   synopsis([place(compound).name])
+                   + section("Description", described(compound))
+                   + (section("Members", said) if said else []))
 
-    def write_namespace(self, compound):
-        page = self.page_name(compound)
-        functions = dict.fromkeys(compound.findtext("compoundname") + "::" + member.findtext("name")
-                                  for member in members(compound)
-                                  if member.get("kind") == "function")
-        header = pathlib.Path(compound.find("location").get("file")).name
-        synopsis = unfilled([f"\\fB#include <{header}>\\fP"])
+    def write_namespace(self, name, compound, own):
+        found = [member for member in members(compound) if library(member) == own]
+        functions = dict.fromkeys(f"{compound.findtext('compoundname')}::{member.findtext('name')}"
+                                  for member in found if member.get("kind") == "function")
         about = "functions and types of namespace " + compound.findtext("compoundname")
-        self.write(page, [page, *functions], about,
-                   section("Synopsis", synopsis) + section("Description", described(compound))
-                   + section("Members", operations(compound)))
+        description = section("Description", described(compound)) if library(compound) == own else []
+        self.write(name, [name, *functions], about,
+                   synopsis(sorted({place(member).name for member in found}))
+                   + description + section("Members", operations(found)))
         for function in functions:
-            (self.folder / f"{function}.3").symlink_to(f"{page}.3")
+            (self.folder / f"{function}.3").symlink_to(f"{name}.3")
 
 
 def main():
     source, folder, version = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]), sys.argv[3]
     index = xml.etree.ElementTree.parse(source / "index.xml").getroot()
-    compounds = [xml.etree.ElementTree.parse(source / f"{entry.get('refid')}.xml").getroot()[0]
-                 for entry in index if entry.get("kind") in ("class", "namespace", "page")]
     for old in folder.glob("*.3"):
         old.unlink()
     folder.mkdir(parents=True, exist_ok=True)
     manual = Manual(folder, version)
-    manual.pages = [manual.page_name(compound) for compound in compounds]
-    writers = {"class": manual.write_class, "namespace": manual.write_namespace,
-               "page": manual.write_overview}
-    for compound in compounds:
-        writers[compound.get("kind")](compound)
+    for entry in index:
+        if entry.get("kind") in ("class", "struct", "namespace", "page"):
+            file = source / f"{entry.get('refid')}.xml"
+            manual.gather(xml.etree.ElementTree.parse(file).getroot()[0])
+    manual.write_all()
 
 
 if __name__ == "__main__":

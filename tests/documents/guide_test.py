@@ -206,6 +206,19 @@ class InstalledTest(Test):
     def test_session_prints_what_is_shown(self):
         self.assert_printed(self.steps, self.printed)
 
+    @unittest.skipIf(os.environ["PREPARED"] != "1", "this SQLite is too old for sqlprepared")
+    def test_session_of_prepared_statements_prints_what_is_shown(self):
+        folder = self.home / "readings"
+        folder.mkdir()
+        program = self.program_of("docs/prepared.md")
+        project, = documents.blocks("docs/prepared.md", "cmake")
+        (folder / "readings.cpp").write_text(program, encoding="utf-8")
+        (folder / "CMakeLists.txt").write_text(project, encoding="utf-8")
+        self.assertEqual(program, (GUIDE / "readings.cpp").read_text(encoding="utf-8"))
+        exports = [step for step in self.steps if step[0].startswith("export ")]
+        steps = [*exports, ("cd readings", None), *self.steps_of_the_document("docs/prepared.md")]
+        self.assert_printed(steps, self.run_steps(steps))
+
     def test_program_is_the_one_of_the_examples(self):
         self.assertEqual((self.home / "notes.cpp").read_text(encoding="utf-8"),
                          (GUIDE / "notes.cpp").read_text(encoding="utf-8"))

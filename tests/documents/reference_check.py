@@ -37,8 +37,22 @@ Operation = collections.namedtuple("Operation", "scope name parameters text")
 
 
 def compounds():
-    files = sorted([*XML.glob("class*.xml"), *XML.glob("namespace*.xml")])
-    return [xml.etree.ElementTree.parse(file).getroot()[0] for file in files]
+    files = sorted(file for kind in ("class", "struct", "namespace") for file in XML.glob(f"{kind}*.xml"))
+    found = [xml.etree.ElementTree.parse(file).getroot()[0] for file in files]
+    return [compound for compound in found if compound.get("prot") != "private"]
+
+
+# What the names of symbols call types of the C++ library by, on every architecture.
+STANDARD_TYPES = (
+    (r"std::basic_string_view<char, std::char_traits<char> ?>", "std::string_view"),
+    (r"std::vector<unsigned char, std::allocator<unsigned char> ?>", "std::vector<unsigned char>"),
+    (r"std::chrono::duration<long(?: long)?, std::ratio<1l+, 1000l+> ?>", "std::chrono::milliseconds"),
+    (r"std::chrono::time_point<std::chrono::_V2::system_clock, [^()]*?1000000000l+> ?> ?>",
+     "std::chrono::system_clock::time_point"))
+
+# What only the templates in the headers call, by its class's name.
+INTERNAL = {"sql::Statement": {"bindArgument", "positionOf", "readOne", "readRow", "runWith"},
+            "sql::TransactionScope": {"TransactionScope", "~TransactionScope"}}
 
 
 def plain_type(text):
@@ -61,13 +75,16 @@ def gather_operations():
 
 
 def exported():
-    """What the library exports, as recorded for its binary interface: names and parameters."""
-    recorded = ROOT / "components/sql/sqlwrapper/sqlwrapper.abi"
+    """What the libraries export, as recorded for their binary interfaces: names and parameters."""
+    recorded = "".join(file.read_text("utf-8") for file in ROOT.glob("components/sql/*/*.abi"))
+    for pattern, name in STANDARD_TYPES:
+        recorded = re.sub(pattern, name, recorded)
     found = set()
-    for full, parameters in re.findall(r"^SQLWRAPPER_\S+ (.*?)\((.*)\)", recorded.read_text("utf-8"), re.M):
+    for full, parameters in re.findall(r"^SQL[A-Z]+_\S+ (.*?)\((.*)\)", recorded, re.MULTILINE):
         scope, _, operation = full.rpartition("::")
-        parameters = parameters.replace("std::string", "string")
-        found.add((scope, operation, ",".join(map(plain_type, parameters.split(", ")))))
+        parameters = re.sub(r"std::string\b(?!_view)", "string", parameters)
+        if operation not in INTERNAL.get(scope, ()):
+            found.add((scope, operation, ",".join(map(plain_type, parameters.split(", ")))))
     return found
 
 
@@ -83,7 +100,7 @@ class OperationTest(unittest.TestCase):
 
     def test_every_class_begins_with_code(self):
         for compound in compounds():
-            if compound.findtext("compoundname") != "trace":
+            if compound.get("kind") != "struct" and compound.findtext("compoundname") != "trace":
                 code = [part for para in compound.find("detaileddescription") for part in para
                         if part.tag == "verbatim"]
                 self.assertEqual(len(code), 1, compound.findtext("compoundname"))
@@ -133,7 +150,7 @@ class HtmlTest(unittest.TestCase):
 
     def test_does_not_show_marks_that_were_not_understood(self):
         for file in sorted(HTML.glob("*.html")):
-            text = re.sub(r"<script.*?</script>", "", file.read_text(encoding="utf-8"), flags=re.S)
+            text = re.sub(r"<(script|pre)\b.*?</\1>", "", file.read_text(encoding="utf-8"), flags=re.S)
             with self.subTest(file.name):
                 marks = re.findall(r"ilinebr|%%|&lt;/?t[dtr]\b|\{#\w+\}|\]\([^)]", text)
                 self.assertEqual(marks, [])
@@ -143,10 +160,11 @@ class ManualTest(unittest.TestCase):
     pages = sorted(page for page in MAN.iterdir() if not page.is_symlink())
 
     def test_has_a_page_for_every_class_and_function(self):
-        wanted = {"sqlwrapper.3", "sqlwrapper-functions.3", "sqlwrapper-trace.3"}
+        wanted = {"sqlwrapper.3", "sqlwrapper-functions.3", "sqlwrapper-trace.3",
+                  "sqlprepared.3", "sqlprepared-functions.3"}
         for compound in compounds():
             name = compound.findtext("compoundname")
-            if compound.get("kind") == "class":
+            if compound.get("kind") in ("class", "struct"):
                 wanted.add(f"{name}.3")
             else:
                 wanted |= {f"{name}::{operation.name}.3" for operation in OperationTest.operations

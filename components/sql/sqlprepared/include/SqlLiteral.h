@@ -10,8 +10,8 @@
 
 namespace sql {
 
-/// Returns the text with a backslash before each `%`, `_` and backslash. Bind the result to a
-/// parameter of `like ... escape '\'` to look for the text as it stands.
+/// Returns the text with a backslash before each `%`, `_` and backslash. Bind the result to the
+/// pattern of a `like` with a backslash as its `escape`, to look for the text as it stands.
 string escapeLike(std::string_view text);
 
 /// Returns the name between backticks, those in it doubled: one that SQL takes for a name, whatever
@@ -29,6 +29,8 @@ string toIso8601(std::chrono::system_clock::time_point time);
 /// it is in UTC. Leaves fractions of a second out. Returns false, and leaves `time` as it is, for
 /// other texts, for days that no calendar has, and for times out of its range.
 [[nodiscard]] bool fromIso8601(std::string_view text, Time& time);
+
+/// Reads the same texts into a time of the C++ library's clock.
 [[nodiscard]] bool fromIso8601(std::string_view text, std::chrono::system_clock::time_point& time);
 
 } // namespace sql

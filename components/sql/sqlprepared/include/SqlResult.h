@@ -87,48 +87,59 @@ enum class Presence {
 /// Owns what it holds. Ask it before taking its value: there is none otherwise.
 template <typename T> class [[nodiscard]] Result {
 public:
-    Result() = default;                        ///< Holds nothing, which is no failure.
-    Result(T value) : _value(std::move(value)) ///< Holds the value.
+    Result() = default; ///< Holds nothing, which is no failure.
+    /// Holds the value.
+    Result(T value) : _value(std::move(value))
     {
     }
-    Result(Error error) : _error(std::move(error)) ///< Holds the reason.
+    /// Holds the reason.
+    Result(Error error) : _error(std::move(error))
     {
     }
 
-    explicit operator bool() const ///< Returns whether there is a value.
+    /// Returns whether there is a value.
+    explicit operator bool() const
     {
         return _value.has_value();
     }
-    bool failed() const ///< Returns whether there is a reason why not.
+    /// Returns whether there is a reason why not.
+    bool failed() const
     {
         return static_cast<bool>(_error);
     }
-    const Error& error() const ///< Returns the reason, no failure if there is none.
+    /// Returns the reason, no failure if there is none.
+    const Error& error() const
     {
         return _error;
     }
 
-    T& operator*() & ///< Returns the value, which lives as long as the result.
+    /// Returns the value, which lives as long as the result.
+    T& operator*() &
     {
         return *_value;
     }
-    const T& operator*() const& ///< Returns the value, which lives as long as the result.
+    /// Returns the value, which lives as long as the result.
+    const T& operator*() const&
     {
         return *_value;
     }
-    T&& operator*() && ///< Returns the value of a result that is about to end.
+    /// Returns the value of a result that is about to end.
+    T&& operator*() &&
     {
         return *std::move(_value);
     }
-    T* operator->() ///< Returns the value, which lives as long as the result.
+    /// Returns the value, which lives as long as the result.
+    T* operator->()
     {
         return &*_value;
     }
-    const T* operator->() const ///< Returns the value, which lives as long as the result.
+    /// Returns the value, which lives as long as the result.
+    const T* operator->() const
     {
         return &*_value;
     }
-    T valueOr(T other) const ///< Returns the value, or `other` where there is none.
+    /// Returns the value, or `other` where there is none.
+    T valueOr(T other) const
     {
         return _value ? *_value : std::move(other);
     }

@@ -35,20 +35,24 @@ struct Bytes {
 /// Borrows texts and bytes.
 class Argument {
 public:
-    Argument(std::nullptr_t) : _kind(Kind::null), _number(0) ///< Holds NULL.
+    /// Holds NULL.
+    Argument(std::nullptr_t) : _kind(Kind::null), _number(0)
     {
     }
-    Argument(integer number) : _kind(Kind::number), _number(number) ///< Holds an integer.
+    /// Holds an integer.
+    Argument(integer number) : _kind(Kind::number), _number(number)
     {
     }
-    Argument(double real) : _kind(Kind::real), _real(real) ///< Holds a real; NaN cannot be bound.
+    /// Holds a real; NaN cannot be bound.
+    Argument(double real) : _kind(Kind::real), _real(real)
     {
     }
-    Argument(std::string_view text) ///< Holds a text, empty for a null pointer.
-        : _kind(Kind::text), _bytes{text.data(), text.size()}
+    /// Holds a text, empty for a null pointer.
+    Argument(std::string_view text) : _kind(Kind::text), _bytes{text.data(), text.size()}
     {
     }
-    Argument(Bytes bytes) : _kind(Kind::block), _bytes(bytes) ///< Holds a block of bytes.
+    /// Holds a block of bytes.
+    Argument(Bytes bytes) : _kind(Kind::block), _bytes(bytes)
     {
     }
     /// Holds why a value cannot be bound: a constant text.
@@ -81,7 +85,8 @@ class Statement;
 ///     sql::Statement all(database, "select name, price from product");
 ///     while (all.next()) {
 ///         const sql::Column price = all.column("price");
-///         std::printf("%.2f\n", price.isNull() ? 0 : price.asDouble()); // 2.50
+///         if (!price.isNull())
+///             std::printf("%.2f\n", price.asDouble()); // 2.50
 ///     }
 ///
 /// The getters convert as those of Value do and never fail. Views live until the statement goes on
