@@ -59,6 +59,31 @@ TEST_F(ResultTest, NoFailureIsEmpty)
     EXPECT_EQ(error.offset(), std::nullopt);
 }
 
+TEST_F(ResultTest, ErrorThatWasMovedFromHoldsNoFailure)
+{
+    Error error(SQLITE_BUSY, "database is locked", "commit", 3);
+    Error taken(std::move(error));
+    EXPECT_EQ(taken.code(), SQLITE_BUSY);
+    EXPECT_EQ(taken.text(), "database is locked");
+    EXPECT_EQ(taken.statement(), "commit");
+    EXPECT_EQ(taken.offset(), 3);
+    EXPECT_FALSE(error);
+    EXPECT_EQ(error.text(), "");
+    EXPECT_EQ(error.statement(), "");
+    EXPECT_EQ(error.offset(), std::nullopt);
+
+    error = std::move(taken);
+    EXPECT_EQ(error.text(), "database is locked");
+    EXPECT_FALSE(taken);
+
+    Error& self = error;
+    error = std::move(self);
+    EXPECT_EQ(error.code(), SQLITE_BUSY);
+    EXPECT_EQ(error.text(), "database is locked");
+    EXPECT_EQ(error.statement(), "commit");
+    EXPECT_EQ(error.offset(), 3);
+}
+
 TEST_F(ResultTest, FailureKeepsWhatItWasGiven)
 {
     const Error error(SQLITE_CONSTRAINT_UNIQUE, "why", "insert into t values (?)", 12);

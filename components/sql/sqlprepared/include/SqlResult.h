@@ -27,6 +27,11 @@ public:
     /// `statement` that it is about, or -1.
     Error(int extendedCode, string text, string statement = string(), int offset = -1);
 
+    Error(const Error&) = default;            ///< Copies the failure.
+    Error& operator=(const Error&) = default; ///< Copies the failure.
+    Error(Error&& other) noexcept;            ///< Takes the failure; the other has none.
+    Error& operator=(Error&& other) noexcept; ///< Takes the failure; the other has none.
+
     explicit operator bool() const; ///< Returns whether there is a failure.
     int code() const;               ///< Returns SQLite's result code, 0 for no failure.
     int extendedCode() const;       ///< Returns SQLite's extended result code.

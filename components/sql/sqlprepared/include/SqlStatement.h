@@ -504,6 +504,7 @@ private:
     SQLWRAPPER_LOCAL void prepare(const string& text);
     SQLWRAPPER_LOCAL void refuse(const string& text, int rc, const char* why);
     SQLWRAPPER_LOCAL bool isUsable(const char* operation);
+    SQLWRAPPER_LOCAL bool isUnbound() const;
     SQLWRAPPER_LOCAL bool canBind();
     SQLWRAPPER_LOCAL void forgetStale();
     SQLWRAPPER_LOCAL bool bindOne(const char* operation, int position, const Argument& argument,

@@ -123,6 +123,23 @@ Error::Error(int extendedCode, string text, string statement, int offset)
 {
 }
 
+Error::Error(Error&& other) noexcept
+    : _extendedCode(std::exchange(other._extendedCode, SQLITE_OK)),
+      _offset(std::exchange(other._offset, -1)), _text(std::exchange(other._text, string())),
+      _statement(std::exchange(other._statement, string()))
+{
+}
+
+Error& Error::operator=(Error&& other) noexcept
+{
+    Error taken(std::move(other)); // swapped, so that one that takes itself stays
+    std::swap(_extendedCode, taken._extendedCode);
+    std::swap(_offset, taken._offset);
+    _text.swap(taken._text);
+    _statement.swap(taken._statement);
+    return *this;
+}
+
 Error::operator bool() const
 {
     return _extendedCode != SQLITE_OK;

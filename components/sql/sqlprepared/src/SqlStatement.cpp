@@ -67,25 +67,33 @@ bool isInteger(double number)
            && number == std::trunc(number);
 }
 
-// A number in any form that SQL has, and nothing else; blanks around it are SQLite's own habit.
-std::optional<double> realIn(std::string_view text)
+// Texts of numbers may begin with a plus, which the C++ library does not read.
+std::string_view withoutPlus(std::string_view text)
 {
-    double number = 0;
-    if (!text.empty() && text.front() == '+')
-        text.remove_prefix(1);
+    const bool isPlus = text.size() > 1 && text[0] == '+' && text[1] != '-';
+    return isPlus ? text.substr(1) : text;
+}
+
+// Reads a number in any form that SQL has, and nothing else; blanks around it are SQLite's own habit.
+const char* readReal(std::string_view text, double& number)
+{
+    text = withoutPlus(text);
     const char* const end = text.data() + text.size();
-    const auto [last, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || last != end || !std::isfinite(number))
-        return std::nullopt;
-    return number;
+    double found = 0;
+    const auto [last, error] = std::from_chars(text.data(), end, found);
+    if (last != end || error == std::errc::invalid_argument || !std::isfinite(found))
+        return is_no_number;
+    if (error != std::errc())
+        return is_out_of_range;
+    number = found;
+    return nullptr;
 }
 
 std::optional<integer> integerIn(std::string_view text)
 {
-    integer number = 0;
-    if (!text.empty() && text.front() == '+')
-        text.remove_prefix(1);
+    text = withoutPlus(text);
     const char* const end = text.data() + text.size();
+    integer number = 0;
     const auto [last, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || last != end)
         return std::nullopt;
@@ -250,11 +258,7 @@ const char* Column::read(double& number) const
         if (const char* const why = read(text))
             return why;
     }
-    const std::optional<double> found = realIn(text);
-    if (!found)
-        return is_no_number;
-    number = *found;
-    return nullptr;
+    return readReal(text, number);
 }
 
 const char* Column::read(float& number) const
@@ -382,17 +386,22 @@ bool Statement::isUsable(const char* operation)
 {
     if (_handle.statement != nullptr && _database->getHandle() == _connection)
         return true;
-    if (_state != State::unprepared)
+    if (_state != State::unprepared || !_error) // one without a reason was moved from
         fail(operation, State::failed, SQLITE_MISUSE,
              _handle.statement == nullptr ? gone : database_closed);
     return false;
+}
+
+bool Statement::isUnbound() const
+{
+    return _state == State::unbound && _error; // nor was it moved from
 }
 
 // --- Values --------------------------------------------------------------------------------------
 
 bool Statement::canBind()
 {
-    if (_state == State::unbound)
+    if (isUnbound())
         return false;
     if (!isUsable("bind")) {
         if (_state != State::unprepared)
@@ -586,7 +595,7 @@ bool Statement::next()
 
 bool Statement::run()
 {
-    if (_state == State::unbound || !restart("run"))
+    if (isUnbound() || !restart("run"))
         return false;
     forgetStale();
     return runToEnd("run");
@@ -614,7 +623,7 @@ Presence Statement::readOne(const Argument* arguments, int argumentCount, const 
                             int variableCount)
 {
     const bool bound = argumentCount == 0;
-    if ((bound && _state == State::unbound) || !restart("one"))
+    if ((bound && isUnbound()) || !restart("one"))
         return Presence::unknown;
     if (bound)
         forgetStale();
@@ -630,7 +639,7 @@ Presence Statement::readOne(const Argument* arguments, int argumentCount, const 
 
 bool Statement::finished() const
 {
-    return _state == State::ended;
+    return _state == State::ended && isPrepared();
 }
 
 bool Statement::reset()
@@ -777,6 +786,8 @@ int Statement::columnCount() const
 
 string Statement::columnName(int index) const
 {
+    if (!isPrepared())
+        return string();
     const char* const name = sqlite3_column_name(_handle.statement, index);
     return name != nullptr ? name : "";
 }
