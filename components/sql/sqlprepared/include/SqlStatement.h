@@ -115,6 +115,8 @@ public:
 private:
     friend class Statement; // stands at its row
 
+    SQLWRAPPER_LOCAL const char* readOther(integer& number) const;
+
     Column(Statement& statement, sqlite3_value* value) : _statement(&statement), _value(value)
     {
     }
@@ -166,7 +168,7 @@ constexpr bool is_number =
     std::is_integral_v<T> && sizeof(T) <= sizeof(integer)
     && !std::is_same_v<
         T,
-        bool> && !std::is_same_v<T, char> && !std::is_same_v<T, wchar_t> && !std::is_same_v<T, char16_t> && !std::is_same_v<T, char32_t>;
+        bool> && !std::is_same_v<T, char> && !std::is_same_v<T, decltype(u8'a')> && !std::is_same_v<T, wchar_t> && !std::is_same_v<T, char16_t> && !std::is_same_v<T, char32_t>;
 
 template <typename T> struct Binder<T, std::enable_if_t<is_number<T> && !std::is_const_v<T>>> {
     static constexpr int bits = 8 * sizeof(T) - (std::is_signed_v<T> ? 1 : 0);
@@ -204,8 +206,14 @@ template <> struct Binder<bool> {
     }
 };
 
-template <typename T> struct Binder<T, std::enable_if_t<std::is_enum_v<T>>> {
-    using Number = std::underlying_type_t<T>;
+/// An enum is its number, also one of characters.
+template <typename T> struct Binder<T, std::enable_if_t<std::is_enum_v<T> && !std::is_const_v<T>>> {
+    using Underlying = std::underlying_type_t<T>;
+    using Number =
+        std::conditional_t<is_number<Underlying> || std::is_same_v<Underlying, bool>, Underlying,
+                           std::conditional_t<std::is_signed_v<Underlying>, std::make_signed_t<T>,
+                                              std::make_unsigned_t<T>>>;
+
     static Argument argument(T value)
     {
         return Binder<Number>::argument(static_cast<Number>(value));
@@ -285,9 +293,13 @@ template <> struct Binder<Time> {
     }
 };
 
-/// Whole seconds since the epoch, rounded down, as a column of type_time holds them.
+/// Whole seconds since the epoch, rounded down, as a column of type_time holds them. Of units that
+/// hold every second.
 template <typename Duration>
-struct Binder<std::chrono::time_point<std::chrono::system_clock, Duration>> {
+struct Binder<std::chrono::time_point<std::chrono::system_clock, Duration>,
+              std::enable_if_t<
+                  std::is_convertible_v<std::chrono::seconds,
+                                        Duration> && std::is_integral_v<typename Duration::rep>>> {
     using Seconds = std::chrono::seconds;
     using TimePoint = std::chrono::time_point<std::chrono::system_clock, Duration>;
 
@@ -307,18 +319,27 @@ struct Binder<std::chrono::time_point<std::chrono::system_clock, Duration>> {
     }
 };
 
-template <typename T> struct Binder<std::optional<T>, std::enable_if_t<is_bindable<T>>> {
-    static Argument argument(const std::optional<T>& value)
+/// NULL is no value. Templates, since not all that can be bound can be read.
+template <typename T> struct Binder<std::optional<T>> {
+    template <typename Value>
+    static auto argument(const std::optional<Value>& value)
+        -> decltype(Binder<Value>::argument(*value))
     {
-        return value ? Binder<T>::argument(*value) : nullptr;
+        return value ? Binder<Value>::argument(*value) : nullptr;
     }
-    static const char* read(const Column& column, std::optional<T>& value)
+    template <typename Value>
+    static auto read(const Column& column, std::optional<Value>& value)
+        -> decltype(Binder<Value>::read(column, *value))
     {
         if (column.isNull()) {
             value.reset();
             return nullptr;
         }
-        return Binder<T>::read(column, value ? *value : value.emplace());
+        const bool had = value.has_value();
+        const char* const why = Binder<Value>::read(column, had ? *value : value.emplace());
+        if (why != nullptr && !had)
+            value.reset();
+        return why;
     }
 };
 
@@ -436,7 +457,8 @@ public:
     integer changes() const;
 
     /// Returns the key of the row that the latest run inserted last; nothing if it inserted none,
-    /// or into a table without such a key.
+    /// or into a table without such a key. To know it, an insertion sets the connection's key anew:
+    /// in a trigger before it and in a default, last_insert_rowid() is not the former key.
     std::optional<integer> lastKey() const;
 
     const Error& error() const; ///< Returns why the latest run failed; no failure if it did not.
@@ -515,6 +537,7 @@ private:
     SQLWRAPPER_LOCAL bool step(const char* operation);
     SQLWRAPPER_LOCAL bool runToEnd(const char* operation);
     SQLWRAPPER_LOCAL bool end(const char* operation);
+    SQLWRAPPER_LOCAL void noteChanges();
     SQLWRAPPER_LOCAL bool readCells(const char* operation, const Variable* variables, int count);
     SQLWRAPPER_LOCAL Column noColumn(const string& which);
     SQLWRAPPER_LOCAL int indexOf(std::string_view name);
@@ -542,6 +565,7 @@ private:
     Handle _handle;
     State _state = State::unprepared;
     bool _inserts = false;         // whether it may give a row a key
+    bool _asksForKey = false;      // of the row that was inserted last, when it runs
     bool _stale = false;           // the bound values belong to a caller that is gone
     Names _names = Names::unknown; // of the columns, in this run
     int _latestIndex = -1;         // of the column that was found by its name last

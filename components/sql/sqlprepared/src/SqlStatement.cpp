@@ -2,6 +2,7 @@
 
 #include "SqlFailure.h"
 #include "SqlTrace.h"
+#include "SqlValue.h"
 
 #include <sqlite3.h>
 
@@ -35,22 +36,41 @@ bool isBlank(char byte)
     return byte == ' ' || (byte >= '\t' && byte <= '\r');
 }
 
-// Where the next statement begins: behind blanks, comments and semicolons. SQLite takes a comment
+// Behind the comment or the quoted text that begins here, else behind this byte. SQLite takes a comment
 // that nobody ends for one up to the end.
+std::size_t behind(std::string_view sql, std::size_t at)
+{
+    const auto past = [&](std::string_view end, std::size_t from) {
+        const std::size_t found = sql.find(end, from);
+        return found != sql.npos ? found + end.size() : sql.size();
+    };
+    if (sql.compare(at, 2, "--") == 0)
+        return past("\n", at);
+    if (sql.compare(at, 2, "/*") == 0)
+        return past("*/", at + 2);
+    if (sql[at] == '\'' || sql[at] == '"' || sql[at] == '`')
+        return past(sql.substr(at, 1), at + 1);
+    return at + 1;
+}
+
+// Where the next statement begins: behind blanks, comments and semicolons.
 std::size_t nextStatement(std::string_view sql)
 {
     std::size_t at = 0;
-    while (at < sql.size()) {
-        std::size_t end = at + 1;
-        if (sql.compare(at, 2, "--") == 0)
-            end = sql.find('\n', at);
-        else if (sql.compare(at, 2, "/*") == 0)
-            end = (end = sql.find("*/", at + 2)) == sql.npos ? end : end + 2;
-        else if (!isBlank(sql[at]) && sql[at] != ';')
-            return at;
-        at = std::min(end, sql.size());
-    }
+    while (at < sql.size()
+           && (isBlank(sql[at]) || sql[at] == ';' || sql.compare(at, 2, "--") == 0
+               || sql.compare(at, 2, "/*") == 0))
+        at = behind(sql, at);
     return at;
+}
+
+// The text up to its first semicolon: that of a statement that SQLite has not compiled.
+string firstStatement(std::string_view sql)
+{
+    std::size_t at = 0;
+    while (at < sql.size() && sql[at] != ';')
+        at = behind(sql, at);
+    return string(sql.substr(0, at + 1));
 }
 
 // Null where SQLite may have a look at the text. It would read no further than to a zero byte.
@@ -61,43 +81,22 @@ const char* whyNotCompiled(const sqlite3* db, const string& text)
     return text.find('\0') != string::npos ? "there is a zero byte in the text" : nullptr;
 }
 
-bool isInteger(double number)
+bool isInRange(double number)
 {
-    return number >= -9223372036854775808.0 && number < 9223372036854775808.0
-           && number == std::trunc(number);
-}
-
-// Texts of numbers may begin with a plus, which the C++ library does not read.
-std::string_view withoutPlus(std::string_view text)
-{
-    const bool isPlus = text.size() > 1 && text[0] == '+' && text[1] != '-';
-    return isPlus ? text.substr(1) : text;
+    return number >= -9223372036854775808.0 && number < 9223372036854775808.0;
 }
 
 // Reads a number in any form that SQL has, and nothing else; blanks around it are SQLite's own habit.
-const char* readReal(std::string_view text, double& number)
+// Returns null, or why the text is none.
+template <typename Number> const char* readNumber(std::string_view text, Number& number)
 {
-    text = withoutPlus(text);
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
+        text.remove_prefix(1);
     const char* const end = text.data() + text.size();
-    double found = 0;
-    const auto [last, error] = std::from_chars(text.data(), end, found);
-    if (last != end || error == std::errc::invalid_argument || !std::isfinite(found))
-        return is_no_number;
-    if (error != std::errc())
-        return is_out_of_range;
-    number = found;
-    return nullptr;
-}
-
-std::optional<integer> integerIn(std::string_view text)
-{
-    text = withoutPlus(text);
-    const char* const end = text.data() + text.size();
-    integer number = 0;
     const auto [last, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || last != end)
-        return std::nullopt;
-    return number;
+    if (last != end || error == std::errc::invalid_argument)
+        return is_no_number;
+    return error == std::errc() ? nullptr : is_out_of_range;
 }
 
 int boundText(sqlite3_stmt* statement, int position, Bytes text, sqlite3_destructor_type copy)
@@ -131,13 +130,11 @@ bool mentions(std::string_view sql, std::string_view word)
     return false;
 }
 
-// A statement that asks for the connection's latest key has to see it as it is.
 bool mayInsert(std::string_view sql)
 {
     const std::string_view statement = sql.substr(nextStatement(sql));
-    return (beginsWith(statement, "insert") || beginsWith(statement, "replace")
-            || beginsWith(statement, "with"))
-           && !mentions(statement, "last_insert_rowid");
+    return beginsWith(statement, "insert") || beginsWith(statement, "replace")
+           || beginsWith(statement, "with");
 }
 
 integer totalChanges(sqlite3* db)
@@ -158,6 +155,12 @@ integer latestChanges(sqlite3* db)
 #endif
 }
 
+// Outside a row there is no value, which counts as NULL.
+int typeOf(sqlite3_value* value)
+{
+    return value != nullptr ? sqlite3_value_type(value) : SQLITE_NULL;
+}
+
 void traceValues(const char* operation, sqlite3_stmt* statement)
 {
     if (!traceLevelAbove(8))
@@ -174,7 +177,7 @@ void traceValues(const char* operation, sqlite3_stmt* statement)
 
 bool Column::isNull() const
 {
-    return _value == nullptr || sqlite3_value_type(_value) == SQLITE_NULL;
+    return typeOf(_value) == SQLITE_NULL;
 }
 
 integer Column::asInteger() const
@@ -184,7 +187,14 @@ integer Column::asInteger() const
 
 double Column::asDouble() const
 {
-    return isNull() ? 0.0 : sqlite3_value_double(_value);
+    const int type = typeOf(_value);
+    if (type == SQLITE_NULL)
+        return 0.0;
+    if (type == SQLITE_INTEGER || type == SQLITE_FLOAT)
+        return sqlite3_value_double(_value);
+    Value text(type_text); // knows more forms than SQLite
+    text.setString(asString());
+    return text.asDouble();
 }
 
 bool Column::asBool() const
@@ -223,42 +233,57 @@ Bytes Column::asBytes() const
 const char* Column::read(integer& number, integer lowest, integer highest) const
 {
     integer found = 0;
-    if (sqlite3_value_type(_value) == SQLITE_INTEGER) {
+    if (typeOf(_value) == SQLITE_INTEGER)
         found = sqlite3_value_int64(_value);
-    } else {
-        double real = 0;
-        std::string_view text;
-        const char* const why = read(real);
-        if (why != nullptr)
-            return why;
-        if (sqlite3_value_type(_value) == SQLITE_TEXT && read(text) == nullptr && integerIn(text))
-            found = *integerIn(text);
-        else if (isInteger(real))
-            found = static_cast<integer>(real);
-        else
-            return real == std::trunc(real) ? is_out_of_range : is_no_integer;
-    }
+    else if (const char* const why = readOther(found))
+        return why;
     if (found < lowest || found > highest)
         return is_out_of_range;
     number = found;
     return nullptr;
 }
 
+// An integer out of a cell that holds none: a text, as long as it is exact, or a real.
+const char* Column::readOther(integer& number) const
+{
+    std::string_view text;
+    if (typeOf(_value) == SQLITE_TEXT && read(text) == nullptr) {
+        const char* const why = readNumber(text, number);
+        if (why != is_no_number)
+            return why;
+    }
+    double real = 0;
+    if (const char* const why = read(real))
+        return why;
+    if (real != std::trunc(real))
+        return is_no_integer;
+    if (!isInRange(real))
+        return is_out_of_range;
+    number = static_cast<integer>(real);
+    return nullptr;
+}
+
 const char* Column::read(double& number) const
 {
-    const int type = sqlite3_value_type(_value);
+    const int type = typeOf(_value);
     if (type == SQLITE_NULL)
         return is_null;
     if (type == SQLITE_FLOAT || type == SQLITE_INTEGER) {
         number = sqlite3_value_double(_value);
         return nullptr;
     }
+    if (type != SQLITE_TEXT)
+        return is_no_number;
     std::string_view text;
-    if (type == SQLITE_TEXT) {
-        if (const char* const why = read(text))
-            return why;
-    }
-    return readReal(text, number);
+    if (const char* const why = read(text))
+        return why;
+    double found = 0;
+    const char* const why = readNumber(text, found);
+    if (why == nullptr && !std::isfinite(found)) // "inf" and "nan" are words
+        return is_no_number;
+    if (why == nullptr)
+        number = found;
+    return why;
 }
 
 const char* Column::read(float& number) const
@@ -276,14 +301,14 @@ const char* Column::read(std::string_view& text) const
 {
     const void* const bytes = sqlite3_value_text(_value);
     if (bytes == nullptr)
-        return sqlite3_value_type(_value) == SQLITE_NULL ? is_null : no_memory;
+        return isNull() ? is_null : no_memory;
     text = std::string_view(static_cast<const char*>(bytes), sqlite3_value_bytes(_value));
     return nullptr;
 }
 
 const char* Column::read(Bytes& bytes) const
 {
-    const int type = sqlite3_value_type(_value);
+    const int type = typeOf(_value);
     if (type == SQLITE_NULL)
         return is_null;
     // A number's block is its text, which takes memory to make; an empty block has no address.
@@ -361,7 +386,8 @@ void Statement::prepare(const string& text)
         return refuse(text, SQLITE_MISUSE, "there is more than one statement in the text");
     }
     _state = State::ready;
-    _inserts = sqlite3_stmt_readonly(_handle.statement) == 0 && mayInsert(text);
+    _inserts = !isReadOnly() && mayInsert(text);
+    _asksForKey = _inserts && mentions(text, "last_insert_rowid");
 }
 
 void Statement::refuse(const string& text, int rc, const char* why)
@@ -418,7 +444,7 @@ bool Statement::canBind()
 
 void Statement::forgetStale()
 {
-    if (_stale)
+    if (_stale && _handle.statement != nullptr)
         sqlite3_clear_bindings(_handle.statement);
     _stale = false;
 }
@@ -531,7 +557,8 @@ void Statement::begin(const char* operation)
     _totalBefore = totalChanges(_connection);
     if (_inserts) {
         _keyBefore = sqlite3_last_insert_rowid(_connection);
-        sqlite3_set_last_insert_rowid(_connection, no_key);
+        if (!_asksForKey)
+            sqlite3_set_last_insert_rowid(_connection, no_key);
     }
 }
 
@@ -540,7 +567,7 @@ bool Statement::step(const char* operation)
     const int rc = sqlite3_step(_handle.statement);
     if (_inserts && _state == State::ready) { // all rows are inserted before the first comes back
         const integer key = sqlite3_last_insert_rowid(_connection);
-        if (key != no_key)
+        if (key != (_asksForKey ? _keyBefore : no_key))
             _key = key;
         else
             sqlite3_set_last_insert_rowid(_connection, _keyBefore);
@@ -551,6 +578,7 @@ bool Statement::step(const char* operation)
     }
     if (rc != SQLITE_DONE) {
         const int extended = extendedCodeOf(_connection, rc);
+        noteChanges();
         return fail(operation, State::failed, extended, reasonOf(_connection, rc));
     }
     end(operation);
@@ -561,13 +589,22 @@ bool Statement::step(const char* operation)
 bool Statement::end(const char* operation)
 {
     const int rc = sqlite3_reset(_handle.statement);
+    noteChanges();
     if (rc != SQLITE_OK)
         return fail(operation, State::failed, extendedCodeOf(_connection, rc),
                     reasonOf(_connection, rc));
-    if (totalChanges(_connection) != _totalBefore)
-        _changes = latestChanges(_connection);
     _state = State::ended;
     return true;
+}
+
+// Where nothing has changed, a row that was inserted is taken back. Others' changes during a query are
+// not its own.
+void Statement::noteChanges()
+{
+    if (totalChanges(_connection) == _totalBefore)
+        _key.reset();
+    else if (!isReadOnly())
+        _changes = latestChanges(_connection);
 }
 
 bool Statement::runToEnd(const char* operation)
@@ -839,7 +876,8 @@ Result<int> runScript(Database& database, const string& script)
         if (rc != SQLITE_OK && rc != SQLITE_DONE) {
             const string why = "statement " + intToStr(count) + ": " + reasonOf(db, rc);
             const char* const own = sqlite3_sql(statement);
-            return failed(own != nullptr ? own : sql, extendedCodeOf(db, rc), why);
+            const string text = own != nullptr ? own : firstStatement(sql);
+            return failed(text.c_str(), extendedCodeOf(db, rc), why);
         }
     }
     return count;
