@@ -1,4 +1,4 @@
-"""Changes the library's sources and looks whether tools/abi-check tells a broken interface from a whole one.
+"""Changes the libraries' sources and looks whether tools/abi-check tells a broken interface from a whole one.
 
 CXX is the compiler.
 """
@@ -12,12 +12,12 @@ import tempfile
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-COMPONENT = ROOT / "components/sql/sqlwrapper"
+SQL = ROOT / "components/sql"
 BROKEN = "breaks the interface"
 EXTENDED = "adds to the interface"
 
 # What is changed, where, from what to what, and what is said about it.
-CHANGES = {
+SQLWRAPPER = {
     "nothing": ([], ""),
     "the body of a function": (
         [("src/SqlField.cpp", "return _name;", "return string(_name);")], ""),
@@ -69,21 +69,44 @@ CHANGES = {
     "a virtual function": (
         [("include/SqlTable.h", "    bool truncate();", "    virtual bool truncate();")], BROKEN),
 }
+# What sqlwrapper has none of.
+STATEMENT = "include/SqlStatement.h"
+SQLPREPARED = {
+    "nothing": ([], ""),
+    "a class of a source file": (
+        [("src/SqlStatement.cpp", "    Statement& statement;\n};", "    Statement& statement;\n    int more = 0;\n};")],
+        ""),
+    "a member of a base class": (
+        [("include/SqlTransaction.h", "    Error _error;\n};", "    Error _error;\n    int _more = 0;\n};")],
+        BROKEN),
+    "another type of a union's member": (
+        [(STATEMENT, "        double _real;", "        float _real;"),
+         (STATEMENT, "_real(real)", "_real(static_cast<float>(real))")], BROKEN),
+    "a parameter of a function that a member points at": (
+        [(STATEMENT, "const char* (*read)(const Column& column, void* variable);",
+          "const char* (*read)(const Column& column, void* variable, int more);"),
+         ("src/SqlStatement.cpp", "variables[i].variable)", "variables[i].variable, 0)")], BROKEN),
+    "another type that a template's result holds": (
+        [(STATEMENT, "Result<int> runScript", "Result<integer> runScript"),
+         ("src/SqlStatement.cpp", "Result<int> runScript", "Result<integer> runScript")], BROKEN),
+}
+CHANGES = {("sqlwrapper", what): change for what, change in SQLWRAPPER.items()}
+CHANGES.update({("sqlprepared", what): change for what, change in SQLPREPARED.items()})
 
 
-def build(change, folder):
+def build(name, change, folder):
     """The library with some texts of its sources replaced, for its interface alone."""
-    shutil.copytree(COMPONENT, folder)
-    for name, old, new in change:
-        text = (folder / name).read_text("utf-8")
+    shutil.copytree(SQL / name, folder)
+    for file, old, new in change:
+        text = (folder / file).read_text("utf-8")
         if old not in text:
-            raise AssertionError(f"{name} has no {old!r}")
-        (folder / name).write_text(text.replace(old, new), "utf-8")
-    library = folder / "libsqlwrapper.so"
+            raise AssertionError(f"{file} has no {old!r}")
+        (folder / file).write_text(text.replace(old, new), "utf-8")
+    library = folder / f"lib{name}.so"
     subprocess.run(
         [os.environ["CXX"], "-std=gnu++17", "-g", "-fPIC", "-shared", "-fvisibility=hidden",
-         "-fvisibility-inlines-hidden", "-Wl,-soname,libsqlwrapper.so.1",
-         f"-Wl,--version-script={folder}/sqlwrapper.map", f"-I{folder}/include",
+         "-fvisibility-inlines-hidden", f"-Wl,--version-script={folder}/{name}.map", f"-I{folder}/include",
+         f"-I{SQL}/sqlwrapper/include", f"-I{SQL}/sqltrace", '-DSQL_SOURCE_FOLDER=""',
          *sorted((folder / "src").glob("*.cpp")), "-o", library], check=True)
     return library
 
@@ -96,18 +119,18 @@ class AbiCheckTest(unittest.TestCase):
         folder = pathlib.Path(temporary.name)
         with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
             cls.libraries = dict(zip(CHANGES, pool.map(
-                lambda name: build(CHANGES[name][0], folder / name.replace(" ", "-")), CHANGES)))
-        cls.baseline = folder / "baseline.abi"
-        library = cls.libraries["nothing"]
-        subprocess.run([ROOT / "tools/abi-check", "--record", cls.baseline, library],
-                       check=True)
+                lambda key: build(key[0], CHANGES[key][0], folder / "-".join(key).replace(" ", "-")),
+                CHANGES)))
+        cls.folder = folder
+        for name in "sqlwrapper", "sqlprepared":
+            subprocess.run([ROOT / "tools/abi-check", "--record", folder / f"{name}.abi",
+                            cls.libraries[name, "nothing"]], check=True)
 
     def test_changes_are_told_apart(self):
-        for name, (_, verdict) in CHANGES.items():
-            with self.subTest(name):
-                library = self.libraries[name]
+        for (name, what), (_, verdict) in CHANGES.items():
+            with self.subTest(what, library=name):
                 done = subprocess.run(
-                    [ROOT / "tools/abi-check", self.baseline, library],
+                    [ROOT / "tools/abi-check", self.folder / f"{name}.abi", self.libraries[name, what]],
                     capture_output=True, text=True, check=False)
                 said = [text for text in (BROKEN, EXTENDED) if text in done.stderr]
                 self.assertEqual((done.returncode != 0, said), (verdict != "", [verdict] if verdict else []),
