@@ -4,6 +4,7 @@ Buildroot and Yocto by reading them as those would. The last line sums up: "N pa
 
 import fnmatch
 import hashlib
+import itertools
 import os
 import pathlib
 import re
@@ -22,10 +23,15 @@ YOCTO = ROOT / "packaging" / "yocto"
 RECIPE = next((YOCTO / "recipes-support" / "sqlwrapper").glob("*.bb"))
 VERSION = re.search(r"project\(\w+ VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())[1]
 
+PREPARED_VERSION = re.search(
+    r"\(sqlprepared (\S+)", (ROOT / "components/sql/sqlprepared/CMakeLists.txt").read_text())[1]
+
 HEADERS = ["SqlCommon.h", "SqlDatabase.h", "SqlField.h", "SqlFieldSet.h", "SqlRecord.h",
            "SqlRecordSet.h", "SqlTable.h", "SqlValue.h", "TraceLevel.h"]
 CMAKE = ["sqlwrapperConfig.cmake", "sqlwrapperConfigVersion.cmake",
          "sqlwrapperTargets-relwithdebinfo.cmake", "sqlwrapperTargets.cmake"]
+PREPARED_HEADERS = ["SqlLiteral.h", "SqlResult.h", "SqlStatement.h", "SqlTransaction.h"]
+PREPARED_CMAKE = ["sqlpreparedTargets-relwithdebinfo.cmake", "sqlpreparedTargets.cmake"]
 # Each file of an installation, by the package that it belongs to.
 FILES = {
     "sqlwrapper": ["lib/libsqlwrapper.so.1", f"lib/libsqlwrapper.so.{VERSION}"],
@@ -33,11 +39,22 @@ FILES = {
                       + [f"lib/cmake/sqlwrapper/{name}" for name in CMAKE]
                       + ["lib/libsqlwrapper.so", "lib/pkgconfig/sqlwrapper.pc",
                          f"share/gdb/auto-load/usr/lib/libsqlwrapper.so.{VERSION}-gdb.py"],
+    "sqlprepared": ["lib/libsqlprepared.so.0", f"lib/libsqlprepared.so.{PREPARED_VERSION}"],
+    "sqlprepared-dev": [f"include/sqlwrapper/{name}" for name in PREPARED_HEADERS]
+                       + [f"lib/cmake/sqlwrapper/{name}" for name in PREPARED_CMAKE]
+                       + ["lib/libsqlprepared.so", "lib/pkgconfig/sqlprepared.pc"],
     "sqlwrapper-trace": ["lib/libtrace.so"],
     "sqlwrapper-framework": ["lib/libframework.so"],
 }
 ALL_FILES = sorted(name for names in FILES.values() for name in names)
 C_LIBRARIES = {"libc.so.6", "libgcc_s.so.1", "libm.so.6"}
+# By its Debian package: the name of each library, its version, and what it needs.
+LIBRARIES = {
+    "libsqlwrapper1": ("libsqlwrapper.so.1", VERSION,
+                       {"libsqlite3.so.0", "libtrace.so", "libframework.so", "libstdc++.so.6"}),
+    "libsqlprepared0": ("libsqlprepared.so.0", PREPARED_VERSION,
+                        {"libsqlite3.so.0", "libtrace.so", "libsqlwrapper.so.1", "libstdc++.so.6"}),
+}
 
 
 def output(*command, **options):
@@ -61,7 +78,7 @@ class Installation(unittest.TestCase):
         output("cmake", "-G", "Ninja", "-S", BUILD / "source", "-B", BUILD / "build",
                "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_INSTALL_PREFIX=/usr",
                "-DCMAKE_INSTALL_LIBDIR=lib", "-DSQLWRAPPER_BUILD_TESTS=OFF",
-               "-DSQLWRAPPER_BUILD_EXAMPLES=OFF")
+               "-DSQLWRAPPER_BUILD_EXAMPLES=OFF", "-DSQLWRAPPER_PREPARED=ON")
         output("cmake", "--build", BUILD / "build")
         output("cmake", "--install", BUILD / "build", env={**os.environ, "DESTDIR": BUILD / "root"})
         usr = BUILD / "root" / "usr"
@@ -77,22 +94,37 @@ class Packages(unittest.TestCase):
         self.assertTrue(changelog.startswith(f"sqlwrapper ({VERSION}) "), changelog.splitlines()[0])
 
     def test_library_needs_the_least_and_says_where_it_is_nowhere(self):
-        packages = sorted((ROOT / "build" / "package").glob("*/libsqlwrapper1_*.deb"))
-        self.assertNotEqual(packages, [], "script/package has not built any")
-        for package in packages:
-            with self.subTest(package.name), tempfile.TemporaryDirectory() as folder:
-                output("dpkg-deb", "--extract", package, folder)
-                library, = pathlib.Path(folder).glob(f"usr/lib/*/libsqlwrapper.so.{VERSION}")
-                # On ARM the loader keeps the value that guards the stack.
-                needed = {name for name in dynamic_section(library, "NEEDED")
-                          if not name.startswith("ld-linux")}
-                self.assertEqual(needed - C_LIBRARIES, {"libsqlite3.so.0", "libtrace.so",
-                                                        "libframework.so", "libstdc++.so.6"})
-                self.assertEqual(dynamic_section(library, "SONAME"), ["libsqlwrapper.so.1"])
-                self.assertEqual(dynamic_section(library, "RPATH|RUNPATH"), [])
+        for name, (soname, version, wanted) in LIBRARIES.items():
+            packages = sorted((ROOT / "build" / "package").glob(f"*/{name}_*.deb"))
+            self.assertNotEqual(packages, [], "script/package has not built any")
+            for package in packages:
+                with self.subTest(package.name), tempfile.TemporaryDirectory() as folder:
+                    output("dpkg-deb", "--extract", package, folder)
+                    library, = pathlib.Path(folder).glob(f"usr/lib/*/{soname[:-2]}.{version}")
+                    # On ARM the loader keeps the value that guards the stack.
+                    needed = {name for name in dynamic_section(library, "NEEDED")
+                              if not name.startswith("ld-linux")}
+                    self.assertEqual(needed - C_LIBRARIES, wanted)
+                    self.assertEqual(dynamic_section(library, "SONAME"), [soname])
+                    self.assertEqual(dynamic_section(library, "RPATH|RUNPATH"), [])
+
+    def test_share_the_installed_files_as_meant(self):
+        """As those of Yocto share them, beside documents, with another build type."""
+        names = {"libsqlwrapper1": "sqlwrapper", "libsqlwrapper-dev": "sqlwrapper-dev",
+                 "libsqlprepared0": "sqlprepared", "libsqlprepared-dev": "sqlprepared-dev"}
+        for debian, name in names.items():
+            for package in sorted((ROOT / "build" / "package").glob(f"*/{debian}_*.deb")):
+                with self.subTest(package.name):
+                    lines = output("dpkg-deb", "--contents", package).splitlines()
+                    paths = [line.split()[5] for line in lines if not line.startswith("d")]
+                    files = [re.sub(r"lib/[a-z0-9_]+-linux-[a-z]+/", "lib/", path[len("./usr/"):])
+                             .replace("-none.cmake", "-relwithdebinfo.cmake") for path in paths]
+                    self.assertEqual(sorted(file for file in files
+                                            if not re.match("share/(doc|man|lintian)/", file)),
+                                     sorted(FILES[name]))
 
     def test_mention_no_folder_of_the_build(self):
-        packages = sorted((ROOT / "build" / "package").glob("*/*sqlwrapper*.deb"))
+        packages = sorted((ROOT / "build" / "package").glob("*/*sql*.deb"))
         self.assertNotEqual(packages, [], "script/package has not built any")
         for package in packages:
             with self.subTest(package.name), tempfile.TemporaryDirectory() as folder:
@@ -146,6 +178,7 @@ all: ;
         values = self.configuration(INSTALL_LIBSTDCPP="y", TOOLCHAIN_GCC_AT_LEAST_12="y",
                                     PACKAGE_SQLWRAPPER="y")
         self.assertEqual(values["BR2_PACKAGE_SQLITE"], "y")
+        self.assertEqual(values["BR2_PACKAGE_SQLWRAPPER_PREPARED"], "n")
         self.assertEqual(values["BR2_PACKAGE_SQLWRAPPER_DEVICE_PLATFORM"], "n")
 
     def test_cannot_be_chosen_without_what_it_needs(self):
@@ -166,13 +199,15 @@ all: ;
         self.assertEqual(values["SQLWRAPPER_INSTALL_STAGING"], "YES")
 
     def test_sets_options_that_exist(self):
-        for answer, value in (("n", "OFF"), ("y", "ON")):
-            with self.subTest(answer):
-                values = self.variables(f"BR2_PACKAGE_SQLWRAPPER_DEVICE_PLATFORM={answer}")
+        for prepared, platform in itertools.product((("n", "OFF"), ("y", "ON")), repeat=2):
+            with self.subTest(prepared=prepared, platform=platform):
+                values = self.variables(f"BR2_PACKAGE_SQLWRAPPER_PREPARED={prepared[0]}",
+                                        f"BR2_PACKAGE_SQLWRAPPER_DEVICE_PLATFORM={platform[0]}")
                 options = values["SQLWRAPPER_CONF_OPTS"]
                 self.assertEqual(options.split(), ["-DSQLWRAPPER_BUILD_EXAMPLES=OFF",
                                                    "-DSQLWRAPPER_BUILD_TESTS=OFF",
-                                                   f"-DSQLWRAPPER_DEVICE_PLATFORM={value}"])
+                                                   f"-DSQLWRAPPER_PREPARED={prepared[1]}",
+                                                   f"-DSQLWRAPPER_DEVICE_PLATFORM={platform[1]}"])
                 assert_options_exist(self, options)
 
     def test_hash_is_that_of_the_licence_file(self):
@@ -197,7 +232,7 @@ class YoctoRecipe(unittest.TestCase):
         "FILES:${PN}-dev": "${includedir}/* ${libdir}/lib*.so ${libdir}/cmake/* "
                            "${libdir}/pkgconfig/*",
     }
-    STATEMENT = re.compile(r'([A-Za-z_]+(?:_sqlwrapper)?(?:\[[a-z-]+\]|:\$\{PN\}[a-z-]*)?) '
+    STATEMENT = re.compile(r'([A-Za-z_]+(?:_sqlwrapper)?(?:\[[a-z-]+\]|:(?:\$\{PN\}|sqlprepared)[a-z-]*)?) '
                            r'(=|\?\?=|\+=|=\+|\.=) "([^"]*)"')
 
     def read(self, file):
@@ -239,7 +274,7 @@ class YoctoRecipe(unittest.TestCase):
 
     def test_sets_options_that_exist(self):
         values = self.read(RECIPE)
-        for name in "EXTRA_OECMAKE", "PACKAGECONFIG[device-platform]":
+        for name in "EXTRA_OECMAKE", "PACKAGECONFIG[prepared]", "PACKAGECONFIG[device-platform]":
             assert_options_exist(self, values[name].replace(",", " "))
 
     def test_checksum_is_that_of_the_licence_file(self):

@@ -18,16 +18,31 @@ EXTERNALSRC_SYMLINKS = ""
 
 EXTRA_OECMAKE = "-DSQLWRAPPER_BUILD_EXAMPLES=OFF -DSQLWRAPPER_BUILD_TESTS=OFF"
 
+# With prepared the second library is built, which has packages of its own.
+#
 # With device-platform the device's own libtrace and libframework are linked. Their recipes go into
 # DEPENDS, by an append of the device's layer; the packages of the stand-ins then stay empty.
-PACKAGECONFIG ??= ""
+PACKAGECONFIG ??= "prepared"
+PACKAGECONFIG[prepared] = "-DSQLWRAPPER_PREPARED=ON,-DSQLWRAPPER_PREPARED=OFF"
 PACKAGECONFIG[device-platform] = "-DSQLWRAPPER_DEVICE_PLATFORM=ON,-DSQLWRAPPER_DEVICE_PLATFORM=OFF"
 
-# The stand-ins' libraries have no version in their names, as the device's have none. Ahead of the
-# other packages, theirs get these files before the development package takes all of lib*.so.
-PACKAGES =+ "${PN}-trace ${PN}-framework"
+# Ahead of the other packages, these get their files before the development package takes all that is
+# of its kind. The stand-ins' libraries have no version in their names, as the device's have none.
+PACKAGES =+ "${PN}-trace ${PN}-framework sqlprepared-dev sqlprepared"
 FILES:${PN}-trace = "${libdir}/libtrace.so"
 FILES:${PN}-framework = "${libdir}/libframework.so"
+FILES:sqlprepared = "${libdir}/libsqlprepared.so.*"
+FILES:sqlprepared-dev = "\
+    ${includedir}/sqlwrapper/SqlLiteral.h \
+    ${includedir}/sqlwrapper/SqlResult.h \
+    ${includedir}/sqlwrapper/SqlStatement.h \
+    ${includedir}/sqlwrapper/SqlTransaction.h \
+    ${libdir}/cmake/sqlwrapper/sqlpreparedTargets* \
+    ${libdir}/libsqlprepared.so \
+    ${libdir}/pkgconfig/sqlprepared.pc \
+    ${datadir}/gdb/auto-load/usr/*/libsqlprepared.so.* \
+"
+RDEPENDS:sqlprepared-dev = "sqlprepared (= ${EXTENDPKGV}) ${PN}-dev (= ${EXTENDPKGV})"
 
-# What gdb shows the library's objects by.
+# What gdb shows the libraries' objects by.
 FILES:${PN}-dev += "${datadir}/gdb/*"
