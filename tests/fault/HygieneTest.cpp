@@ -4,6 +4,8 @@
 #include "Heap.h"
 #include "Shop.h"
 #include "SqlRecordSet.h"
+#include "SqlStatement.h"
+#include "SqlTransaction.h"
 
 #include <gmock/gmock.h>
 #include <sqlite3.h>
@@ -12,6 +14,7 @@
 #include <iterator>
 #include <ostream>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -148,6 +151,65 @@ bool usesTransactions(Place& place)
            && shop.transact("BEGIN") && shop.product.deleteRecords("") && shop.transact("ROLLBACK");
 }
 
+bool runsStatements(Place& place)
+{
+    Database& database = place.shop.database;
+    sql::Statement add(database, "insert into product (id, name) values (?, ?)");
+    sql::Statement all(database, "select id, name from product order by id");
+    bool good = add.run(4, long_name) && add.bind(1, 5).bind(2, "rum").run();
+    sql::integer id = 0;
+    int count = 0;
+    for (std::string name; all.next(id, name);)
+        ++count;
+    sql::Statement moved(std::move(add));
+    const auto longest =
+        sql::Statement(database, "select max(length(name)) from product").one<int>();
+    good = good && all.finished() && count == 5 && longest && *longest == 100 && all.reset();
+    return good && all.next() && all.column("id").asInteger() == 1
+           && moved.expandedText().size() > moved.text().size()
+           && sql::runScript(database,
+                             "delete from product where id = 4; delete from product where id = 5");
+}
+
+bool failsToRunStatements(Place& place)
+{
+    Database& database = place.shop.database;
+    sql::Statement add(database, "insert into product (id, name) values (?, ?)");
+    sql::Statement wrong(database, "select nothing from product");
+    sql::Statement all(database, "select id, name from product");
+    int number = 0;
+    return !add.run(1, long_name) && add.error().isConstraint() && !add.run(4) && !wrong.run()
+           && !all.next(number, number) && all.column(0).isNull()
+           && !sql::runScript(database, "select 1; select nothing");
+}
+
+bool usesScopes(Place& place)
+{
+    Database& database = place.shop.database;
+    sql::Statement add(database, "insert into product (id, name) values (?, ?)");
+    {
+        const sql::Transaction left(database, sql::begin_exclusive);
+        const sql::Savepoint inner(database);
+        if (!add.run(4, long_name))
+            return false;
+    }
+    const auto done = sql::inTransaction(database, [&] {
+        sql::Savepoint undone(database);
+        return add.run(4, long_name) && undone.rollback();
+    });
+    return done && place.shop.product.totalRecordCount() == 3;
+}
+
+bool losesTransactions(Place& place)
+{
+    Database& database = place.shop.database;
+    sql::Transaction transaction(database, sql::begin_immediate);
+    const sql::Savepoint savepoint(database);
+    return !sql::runScript(database, "insert or rollback into product (id, name) values (1, '')")
+           && !place.shop.product.addRecord(good(4, long_name)) && !transaction.commit()
+           && !sql::Savepoint(database).isOpen() && !transaction.isOpen();
+}
+
 const Activity activities[] = {
     {"opens and closes", opensAndCloses, 0, 0},
     {"fails to open", failsToOpen, 4, 1},
@@ -156,6 +218,10 @@ const Activity activities[] = {
     {"reads", reads, 0, 0},
     {"writes", writes, 0, 0},
     {"uses transactions", usesTransactions, 4, 0},
+    {"runs statements", runsStatements, 0, 0},
+    {"fails to run statements", failsToRunStatements, 12, 0},
+    {"uses scopes", usesScopes, 0, 0},
+    {"loses transactions", losesTransactions, 10, 0},
 };
 
 class HygieneTest : public testing::TestWithParam<Activity> {

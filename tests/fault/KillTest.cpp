@@ -1,6 +1,6 @@
 #include "Diagnostics.h"
 #include "Environment.h"
-#include "Job.h"
+#include "PreparedSteps.h"
 
 #include <gmock/gmock.h>
 
@@ -26,7 +26,8 @@ const int most_changes = 1000000; // far more than any program here makes
 const std::vector<Change>& changes()
 {
     static const std::vector<Change> all = test::changesOf(
-        test::filling(12) + test::changing() + test::backingUp() + test::removing()
+        test::filling(12) + test::changing() + test::changingByStatements() + test::backingUp()
+        + test::removing()
         + std::vector<Step>{{"remove",
                              [](auto& shop) {
                                  return shop.product.remove();

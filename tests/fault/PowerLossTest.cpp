@@ -2,7 +2,7 @@
 #include "Diagnostics.h"
 #include "Environment.h"
 #include "FaultVfs.h"
-#include "Job.h"
+#include "PreparedSteps.h"
 #include "Rows.h"
 #include "Sqlite.h"
 
@@ -360,7 +360,7 @@ private:
 
     const std::vector<test::Change> _changes = test::changesOf(
         test::filling(19) + test::changing() + test::backingUp() + test::changing()
-        + test::backingUp() + test::removing());
+        + test::changingByStatements() + test::backingUp() + test::removing());
     test::Diagnostics _diagnostics;
     const test::TemporaryDirectory _directory;
     const std::string _file;

@@ -1,0 +1,16 @@
+#ifndef SQLWRAPPER_TESTS_SUPPORT_PREPAREDSTEPS_H
+#define SQLWRAPPER_TESTS_SUPPORT_PREPAREDSTEPS_H
+
+#include "Job.h"
+
+#include <vector>
+
+namespace test {
+
+// Changes of the rows that filling() has made, by statements, scripts and transactions of
+// sqlprepared, and by tables in those; none of their keys is one of changing().
+std::vector<Step> changingByStatements();
+
+} // namespace test
+
+#endif
