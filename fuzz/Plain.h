@@ -192,7 +192,7 @@ public:
 
     bool run()
     {
-        return !isUnbound("run") && restart("run") && runToEnd();
+        return _state != unbound && restart("run") && runToEnd();
     }
 
     bool run(const std::vector<Any>& values)
@@ -252,13 +252,15 @@ public:
         if (cell.type == SQLITE_NULL)
             return cell;
         cell.number = sqlite3_column_int64(_statement, index);
-        cell.real = sqlite3_column_double(_statement, index);
         const void* const block = sqlite3_column_blob(_statement, index);
         cell.block.assign(static_cast<const char*>(block),
                           static_cast<std::size_t>(sqlite3_column_bytes(_statement, index)));
         const unsigned char* const text = sqlite3_column_text(_statement, index);
         cell.text.assign(reinterpret_cast<const char*>(text),
                          static_cast<std::size_t>(sqlite3_column_bytes(_statement, index)));
+        const bool isNumber = cell.type == SQLITE_INTEGER || cell.type == SQLITE_FLOAT;
+        cell.real = isNumber ? sqlite3_column_double(_statement, index)
+                             : test::readDouble(cell.text);
         return cell;
     }
 
@@ -388,12 +390,6 @@ private:
         return false;
     }
 
-    // Said before, and not again; unless there is nothing left to run.
-    bool isUnbound(const char* operation)
-    {
-        return _state == unbound && isUsable(operation);
-    }
-
     bool canBind()
     {
         if (_state == unbound)
@@ -427,6 +423,8 @@ private:
             sqlite3_bind_double(_statement, position, value.real);
         else if (value.type == SQLITE_TEXT)
             sqlite3_bind_text(_statement, position, value.text.c_str(), size, SQLITE_TRANSIENT);
+        else if (value.type == SQLITE_BLOB && size == 0)
+            sqlite3_bind_zeroblob(_statement, position, 0);
         else if (value.type == SQLITE_BLOB)
             sqlite3_bind_blob(_statement, position, value.text.c_str(), size, SQLITE_TRANSIENT);
         else
@@ -478,18 +476,20 @@ private:
         key.reset();
         _side->target = _text.target;
         _side->latest.reset();
+        _changesBefore = sqlite3_total_changes64(_db);
     }
 
     bool step(const char* operation)
     {
         const bool isFirst = _state == ready;
         const int rc = sqlite3_step(_statement);
+        if (isFirst)
+            key = _side->latest;
         if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+            noteChanges();
             failAsSqlite(operation);
             return false;
         }
-        if (isFirst)
-            key = _side->latest;
         if (rc == SQLITE_DONE) {
             end(operation);
             return false;
@@ -500,14 +500,23 @@ private:
 
     bool end(const char* operation)
     {
-        if (sqlite3_reset(_statement) != SQLITE_OK) {
+        const int rc = sqlite3_reset(_statement);
+        noteChanges();
+        if (rc != SQLITE_OK) {
             failAsSqlite(operation);
             return false;
         }
-        if (_text.changes)
-            changes = sqlite3_changes64(_db);
         _state = ended;
         return true;
+    }
+
+    // Some of a statement that fails may stay.
+    void noteChanges()
+    {
+        if (sqlite3_total_changes64(_db) == _changesBefore)
+            key.reset();
+        else if (_text.changes)
+            changes = sqlite3_changes64(_db);
     }
 
     bool runToEnd()
@@ -520,7 +529,7 @@ private:
 
     sql::Presence readOne(const std::vector<Any>& values, std::vector<Any>& variables)
     {
-        if (values.empty() && isUnbound("one"))
+        if (values.empty() && _state == unbound)
             return sql::Presence::unknown;
         if (!restart("one") || (!values.empty() && !bindAll("one", values)))
             return sql::Presence::unknown;
@@ -569,6 +578,7 @@ private:
     Text _text;
     State _state = unprepared;
     bool _forgets = false;
+    sql::integer _changesBefore = 0;
 };
 
 // --- Transactions --------------------------------------------------------------------------------

@@ -591,7 +591,7 @@ private:
         int count = 0;
         const char* rest = script.c_str();
         while (*(rest = behindBlanks(rest)) != '\0') {
-            std::string text = rest;
+            std::string text = firstStatement(rest);
             sqlite3_stmt* statement = nullptr;
             int rc = sqlite3_prepare_v2(_plain.db, rest, -1, &statement, &rest);
             if (rc == SQLITE_OK) {
@@ -609,6 +609,18 @@ private:
                                         "statement " + std::to_string(count) + ": " + why)};
         }
         return {count, Failure()};
+    }
+
+    // Up to the first semicolon that ends one for SQLite.
+    static std::string firstStatement(const std::string& script)
+    {
+        for (std::size_t end = script.find(';'); end != std::string::npos;
+             end = script.find(';', end + 1)) {
+            const std::string first = script.substr(0, end + 1);
+            if (sqlite3_complete(first.c_str()) != 0)
+                return first;
+        }
+        return script;
     }
 
     static const char* behindBlanks(const char* sql)
