@@ -36,8 +36,8 @@ def tokens_of(text):
 class Source:
     """A source file with its tokens, their brackets and the functions they stand in."""
 
-    def __init__(self, name, text):
-        self.name, self.text = name, text
+    def __init__(self, name, text, library="", folder=""):
+        self.name, self.text, self.library, self.folder = name, text, library, folder
         self.tokens = tokens_of(text)
         self.lines = [0] + [match.end() for match in re.finditer("\n", text)]
         self.partner = self.match_brackets()
@@ -160,8 +160,8 @@ class Mutations:
         if token.kind == "number" and "." in token.text:
             yield token.start, token.end, "1.0"
         elif token.kind == "number":
-            yield token.start, token.end, str(int(token.text) + 1)
-            yield token.start, token.end, f"({int(token.text) - 1})"
+            yield token.start, token.end, str(int(token.text, 0) + 1)
+            yield token.start, token.end, f"({int(token.text, 0) - 1})"
 
     def texts(self, i, token):
         if token.kind == "char":
