@@ -3,6 +3,8 @@
 #include "Environment.h"
 #include "Reports.h"
 #include "Shop.h"
+#include "SqlStatement.h"
+#include "SqlTransaction.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
@@ -106,6 +108,15 @@ Texts busyReport(const std::string& statement)
 {
     return test::errorsOf(report::refused(statement, locked));
 }
+Texts busyReport(const std::string& operation, const std::string& statement)
+{
+    return test::errorsOf(report::statementFailed(operation, statement, locked));
+}
+
+// By which library rows are written.
+enum class Route { table, statement };
+
+const char insert_name[] = "insert into product (name) values (?)";
 
 // What processes have to say to the test, one file for each: "added <name>", "refused" or what is
 // wrong.
@@ -114,8 +125,8 @@ typedef std::ofstream Log;
 // A connection of a process that does its work among others.
 class Worker {
 public:
-    Worker(const std::string& file, const std::string& logFile, int busyTimeout)
-        : _log(logFile), _shop(file)
+    Worker(const std::string& file, const std::string& logFile, int busyTimeout, Route route)
+        : _log(logFile), _route(route), _shop(file)
     {
         expect(_shop.open(read_write, busyTimeout), "open");
         // The disk is slow, and the others shall meet in what is not.
@@ -127,7 +138,7 @@ public:
     {
         for (int i = 0; i < count; ++i) {
             const std::string name = std::to_string(worker) + "-" + std::to_string(i);
-            note(adds(product(name)), name);
+            note(adds(name), name);
         }
     }
 
@@ -136,19 +147,14 @@ public:
     {
         for (int i = 0; i < count; ++i) {
             const std::string name = std::to_string(worker) + "-" + std::to_string(i);
-            expect(_shop.transact("BEGIN"), "begin");
-            const bool added = adds(product(name)) && adds(product(name))
-                               && answered(_shop.transact("COMMIT"), "COMMIT TRANSACTION");
-            note(added, name);
-            if (!added)
-                expect(_shop.transact("ROLLBACK"), "rollback");
+            note(_route == Route::table ? addsPair(name) : addsPairInScope(name), name);
         }
     }
 
     void readPairs(int count)
     {
         for (int i = 0; i < count; ++i) {
-            if (!answered(_shop.product.open(), "select * from product"))
+            if (!answered(_shop.product.open(), busyReport("select * from product")))
                 continue;
             std::map<std::string, int> rows;
             for (int row = 0; row < _shop.product.recordCount(); ++row)
@@ -159,16 +165,39 @@ public:
     }
 
 private:
-    bool adds(const Record& row)
+    bool adds(const std::string& name)
     {
-        return answered(_shop.product.addRecord(row), row.toSqlInsert("product"));
+        const Record row = product(name);
+        if (_route == Route::table)
+            return answered(_shop.product.addRecord(row), busyReport(row.toSqlInsert("product")));
+        sql::Statement statement(_shop.database, insert_name);
+        if (!statement.isPrepared()) // it has to read what tables there are
+            return answered(false, busyReport("Statement", insert_name));
+        return answered(statement.run(name), busyReport("run", insert_name));
+    }
+
+    bool addsPair(const std::string& name)
+    {
+        expect(_shop.transact("BEGIN"), "begin");
+        const bool added = adds(name) && adds(name)
+                           && answered(_shop.transact("COMMIT"), busyReport("COMMIT TRANSACTION"));
+        if (!added)
+            expect(_shop.transact("ROLLBACK"), "rollback");
+        return added;
+    }
+
+    bool addsPairInScope(const std::string& name)
+    {
+        sql::Transaction transaction(_shop.database, sql::begin_immediate);
+        return answered(transaction.isOpen(), busyReport("begin", "begin immediate")) && adds(name)
+               && adds(name) && answered(transaction.commit(), busyReport("commit", "commit"));
     }
 
     // A refusal leaves its two lines, and an answer of success none.
-    bool answered(bool succeeded, const std::string& statement)
+    bool answered(bool succeeded, const Texts& refusal)
     {
         const Texts errors = _diagnostics.errors();
-        expect(errors == (succeeded ? Texts() : busyReport(statement)),
+        expect(errors == (succeeded ? Texts() : refusal),
                "reports: " + testing::PrintToString(errors));
         expect(_diagnostics.assertions().empty(), "assertions");
         _diagnostics.clear();
@@ -187,6 +216,7 @@ private:
     }
 
     Log _log;
+    const Route _route;
     test::Diagnostics _diagnostics;
     Shop _shop;
 };
@@ -216,12 +246,13 @@ struct Crowd {
     int writers;
     const char* journal;
     int busyTimeout;
+    Route route = Route::table;
 };
 
 void PrintTo(const Crowd& crowd, std::ostream* out)
 {
     *out << crowd.writers << " writers, journal " << crowd.journal << ", " << crowd.busyTimeout
-         << " ms";
+         << " ms" << (crowd.route == Route::statement ? ", by statements" : "");
 }
 
 const int rows_each = test::longRun() ? 250 : 40;
@@ -238,7 +269,7 @@ protected:
         const std::string log = _directory.file("log" + std::to_string(_processes.size()));
         _logs.push_back(log);
         _processes.emplace_back([&] {
-            Worker worker(_file, log, GetParam().busyTimeout);
+            Worker worker(_file, log, GetParam().busyTimeout, GetParam().route);
             work(worker);
             return true;
         });
@@ -302,12 +333,77 @@ TEST_P(CrowdTest, ReadersSeeWholeTransactions)
 }
 
 const Crowd crowds[] = {
-    {2, "delete", patience}, {4, "delete", patience}, {8, "delete", patience}, {2, "delete", 0},
-    {4, "delete", 5},        {8, "delete", 0},        {2, "wal", patience},    {4, "wal", patience},
-    {8, "wal", patience},    {2, "wal", 0},           {4, "wal", 5},           {8, "wal", 0},
+    {2, "delete", patience},
+    {4, "delete", patience},
+    {8, "delete", patience},
+    {2, "delete", 0},
+    {4, "delete", 5},
+    {8, "delete", 0},
+    {2, "wal", patience},
+    {4, "wal", patience},
+    {8, "wal", patience},
+    {2, "wal", 0},
+    {4, "wal", 5},
+    {8, "wal", 0},
+    {8, "delete", patience, Route::statement},
+    {4, "delete", 0, Route::statement},
+    {8, "wal", patience, Route::statement},
 };
 
 INSTANTIATE_TEST_SUITE_P(Crowds, CrowdTest, testing::ValuesIn(crowds));
+
+// --- One counter
+
+class CounterTest : public ContentionTest, public testing::WithParamInterface<const char*> {
+protected:
+    CounterTest() : ContentionTest(GetParam())
+    {
+        test::Connection(_file).run("create table counter (n); insert into counter values (0)");
+    }
+
+    // Counts on in transactions that wait for each other. False if anything is not as it should be.
+    bool count(int times) const
+    {
+        test::Diagnostics diagnostics;
+        sql::Database database;
+        int done = 0;
+        if (!database.open(_file, read_write, false, patience)) // which the counting has no need of
+            return false;
+        sql::Statement read(database, "select n from counter");
+        sql::Statement write(database, "update counter set n = ?");
+        if (!sql::runScript(database, "pragma busy_timeout = 0; pragma synchronous = off"))
+            return false;
+        for (int i = 0; i < times; ++i) {
+            const auto counted = sql::inTransaction(
+                database,
+                [&] {
+                    const auto n = read.one<int>();
+                    return n && write.run(*n + 1);
+                },
+                std::chrono::milliseconds(patience));
+            done += counted ? 1 : 0;
+        }
+        return done == times && diagnostics.events().empty();
+    }
+};
+
+TEST_P(CounterTest, NothingIsLostAndEveryProcessEndsWithinAMinute)
+{
+    const int processes = 8;
+    const int times = 1000 / test::stride(1);
+    std::list<Process> all;
+    for (int i = 0; i < processes; ++i) {
+        all.emplace_back([&] {
+            ::alarm(60);
+            return count(times);
+        });
+    }
+    for (Process& process : all)
+        EXPECT_TRUE(process.hasSucceeded());
+    EXPECT_EQ(rows("select n from counter"), std::to_string(processes * times));
+}
+
+INSTANTIATE_TEST_SUITE_P(Journals, CounterTest, testing::Values("delete", "wal"));
 
 // --- A locked file
 
