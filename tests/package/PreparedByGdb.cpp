@@ -4,6 +4,7 @@
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -122,7 +123,7 @@ int main()
     bound.bind(":name", name).bind(":id", 3);
     bool worked = isOpen && atRow.next() && !mismatch.next(id) && ended.run(3) && !refused.run(1)
                   && misspelt.error();
-    unfit.bind(1, 0.0 / id);
+    unfit.bind(1, std::nan(""));
     released.release();
     used.release();
     worked = worked && !used.run() && over.commit() && sql::runScript(other, "rollback");
