@@ -32,9 +32,12 @@ public:
     Error(Error&& other) noexcept;            ///< Takes the failure; the other has none.
     Error& operator=(Error&& other) noexcept; ///< Takes the failure; the other has none.
 
-    explicit operator bool() const; ///< Returns whether there is a failure.
-    int code() const;               ///< Returns SQLite's result code, 0 for no failure.
-    int extendedCode() const;       ///< Returns SQLite's extended result code.
+    explicit operator bool() const ///< Returns whether there is a failure.
+    {
+        return _extendedCode != 0;
+    }
+    int code() const;         ///< Returns SQLite's result code, 0 for no failure.
+    int extendedCode() const; ///< Returns SQLite's extended result code.
 
     /// Returns the extended code's name, a constant text such as "SQLITE_CONSTRAINT_UNIQUE", or the
     /// code's, where the extended one has none that is known.

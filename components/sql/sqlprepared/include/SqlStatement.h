@@ -116,6 +116,7 @@ private:
     friend class Statement; // stands at its row
 
     SQLWRAPPER_LOCAL const char* readOther(integer& number) const;
+    SQLWRAPPER_LOCAL const char* readOther(double& number) const;
 
     Column(Statement& statement, sqlite3_value* value) : _statement(&statement), _value(value)
     {
@@ -397,7 +398,7 @@ public:
     template <typename First, typename... More> [[nodiscard]] bool next(First& first, More&... more)
     {
         const Variable variables[] = {variableOf(first), variableOf(more)...};
-        return next() && readRow(variables, 1 + sizeof...(More));
+        return readRow(variables, 1 + sizeof...(More));
     }
 
     /// Returns whether the latest run came to its end without a failure.
@@ -481,7 +482,6 @@ private:
 
     // Broken: at a row that could not be read. Unbound: a value could not be bound.
     enum class State { ready, row, broken, ended, failed, unbound, unprepared };
-    enum class Names { unknown, distinct, repeated };
 
     struct Variable {
         const char* (*read)(const Column& column, void* variable);
@@ -529,8 +529,8 @@ private:
     SQLWRAPPER_LOCAL bool isUnbound() const;
     SQLWRAPPER_LOCAL bool canBind();
     SQLWRAPPER_LOCAL void forgetStale();
-    SQLWRAPPER_LOCAL bool bindOne(const char* operation, int position, const Argument& argument,
-                                  bool copied);
+    SQLWRAPPER_LOCAL bool bindFrom(const char* operation, int position, const Argument* arguments,
+                                   int count, bool copied);
     SQLWRAPPER_LOCAL bool bindAll(const char* operation, const Argument* arguments, int count);
     SQLWRAPPER_LOCAL bool restart(const char* operation);
     SQLWRAPPER_LOCAL void begin(const char* operation);
@@ -538,10 +538,19 @@ private:
     SQLWRAPPER_LOCAL bool runToEnd(const char* operation);
     SQLWRAPPER_LOCAL bool end(const char* operation);
     SQLWRAPPER_LOCAL void noteChanges();
+    SQLWRAPPER_LOCAL bool nextRow();
     SQLWRAPPER_LOCAL bool readCells(const char* operation, const Variable* variables, int count);
     SQLWRAPPER_LOCAL Column noColumn(const string& which);
     SQLWRAPPER_LOCAL int indexOf(std::string_view name);
-    SQLWRAPPER_LOCAL bool hasDistinctNames();
+    SQLWRAPPER_LOCAL bool learnNames(int count);
+    SQLWRAPPER_LOCAL void forgetError();
+    SQLWRAPPER_LOCAL bool failToUse(const char* operation);
+    SQLWRAPPER_LOCAL bool failToBind(const char* operation, int position, const Argument& argument,
+                                     int rc);
+    SQLWRAPPER_LOCAL bool failToCount(const char* operation, int count);
+    SQLWRAPPER_LOCAL bool failToFill(const char* operation, int count);
+    SQLWRAPPER_LOCAL bool failToRead(const char* operation, int index, const char* why);
+    SQLWRAPPER_LOCAL bool failToRun(const char* operation, int rc);
     SQLWRAPPER_LOCAL bool fail(const char* operation, State state, int rc, const string& why);
     SQLWRAPPER_LOCAL void keepFailure(const char* operation, State state, int rc,
                                       const string& why);
@@ -564,13 +573,17 @@ private:
     sqlite3* _connection;
     Handle _handle;
     State _state = State::unprepared;
-    bool _inserts = false;         // whether it may give a row a key
-    bool _asksForKey = false;      // of the row that was inserted last, when it runs
-    bool _stale = false;           // the bound values belong to a caller that is gone
-    Names _names = Names::unknown; // of the columns, in this run
-    int _latestIndex = -1;         // of the column that was found by its name last
-    integer _totalBefore = 0;      // changes on the connection before this run
-    integer _keyBefore = 0;        // the connection's latest key before this run
+    int _parameterCount = 0;
+    bool _inserts = false;    // whether it may give a row a key
+    bool _asksForKey = false; // of the row that was inserted last, when it runs
+    bool _stale = false;      // the bound values belong to a caller that is gone
+    bool _namesKnown = false; // in this run
+    bool _namesDistinct = false;
+    std::vector<string> _names; // of the columns, for those who ask by them
+    int _compilations = 0;      // after which those were the names
+    int _latestIndex = -1;      // of the column that was found by its name last
+    integer _totalBefore = 0;   // changes on the connection before this run
+    integer _keyBefore = 0;     // the connection's latest key before this run
     integer _changes = 0;
     std::optional<integer> _key;
     Error _error;

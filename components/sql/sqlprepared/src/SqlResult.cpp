@@ -140,11 +140,6 @@ Error& Error::operator=(Error&& other) noexcept
     return *this;
 }
 
-Error::operator bool() const
-{
-    return _extendedCode != SQLITE_OK;
-}
-
 int Error::code() const
 {
     return primaryCode(_extendedCode);

@@ -112,6 +112,25 @@ int boundBlock(sqlite3_stmt* statement, int position, Bytes bytes, sqlite3_destr
     return sqlite3_bind_blob64(statement, position, bytes.data, bytes.size, copy);
 }
 
+// Each call of SQLite's takes the connection's lock, at less cost where it is taken already: five calls
+// are worth taking it around them.
+class Lock {
+public:
+    Lock(sqlite3* db, int calls) : _mutex(calls < 5 ? nullptr : sqlite3_db_mutex(db))
+    {
+        sqlite3_mutex_enter(_mutex);
+    }
+    ~Lock()
+    {
+        sqlite3_mutex_leave(_mutex);
+    }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+private:
+    sqlite3_mutex* _mutex;
+};
+
 // The connection keeps the key of its latest insertion for ever. Before a run it is set to this one,
 // so that a row that was inserted shows, whatever its key is; no program counts down from there.
 constexpr integer no_key = -9223372036854775807 + 1234567890;
@@ -161,8 +180,9 @@ int typeOf(sqlite3_value* value)
     return value != nullptr ? sqlite3_value_type(value) : SQLITE_NULL;
 }
 
-void traceValues(const char* operation, sqlite3_stmt* statement)
+void traceRun(const char* operation, sqlite3_stmt* statement)
 {
+    TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(statement));
     if (!traceLevelAbove(8))
         return;
     char* const text = sqlite3_expanded_sql(statement);
@@ -266,12 +286,18 @@ const char* Column::readOther(integer& number) const
 const char* Column::read(double& number) const
 {
     const int type = typeOf(_value);
+    if (type != SQLITE_FLOAT && type != SQLITE_INTEGER)
+        return readOther(number);
+    number = sqlite3_value_double(_value);
+    return nullptr;
+}
+
+// A number out of the text of one.
+const char* Column::readOther(double& number) const
+{
+    const int type = typeOf(_value);
     if (type == SQLITE_NULL)
         return is_null;
-    if (type == SQLITE_FLOAT || type == SQLITE_INTEGER) {
-        number = sqlite3_value_double(_value);
-        return nullptr;
-    }
     if (type != SQLITE_TEXT)
         return is_no_number;
     std::string_view text;
@@ -386,6 +412,7 @@ void Statement::prepare(const string& text)
         return refuse(text, SQLITE_MISUSE, "there is more than one statement in the text");
     }
     _state = State::ready;
+    _parameterCount = sqlite3_bind_parameter_count(_handle.statement);
     _inserts = !isReadOnly() && mayInsert(text);
     _asksForKey = _inserts && mentions(text, "last_insert_rowid");
 }
@@ -408,10 +435,15 @@ bool Statement::isPrepared() const
     return _handle.statement != nullptr;
 }
 
-bool Statement::isUsable(const char* operation)
+// What fails is told elsewhere, so that the ways to it stay short.
+inline bool Statement::isUsable(const char* operation)
 {
-    if (_handle.statement != nullptr && _database->getHandle() == _connection)
-        return true;
+    return (_handle.statement != nullptr && _database->getHandle() == _connection)
+           || failToUse(operation);
+}
+
+bool Statement::failToUse(const char* operation)
+{
     if (_state != State::unprepared || !_error) // one without a reason was moved from
         fail(operation, State::failed, SQLITE_MISUSE,
              _handle.statement == nullptr ? gone : database_closed);
@@ -425,7 +457,7 @@ bool Statement::isUnbound() const
 
 // --- Values --------------------------------------------------------------------------------------
 
-bool Statement::canBind()
+inline bool Statement::canBind()
 {
     if (isUnbound())
         return false;
@@ -449,68 +481,74 @@ void Statement::forgetStale()
     _stale = false;
 }
 
-bool Statement::bindOne(const char* operation, int position, const Argument& argument, bool copied)
+inline bool Statement::bindFrom(const char* operation, int position, const Argument* arguments,
+                                int count, bool copied)
 {
     sqlite3_stmt* const statement = _handle.statement;
     const sqlite3_destructor_type owner = copied ? SQLITE_TRANSIENT : SQLITE_STATIC;
-    int rc = SQLITE_MISMATCH;
-    const char* why = nullptr;
-    switch (argument._kind) {
-    case Argument::Kind::null:
-        rc = sqlite3_bind_null(statement, position);
-        break;
-    case Argument::Kind::number:
-        rc = sqlite3_bind_int64(statement, position, argument._number);
-        break;
-    case Argument::Kind::real:
-        if (std::isnan(argument._real)) // SQLite would take it for NULL
-            why = "is not a number";
-        else
-            rc = sqlite3_bind_double(statement, position, argument._real);
-        break;
-    case Argument::Kind::text:
-        rc = boundText(statement, position, argument._bytes, owner);
-        break;
-    case Argument::Kind::block:
-        rc = boundBlock(statement, position, argument._bytes, owner);
-        break;
-    case Argument::Kind::unfit:
-        why = argument._why;
-        break;
-    }
-    if (rc == SQLITE_OK)
-        return true;
-    if (why != nullptr)
-        return fail(operation, State::unbound, rc,
-                    "the value of parameter " + intToStr(position) + " " + why);
-    return fail(operation, State::unbound, rc, reasonOf(_connection, rc));
-}
-
-bool Statement::bindAll(const char* operation, const Argument* arguments, int count)
-{
-    const int wanted = parameterCount();
-    if (count != wanted)
-        return fail(operation, State::failed, SQLITE_RANGE,
-                    "there are " + intToStr(count) + " values for " + intToStr(wanted)
-                        + " parameters");
-    _stale = true;
-    for (int i = 0; i < count; ++i) {
-        if (!bindOne(operation, i + 1, arguments[i], false))
-            return false;
+    for (const Argument* argument = arguments; argument != arguments + count; ++argument) {
+        int rc = SQLITE_MISMATCH; // which SQLite never returns here
+        switch (argument->_kind) {
+        case Argument::Kind::null:
+            rc = sqlite3_bind_null(statement, position);
+            break;
+        case Argument::Kind::number:
+            rc = sqlite3_bind_int64(statement, position, argument->_number);
+            break;
+        case Argument::Kind::real:
+            if (!std::isnan(argument->_real)) // SQLite would take it for NULL
+                rc = sqlite3_bind_double(statement, position, argument->_real);
+            break;
+        case Argument::Kind::text:
+            rc = boundText(statement, position, argument->_bytes, owner);
+            break;
+        case Argument::Kind::block:
+            rc = boundBlock(statement, position, argument->_bytes, owner);
+            break;
+        case Argument::Kind::unfit:
+            break;
+        }
+        if (rc != SQLITE_OK)
+            return failToBind(operation, position, *argument, rc);
+        ++position;
     }
     return true;
+}
+
+bool Statement::failToBind(const char* operation, int position, const Argument& argument, int rc)
+{
+    if (rc != SQLITE_MISMATCH)
+        return fail(operation, State::unbound, rc, reasonOf(_connection, rc));
+    const bool unfit = argument._kind == Argument::Kind::unfit;
+    return fail(operation, State::unbound, rc,
+                "the value of parameter " + intToStr(position) + " "
+                    + (unfit ? argument._why : "is not a number"));
+}
+
+inline bool Statement::bindAll(const char* operation, const Argument* arguments, int count)
+{
+    if (count != _parameterCount)
+        return failToCount(operation, count);
+    _stale = true;
+    return bindFrom(operation, 1, arguments, count, false);
+}
+
+bool Statement::failToCount(const char* operation, int count)
+{
+    return fail(operation, State::failed, SQLITE_RANGE,
+                "there are " + intToStr(count) + " values for " + intToStr(parameterCount())
+                    + " parameters");
 }
 
 Statement& Statement::bindArgument(int position, const Argument& argument)
 {
     if (!canBind())
         return *this;
-    const int count = parameterCount();
-    if (position < 1 || position > count)
+    if (position < 1 || position > _parameterCount)
         fail("bind", State::unbound, SQLITE_RANGE,
-             "there is no parameter " + intToStr(position) + " among " + intToStr(count));
+             "there is no parameter " + intToStr(position) + " among " + intToStr(_parameterCount));
     else
-        bindOne("bind", position, argument, true);
+        bindFrom("bind", position, &argument, 1, true);
     return *this;
 }
 
@@ -535,7 +573,7 @@ void Statement::clearBindings()
 
 // --- Runs ----------------------------------------------------------------------------------------
 
-bool Statement::restart(const char* operation)
+inline bool Statement::restart(const char* operation)
 {
     if (!isUsable(operation))
         return false;
@@ -545,13 +583,13 @@ bool Statement::restart(const char* operation)
     return true;
 }
 
-void Statement::begin(const char* operation)
+inline void Statement::begin(const char* operation)
 {
-    TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(_handle.statement));
-    traceValues(operation, _handle.statement);
+    if (traceLevelAbove(7))
+        traceRun(operation, _handle.statement);
     if (_error)
-        _error = Error();
-    _names = Names::unknown;
+        forgetError();
+    _namesKnown = false;
     _changes = 0;
     _key.reset();
     _totalBefore = totalChanges(_connection);
@@ -562,7 +600,7 @@ void Statement::begin(const char* operation)
     }
 }
 
-bool Statement::step(const char* operation)
+inline bool Statement::step(const char* operation)
 {
     const int rc = sqlite3_step(_handle.statement);
     if (_inserts && _state == State::ready) { // all rows are inserted before the first comes back
@@ -577,29 +615,27 @@ bool Statement::step(const char* operation)
         return true;
     }
     if (rc != SQLITE_DONE) {
-        const int extended = extendedCodeOf(_connection, rc);
         noteChanges();
-        return fail(operation, State::failed, extended, reasonOf(_connection, rc));
+        return failToRun(operation, rc);
     }
     end(operation);
     return false;
 }
 
 // Returns false if what was written cannot be committed, which a reset at a row does.
-bool Statement::end(const char* operation)
+inline bool Statement::end(const char* operation)
 {
     const int rc = sqlite3_reset(_handle.statement);
     noteChanges();
     if (rc != SQLITE_OK)
-        return fail(operation, State::failed, extendedCodeOf(_connection, rc),
-                    reasonOf(_connection, rc));
+        return failToRun(operation, rc);
     _state = State::ended;
     return true;
 }
 
 // Where nothing has changed, a row that was inserted is taken back. Others' changes during a query are
 // not its own.
-void Statement::noteChanges()
+inline void Statement::noteChanges()
 {
     if (totalChanges(_connection) == _totalBefore)
         _key.reset();
@@ -607,7 +643,7 @@ void Statement::noteChanges()
         _changes = latestChanges(_connection);
 }
 
-bool Statement::runToEnd(const char* operation)
+inline bool Statement::runToEnd(const char* operation)
 {
     begin(operation);
     while (step(operation)) {
@@ -617,8 +653,11 @@ bool Statement::runToEnd(const char* operation)
 
 bool Statement::next()
 {
-    if (!isUsable("next"))
-        return false;
+    return isUsable("next") && nextRow();
+}
+
+inline bool Statement::nextRow()
+{
     if (_state == State::row)
         return step("next");
     if (_state == State::broken && end("next"))
@@ -640,7 +679,10 @@ bool Statement::run()
 
 bool Statement::runWith(const Argument* arguments, int count)
 {
-    return restart("run") && bindAll("run", arguments, count) && runToEnd("run");
+    if (!restart("run"))
+        return false;
+    const Lock lock(_connection, count + 3); // with the step, the reset and what it asks for
+    return bindAll("run", arguments, count) && runToEnd("run");
 }
 
 // Of the row and the values, should a binder throw.
@@ -662,6 +704,7 @@ Presence Statement::readOne(const Argument* arguments, int argumentCount, const 
     const bool bound = argumentCount == 0;
     if ((bound && isUnbound()) || !restart("one"))
         return Presence::unknown;
+    const Lock lock(_connection, argumentCount + variableCount + 2);
     if (bound)
         forgetStale();
     else if (!bindAll("one", arguments, argumentCount))
@@ -684,7 +727,7 @@ bool Statement::reset()
     if (!restart("reset"))
         return false;
     if (_error)
-        _error = Error();
+        forgetError();
     return true;
 }
 
@@ -692,26 +735,38 @@ bool Statement::reset()
 
 bool Statement::readRow(const Variable* variables, int count)
 {
-    return readCells("next", variables, count);
+    if (!isUsable("next"))
+        return false;
+    const Lock lock(_connection, count + 1);
+    return nextRow() && readCells("next", variables, count);
 }
 
-bool Statement::readCells(const char* operation, const Variable* variables, int count)
+inline bool Statement::readCells(const char* operation, const Variable* variables, int count)
 {
-    const int columns = sqlite3_data_count(_handle.statement);
-    if (count != columns)
-        return fail(operation, State::failed, SQLITE_RANGE,
-                    "there are " + intToStr(count) + " variables for " + intToStr(columns)
-                        + " columns");
+    sqlite3_stmt* const statement = _handle.statement;
+    if (count != sqlite3_data_count(statement))
+        return failToFill(operation, count);
     for (int i = 0; i < count; ++i) {
-        const Column column(*this, sqlite3_column_value(_handle.statement, i));
-        const char* const why = variables[i].read(column, variables[i].variable);
-        if (why == no_memory)
-            return fail(operation, State::failed, SQLITE_NOMEM, why);
-        if (why != nullptr)
-            return fail(operation, State::failed, SQLITE_MISMATCH,
-                        "column " + columnName(i) + " " + why);
+        const Column column(*this, sqlite3_column_value(statement, i));
+        if (const char* const why = variables[i].read(column, variables[i].variable))
+            return failToRead(operation, i, why);
     }
     return true;
+}
+
+bool Statement::failToFill(const char* operation, int count)
+{
+    return fail(operation, State::failed, SQLITE_RANGE,
+                "there are " + intToStr(count) + " variables for " + intToStr(columnCount())
+                    + " columns");
+}
+
+bool Statement::failToRead(const char* operation, int index, const char* why)
+{
+    if (why == no_memory)
+        return fail(operation, State::failed, SQLITE_NOMEM, why);
+    return fail(operation, State::failed, SQLITE_MISMATCH,
+                "column " + columnName(index) + " " + why);
 }
 
 Column Statement::column(int index)
@@ -744,35 +799,44 @@ Column Statement::noColumn(const string& which)
     return Column(*this, nullptr);
 }
 
-// The names may change with the schema, so that they are asked for anew; in most programs in the
-// order of the columns.
+// In most programs names are asked for in the order of the columns.
 int Statement::indexOf(std::string_view name)
 {
     const int count = sqlite3_data_count(_handle.statement);
-    const int start = count > 0 && hasDistinctNames() ? _latestIndex + 1 : 0;
+    if (count > 0 && !_namesKnown && !learnNames(count))
+        return -1;
+    int index = _namesDistinct ? _latestIndex : -1;
     for (int i = 0; i < count; ++i) {
-        const int index = (start + i) % count;
-        const char* const known = sqlite3_column_name(_handle.statement, index);
-        if (known != nullptr && name == known) {
-            _latestIndex = index;
-            return index;
-        }
+        if (++index == count)
+            index = 0;
+        if (_names[index] == name)
+            return _latestIndex = index;
     }
     return -1;
 }
 
-bool Statement::hasDistinctNames()
+// Once a run: SQLite compiles the statement anew where the schema has changed, and with it the names.
+bool Statement::learnNames(int count)
 {
-    if (_names == Names::unknown) {
-        _names = Names::distinct;
-        for (int i = columnCount() - 1; i > 0; --i) {
-            for (int k = 0; k < i; ++k) {
-                if (columnName(k) == columnName(i))
-                    _names = Names::repeated;
-            }
+    const int compilations = sqlite3_stmt_status(_handle.statement, SQLITE_STMTSTATUS_REPREPARE, 0);
+    if (_names.empty() || _compilations != compilations) {
+        std::vector<string> names;
+        bool distinct = true;
+        for (int i = 0; i < count; ++i) {
+            const char* const name = sqlite3_column_name(_handle.statement, i);
+            if (name == nullptr) // memory has run out
+                return false;
+            if (std::find(names.begin(), names.end(), name) != names.end())
+                distinct = false;
+            names.emplace_back(name);
         }
+        _names = std::move(names);
+        _namesDistinct = distinct;
+        _compilations = compilations;
+        _latestIndex = -1;
     }
-    return _names == Names::distinct;
+    _namesKnown = true;
+    return true;
 }
 
 // --- What there is to know ------------------------------------------------------------------------
@@ -845,6 +909,17 @@ bool Statement::fail(const char* operation, State state, int rc, const string& w
     sqlite3_reset(_handle.statement);
     keepFailure(operation, state, rc, why);
     return false;
+}
+
+void Statement::forgetError()
+{
+    _error = Error();
+}
+
+bool Statement::failToRun(const char* operation, int rc)
+{
+    return fail(operation, State::failed, extendedCodeOf(_connection, rc),
+                reasonOf(_connection, rc));
 }
 
 // --- Scripts -------------------------------------------------------------------------------------
