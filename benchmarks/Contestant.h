@@ -130,8 +130,7 @@ public:
 
 protected:
     virtual void select() = 0;
-    virtual bool next() = 0;
-    virtual void read(Row& row) = 0;
+    virtual bool next(Row& row) = 0;
 
     std::vector<Row> _rows;
     Row _row;
@@ -149,6 +148,7 @@ const Entry& contestant(const std::string& name);
 std::unique_ptr<Contestant> makeLibrary();
 std::unique_ptr<Contestant> makeFloor();
 std::unique_ptr<Contestant> makePrepared();
+std::unique_ptr<Contestant> makeStatement();
 std::unique_ptr<Contestant> makeSqliteCpp();
 std::unique_ptr<Contestant> makeSoci();
 std::unique_ptr<Contestant> makePoco();

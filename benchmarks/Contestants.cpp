@@ -19,28 +19,25 @@ long long ReadingContestant::load()
 {
     _rows.clear();
     select();
-    while (next())
-        read(_rows.emplace_back());
+    while (next(_rows.emplace_back())) {
+    }
+    _rows.pop_back();
     return static_cast<long long>(_rows.size());
 }
 
 void ReadingContestant::readByIndex(Digest& digest)
 {
     select();
-    while (next()) {
-        read(_row);
+    while (next(_row))
         digest.add(_row);
-    }
 }
 
 void ReadingContestant::copyFrom(Contestant& source)
 {
     ReadingContestant& from = static_cast<ReadingContestant&>(source);
     from.select();
-    while (from.next()) {
-        from.read(_row);
+    while (from.next(_row))
         insert(_row);
-    }
 }
 
 const std::vector<Entry>& contestants()
@@ -49,6 +46,7 @@ const std::vector<Entry>& contestants()
         {"library", makeLibrary},
         {"floor", makeFloor},
         {"prepared", makePrepared},
+        {"statement", makeStatement},
 #ifdef BENCHMARKS_WITH_SQLITECPP
         {"SQLiteCpp", makeSqliteCpp},
 #endif

@@ -83,16 +83,15 @@ protected:
     {
         statement(select_rows);
     }
-    bool next() override
+    bool next(Row& row) override
     {
-        const bool more = step(_statements[select_rows]);
-        if (!more)
-            sqlite3_reset(_statements[select_rows]);
+        sqlite3_stmt* const selected = _statements[select_rows];
+        const bool more = step(selected);
+        if (more)
+            readRow(selected, row);
+        else
+            sqlite3_reset(selected);
         return more;
-    }
-    void read(Row& row) override
-    {
-        readRow(_statements[select_rows], row);
     }
 
 private:

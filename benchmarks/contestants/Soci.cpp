@@ -53,19 +53,17 @@ protected:
     {
         statement(select_rows).execute();
     }
-    bool next() override
+    bool next(Row& row) override
     {
-        return _statements[select_rows]->fetch();
-    }
-    void read(Row& row) override
-    {
-        if (&row != &_bound)
-            row = _bound;
+        if (!_statements[select_rows]->fetch())
+            return false;
+        row = _bound;
         row.active = _active != 0;
         if (_noteIndicator == soci::i_ok)
             row.note = _note;
         else
             row.note.reset();
+        return true;
     }
 
 private:

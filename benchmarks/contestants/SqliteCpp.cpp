@@ -57,9 +57,9 @@ public:
     }
     void readByName(Digest& digest) override
     {
-        select();
-        while (next()) {
-            readRow(*_statements[select_rows], _row, column_names);
+        SQLite::Statement& selected = statement(select_rows);
+        while (selected.executeStep()) {
+            readRow(selected, _row, column_names);
             digest.add(_row);
         }
     }
@@ -93,13 +93,12 @@ protected:
     {
         statement(select_rows);
     }
-    bool next() override
+    bool next(Row& row) override
     {
-        return _statements[select_rows]->executeStep();
-    }
-    void read(Row& row) override
-    {
-        readRow(*_statements[select_rows], row, column_indexes);
+        const bool more = _statements[select_rows]->executeStep();
+        if (more)
+            readRow(*_statements[select_rows], row, column_indexes);
+        return more;
     }
 
 private:
