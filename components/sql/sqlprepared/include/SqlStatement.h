@@ -574,6 +574,7 @@ private:
     Handle _handle;
     State _state = State::unprepared;
     int _parameterCount = 0;
+    bool _writes = false;     // whether it may change rows
     bool _inserts = false;    // whether it may give a row a key
     bool _asksForKey = false; // of the row that was inserted last, when it runs
     bool _stale = false;      // the bound values belong to a caller that is gone

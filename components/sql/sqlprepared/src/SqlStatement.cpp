@@ -413,7 +413,8 @@ void Statement::prepare(const string& text)
     }
     _state = State::ready;
     _parameterCount = sqlite3_bind_parameter_count(_handle.statement);
-    _inserts = !isReadOnly() && mayInsert(text);
+    _writes = !isReadOnly();
+    _inserts = _writes && mayInsert(text);
     _asksForKey = _inserts && mentions(text, "last_insert_rowid");
 }
 
@@ -592,7 +593,8 @@ inline void Statement::begin(const char* operation)
     _namesKnown = false;
     _changes = 0;
     _key.reset();
-    _totalBefore = totalChanges(_connection);
+    if (_writes)
+        _totalBefore = totalChanges(_connection);
     if (_inserts) {
         _keyBefore = sqlite3_last_insert_rowid(_connection);
         if (!_asksForKey)
@@ -637,9 +639,11 @@ inline bool Statement::end(const char* operation)
 // not its own.
 inline void Statement::noteChanges()
 {
+    if (!_writes)
+        return;
     if (totalChanges(_connection) == _totalBefore)
         _key.reset();
-    else if (!isReadOnly())
+    else
         _changes = latestChanges(_connection);
 }
 
