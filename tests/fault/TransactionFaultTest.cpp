@@ -414,8 +414,9 @@ private:
 TEST_P(TransactionFaultTest, NothingOfALostOneStaysAndNothingAfterItIsCommitted)
 {
     const Target target = std::get<0>(GetParam()).target;
-    const int usual = target == Target::instruction ? 13 : target == Target::sqlite_memory ? 7 : 3;
-    const int stride = target == Target::statement ? 1 : test::stride(usual);
+    const std::map<Target, int> usual = {
+        {Target::instruction, 13}, {Target::sqlite_memory, 7}, {Target::statement, 1}};
+    const int stride = test::stride(usual.count(target) != 0 ? usual.at(target) : 3);
     int nth = 1;
     for (long blocks = 0; nth < most_points && workWithTrouble(nth) && !HasFailure();) {
         EXPECT_TRUE(nth == 1 || heapBlocksInUse() == blocks) << heapBlocksInUse() - blocks;
