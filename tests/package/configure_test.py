@@ -111,13 +111,13 @@ class NeedsTest(ConfigureTestCase):
     def test_sqlite_is_as_old_as_the_oldest_tested(self):
         self.assertEqual(
             self.assert_configures(NO_TESTS, NO_EXAMPLES, *self.old_sqlite("3.7.7.1")),
-            [f"-- Left out, no SQLite 3.24 for sqlprepared, only 3.7.7.1 in {self.build}: "
-             + way_to("libsqlite3-dev")])
+            [f"-- Left out, no SQLite 3.24 for sqlprepared, only 3.7.7.1 in {self.build}: add its prefix "
+             "to CMAKE_PREFIX_PATH"])
 
     def test_sqlite_is_older_than_sqlprepared_needs(self):
         self.assert_refused(
-            f"No SQLite 3.24 for sqlprepared, only 3.23.1 in {self.build}: {way_to('libsqlite3-dev')}, "
-            "or turn SQLWRAPPER_PREPARED off", "-DSQLWRAPPER_PREPARED=ON", *self.old_sqlite("3.23.1"))
+            f"No SQLite 3.24 for sqlprepared, only 3.23.1 in {self.build}: add its prefix to "
+            "CMAKE_PREFIX_PATH, or turn SQLWRAPPER_PREPARED off", "-DSQLWRAPPER_PREPARED=ON", *self.old_sqlite("3.23.1"))
 
     def test_sqlite_is_as_old_as_sqlprepared_needs(self):
         left_out = self.assert_configures(NO_TESTS, NO_EXAMPLES, *self.old_sqlite("3.24.0"))
