@@ -123,6 +123,12 @@ inline Stored stored(int type, const std::string& text)
     return stored;
 }
 
+// As a text of C.
+inline std::string upToZero(const std::string& text)
+{
+    return text.substr(0, text.find('\0'));
+}
+
 constexpr sql::integer ticks_per_second = Point::period::den;
 
 inline Stored stored(const Any& any)
@@ -172,9 +178,9 @@ inline Stored stored(const Any& any)
     case Any::of_vector:
         return stored(SQLITE_BLOB, any.text);
     case Any::of_literal:
-        return stored(SQLITE_TEXT, any.text.substr(0, 7).c_str());
+        return stored(SQLITE_TEXT, upToZero(any.text.substr(0, 7)));
     case Any::of_c_text:
-        return stored(SQLITE_TEXT, any.text.c_str());
+        return stored(SQLITE_TEXT, upToZero(any.text));
     case Any::of_null:
     case Any::of_null_c_text:
         return Stored();

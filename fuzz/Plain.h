@@ -69,9 +69,9 @@ public:
         const std::string name = sql::Error(code, std::string()).name();
         const std::string reason = std::to_string(code) + "=" + name + ": " + why;
         for (const std::string& line :
-             test::report::statementFailed(operation, statement.c_str(), reason.c_str()))
+             test::report::statementFailed(operation, upToZero(statement), upToZero(reason)))
             report(line);
-        return {code, why, statement.c_str()};
+        return {code, why, upToZero(statement)};
     }
 
     void run(const std::string& file, const char* operation, const char* statement)
@@ -273,7 +273,7 @@ public:
     std::string expandedText() const
     {
         char* const text = sqlite3_expanded_sql(_statement);
-        const std::string expanded = text != nullptr ? text : "";
+        std::string expanded = text != nullptr ? text : "";
         sqlite3_free(text);
         return expanded;
     }

@@ -109,7 +109,7 @@ const Text refused[] = {
     {"select 1 /* open"},
     {std::string("select 1\0", 9)},
     {"select * from missing"},
-    {"selct"},
+    {"select select"},
     {"select 'open"},
     {"insert into t (b) values (?, 1)"},
 };
@@ -370,9 +370,9 @@ private:
 
     std::vector<Any> chosenValues(int count)
     {
-        std::vector<Any> values;
-        for (int i = 0; i < count; ++i)
-            values.push_back(fuzz::chosenAny(_input));
+        std::vector<Any> values(static_cast<std::size_t>(count));
+        for (Any& value : values)
+            value = fuzz::chosenAny(_input);
         return values;
     }
 
@@ -405,6 +405,7 @@ private:
     static std::vector<std::string> foundIn(const std::vector<Any>& variables)
     {
         std::vector<std::string> found;
+        found.reserve(variables.size());
         for (const Any& variable : variables)
             found.push_back(variable.found);
         return found;
@@ -616,7 +617,7 @@ private:
     {
         for (std::size_t end = script.find(';'); end != std::string::npos;
              end = script.find(';', end + 1)) {
-            const std::string first = script.substr(0, end + 1);
+            std::string first = script.substr(0, end + 1);
             if (sqlite3_complete(first.c_str()) != 0)
                 return first;
         }

@@ -144,13 +144,13 @@ private:
 template <typename T, typename = void> struct Binder;
 
 /// Whether values of a type can be bound.
-template <typename T, typename = void> constexpr bool is_bindable = false;
+template <typename T, typename = void> inline constexpr bool is_bindable = false;
 template <typename T>
 inline constexpr bool
     is_bindable<T, std::void_t<decltype(Binder<T>::argument(std::declval<const T&>()))>> = true;
 
 /// Whether a cell can be read into a variable of a type.
-template <typename T, typename = void> constexpr bool is_readable = false;
+template <typename T, typename = void> inline constexpr bool is_readable = false;
 template <typename T>
 inline constexpr bool is_readable<
     T, std::void_t<decltype(Binder<T>::read(std::declval<const Column&>(), std::declval<T&>()))>> =
