@@ -560,6 +560,8 @@ private:
     // The statement of SQLite's, which ends with it.
     struct Handle {
         Handle() = default;
+        Handle(const Handle&) = delete;
+        Handle& operator=(const Handle&) = delete;
         Handle(Handle&& other) noexcept : statement(std::exchange(other.statement, nullptr))
         {
         }

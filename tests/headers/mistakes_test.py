@@ -1,0 +1,147 @@
+"""Mistakes in programs that the compiler has to find, each with the reason that it gives.
+
+The same programs without the mistakes compile. COMPILER is the compiler with the folders of the
+headers.
+"""
+
+import os
+import subprocess
+import unittest
+
+COMPILER = os.environ["COMPILER"].split(";")
+
+PROGRAM = """
+#include "SqlStatement.h"
+#include "SqlTransaction.h"
+
+#include <array>
+
+enum class Size : int { small, large };
+
+struct Own {
+};
+"""
+FUNCTION = "[[maybe_unused]] static bool use%d(sql::Database& database, sql::Statement& statement)" \
+    " { (void)database; (void)statement; %s; return true; }\n"
+
+NOT_BOUND = "no value of this type can be bound"
+NOT_READ = "no cell can be read into a variable of this type"
+NO_VIEW = "one() lets go of the row: read a sql::string or a vector, no view"
+
+USES = ("statement.bind(1, value)", 'statement.bind(":name", value)', "return statement.run(value)",
+        "return statement.one<int>(value).failed()")
+
+
+def used(values):
+    """A use for each value, the four in turn: a type's mistake is told once in a program."""
+    return [f"{value}; {USES[i % len(USES)]}" for i, value in enumerate(values)]
+
+
+class MistakesTest(unittest.TestCase):
+    def told(self, uses, standard):
+        """The exit status and what the compiler says to a program of one use a line."""
+        program = PROGRAM + "".join(FUNCTION % (i, use) for i, use in enumerate(uses))
+        compiler = subprocess.run(
+            [*COMPILER, f"-std=c++{standard}", "-fsyntax-only", "-Werror", "-x", "c++", "-"],
+            input=program, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, encoding="utf-8",
+            env={**os.environ, "LC_ALL": "C"}, check=False)
+        return compiler.returncode, compiler.stdout
+
+    def assert_compiles(self, uses, standard=17):
+        self.assertEqual(self.told(uses, standard), (0, ""))
+
+    def assert_mistaken(self, reason, uses, standard=17, once=True):
+        """Every use is an error for this reason, and nothing else is."""
+        first = PROGRAM.count("\n") + 1
+        for start in range(0, len(uses), 15):  # clang stops at twenty errors
+            part = uses[start:start + 15]
+            status, told = self.told(part, standard)
+            errors = [line for line in told.splitlines() if "error: " in line]
+            self.assertEqual(status, 1, told)
+            self.assertEqual([error for error in errors if reason not in error], [], told)
+            if once:  # clang does not tell the line of a call through std::apply()
+                self.assertEqual(len(errors), len(part), told)
+                continue
+            for i, use in enumerate(part):
+                self.assertIn(f"<stdin>:{first + i}:", told, use)
+
+    def test_values_that_cannot_be_bound(self):
+        self.assert_mistaken(NOT_BOUND, used((
+            "char value = 'a'", "wchar_t value = 'a'", "char16_t value = 'a'", "char32_t value = 'a'",
+            "long double value = 7", "int* value = nullptr", "void* value = nullptr",
+            'const wchar_t* value = L"tea"', 'auto value = u"tea"', 'auto value = U"tea"',
+            "const unsigned char* value = nullptr", "std::wstring value", "Own value",
+            "std::optional<char> value", "std::optional<void*> value", "std::vector<char> value",
+            "std::array<unsigned char, 3> value{}", "const char** value = nullptr", "Own* value = nullptr",
+            "auto value = std::nullopt", "std::chrono::seconds value(7)",
+            "std::chrono::steady_clock::time_point value",
+            "std::chrono::time_point<std::chrono::system_clock, std::chrono::hours> value",
+            "std::chrono::time_point<std::chrono::system_clock, std::chrono::duration<double>> value")))
+        self.assert_compiles(used((
+            "signed char value = 'a'", "unsigned char value = 'a'", "int value = 7", "double value = 7",
+            'const char* value = "tea"', "std::string value", "std::optional<int> value",
+            "Size value = Size::small", "std::vector<unsigned char> value", 'auto value = u8"tea"')))
+
+    def test_literals_that_cannot_be_bound(self):
+        self.assert_mistaken(NOT_BOUND, ("return statement.run(1, 'a')", 'return statement.run("a", L"b")'))
+        self.assert_compiles(('return statement.run(1, "a")', 'return statement.run("a", "bc")'))
+
+    def test_characters_of_a_later_standard(self):
+        self.assert_mistaken(NOT_BOUND, used(("char8_t value = 'a'", 'auto value = u8"tea"')), standard=20)
+        self.assert_compiles(used(("signed char value = 'a'", 'auto value = "tea"')), standard=20)
+
+    def test_variables_that_cannot_be_read_into(self):
+        self.assert_mistaken(NOT_READ, [cell + "; return statement.next(cell)" for cell in (
+            "char cell = 'a'", "const int cell = 0", "const std::string cell", "const bool cell = false",
+            "const Size cell = Size::small", "const std::optional<int> cell",
+            "const std::vector<unsigned char> cell", "const char* cell = nullptr", "char cell[8]",
+            "std::optional<const char*> cell", "std::optional<char> cell", "long double cell = 0",
+            "wchar_t cell = 0", "void* cell = nullptr", "int* cell = nullptr", "Own cell",
+            "std::nullptr_t cell", "std::wstring cell", "std::chrono::seconds cell(7)",
+            "const std::chrono::system_clock::time_point cell",
+            "std::chrono::time_point<std::chrono::system_clock, std::chrono::hours> cell")])
+        self.assert_compiles([cell + "; return statement.next(cell)" for cell in (
+            "int cell = 0", "std::string cell", "std::string_view cell", "bool cell = false",
+            "std::optional<double> cell", "Size cell = Size::small", "std::optional<Size> cell",
+            "std::chrono::system_clock::time_point cell", "std::vector<unsigned char> cell")])
+
+    def test_values_that_one_cannot_give(self):
+        self.assert_mistaken(NOT_READ, [f"return statement.one<{value}>(7).failed()" for value in (
+            "char", "const char*", "int, Own", "long double")])
+        self.assert_mistaken(NO_VIEW, [f"return statement.one<{view}>(7).failed()" for view in (
+            "std::string_view", "sql::Bytes", "std::optional<std::string_view>",
+            "std::optional<sql::Bytes>", "int, std::string_view")])
+        self.assert_compiles([f"return statement.one<{value}>(7).failed()" for value in (
+            "sql::string", "std::vector<unsigned char>", "std::optional<sql::string>",
+            "int, sql::string")])
+
+    def test_results_that_are_ignored(self):
+        self.assert_mistaken("nodiscard", (
+            "statement.run()", "statement.run(7)", "statement.next()", "int i = 0; statement.next(i)",
+            "statement.one<int>()", 'sql::runScript(database, "")',
+            "sql::Transaction t(database, sql::begin_immediate); t.commit()",
+            "sql::Savepoint s(database); s.commit()",
+            "sql::inTransaction(database, [] { return true; })"))
+        self.assert_compiles((
+            "return statement.run()", "statement.reset()", "statement.bind(1, 7)",
+            "sql::Savepoint s(database); s.rollback()"))
+
+    def test_owners_that_are_copied(self):
+        self.assert_mistaken("deleted", (
+            "sql::Statement copy(statement)", 'sql::Statement other(database, ""); other = statement',
+            "sql::Transaction t(database, sql::begin_deferred); sql::Transaction copy(t)",
+            "sql::Transaction t(database, sql::begin_deferred); auto moved = std::move(t)",
+            "sql::Savepoint s(database); sql::Savepoint copy(s)",
+            "sql::Savepoint s(database); sql::Savepoint t(database); t = s"), once=False)
+        self.assert_compiles((
+            "sql::Statement other(std::move(statement)); statement = std::move(other)",))
+
+    def test_truths_that_are_none(self):
+        self.assert_mistaken("conver", (  # "cannot convert", "no viable conversion"
+            "return statement.one<bool>()", "return sql::lastError(database)"), once=False)
+        self.assert_compiles((
+            "return statement.one<bool>().valueOr(false)", "return bool(sql::lastError(database))"))
+
+
+if __name__ == "__main__":
+    unittest.main()
