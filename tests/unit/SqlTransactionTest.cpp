@@ -1108,8 +1108,10 @@ TEST_P(TransactionTest, ThreadsHaveTheirGuardsAtOnce)
     constexpr int rounds = 100;
     const auto work = [this](int thread) {
         sql::Database database;
-        int good = database.open(_file, sql::Database::access_read_write, false, 0);
+        // To compile is to read the file, which no patience of a transaction waits for.
+        int good = database.open(_file, sql::Database::access_read_write, false, 60000);
         sql::Statement insert(database, "insert into product (id) values (?)");
+        EXPECT_TRUE(sql::runScript(database, "pragma busy_timeout = 0"));
         for (int i = 0; i < rounds; ++i) {
             Transaction transaction(database, sql::begin_immediate, forever);
             Savepoint kept(database);
