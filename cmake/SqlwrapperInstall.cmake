@@ -47,7 +47,7 @@ function(install_sql_library name)
 
     # gdb looks for it among its own files in /usr, by the library's place, and beside the library, with
     # which it can be moved.
-    if(BUILD_SHARED_LIBS AND EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/gdb)
+    if(BUILD_SHARED_LIBS)
         install(CODE "
             set(folder \"${CMAKE_INSTALL_LIBDIR}\")
             if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")

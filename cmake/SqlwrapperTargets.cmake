@@ -92,9 +92,7 @@ function(add_sql_library name version)
             LINKER:--version-script=${map} LINKER:--no-undefined LINKER:-Bsymbolic-functions
             LINKER:--gc-sections)
         set_target_properties(${name} PROPERTIES LINK_DEPENDS ${map})
-        if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/gdb)
-            # gdb loads it with the library, beside which it looks for a file of this name.
-            file(GENERATE OUTPUT $<TARGET_FILE:${name}>-gdb.py INPUT gdb/${name}-gdb.py)
-        endif()
+        # gdb loads it with the library, beside which it looks for a file of this name.
+        file(GENERATE OUTPUT $<TARGET_FILE:${name}>-gdb.py INPUT gdb/${name}-gdb.py)
     endif()
 endfunction()

@@ -75,9 +75,7 @@ def installed(kind):
         names += [f"include/sqlwrapper/{header}.h" for header in library.headers]
         names.append(f"lib/pkgconfig/{name}.pc")
         packages += [f"{name}Targets", f"{name}Targets-relwithdebinfo"]
-        endings = ["", f".{major(library)}", f".{library.version}"]
-        if (ROOT / "components/sql" / name / "gdb").exists():
-            endings.append(f".{library.version}-gdb.py")
+        endings = ("", f".{major(library)}", f".{library.version}", f".{library.version}-gdb.py")
         names += ([f"lib/lib{name}.so{ending}" for ending in endings] if kind == "shared"
                   else [f"lib/lib{name}.a"])
     return sorted(names + [f"lib/cmake/sqlwrapper/{name}.cmake" for name in packages])

@@ -42,7 +42,8 @@ FILES = {
     "sqlprepared": ["lib/libsqlprepared.so.0", f"lib/libsqlprepared.so.{PREPARED_VERSION}"],
     "sqlprepared-dev": [f"include/sqlwrapper/{name}" for name in PREPARED_HEADERS]
                        + [f"lib/cmake/sqlwrapper/{name}" for name in PREPARED_CMAKE]
-                       + ["lib/libsqlprepared.so", "lib/pkgconfig/sqlprepared.pc"],
+                       + ["lib/libsqlprepared.so", "lib/pkgconfig/sqlprepared.pc",
+                          f"share/gdb/auto-load/usr/lib/libsqlprepared.so.{PREPARED_VERSION}-gdb.py"],
     "sqlwrapper-trace": ["lib/libtrace.so"],
     "sqlwrapper-framework": ["lib/libframework.so"],
 }
