@@ -476,6 +476,7 @@ private:
         key.reset();
         _side->target = _text.target;
         _side->latest.reset();
+        _keyBefore = sqlite3_last_insert_rowid(_db);
         _changesBefore = sqlite3_total_changes64(_db);
     }
 
@@ -485,6 +486,11 @@ private:
         const int rc = sqlite3_step(_statement);
         if (isFirst)
             key = _side->latest;
+        // One that may update as well tells an insertion by its new key.
+        const bool mayUpdate = _text.sql.find("conflict") != std::string::npos
+                               || _text.sql.rfind("with", 0) == 0;
+        if (mayUpdate && key == _keyBefore)
+            key.reset();
         if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
             noteChanges();
             failAsSqlite(operation);
@@ -513,10 +519,10 @@ private:
     // Some of a statement that fails may stay.
     void noteChanges()
     {
-        if (sqlite3_total_changes64(_db) == _changesBefore)
-            key.reset();
-        else if (_text.changes)
+        if (_text.changes && sqlite3_total_changes64(_db) != _changesBefore)
             changes = sqlite3_changes64(_db);
+        if (changes == 0)
+            key.reset();
     }
 
     bool runToEnd()
@@ -578,6 +584,7 @@ private:
     Text _text;
     State _state = unprepared;
     bool _forgets = false;
+    sql::integer _keyBefore = 0;
     sql::integer _changesBefore = 0;
 };
 

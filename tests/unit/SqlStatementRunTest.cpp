@@ -518,6 +518,31 @@ const Key last_keys[] = {
     {"UpperCase", "", "INSERT INTO t VALUES (42, 'x')", 42},
     {"AsksForTheKey", "", "insert into t values (last_insert_rowid() + 10, 'x')", 15},
     {"AsksInUpperCase", "", "INSERT INTO t VALUES (LAST_INSERT_ROWID() + 10, 'x')", 15},
+    {"TriggerThatAsksBefore",
+     "create table log (key default (last_insert_rowid()), former);"
+     "create trigger b before insert on t begin"
+     " insert into log (former) values (last_insert_rowid()); end;"
+     "create trigger a after insert on t begin"
+     " update t set name = (select key || ',' || former from log) where id = new.id; end",
+     "insert into t values (9, 'x')", 9},
+    {"FormerKeyReturned", "create table u (id integer primary key)",
+     "insert into u values (5) returning id", 5},
+    {"FormerKeyInQuotes", "create table `a ``\"]` (id integer primary key)",
+     "insert into main.`a ``\"]` (id) values (5)", 5},
+    {"FormerKeyInBrackets", "create table [a \"`] (id integer primary key)",
+     "insert or abort into /* there */ [a \"`] values (5)", 5},
+    {"FormerKeyInATemporaryTable", "create temp table u1$ä (id integer primary key)",
+     "replace into temp . u1$ä(id) values (5)", 5},
+    {"FormerKeyInAnotherFile", "attach ':memory:' as b; create table b.u (id integer primary key)",
+     "insert into b.u values (5)", 5},
+    {"WithoutRowidElsewhere",
+     "create table u (id integer primary key) without rowid;"
+     "attach ':memory:' as b; create table b.u (id integer primary key)",
+     "insert into u values (5)", std::nullopt},
+    {"IgnoredBesideATrigger",
+     "create table log (x);"
+     "create trigger r before insert on t begin insert into log values (1); end",
+     "insert or ignore into t values (1, 'x')", std::nullopt},
     {"QueryThatAsks", "", "select last_insert_rowid()", std::nullopt},
     {"TriggerThatInserts",
      "create table log (id integer primary key, name);"
@@ -540,18 +565,15 @@ const Key last_keys[] = {
 
 INSTANTIATE_TEST_SUITE_P(Statements, LastKeyTest, ValuesIn(last_keys), test::NameOfCase());
 
-// A limit that the header names: what such a trigger or default asks for is not there.
-TEST_F(StatementRunTest, FormerKeyIsNotSeenBeforeARowIsInserted)
+// A limit: nothing tells the two apart.
+TEST_F(StatementRunTest, UpsertThatInsertsTheConnectionsLatestKeyPassesForAnUpdate)
 {
-    run("create table log (id integer primary key, former default (last_insert_rowid()));"
-        "create trigger r before insert on t begin"
-        " insert into log (id, former) values (7, last_insert_rowid()); end");
-    run("insert into t values (5, 'tea')");
-    run("delete from log");
-    EXPECT_TRUE(Statement(_database, "insert into t values (6, 'rum')").run());
-    EXPECT_TRUE(Statement(_database, "insert into log (id) values (8)").run());
-    EXPECT_EQ(rows("select count(*) from log where former < 0"), "2");
-    EXPECT_EQ(sqlite3_last_insert_rowid(_database.getHandle()), 8);
+    run("create table u (id integer primary key)");
+    Statement upsert(_database,
+                     "insert into t values (?, 'x') on conflict (id) do update set name = 'y'");
+    run("insert into u values (7)");
+    EXPECT_TRUE(upsert.run(7));
+    EXPECT_EQ(upsert.lastKey(), std::nullopt);
 }
 
 TEST_F(StatementRunTest, KeyIsKnownAtTheFirstRow)
@@ -599,6 +621,19 @@ TEST_F(StatementRunTest, FailedInsertHasNoKey)
     expectFailure(insert, "run", taken);
     EXPECT_EQ(insert.lastKey(), std::nullopt);
     EXPECT_EQ(keys(), "1");
+}
+
+TEST_F(StatementRunTest, FailedInsertHasNoKeyThoughATriggerHasCounted)
+{
+    run("create table log (x);"
+        "create trigger r after insert on t begin insert into log values (1);"
+        " select raise(abort, 'no') where new.id = 9; end");
+    Statement insert(_database, "insert into t values (?, 'x')");
+    EXPECT_TRUE(insert.run(8));
+    EXPECT_FALSE(insert.run(9));
+    expectFailure(insert, "run", "1811=SQLITE_CONSTRAINT_TRIGGER: no");
+    EXPECT_EQ(insert.lastKey(), std::nullopt);
+    EXPECT_EQ(keys(), "8");
 }
 
 TEST_F(StatementRunTest, FailedInsertThatKeepsItsFirstRowsHasTheirKey)

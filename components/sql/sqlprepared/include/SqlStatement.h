@@ -458,8 +458,7 @@ public:
     integer changes() const;
 
     /// Returns the key of the row that the latest run inserted last; nothing if it inserted none,
-    /// or into a table without such a key. To know it, an insertion sets the connection's key anew:
-    /// in a trigger before it and in a default, last_insert_rowid() is not the former key.
+    /// or into a table without such a key.
     std::optional<integer> lastKey() const;
 
     const Error& error() const; ///< Returns why the latest run failed; no failure if it did not.
@@ -578,7 +577,7 @@ private:
     int _parameterCount = 0;
     bool _writes = false;     // whether it may change rows
     bool _inserts = false;    // whether it may give a row a key
-    bool _asksForKey = false; // of the row that was inserted last, when it runs
+    bool _givesKeys = false;  // whether each row that it changes is one with a new key
     bool _stale = false;      // the bound values belong to a caller that is gone
     bool _namesKnown = false; // in this run
     bool _namesDistinct = false;

@@ -7,6 +7,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cfloat>
 #include <charconv>
 #include <climits>
@@ -50,6 +51,8 @@ std::size_t behind(std::string_view sql, std::size_t at)
         return past("*/", at + 2);
     if (sql[at] == '\'' || sql[at] == '"' || sql[at] == '`')
         return past(sql.substr(at, 1), at + 1);
+    if (sql[at] == '[')
+        return past("]", at + 1);
     return at + 1;
 }
 
@@ -131,10 +134,6 @@ private:
     sqlite3_mutex* _mutex;
 };
 
-// The connection keeps the key of its latest insertion for ever. Before a run it is set to this one,
-// so that a row that was inserted shows, whatever its key is; no program counts down from there.
-constexpr integer no_key = -9223372036854775807 + 1234567890;
-
 bool beginsWith(std::string_view sql, std::string_view keyword)
 {
     return sqlite3_strnicmp(sql.data(), keyword.data(), static_cast<int>(keyword.size())) == 0;
@@ -149,11 +148,65 @@ bool mentions(std::string_view sql, std::string_view word)
     return false;
 }
 
+// Takes the next word, mark or quoted name off the text.
+std::string_view takeToken(std::string_view& sql)
+{
+    sql.remove_prefix(nextStatement(sql));
+    const auto isOfWord = [](unsigned char byte) {
+        return byte == '_' || byte == '$' || byte > 127 || std::isalnum(byte) != 0;
+    };
+    std::size_t end = sql.empty() ? 0 : behind(sql, 0);
+    while (end < sql.size() && isOfWord(sql[0]) && isOfWord(sql[end]))
+        ++end;
+    while (end > 1 && end < sql.size() && sql[end] == sql[0]) // a doubled quote is one of the name
+        end = behind(sql, end);
+    const std::string_view token = sql.substr(0, end);
+    sql.remove_prefix(end);
+    return token;
+}
+
+string unquoted(std::string_view name)
+{
+    if (name.size() < 2 || behind(name, 0) == 1)
+        return string(name);
+    string bare;
+    for (std::size_t i = 1; i + 1 < name.size(); ++i) {
+        bare += name[i];
+        if (name[i] == name[0] && name[i] != '[')
+            ++i;
+    }
+    return bare;
+}
+
+bool is(std::string_view token, std::string_view keyword)
+{
+    return token.size() == keyword.size() && beginsWith(token, keyword);
+}
+
 bool mayInsert(std::string_view sql)
 {
-    const std::string_view statement = sql.substr(nextStatement(sql));
-    return beginsWith(statement, "insert") || beginsWith(statement, "replace")
-           || beginsWith(statement, "with");
+    const std::string_view word = takeToken(sql);
+    return is(word, "insert") || is(word, "replace") || is(word, "with");
+}
+
+// Whether each row that the statement inserts gets a key, and nothing else is counted as a change: a
+// table with rows that have one, and no update in place of an insertion.
+bool givesKeys(sqlite3* db, std::string_view sql)
+{
+    const std::string_view word = takeToken(sql);
+    if ((!is(word, "insert") && !is(word, "replace")) || mentions(sql, "conflict"))
+        return false;
+    std::string_view token;
+    while (!is(token = takeToken(sql), "into")) {
+        if (token.empty())
+            return false;
+    }
+    const string first = unquoted(takeToken(sql));
+    const bool isSchema = is(takeToken(sql), ".");
+    const string table = isSchema ? unquoted(takeToken(sql)) : first;
+    return sqlite3_table_column_metadata(db, isSchema ? first.c_str() : nullptr, table.c_str(),
+                                         "rowid", nullptr, nullptr, nullptr, nullptr, nullptr)
+           == SQLITE_OK;
 }
 
 integer totalChanges(sqlite3* db)
@@ -398,6 +451,8 @@ void Statement::prepare(const string& text)
 {
     if (const char* const why = whyNotCompiled(_connection, text))
         return refuse(text, SQLITE_MISUSE, why);
+    _givesKeys = givesKeys(_connection,
+                           text); // before, for the connection keeps the latest failure
     // With the final zero SQLite needs no copy.
     const int size = static_cast<int>(std::min<std::size_t>(text.size() + 1, INT_MAX));
     const char* rest = nullptr;
@@ -415,7 +470,6 @@ void Statement::prepare(const string& text)
     _parameterCount = sqlite3_bind_parameter_count(_handle.statement);
     _writes = !isReadOnly();
     _inserts = _writes && mayInsert(text);
-    _asksForKey = _inserts && mentions(text, "last_insert_rowid");
 }
 
 void Statement::refuse(const string& text, int rc, const char* why)
@@ -595,11 +649,8 @@ inline void Statement::begin(const char* operation)
     _key.reset();
     if (_writes)
         _totalBefore = totalChanges(_connection);
-    if (_inserts) {
+    if (_inserts)
         _keyBefore = sqlite3_last_insert_rowid(_connection);
-        if (!_asksForKey)
-            sqlite3_set_last_insert_rowid(_connection, no_key);
-    }
 }
 
 inline bool Statement::step(const char* operation)
@@ -607,10 +658,8 @@ inline bool Statement::step(const char* operation)
     const int rc = sqlite3_step(_handle.statement);
     if (_inserts && _state == State::ready) { // all rows are inserted before the first comes back
         const integer key = sqlite3_last_insert_rowid(_connection);
-        if (key != (_asksForKey ? _keyBefore : no_key))
+        if (key != _keyBefore || (rc == SQLITE_ROW && _givesKeys))
             _key = key;
-        else
-            sqlite3_set_last_insert_rowid(_connection, _keyBefore);
     }
     if (rc == SQLITE_ROW) {
         _state = State::row;
@@ -635,16 +684,18 @@ inline bool Statement::end(const char* operation)
     return true;
 }
 
-// Where nothing has changed, a row that was inserted is taken back. Others' changes during a query are
-// not its own.
+// Others' changes during a query are not its own. Where it has changed nothing, a row that was inserted
+// is taken back.
 inline void Statement::noteChanges()
 {
     if (!_writes)
         return;
-    if (totalChanges(_connection) == _totalBefore)
-        _key.reset();
-    else
+    if (totalChanges(_connection) != _totalBefore)
         _changes = latestChanges(_connection);
+    if (_changes == 0)
+        _key.reset();
+    else if (_givesKeys && !_key)
+        _key = _keyBefore; // the same again, in another table or after a deletion
 }
 
 inline bool Statement::runToEnd(const char* operation)
