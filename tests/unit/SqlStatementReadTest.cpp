@@ -3,6 +3,7 @@
 #include "SqlValue.h"
 
 #include "Environment.h"
+#include "PlainNumbers.h"
 #include "StatementTest.h"
 
 #include <gmock/gmock.h>
@@ -212,7 +213,7 @@ TEST_F(StatementReadTest, RealsOutOfNumbersAndTexts)
     EXPECT_EQ(read<double>("1.7976931348623157e308"), Limits<double>::max());
     for (const char* const text : {"2.5", "-2.5", "+2.5", ".5", "5.", "1e3", "1E-3", "1.5e+3", "0",
                                    "0.1", "1.7976931348623157e308", "5e-324", "-0.0", "00.10"})
-        EXPECT_EQ(read<double>("'" + std::string(text) + "'"), std::strtod(text, nullptr)) << text;
+        EXPECT_EQ(read<double>("'" + std::string(text) + "'"), test::readDouble(text)) << text;
 }
 
 TEST_F(StatementReadTest, TextOfANumberBeyondTheRealsIsOutOfRange)
@@ -426,8 +427,8 @@ TEST_F(StatementReadTest, RowsIntoVariables)
     std::optional<double> price;
     std::string rows;
     while (statement.next(id, name, price))
-        rows += std::to_string(id) + name + (price ? std::to_string(*price) : "none") + ";";
-    EXPECT_EQ(rows, "1tea2.500000;2rumnone;");
+        rows += std::to_string(id) + name + (price ? test::fixedText(*price) : "none") + ";";
+    EXPECT_EQ(rows, "1tea2.50000000;2rumnone;");
     EXPECT_TRUE(statement.finished());
     EXPECT_FALSE(statement.error());
 }
@@ -469,7 +470,7 @@ std::string described(const Column& cell)
 {
     const Bytes bytes = cell.asBytes();
     return (cell.isNull() ? "null " : "") + std::to_string(cell.asInteger()) + " "
-           + std::to_string(cell.asDouble()) + " " + (cell.asBool() ? "true" : "false") + " "
+           + test::fixedText(cell.asDouble()) + " " + (cell.asBool() ? "true" : "false") + " "
            + std::to_string(cell.asTime().asInteger()) + " '" + cell.asString() + "' '"
            + std::string(cell.asText()) + "' "
            + std::string(static_cast<const char*>(bytes.data), bytes.size);
@@ -482,20 +483,20 @@ TEST_F(StatementReadTest, EveryGetterOfACell)
         EXPECT_TRUE(statement.next());
         return described(statement.column(0));
     };
-    EXPECT_EQ(cell("7"), "7 7.000000 false 7 '7' '7' 7");
-    EXPECT_EQ(cell("1"), "1 1.000000 true 1 '1' '1' 1");
-    EXPECT_EQ(cell("0"), "0 0.000000 false 0 '0' '0' 0");
-    EXPECT_EQ(cell("2.5"), "2 2.500000 false 2 '2.5' '2.5' 2.5");
-    EXPECT_EQ(cell("1.0"), "1 1.000000 false 1 '1.0' '1.0' 1.0");
-    EXPECT_EQ(cell("'tea'"), "0 0.000000 false 0 'tea' 'tea' tea");
-    EXPECT_EQ(cell("'1'"), "1 1.000000 true 1 '1' '1' 1");
-    EXPECT_EQ(cell("'01'"), "1 1.000000 false 1 '01' '01' 01");
-    EXPECT_EQ(cell("'true'"), "0 0.000000 false 0 'true' 'true' true");
-    EXPECT_EQ(cell("'3.5 apples'"), "3 3.500000 false 3 '3.5 apples' '3.5 apples' 3.5 apples");
-    EXPECT_EQ(cell("''"), "0 0.000000 false 0 '' '' ");
-    EXPECT_EQ(cell("null"), "null 0 0.000000 false 0 '' '' ");
-    EXPECT_EQ(cell("x'3761'"), "7 7.000000 false 7 '7a' '7a' 7a");
-    EXPECT_EQ(cell("x''"), "0 0.000000 false 0 '' '' ");
+    EXPECT_EQ(cell("7"), "7 7.00000000 false 7 '7' '7' 7");
+    EXPECT_EQ(cell("1"), "1 1.00000000 true 1 '1' '1' 1");
+    EXPECT_EQ(cell("0"), "0 0.00000000 false 0 '0' '0' 0");
+    EXPECT_EQ(cell("2.5"), "2 2.50000000 false 2 '2.5' '2.5' 2.5");
+    EXPECT_EQ(cell("1.0"), "1 1.00000000 false 1 '1.0' '1.0' 1.0");
+    EXPECT_EQ(cell("'tea'"), "0 0.00000000 false 0 'tea' 'tea' tea");
+    EXPECT_EQ(cell("'1'"), "1 1.00000000 true 1 '1' '1' 1");
+    EXPECT_EQ(cell("'01'"), "1 1.00000000 false 1 '01' '01' 01");
+    EXPECT_EQ(cell("'true'"), "0 0.00000000 false 0 'true' 'true' true");
+    EXPECT_EQ(cell("'3.5 apples'"), "3 3.50000000 false 3 '3.5 apples' '3.5 apples' 3.5 apples");
+    EXPECT_EQ(cell("''"), "0 0.00000000 false 0 '' '' ");
+    EXPECT_EQ(cell("null"), "null 0 0.00000000 false 0 '' '' ");
+    EXPECT_EQ(cell("x'3761'"), "7 7.00000000 false 7 '7a' '7a' 7a");
+    EXPECT_EQ(cell("x''"), "0 0.00000000 false 0 '' '' ");
 }
 
 TEST_F(StatementReadTest, GettersConvertAsThoseOfAValue)
@@ -608,7 +609,7 @@ TEST_F(StatementReadTest, CellOutsideARowIsNullAndAFailure)
     const auto expectNone = [&](const Column& cell, const std::string& which) {
         expectFailure(statement, "column",
                       "21=SQLITE_MISUSE: column " + which + " was asked for outside a row");
-        EXPECT_EQ(described(cell), "null 0 0.000000 false 0 '' '' ");
+        EXPECT_EQ(described(cell), "null 0 0.00000000 false 0 '' '' ");
         EXPECT_FALSE(statement.finished());
     };
     expectNone(statement.column(0), "0");
@@ -654,7 +655,7 @@ TEST_F(StatementReadTest, CellBeyondTheColumnsIsNullAndAFailureButTheRowStays)
     ASSERT_TRUE(statement.next());
     const std::string_view before = statement.column(0).asText();
     for (const int index : {1, -1, 2000, Limits<int>::max(), Limits<int>::min()}) {
-        EXPECT_EQ(described(statement.column(index)), "null 0 0.000000 false 0 '' '' ");
+        EXPECT_EQ(described(statement.column(index)), "null 0 0.00000000 false 0 '' '' ");
         expectFailure(statement, "column",
                       "25=SQLITE_RANGE: there is no column " + std::to_string(index));
     }
