@@ -87,10 +87,11 @@ function(add_sql_library name version)
         $<$<NOT:$<BOOL:${SQLWRAPPER_EXCEPTIONS}>>:-fno-exceptions;-fno-rtti>
         -fno-semantic-interposition -ffunction-sections -fdata-sections)
     if(BUILD_SHARED_LIBS)
+        # Of the platform's libraries only those that are used, which not every compiler sees to.
         set(map ${CMAKE_CURRENT_SOURCE_DIR}/${name}.map)
         target_link_options(${name} PRIVATE
             LINKER:--version-script=${map} LINKER:--no-undefined LINKER:-Bsymbolic-functions
-            LINKER:--gc-sections)
+            LINKER:--gc-sections LINKER:--as-needed)
         set_target_properties(${name} PROPERTIES LINK_DEPENDS ${map})
         # gdb loads it with the library, beside which it looks for a file of this name.
         file(GENERATE OUTPUT $<TARGET_FILE:${name}>-gdb.py INPUT gdb/${name}-gdb.py)
