@@ -71,7 +71,7 @@ inline bool checked(bool holds, const char* text, const char* path, int line, co
 // function's signature is given as a literal, since compilers print it differently; the path is
 // each library's own.
 #define SQL_ASSERT(condition, function)                                                            \
-    ::sql::checked(static_cast<bool>(condition), #condition,                                       \
-                   SQL_SOURCE_FOLDER __FILE_NAME__, __LINE__, function)
+    ::sql::checked(static_cast<bool>(condition), #condition, SQL_SOURCE_FOLDER __FILE_NAME__,      \
+                   __LINE__, function)
 
 #endif
