@@ -46,9 +46,9 @@ public:
     const Error& error() const; ///< Returns why the latest operation failed.
 
 protected:
-    /// Begins with the statement, or a savepoint for null. Waits for other connections, here and in
-    /// commit(), as long as `patience` says.
-    TransactionScope(Database& database, const char* begin, std::chrono::milliseconds patience);
+    /// Begins with the statement `text`, or a savepoint for null. Waits for other connections, here
+    /// and in commit(), as long as `patience` says.
+    TransactionScope(Database& database, const char* text, std::chrono::milliseconds patience);
     ~TransactionScope();
 
 private:

@@ -43,7 +43,7 @@ std::size_t behind(std::string_view sql, std::size_t at)
 {
     const auto past = [&](std::string_view end, std::size_t from) {
         const std::size_t found = sql.find(end, from);
-        return found != sql.npos ? found + end.size() : sql.size();
+        return found != std::string_view::npos ? found + end.size() : sql.size();
     };
     if (sql.compare(at, 2, "--") == 0)
         return past("\n", at);
