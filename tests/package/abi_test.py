@@ -70,6 +70,7 @@ SQLWRAPPER = {
         [("include/SqlTable.h", "    bool truncate();", "    virtual bool truncate();")], BROKEN),
 }
 # What sqlwrapper has none of.
+BINDER = "include/SqlBinder.h"
 STATEMENT = "include/SqlStatement.h"
 SQLPREPARED = {
     "nothing": ([], ""),
@@ -80,8 +81,8 @@ SQLPREPARED = {
         [("include/SqlTransaction.h", "    Error _error;\n};", "    Error _error;\n    int _more = 0;\n};")],
         BROKEN),
     "another type of a union's member": (
-        [(STATEMENT, "        double _real;", "        float _real;"),
-         (STATEMENT, "_real(real)", "_real(static_cast<float>(real))")], BROKEN),
+        [(BINDER, "        double _real;", "        float _real;"),
+         (BINDER, "_real(real)", "_real(static_cast<float>(real))")], BROKEN),
     "a parameter of a function that a member points at": (
         [(STATEMENT, "const char* (*read)(const Column& column, void* variable);",
           "const char* (*read)(const Column& column, void* variable, int more);"),

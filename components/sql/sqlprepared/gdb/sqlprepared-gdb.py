@@ -104,7 +104,7 @@ class ResultPrinter(PreparedPrinter):
 class StatementPrinter(PreparedPrinter):
     def parts(self):
         error = reason(self.value["_error"])
-        state = enumerator(self.value["_state"])
+        state = enumerator(self.value["_handle"]["state"])
         statement = int(self.value["_handle"]["statement"])
         text = self.text(statement) if statement else None
         if text is not None:

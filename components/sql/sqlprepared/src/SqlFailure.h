@@ -11,6 +11,9 @@ namespace sql {
 constexpr const char* database_not_open = "the database is not open";
 constexpr const char* database_closed = "the database was closed or opened anew";
 
+// Why a cell could not be converted; compared by address, since it is SQLite's failure, not the cell's.
+inline constexpr char no_memory[] = "out of memory";
+
 // What SQLite says of a call that returned this code, which is not always noted in the connection.
 int extendedCodeOf(sqlite3* db, int rc);
 const char* reasonOf(sqlite3* db, int rc);

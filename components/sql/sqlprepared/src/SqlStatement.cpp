@@ -1,18 +1,14 @@
 #include "SqlStatement.h"
 
 #include "SqlFailure.h"
+#include "SqlToken.h"
 #include "SqlTrace.h"
-#include "SqlValue.h"
 
 #include <sqlite3.h>
 
 #include <algorithm>
-#include <cctype>
-#include <cfloat>
-#include <charconv>
 #include <climits>
 #include <cmath>
-#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -20,61 +16,9 @@ namespace sql {
 
 namespace {
 
-// Why a cell could not be converted; compared by address, since it is SQLite's failure, not the cell's.
-const char no_memory[] = "out of memory";
-
-const char is_null[] = "is NULL";
-const char is_no_number[] = "is no number";
-const char is_no_integer[] = "is no integer";
-const char is_out_of_range[] = "is out of the variable's range";
-
 // SQLite's own messages have no values in them, nor do ours: statements and reasons are logged where
 // values are not.
 constexpr const char* gone = "the statement was released or moved from";
-
-bool isBlank(char byte)
-{
-    return byte == ' ' || (byte >= '\t' && byte <= '\r');
-}
-
-// Behind the comment or the quoted text that begins here, else behind this byte. SQLite takes a comment
-// that nobody ends for one up to the end.
-std::size_t behind(std::string_view sql, std::size_t at)
-{
-    const auto past = [&](std::string_view end, std::size_t from) {
-        const std::size_t found = sql.find(end, from);
-        return found != std::string_view::npos ? found + end.size() : sql.size();
-    };
-    if (sql.compare(at, 2, "--") == 0)
-        return past("\n", at);
-    if (sql.compare(at, 2, "/*") == 0)
-        return past("*/", at + 2);
-    if (sql[at] == '\'' || sql[at] == '"' || sql[at] == '`')
-        return past(sql.substr(at, 1), at + 1);
-    if (sql[at] == '[')
-        return past("]", at + 1);
-    return at + 1;
-}
-
-// Where the next statement begins: behind blanks, comments and semicolons.
-std::size_t nextStatement(std::string_view sql)
-{
-    std::size_t at = 0;
-    while (at < sql.size()
-           && (isBlank(sql[at]) || sql[at] == ';' || sql.compare(at, 2, "--") == 0
-               || sql.compare(at, 2, "/*") == 0))
-        at = behind(sql, at);
-    return at;
-}
-
-// The text up to its first semicolon: that of a statement that SQLite has not compiled.
-string firstStatement(std::string_view sql)
-{
-    std::size_t at = 0;
-    while (at < sql.size() && sql[at] != ';')
-        at = behind(sql, at);
-    return string(sql.substr(0, at + 1));
-}
 
 // Null where SQLite may have a look at the text. It would read no further than to a zero byte.
 const char* whyNotCompiled(const sqlite3* db, const string& text)
@@ -82,24 +26,6 @@ const char* whyNotCompiled(const sqlite3* db, const string& text)
     if (db == nullptr)
         return database_not_open;
     return text.find('\0') != string::npos ? "there is a zero byte in the text" : nullptr;
-}
-
-bool isInRange(double number)
-{
-    return number >= -9223372036854775808.0 && number < 9223372036854775808.0;
-}
-
-// Reads a number in any form that SQL has, and nothing else; blanks around it are SQLite's own habit.
-// Returns null, or why the text is none.
-template <typename Number> const char* readNumber(std::string_view text, Number& number)
-{
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
-        text.remove_prefix(1);
-    const char* const end = text.data() + text.size();
-    const auto [last, error] = std::from_chars(text.data(), end, number);
-    if (last != end || error == std::errc::invalid_argument)
-        return is_no_number;
-    return error == std::errc() ? nullptr : is_out_of_range;
 }
 
 int boundText(sqlite3_stmt* statement, int position, Bytes text, sqlite3_destructor_type copy)
@@ -134,81 +60,6 @@ private:
     sqlite3_mutex* _mutex;
 };
 
-bool beginsWith(std::string_view sql, std::string_view keyword)
-{
-    return sqlite3_strnicmp(sql.data(), keyword.data(), static_cast<int>(keyword.size())) == 0;
-}
-
-bool mentions(std::string_view sql, std::string_view word)
-{
-    for (std::size_t at = 0; at + word.size() <= sql.size(); ++at) {
-        if (beginsWith(sql.substr(at), word))
-            return true;
-    }
-    return false;
-}
-
-// Takes the next word, mark or quoted name off the text.
-std::string_view takeToken(std::string_view& sql)
-{
-    sql.remove_prefix(nextStatement(sql));
-    const auto isOfWord = [](unsigned char byte) {
-        return byte == '_' || byte == '$' || byte > 127 || std::isalnum(byte) != 0;
-    };
-    std::size_t end = sql.empty() ? 0 : behind(sql, 0);
-    while (end < sql.size() && isOfWord(sql[0]) && isOfWord(sql[end]))
-        ++end;
-    while (end > 1 && end < sql.size() && sql[end] == sql[0]) // a doubled quote is one of the name
-        end = behind(sql, end);
-    const std::string_view token = sql.substr(0, end);
-    sql.remove_prefix(end);
-    return token;
-}
-
-string unquoted(std::string_view name)
-{
-    if (name.size() < 2 || behind(name, 0) == 1)
-        return string(name);
-    string bare;
-    for (std::size_t i = 1; i + 1 < name.size(); ++i) {
-        bare += name[i];
-        if (name[i] == name[0] && name[i] != '[')
-            ++i;
-    }
-    return bare;
-}
-
-bool is(std::string_view token, std::string_view keyword)
-{
-    return token.size() == keyword.size() && beginsWith(token, keyword);
-}
-
-bool mayInsert(std::string_view sql)
-{
-    const std::string_view word = takeToken(sql);
-    return is(word, "insert") || is(word, "replace") || is(word, "with");
-}
-
-// Whether each row that the statement inserts gets a key, and nothing else is counted as a change: a
-// table with rows that have one, and no update in place of an insertion.
-bool givesKeys(sqlite3* db, std::string_view sql)
-{
-    const std::string_view word = takeToken(sql);
-    if ((!is(word, "insert") && !is(word, "replace")) || mentions(sql, "conflict"))
-        return false;
-    std::string_view token;
-    while (!is(token = takeToken(sql), "into")) {
-        if (token.empty())
-            return false;
-    }
-    const string first = unquoted(takeToken(sql));
-    const bool isSchema = is(takeToken(sql), ".");
-    const string table = isSchema ? unquoted(takeToken(sql)) : first;
-    return sqlite3_table_column_metadata(db, isSchema ? first.c_str() : nullptr, table.c_str(),
-                                         "rowid", nullptr, nullptr, nullptr, nullptr, nullptr)
-           == SQLITE_OK;
-}
-
 integer totalChanges(sqlite3* db)
 {
 #if SQLITE_VERSION_NUMBER >= 3037000
@@ -227,12 +78,6 @@ integer latestChanges(sqlite3* db)
 #endif
 }
 
-// Outside a row there is no value, which counts as NULL.
-int typeOf(sqlite3_value* value)
-{
-    return value != nullptr ? sqlite3_value_type(value) : SQLITE_NULL;
-}
-
 void traceRun(const char* operation, sqlite3_stmt* statement)
 {
     TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(statement));
@@ -246,183 +91,13 @@ void traceRun(const char* operation, sqlite3_stmt* statement)
 
 } // namespace
 
-// --- Cells ---------------------------------------------------------------------------------------
-
-bool Column::isNull() const
-{
-    return typeOf(_value) == SQLITE_NULL;
-}
-
-integer Column::asInteger() const
-{
-    return isNull() ? 0 : sqlite3_value_int64(_value);
-}
-
-double Column::asDouble() const
-{
-    const int type = typeOf(_value);
-    if (type == SQLITE_NULL)
-        return 0.0;
-    if (type == SQLITE_INTEGER || type == SQLITE_FLOAT)
-        return sqlite3_value_double(_value);
-    Value text(type_text); // knows more forms than SQLite
-    text.setString(asString());
-    return text.asDouble();
-}
-
-bool Column::asBool() const
-{
-    if (!isNull() && sqlite3_value_type(_value) == SQLITE_INTEGER)
-        return asInteger() == 1;
-    return asText() == "1";
-}
-
-Time Column::asTime() const
-{
-    return Time(asInteger());
-}
-
-string Column::asString() const
-{
-    return string(asText());
-}
-
-std::string_view Column::asText() const
-{
-    std::string_view text;
-    if (!isNull() && read(text) != nullptr)
-        _statement->keepFailure("column", Statement::State::broken, SQLITE_NOMEM, no_memory);
-    return text;
-}
-
-Bytes Column::asBytes() const
-{
-    Bytes bytes;
-    if (!isNull() && read(bytes) != nullptr)
-        _statement->keepFailure("column", Statement::State::broken, SQLITE_NOMEM, no_memory);
-    return bytes;
-}
-
-const char* Column::read(integer& number, integer lowest, integer highest) const
-{
-    integer found = 0;
-    if (typeOf(_value) == SQLITE_INTEGER)
-        found = sqlite3_value_int64(_value);
-    else if (const char* const why = readOther(found))
-        return why;
-    if (found < lowest || found > highest)
-        return is_out_of_range;
-    number = found;
-    return nullptr;
-}
-
-// An integer out of a cell that holds none: a text, as long as it is exact, or a real.
-const char* Column::readOther(integer& number) const
-{
-    std::string_view text;
-    if (typeOf(_value) == SQLITE_TEXT && read(text) == nullptr) {
-        const char* const why = readNumber(text, number);
-        if (why != is_no_number)
-            return why;
-    }
-    double real = 0;
-    if (const char* const why = read(real))
-        return why;
-    if (real != std::trunc(real))
-        return is_no_integer;
-    if (!isInRange(real))
-        return is_out_of_range;
-    number = static_cast<integer>(real);
-    return nullptr;
-}
-
-const char* Column::read(double& number) const
-{
-    const int type = typeOf(_value);
-    if (type != SQLITE_FLOAT && type != SQLITE_INTEGER)
-        return readOther(number);
-    number = sqlite3_value_double(_value);
-    return nullptr;
-}
-
-// A number out of the text of one.
-const char* Column::readOther(double& number) const
-{
-    const int type = typeOf(_value);
-    if (type == SQLITE_NULL)
-        return is_null;
-    if (type != SQLITE_TEXT)
-        return is_no_number;
-    std::string_view text;
-    if (const char* const why = read(text))
-        return why;
-    double found = 0;
-    const char* const why = readNumber(text, found);
-    if (why == nullptr && !std::isfinite(found)) // "inf" and "nan" are words
-        return is_no_number;
-    if (why == nullptr)
-        number = found;
-    return why;
-}
-
-const char* Column::read(float& number) const
-{
-    double wide = 0;
-    if (const char* const why = read(wide))
-        return why;
-    if (std::isfinite(wide) && std::fabs(wide) > static_cast<double>(FLT_MAX))
-        return is_out_of_range;
-    number = static_cast<float>(wide);
-    return nullptr;
-}
-
-const char* Column::read(std::string_view& text) const
-{
-    const void* const bytes = sqlite3_value_text(_value);
-    if (bytes == nullptr)
-        return isNull() ? is_null : no_memory;
-    text = std::string_view(static_cast<const char*>(bytes), sqlite3_value_bytes(_value));
-    return nullptr;
-}
-
-const char* Column::read(Bytes& bytes) const
-{
-    const int type = typeOf(_value);
-    if (type == SQLITE_NULL)
-        return is_null;
-    // A number's block is its text, which takes memory to make; an empty block has no address.
-    const void* const data = sqlite3_value_blob(_value);
-    if (data == nullptr && (type == SQLITE_INTEGER || type == SQLITE_FLOAT))
-        return no_memory;
-    bytes = Bytes{data, static_cast<std::size_t>(sqlite3_value_bytes(_value))};
-    return nullptr;
-}
-
-const char* Column::read(string& text) const
-{
-    std::string_view view;
-    const char* const why = read(view);
-    if (why == nullptr)
-        text = view;
-    return why;
-}
-
-const char* Column::read(std::vector<unsigned char>& bytes) const
-{
-    Bytes view;
-    const char* const why = read(view);
-    const unsigned char* const first = static_cast<const unsigned char*>(view.data);
-    if (why == nullptr)
-        bytes.assign(first, first + view.size);
-    return why;
-}
-
 // --- From the text to the release -----------------------------------------------------------------
 
 Statement::Handle& Statement::Handle::operator=(Handle&& other) noexcept
 {
     Handle former(std::move(other)); // swapped, so that one that takes itself stays
     std::swap(statement, former.statement);
+    std::swap(state, former.state);
     return *this;
 }
 
@@ -451,8 +126,7 @@ void Statement::prepare(const string& text)
 {
     if (const char* const why = whyNotCompiled(_connection, text))
         return refuse(text, SQLITE_MISUSE, why);
-    _givesKeys = givesKeys(_connection,
-                           text); // before, for the connection keeps the latest failure
+    _givesKeys = givesKeys(_connection, text); // before SQLite's failure, which it replaces
     // With the final zero SQLite needs no copy.
     const int size = static_cast<int>(std::min<std::size_t>(text.size() + 1, INT_MAX));
     const char* rest = nullptr;
@@ -466,7 +140,7 @@ void Statement::prepare(const string& text)
         _handle = Handle();
         return refuse(text, SQLITE_MISUSE, "there is more than one statement in the text");
     }
-    _state = State::ready;
+    _handle.state = State::ready;
     _parameterCount = sqlite3_bind_parameter_count(_handle.statement);
     _writes = !isReadOnly();
     _inserts = _writes && mayInsert(text);
@@ -480,9 +154,9 @@ void Statement::refuse(const string& text, int rc, const char* why)
 
 void Statement::release()
 {
-    _handle = Handle();
-    if (_state != State::unprepared)
-        _state = State::ready;
+    if (!isPrepared())
+        return;
+    const Handle released(std::move(_handle));
 }
 
 bool Statement::isPrepared() const
@@ -499,32 +173,27 @@ inline bool Statement::isUsable(const char* operation)
 
 bool Statement::failToUse(const char* operation)
 {
-    if (_state != State::unprepared || !_error) // one without a reason was moved from
+    if (_handle.state != State::unprepared)
         fail(operation, State::failed, SQLITE_MISUSE,
              _handle.statement == nullptr ? gone : database_closed);
     return false;
-}
-
-bool Statement::isUnbound() const
-{
-    return _state == State::unbound && _error; // nor was it moved from
 }
 
 // --- Values --------------------------------------------------------------------------------------
 
 inline bool Statement::canBind()
 {
-    if (isUnbound())
+    if (_handle.state == State::unbound)
         return false;
     if (!isUsable("bind")) {
-        if (_state != State::unprepared)
-            _state = State::unbound;
+        if (_handle.state != State::unprepared)
+            _handle.state = State::unbound;
         return false;
     }
-    if (_state == State::row || _state == State::broken)
+    if (_handle.state == State::row || _handle.state == State::broken)
         return fail("bind", State::unbound, SQLITE_MISUSE,
                     "a value was bound at a row: reset the statement before");
-    _state = State::ready;
+    _handle.state = State::ready;
     forgetStale();
     return true;
 }
@@ -632,9 +301,9 @@ inline bool Statement::restart(const char* operation)
 {
     if (!isUsable(operation))
         return false;
-    if ((_state == State::row || _state == State::broken) && !end(operation))
+    if ((_handle.state == State::row || _handle.state == State::broken) && !end(operation))
         return false;
-    _state = State::ready;
+    _handle.state = State::ready;
     return true;
 }
 
@@ -656,13 +325,14 @@ inline void Statement::begin(const char* operation)
 inline bool Statement::step(const char* operation)
 {
     const int rc = sqlite3_step(_handle.statement);
-    if (_inserts && _state == State::ready) { // all rows are inserted before the first comes back
+    if (_inserts
+        && _handle.state == State::ready) { // all rows are inserted before the first comes back
         const integer key = sqlite3_last_insert_rowid(_connection);
         if (key != _keyBefore || (rc == SQLITE_ROW && _givesKeys))
             _key = key;
     }
     if (rc == SQLITE_ROW) {
-        _state = State::row;
+        _handle.state = State::row;
         return true;
     }
     if (rc != SQLITE_DONE) {
@@ -680,7 +350,7 @@ inline bool Statement::end(const char* operation)
     noteChanges();
     if (rc != SQLITE_OK)
         return failToRun(operation, rc);
-    _state = State::ended;
+    _handle.state = State::ended;
     return true;
 }
 
@@ -703,7 +373,7 @@ inline bool Statement::runToEnd(const char* operation)
     begin(operation);
     while (step(operation)) {
     }
-    return _state == State::ended;
+    return _handle.state == State::ended;
 }
 
 bool Statement::next()
@@ -713,11 +383,11 @@ bool Statement::next()
 
 inline bool Statement::nextRow()
 {
-    if (_state == State::row)
+    if (_handle.state == State::row)
         return step("next");
-    if (_state == State::broken && end("next"))
-        _state = State::failed;
-    if (_state != State::ready)
+    if (_handle.state == State::broken && end("next"))
+        _handle.state = State::failed;
+    if (_handle.state != State::ready)
         return false;
     forgetStale();
     begin("next");
@@ -726,7 +396,7 @@ inline bool Statement::nextRow()
 
 bool Statement::run()
 {
-    if (isUnbound() || !restart("run"))
+    if (_handle.state == State::unbound || !restart("run"))
         return false;
     forgetStale();
     return runToEnd("run");
@@ -744,10 +414,10 @@ bool Statement::runWith(const Argument* arguments, int count)
 struct Statement::LettingGo {
     ~LettingGo()
     {
-        if (statement._state != State::row)
+        if (statement._handle.state != State::row)
             return;
         sqlite3_reset(statement._handle.statement);
-        statement._state = State::failed;
+        statement._handle.state = State::failed;
     }
 
     Statement& statement;
@@ -757,7 +427,7 @@ Presence Statement::readOne(const Argument* arguments, int argumentCount, const 
                             int variableCount)
 {
     const bool bound = argumentCount == 0;
-    if ((bound && isUnbound()) || !restart("one"))
+    if ((bound && _handle.state == State::unbound) || !restart("one"))
         return Presence::unknown;
     const Lock lock(_connection, argumentCount + variableCount + 2);
     if (bound)
@@ -766,7 +436,7 @@ Presence Statement::readOne(const Argument* arguments, int argumentCount, const 
         return Presence::unknown;
     begin("one");
     if (!step("one"))
-        return _state == State::ended ? Presence::absent : Presence::unknown;
+        return _handle.state == State::ended ? Presence::absent : Presence::unknown;
     const LettingGo lettingGo{*this};
     return readCells("one", variables, variableCount) && end("one") ? Presence::present
                                                                     : Presence::unknown;
@@ -774,7 +444,7 @@ Presence Statement::readOne(const Argument* arguments, int argumentCount, const 
 
 bool Statement::finished() const
 {
-    return _state == State::ended && isPrepared();
+    return _handle.state == State::ended;
 }
 
 bool Statement::reset()
@@ -846,10 +516,10 @@ Column Statement::column(std::string_view name)
 // The row stays where it is until the statement goes on: other cells of it may be in use.
 Column Statement::noColumn(const string& which)
 {
-    if (_state == State::row || _state == State::broken)
+    if (_handle.state == State::row || _handle.state == State::broken)
         keepFailure("column", State::broken, SQLITE_RANGE, "there is no column " + which);
     else
-        keepFailure("column", _state == State::unbound ? State::unbound : State::failed,
+        keepFailure("column", _handle.state == State::unbound ? State::unbound : State::failed,
                     SQLITE_MISUSE, "column " + which + " was asked for outside a row");
     return Column(*this, nullptr);
 }
@@ -953,7 +623,7 @@ string Statement::columnName(int index) const
 void Statement::keepFailure(const char* operation, State state, int rc, const string& why)
 {
     const char* const sql = sqlite3_sql(_handle.statement);
-    _state = state;
+    _handle.state = state;
     reportFailure(operation, sql != nullptr ? sql : "", rc, why.c_str());
     _error = errorOf(_connection, rc, why, sql != nullptr ? sql : "");
 }

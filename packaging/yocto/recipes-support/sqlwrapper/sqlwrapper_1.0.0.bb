@@ -33,6 +33,7 @@ FILES:${PN}-trace = "${libdir}/libtrace.so"
 FILES:${PN}-framework = "${libdir}/libframework.so"
 FILES:sqlprepared = "${libdir}/libsqlprepared.so.*"
 FILES:sqlprepared-dev = "\
+    ${includedir}/sqlwrapper/SqlBinder.h \
     ${includedir}/sqlwrapper/SqlLiteral.h \
     ${includedir}/sqlwrapper/SqlResult.h \
     ${includedir}/sqlwrapper/SqlStatement.h \

@@ -1,0 +1,128 @@
+#include "SqlToken.h"
+
+#include <sqlite3.h>
+
+#include <cctype>
+
+namespace sql {
+
+namespace {
+
+bool isBlank(char byte)
+{
+    return byte == ' ' || (byte >= '\t' && byte <= '\r');
+}
+
+// Behind the comment or the quoted text that begins here, else behind this byte. SQLite takes a comment
+// that nobody ends for one up to the end.
+std::size_t behind(std::string_view sql, std::size_t at)
+{
+    const auto past = [&](std::string_view end, std::size_t from) {
+        const std::size_t found = sql.find(end, from);
+        return found != std::string_view::npos ? found + end.size() : sql.size();
+    };
+    if (sql.compare(at, 2, "--") == 0)
+        return past("\n", at);
+    if (sql.compare(at, 2, "/*") == 0)
+        return past("*/", at + 2);
+    if (sql[at] == '\'' || sql[at] == '"' || sql[at] == '`')
+        return past(sql.substr(at, 1), at + 1);
+    if (sql[at] == '[')
+        return past("]", at + 1);
+    return at + 1;
+}
+
+bool beginsWith(std::string_view sql, std::string_view keyword)
+{
+    return sqlite3_strnicmp(sql.data(), keyword.data(), static_cast<int>(keyword.size())) == 0;
+}
+
+bool mentions(std::string_view sql, std::string_view word)
+{
+    for (std::size_t at = 0; at + word.size() <= sql.size(); ++at) {
+        if (beginsWith(sql.substr(at), word))
+            return true;
+    }
+    return false;
+}
+
+bool is(std::string_view token, std::string_view keyword)
+{
+    return token.size() == keyword.size() && beginsWith(token, keyword);
+}
+
+// Takes the next word, mark or quoted name off the text.
+std::string_view takeToken(std::string_view& sql)
+{
+    sql.remove_prefix(nextStatement(sql));
+    const auto isOfWord = [](unsigned char byte) {
+        return byte == '_' || byte == '$' || byte > 127 || std::isalnum(byte) != 0;
+    };
+    std::size_t end = sql.empty() ? 0 : behind(sql, 0);
+    while (end < sql.size() && isOfWord(sql[0]) && isOfWord(sql[end]))
+        ++end;
+    while (end > 1 && end < sql.size() && sql[end] == sql[0]) // a doubled quote is one of the name
+        end = behind(sql, end);
+    const std::string_view token = sql.substr(0, end);
+    sql.remove_prefix(end);
+    return token;
+}
+
+string unquoted(std::string_view name)
+{
+    if (name.size() < 2 || behind(name, 0) == 1)
+        return string(name);
+    string bare;
+    for (std::size_t i = 1; i + 1 < name.size(); ++i) {
+        bare += name[i];
+        if (name[i] == name[0] && name[i] != '[')
+            ++i;
+    }
+    return bare;
+}
+
+} // namespace
+
+std::size_t nextStatement(std::string_view sql)
+{
+    std::size_t at = 0;
+    while (at < sql.size()
+           && (isBlank(sql[at]) || sql[at] == ';' || sql.compare(at, 2, "--") == 0
+               || sql.compare(at, 2, "/*") == 0))
+        at = behind(sql, at);
+    return at;
+}
+
+string firstStatement(std::string_view sql)
+{
+    std::size_t at = 0;
+    while (at < sql.size() && sql[at] != ';')
+        at = behind(sql, at);
+    return string(sql.substr(0, at + 1));
+}
+
+bool mayInsert(std::string_view sql)
+{
+    const std::string_view word = takeToken(sql);
+    return is(word, "insert") || is(word, "replace") || is(word, "with");
+}
+
+bool givesKeys(sqlite3* db, std::string_view sql)
+{
+    const std::string_view word = takeToken(sql);
+    if ((!is(word, "insert") && !is(word, "replace")) || mentions(sql, "conflict"))
+        return false;
+    std::string_view token;
+    while (!is(token = takeToken(sql), "into")) {
+        if (token.empty())
+            return false;
+    }
+    const string first = unquoted(takeToken(sql));
+    const bool isSchema = is(takeToken(sql), ".");
+    const string table = isSchema ? unquoted(takeToken(sql)) : first;
+    return sqlite3_table_column_metadata(db, isSchema ? first.c_str() : nullptr, table.c_str(),
+                                         "_rowid_", nullptr, nullptr, nullptr, nullptr, nullptr)
+           == SQLITE_OK;
+}
+
+} // namespace sql
