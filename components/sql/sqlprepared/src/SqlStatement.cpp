@@ -154,7 +154,7 @@ void Statement::refuse(const string& text, int rc, const char* why)
 
 void Statement::release()
 {
-    if (!isPrepared())
+    if (_handle.state == State::unprepared)
         return;
     const Handle released(std::move(_handle));
 }
