@@ -19,9 +19,9 @@ namespace sql {
 
 class Statement;
 
-/// Bytes that somebody else owns: what a block is bound from, and how one is looked at.
+/// A view of bytes that somebody else owns: what a block is bound from, and read as.
 struct Bytes {
-    const void* data = nullptr; ///< Where they are; may be null for none.
+    const void* data = nullptr; ///< Where they are; may be null if there are none.
     std::size_t size = 0;       ///< How many there are.
 };
 
@@ -33,7 +33,7 @@ struct Bytes {
 ///         return sql::Argument(percent / 100.0);
 ///     };
 ///
-/// Borrows texts and bytes.
+/// Borrows texts and bytes, which have to outlive the operation that binds it.
 class Argument {
 public:
     /// Holds NULL.
@@ -79,7 +79,7 @@ private:
     };
 };
 
-/// A cell of the row that a statement stands at; lives until the statement goes on.
+/// A cell of the row that a statement stands at. Use it until the statement goes on or is moved.
 ///
 ///     sql::Statement all(database, "select name, price from product");
 ///     while (all.next()) {
@@ -88,8 +88,8 @@ private:
 ///             std::printf("%.2f\n", price.asDouble()); // 2.50
 ///     }
 ///
-/// The getters convert as those of Value do and never fail. Views live until the statement goes on
-/// or another getter is called for the same cell.
+/// The getters convert as those of Value do, and fail only for want of memory. Views live until the
+/// statement goes on or another getter is called for the same cell.
 class Column {
 public:
     bool isNull() const;             ///< Returns whether the cell is NULL. An empty text is not.
@@ -138,11 +138,11 @@ private:
 ///         }
 ///     };
 ///
-/// argument() may borrow from the value alone. read() returns null, or a constant text that says
-/// why the cell is no such value.
+/// What argument() returns may borrow from the value, and from nothing else that ends. read()
+/// returns null, or a constant text that says why the cell is no such value.
 template <typename T, typename = void> struct Binder;
 
-/// Whether values of a type can be bound.
+/// Whether a value of a type can be bound.
 template <typename T, typename = void> inline constexpr bool is_bindable = false;
 template <typename T>
 inline constexpr bool
@@ -263,7 +263,7 @@ template <> struct Binder<std::vector<unsigned char>> {
     }
 };
 
-/// Texts of C end at their first zero byte; a null pointer is NULL.
+/// A text of C ends at its first zero byte; a null pointer is NULL.
 template <> struct Binder<const char*> {
     static Argument argument(const char* text)
     {

@@ -10,7 +10,7 @@
 
 namespace sql {
 
-/// Why an operation failed, or that none did.
+/// Why an operation failed, if it did.
 ///
 ///     sql::Statement add(database, "insert into product (id) values (?)");
 ///     if (!add.run(1) && add.error().isConstraint())
@@ -23,8 +23,8 @@ class Error {
 public:
     Error() = default; ///< No failure.
 
-    /// Makes a failure with one of SQLite's extended result codes. `offset` is the byte in
-    /// `statement` that it is about, or -1.
+    /// Holds a failure with one of SQLite's extended result codes. `offset` is the byte of
+    /// `statement` that it is about, -1 for none.
     Error(int extendedCode, string text, string statement = string(), int offset = -1);
 
     Error(const Error&) = default;            ///< Copies the failure.
@@ -39,24 +39,24 @@ public:
     int code() const;         ///< Returns SQLite's result code, 0 for no failure.
     int extendedCode() const; ///< Returns SQLite's extended result code.
 
-    /// Returns the extended code's name, a constant text such as "SQLITE_CONSTRAINT_UNIQUE", or the
-    /// code's, where the extended one has none that is known.
+    /// Returns the name of the extended code, a constant text such as "SQLITE_CONSTRAINT_UNIQUE".
+    /// Returns that of the code where the extended one is unknown.
     const char* name() const;
 
-    const string& text() const; ///< Returns the reason in words, without values of the program's.
+    const string& text() const; ///< Returns the reason in words, without bound values.
 
-    /// Returns the statement with its `?`; empty where there is none, and after a lack of memory.
+    /// Returns the statement with its `?`; empty if there is none, or memory ran out.
     const string& statement() const;
 
-    /// Returns the byte in the statement that SQLite points at, where it does.
+    /// Returns the byte of the statement that SQLite points at, nothing if it points at none.
     std::optional<int> offset() const;
 
     bool isBusy() const;       ///< Returns whether another connection, or this one, has a lock.
-    bool isConstraint() const; ///< Returns whether a constraint of the table refused a row.
-    bool isCorrupt() const;    ///< Returns whether the file is damaged, or is no database.
-    bool isFull() const;       ///< Returns whether the disk or the file's limit is reached.
+    bool isConstraint() const; ///< Returns whether a constraint, a trigger or a hook refused it.
+    bool isCorrupt() const;    ///< Returns whether the file is damaged or no database.
+    bool isFull() const;       ///< Returns whether the disk is full or the file at its limit.
     bool isIo() const;         ///< Returns whether the system could not read or write.
-    bool isMismatch() const;   ///< Returns whether a value did not fit where it should go.
+    bool isMismatch() const;   ///< Returns whether a value or a cell did not fit its place.
     bool isMisuse() const;     ///< Returns whether the program asked for what cannot be.
     bool isNoMemory() const;   ///< Returns whether memory ran out.
     bool isReadOnly() const;   ///< Returns whether the file may not be written.
@@ -70,12 +70,12 @@ private:
     string _statement;
 };
 
-/// Returns why the latest call of SQLite on this connection failed, without a report. Ask directly
-/// after an operation of sqlwrapper: there is no failure where SQLite knows of none, and where the
-/// database has no connection.
+/// Returns why the latest call of SQLite on this connection failed; reports nothing. Ask directly
+/// after an operation of sqlwrapper that failed. Holds no failure if SQLite knows of none or there
+/// is no connection, and never a statement.
 Error lastError(Database& database);
 
-/// Whether there is a row with a key: what a failure left open is not mistaken for "no".
+/// Whether there is a row with a key. A question that failed is not mistaken for "no".
 enum class Presence {
     absent,  ///< there is none
     present, ///< there is one
@@ -92,7 +92,7 @@ enum class Presence {
 ///     else if (name.failed())
 ///         std::puts(name.error().text().c_str());
 ///
-/// Owns what it holds. Ask it before taking its value: there is none otherwise.
+/// Owns what it holds. Take the value only if there is one: otherwise the behaviour is undefined.
 template <typename T> class [[nodiscard]] Result {
 public:
     Result() = default; ///< Holds nothing, which is no failure.
@@ -115,7 +115,7 @@ public:
     {
         return static_cast<bool>(_error);
     }
-    /// Returns the reason, no failure if there is none.
+    /// Returns the reason, which lives as long as the result; no failure if there is none.
     const Error& error() const
     {
         return _error;

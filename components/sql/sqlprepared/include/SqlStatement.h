@@ -12,7 +12,7 @@ struct sqlite3_stmt;
 
 namespace sql {
 
-/// One statement of SQL, compiled once: values are bound to its parameters, rows read one by one.
+/// One statement of SQL, compiled once. Values are bound to its parameters, rows read one by one.
 ///
 ///     sql::Statement cheap(
 ///         database, "select name from product where price < ?");
@@ -25,11 +25,12 @@ namespace sql {
 ///
 /// An operation that fails keeps the reason in error() and reports it once. Borrows the database,
 /// and fails once that was closed or opened anew. Declare it after the database, or release() it
-/// first: a database that is closed before leaks its connection. One thread at a time.
+/// before that closes: otherwise the connection leaks. One thread at a time.
 class Statement {
 public:
-    /// Compiles the one statement that `text` holds. If that fails, every use fails, too, without
-    /// another report.
+    /// Compiles the one statement in `text`. It may read the file's schema, and then waits for
+    /// other connections as long as the database's busy timeout. If it fails, every use fails, too,
+    /// without another report.
     Statement(Database& database, const string& text);
     Statement(Statement&& other) noexcept;            ///< Takes all; the other is released.
     Statement& operator=(Statement&& other) noexcept; ///< Releases, then takes all.
@@ -37,32 +38,35 @@ public:
     Statement& operator=(const Statement&) = delete;  ///< A statement has one owner.
     ~Statement();                                     ///< Releases the statement.
 
-    /// Lets go of the statement, and of the lock that it may hold. Every later use fails.
+    /// Lets go of the statement and of any lock that it holds. Every later use fails. If what it
+    /// wrote cannot be committed, only the log tells: reset() returns that.
     void release();
 
     bool isPrepared() const; ///< Returns whether the statement was compiled and not released.
 
-    /// Binds a copy of the value to the parameter at `position`, the first is 1. A value that
-    /// cannot be bound sticks: until reset(), or a run() with values, nothing runs.
+    /// Binds a copy of the value to the parameter at `position`, the first is 1. Fails for a value
+    /// that cannot be bound, and at a row, which ends the run. Nothing runs then until reset(), or
+    /// run() or one() with values.
     template <typename T> Statement& bind(int position, const T& value)
     {
         return bindArgument(position, argumentOf(value));
     }
 
-    /// Binds a copy of the value to the parameter of this name, which includes its `:`, `@` or `$`.
+    /// Binds likewise to the parameter of this name, which includes its `:`, `@` or `$`.
     template <typename T> Statement& bind(std::string_view name, const T& value)
     {
         return bindArgument(positionOf(name), argumentOf(value));
     }
 
-    void clearBindings(); ///< Makes all values NULL.
+    void clearBindings(); ///< Makes all values NULL; fails where bind() does.
 
-    /// Runs to the next row. Returns false at the end and after a failure, and from then on until
-    /// reset(), a new value or a run.
+    /// Runs to the next row. Returns false at the end, after run() and one(), and after a failure,
+    /// and from then on until reset() or bind().
     [[nodiscard]] bool next();
 
-    /// Runs to the next row and reads all its columns into the variables. A cell that does not fit
-    /// its variable, as NULL in one that is not optional, is a failure that names the column.
+    /// Runs to the next row and reads it into the variables, one for each column. A cell that does
+    /// not fit its variable, as NULL in one that is not optional, is a failure that names the
+    /// column. Views live until the statement goes on.
     template <typename First, typename... More> [[nodiscard]] bool next(First& first, More&... more)
     {
         const Variable variables[] = {variableOf(first), variableOf(more)...};
@@ -72,11 +76,12 @@ public:
     /// Returns whether the latest run came to its end without a failure.
     bool finished() const;
 
-    /// Runs from the start to the end, with the bound values, over any rows.
+    /// Runs from the start to the end with the bound values; skips any rows. Returns false on
+    /// failure.
     [[nodiscard]] bool run();
 
-    /// Resets, then runs from the start to the end with these values, one for each parameter. They
-    /// are not copied, and gone afterwards: the parameters are NULL.
+    /// Runs likewise with these values, one for each parameter. They are not copied: the parameters
+    /// are NULL afterwards.
     template <typename First, typename... More>
     [[nodiscard]] bool run(const First& first, const More&... more)
     {
@@ -84,8 +89,8 @@ public:
         return runWith(arguments, 1 + sizeof...(More));
     }
 
-    /// Runs as run() does, but only to the first row. Returns its value, or a std::tuple of its
-    /// values, nothing if there is no row, or the reason of a failure.
+    /// Runs as run() does, but reads only the first row, as next() would. Returns its value, or a
+    /// std::tuple of its values, nothing if there is no row, or the reason of a failure.
     template <typename First, typename... More, typename... Values>
     auto one(const Values&... values)
     {
@@ -110,34 +115,36 @@ public:
             return Result<Row>(std::move(row));
     }
 
-    /// Returns the cell at `index`, the first is 0. Outside a row, and beyond it, that is NULL, and
-    /// a failure.
+    /// Returns the cell at `index`, the first is 0. Without a row or such a column it returns NULL
+    /// and fails, after which next() is false.
     Column column(int index);
 
-    /// Returns the cell of the first column of this name. Without one, that is NULL, and a failure.
+    /// Returns likewise the cell of the first column that has this name, letter by letter.
     Column column(std::string_view name);
 
-    /// Goes back to the start: no row, no lock, no failure. Keeps the bound values. Returns false
-    /// if what the statement wrote could not be committed.
+    /// Goes back to the start: no row, no lock, no failure. Keeps the values of bind(). Returns
+    /// false if what the statement wrote cannot be committed, or the connection is gone.
     bool reset();
 
-    /// Returns how many rows the latest run that ended has changed itself, without those that
-    /// triggers and foreign keys did.
+    /// Returns how many rows the latest run has changed, 0 before its end. Leaves out what triggers
+    /// and foreign keys did.
     integer changes() const;
 
-    /// Returns the key of the row that the latest run inserted last; nothing if it inserted none,
-    /// or into a table without such a key.
+    /// Returns the integer key of the row that the latest run inserted last. Returns nothing if it
+    /// inserted none, as an upsert that updated, or if the table has no such key.
     std::optional<integer> lastKey() const;
 
-    const Error& error() const; ///< Returns why the latest run failed; no failure if it did not.
+    /// Returns why it failed last; no failure once it is reset or runs again. Lives as long as the
+    /// statement.
+    const Error& error() const;
 
-    /// Returns the text of the statement, which lives until the release.
+    /// Returns the text of the statement, which lives until the release; empty without one.
     std::string_view text() const;
 
-    /// Returns the text with the bound values in place; empty if that is too long.
+    /// Returns the text with the values of bind() in place; empty if that is too long.
     string expandedText();
 
-    bool isReadOnly() const;    ///< Returns whether the statement changes no file.
+    bool isReadOnly() const;    ///< Returns whether the statement itself writes nothing.
     int parameterCount() const; ///< Returns how many values it takes.
     int columnCount() const;    ///< Returns how many columns its rows have.
 
@@ -147,8 +154,8 @@ public:
 private:
     friend class Column; // a cell that cannot be converted is a failure of the statement's
 
-    // Broken: at a row that could not be read. Unbound: a value could not be bound. Released: or moved
-    // from.
+    // Broken: at a row that could not be read. Unbound: a value could not be bound. Released: or
+    // moved from.
     enum class State { ready, row, broken, ended, failed, unbound, released, unprepared };
 
     struct Variable {
@@ -258,8 +265,9 @@ private:
     Error _error;
 };
 
-/// Runs the statements of a script one after the other, over any rows, and returns how many. If one
-/// fails, those before it have taken effect; the error says which it was and holds its text.
+/// Runs the statements of a script one after the other, skips any rows, and returns how many
+/// statements there were. Stops at the first failure: the reason has that statement's number and
+/// text, and those before it have taken effect.
 Result<int> runScript(Database& database, const string& script);
 
 } // namespace sql

@@ -13,13 +13,13 @@ namespace sql {
 
 /// When a transaction takes its locks.
 enum TransactionMode : std::int32_t {
-    begin_deferred = 0,  ///< with its first statements; one that reads first may not come to write
-    begin_immediate = 1, ///< to write at once: what a transaction that writes wants
-    begin_exclusive = 2  ///< to keep readers out as well
+    begin_deferred = 0,  ///< with its statements; a write after a read may fail at once
+    begin_immediate = 1, ///< to write, at its beginning: the one for transactions that write
+    begin_exclusive = 2  ///< likewise, and keeps out readers without a write-ahead log
 };
 
-/// What Transaction and Savepoint have in common: it is open from its making to its commit or
-/// rollback, and what is not committed at the end of its scope is rolled back.
+/// What Transaction and Savepoint have in common. It is open from its making until it is committed
+/// or rolled back; at the end of its scope it rolls back what was not committed.
 ///
 ///     const auto end = [](sql::TransactionScope& scope, bool isGood) {
 ///         return isGood ? scope.commit() : scope.rollback();
@@ -29,21 +29,23 @@ enum TransactionMode : std::int32_t {
 ///         std::puts(transaction.error().text().c_str());
 class TransactionScope {
 public:
-    TransactionScope(const TransactionScope&) = delete;            ///< It is where it was made.
-    TransactionScope& operator=(const TransactionScope&) = delete; ///< It is where it was made.
+    TransactionScope(const TransactionScope&) = delete;            ///< It stays where it is.
+    TransactionScope& operator=(const TransactionScope&) = delete; ///< It stays where it is.
 
-    /// Returns whether it was begun, and neither committed nor rolled back since, by SQLite either.
+    /// Returns whether it was begun and nobody, SQLite included, has committed or undone it.
     bool isOpen() const;
 
-    /// Commits what was done since the beginning. If that fails, keeps the reason and reports it;
-    /// it is then still open, unless SQLite has rolled it back, so that it can be tried again.
+    /// Commits what was done since the beginning, and ends the scopes begun in it. Returns false on
+    /// failure: it is still open then, to be mended and committed again, unless SQLite has rolled
+    /// it back.
     [[nodiscard]] bool commit();
 
-    /// Undoes what was done since the beginning, if SQLite has not done so already. Returns false
-    /// if it was not open, or could not.
+    /// Undoes what was done since the beginning, unless SQLite has, and ends the scopes begun in
+    /// it. Returns false if it has ended before, or SQLite fails.
     bool rollback();
 
-    const Error& error() const; ///< Returns why the latest operation failed.
+    /// Returns why the latest operation failed; no failure if it did not. Lives as long as this.
+    const Error& error() const;
 
 protected:
     /// Begins with the statement `text`, or a savepoint for null. Waits for other connections, here
@@ -95,21 +97,21 @@ private:
 ///     if (!transaction.commit())
 ///         return 1;
 ///
-/// Nothing of a lost transaction goes on alone: while it lasts it has SQLite's commit and rollback
-/// hooks, which displaces a program's own, sees at once when SQLite rolls back by itself, and
-/// refuses every commit but its own until its scope ends. Borrows the database, as a Statement
+/// Nothing of a lost transaction goes on alone: it sees at once when SQLite rolls back by itself,
+/// and refuses every commit but its own until its scope ends. For that it takes SQLite's commit and
+/// rollback hooks; a program's own are gone, afterwards too. Borrows the database, as a Statement
 /// does. One thread at a time.
 class Transaction : public TransactionScope {
 public:
-    /// Begins a transaction. Waits for other connections, here and in commit(), as long as
-    /// `patience` says, beside the database's own timeout. If it fails it is not open, and error()
-    /// says why.
+    /// Begins a transaction. While another connection has a lock, tries again for as long as
+    /// `patience` says, here and in commit(); each try waits for the database's busy timeout. If
+    /// it fails it is not open, and error() says why.
     Transaction(Database& database, TransactionMode mode,
                 std::chrono::milliseconds patience = std::chrono::milliseconds(0));
 };
 
-/// A part of a transaction, or of another savepoint, that can be undone alone. Outside both it is a
-/// deferred transaction. What it commits is still undone by a rollback of what it is in.
+/// A part of a transaction, or of another savepoint, that can be undone alone. A rollback of what
+/// it is in undoes it too, committed or not. Outside of both it is a deferred transaction.
 ///
 ///     sql::Transaction whole(database, sql::begin_immediate);
 ///     sql::Savepoint part(database);
@@ -117,15 +119,18 @@ public:
 ///         part.rollback();
 ///     if (!whole.commit())
 ///         return 1;
+///
+/// Takes the hooks and borrows the database, as a Transaction does. One thread at a time.
 class Savepoint : public TransactionScope {
 public:
-    explicit Savepoint(Database& database); ///< Begins it. If that fails it is not open.
+    /// Begins it. If that fails it is not open, and error() says why.
+    explicit Savepoint(Database& database);
 };
 
-/// Begins an immediate transaction, runs `work`, and commits if that returns true. Waits for other
-/// connections at both ends as long as `patience` says. Returns true once it is committed, nothing
-/// if `work` returned false and all is rolled back, or the reason of a failure; runs `work` at most
-/// once.
+/// Begins an immediate transaction, runs `work` once, and commits if that returned true. Waits at
+/// both ends as a Transaction with this `patience`. Returns true once it is committed, nothing if
+/// `work` returned false and all is undone, or the reason of a failure. An exception of `work`
+/// undoes all and passes through.
 template <typename Work>
 Result<bool> inTransaction(Database& database, Work&& work,
                            std::chrono::milliseconds patience = std::chrono::milliseconds(0))
