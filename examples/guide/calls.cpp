@@ -34,7 +34,7 @@ string number(integer value)
 bool byTexts(sql::Database& database, Found& found)
 {
     sql::Table products(database.getHandle(), "product", columns);
-    if (!products.create())
+    if (!products.create() || !products.exists())
         return false;
     sql::Record tea(*products.fields());
     const string typed = "Captain's tea";
@@ -62,6 +62,8 @@ bool byTexts(sql::Database& database, Found& found)
         return false;
     found.push_back(
         number(sql::queryNumber(products.getHandle(), "select max(price) from product")));
+    if (!database.transactionBegin() || !products.truncate() || !database.transactionRollback())
+        return false;
     if (!products.deleteRecord(id) || !products.deleteRecords("price > 3"))
         return false;
     found.push_back(number(products.totalRecordCount()));
@@ -80,6 +82,7 @@ bool byStatements(sql::Database& database, Found& found)
                         "create table product"
                         " (id integer primary key, name text not null unique, price real)"))
         return false;
+    sql::Statement known(database, "select 1 from sqlite_master where name = ?");
     sql::Statement add(database, "insert into product (name, price) values (?, ?)");
     sql::Statement named(database, "select name from product where name = ? order by id");
     sql::Statement find(database, "select name, price from product where id = ?");
@@ -90,13 +93,18 @@ bool byStatements(sql::Database& database, Found& found)
     sql::Statement highest(database, "select max(price) from product");
     sql::Statement remove(database, "delete from product where id = ?");
     sql::Statement removeAll(database, "delete from product where price > ?");
+    sql::Statement clear(database, "delete from product");
     sql::Statement count(database, "select count(*) from product");
     const string typed = "Captain's tea";
     string name;
 
-    sql::Transaction transaction(database, sql::begin_immediate);
-    if (!transaction.isOpen() || !add.run(typed, 2.5) || !transaction.commit())
+    if (!known.one<int>("product"))
         return false;
+    {
+        sql::Transaction transaction(database, sql::begin_immediate);
+        if (!transaction.isOpen() || !add.run(typed, 2.5) || !transaction.commit())
+            return false;
+    }
     const integer id = add.lastKey().value_or(0);
     found.push_back(number(id));
 
@@ -112,6 +120,11 @@ bool byStatements(sql::Database& database, Found& found)
     if (!change.run(3, id) || change.changes() != 1 || !put.run(id, typed, 3))
         return false;
     found.push_back(number(highest.one<integer>().valueOr(-1)));
+    {
+        sql::Transaction transaction(database, sql::begin_immediate);
+        if (!transaction.isOpen() || !clear.run() || !transaction.rollback())
+            return false;
+    }
     if (!remove.run(id) || !removeAll.run(3))
         return false;
     found.push_back(number(count.one<integer>().valueOr(-1)));
