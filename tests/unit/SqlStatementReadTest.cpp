@@ -10,9 +10,7 @@
 
 #include <chrono>
 #include <cmath>
-#include <cstdint>
 #include <ctime>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -22,20 +20,11 @@
 
 namespace {
 
-template <typename T> using Limits = std::numeric_limits<T>;
-using Clock = std::chrono::system_clock;
-template <typename Duration> using TimePoint = std::chrono::time_point<Clock, Duration>;
 using sql::Bytes;
 using sql::Column;
 using sql::integer;
 using sql::Statement;
 using testing::ElementsAre;
-using testing::IsEmpty;
-
-enum class Int8 : std::int8_t { lowest = -128, highest = 127 };
-enum class Uint64 : std::uint64_t { highest_read = INT64_MAX };
-enum class Truth : bool { no, yes };
-enum class Letter : char { a = 'a' };
 
 const std::string is_null = "20=SQLITE_MISMATCH: column cell is NULL";
 const std::string is_no_number = "20=SQLITE_MISMATCH: column cell is no number";
@@ -74,17 +63,24 @@ protected:
         expectFailure(one.error(), "one", reason, std::string(statement.text()));
     }
 
+    // A variable from `lowest` to `highest`; those are read, and the cells beyond them are not.
+    template <typename T>
+    void expectRange(T lowest, T highest, const std::string& below, const std::string& above)
+    {
+        // SQL has no literal for the lowest of all.
+        EXPECT_EQ(read<T>(std::to_string(static_cast<integer>(lowest) + 1) + " - 1"), lowest);
+        EXPECT_EQ(read<T>(std::to_string(static_cast<integer>(highest))), highest);
+        expectUnreadable<T>(below, is_out_of_range, highest);
+        expectUnreadable<T>(above, is_out_of_range, highest);
+    }
+
     template <typename T> void expectRange(const std::string& below, const std::string& above)
     {
-        if (!below.empty())
-            expectUnreadable<T>(below, is_out_of_range);
-        expectUnreadable<T>(above, is_out_of_range);
-        EXPECT_EQ(read<T>(std::to_string(Limits<T>::max())), Limits<T>::max());
-        if (std::is_signed_v<T>) { // SQL has no literal for the lowest of all
-            EXPECT_EQ(read<T>(std::to_string(Limits<T>::min() + 1) + " - 1"), Limits<T>::min());
-        } else {
-            EXPECT_EQ(read<T>("0"), T(0));
-        }
+        expectRange(Limits<T>::min(), Limits<T>::max(), below, above);
+    }
+    template <typename Enum> void expectEnum(const std::string& below, const std::string& above)
+    {
+        expectRange(Enum::lowest, Enum::highest, below, above);
     }
 };
 
@@ -107,10 +103,7 @@ TEST_F(StatementReadTest, IntegersOfEveryWidthAndSign)
 
 TEST_F(StatementReadTest, UnsignedIntegerIsReadUpToSqlitesRange)
 {
-    EXPECT_EQ(read<unsigned long long>("9223372036854775807"), 9223372036854775807ull);
-    EXPECT_EQ(read<unsigned long long>("0"), 0ull);
-    expectUnreadable<unsigned long long>("-1", is_out_of_range);
-    expectUnreadable<unsigned long long>("9223372036854775808", is_out_of_range);
+    expectRange(0ull, 9223372036854775807ull, "-1", "9223372036854775808");
     expectUnreadable<unsigned long long>("'18446744073709551615'", is_out_of_range);
 }
 
@@ -188,16 +181,20 @@ TEST_F(StatementReadTest, TruthsAreOneAndZero)
 
 TEST_F(StatementReadTest, EnumsAreTheirNumbers)
 {
-    EXPECT_EQ(read<Int8>("-128"), Int8::lowest);
-    EXPECT_EQ(read<Int8>("127"), Int8::highest);
-    EXPECT_EQ(read<Uint64>("9223372036854775807"), Uint64::highest_read);
-    EXPECT_EQ(read<Truth>("1"), Truth::yes);
+    EXPECT_EQ(read<Plain>("1"), plain_one);
+    expectEnum<Int8>("-129", "128");
+    expectEnum<Uint8>("-1", "256");
+    expectEnum<Int16>("-32769", "32768");
+    expectEnum<Uint16>("-1", "65536");
+    expectEnum<Int32>("-2147483649", "2147483648");
+    expectEnum<Uint32>("-1", "4294967296");
+    expectEnum<Int64>("-9223372036854777856.0", "9223372036854775808");
+    expectEnum<Uint64>("-1", "9223372036854775808");
+    expectEnum<Truth>("-1", "2");
+    expectEnum<WideLetter>("-1", "4294967296");
+    expectRange(Letter(Limits<char>::min()), Letter(Limits<char>::max()),
+                std::to_string(Limits<char>::min() - 1), std::to_string(Limits<char>::max() + 1));
     EXPECT_EQ(read<Letter>("97"), Letter::a);
-    expectUnreadable<Int8>("128", is_out_of_range);
-    expectUnreadable<Int8>("-129", is_out_of_range);
-    expectUnreadable<Uint64>("-1", is_out_of_range);
-    expectUnreadable<Truth>("2", is_out_of_range);
-    expectUnreadable<Letter>("256", is_out_of_range);
     expectUnreadable<Letter>("'a'", is_no_number);
 }
 

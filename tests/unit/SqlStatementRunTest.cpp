@@ -6,8 +6,6 @@
 #include "Environment.h"
 #include "StatementTest.h"
 
-#include <gmock/gmock.h>
-
 #include <optional>
 #include <string>
 #include <tuple>
@@ -21,10 +19,24 @@ using sql::integer;
 using sql::Result;
 using sql::runScript;
 using sql::Statement;
-using testing::ElementsAre;
 using testing::Values;
 using testing::ValuesIn;
 using testing::WithParamInterface;
+
+struct Thrown {};
+
+} // namespace
+
+#ifdef __cpp_exceptions
+template <> struct sql::Binder<Thrown> {
+    static const char* read(const sql::Column&, Thrown& thrown)
+    {
+        throw thrown;
+    }
+};
+#endif
+
+namespace {
 
 const std::string taken = "1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: t.id";
 
@@ -172,6 +184,21 @@ TEST_F(StatementRunTest, InterruptedStatementIsStopped)
     EXPECT_TRUE(endless.error().isStopped());
 }
 
+TEST_F(StatementRunTest, LackOfMemoryIsKeptWithoutTheStatement)
+{
+    const auto exhaust = [](sqlite3_context* context, int, sqlite3_value**) {
+        sqlite3_result_error_nomem(context);
+    };
+    sqlite3_create_function(_database.getHandle(), "exhaust", 0, SQLITE_UTF8, nullptr, exhaust,
+                            nullptr, nullptr);
+    Statement statement(_database, "select exhaust()");
+    EXPECT_FALSE(statement.run());
+    const std::string reason = "7=SQLITE_NOMEM: out of memory";
+    expectReport(report::statementFailed("run", "select exhaust()", reason));
+    expectError(statement.error(), reason, "");
+    EXPECT_TRUE(statement.error().isNoMemory());
+}
+
 // --- The first row alone
 
 TEST_F(StatementRunTest, OneIsTheValueOfTheFirstRow)
@@ -252,59 +279,55 @@ protected:
     const std::string _reason = "787=SQLITE_CONSTRAINT_FOREIGNKEY: FOREIGN KEY constraint failed";
 };
 
-TEST_F(LateFailureTest, OneFailsWhenItsRowCannotBeCommitted)
+TEST_F(LateFailureTest, WhateverEndsTheRowFails)
+{
+    const auto expectFails = [this](const char* operation, bool (*ends)(Statement&)) {
+        Statement insert(_database, _text);
+        ASSERT_TRUE(insert.next());
+        EXPECT_FALSE(ends(insert));
+        expectFailure(insert, operation, _reason);
+        EXPECT_FALSE(insert.finished());
+        EXPECT_FALSE(insert.next());
+        EXPECT_EQ(insert.changes(), 0);
+        EXPECT_EQ(insert.lastKey(), std::nullopt);
+        EXPECT_EQ(rows("select count(*) from child"), "0");
+        EXPECT_TRUE(insert.reset());
+        EXPECT_FALSE(insert.error());
+    };
+    expectFails("next", [](Statement& insert) { return insert.next(); });
+    expectFails("reset", [](Statement& insert) { return insert.reset(); });
+    expectFails("run", [](Statement& insert) { return insert.run(); });
+    expectFails("one", [](Statement& insert) { return bool(insert.one<int>()); });
+}
+
+TEST_F(LateFailureTest, OneFailsWhenItsOwnRowCannotBeCommitted)
 {
     Statement insert(_database, _text);
     const Result<int> id = insert.one<int>();
     EXPECT_TRUE(id.failed());
     expectFailure(id.error(), "one", _reason, _text);
     EXPECT_FALSE(insert.finished());
-    EXPECT_EQ(insert.lastKey(), std::nullopt);
     EXPECT_EQ(insert.changes(), 0);
+    EXPECT_EQ(insert.lastKey(), std::nullopt);
     EXPECT_EQ(rows("select count(*) from child"), "0");
-}
-
-TEST_F(LateFailureTest, ResetFailsWhenItsRowCannotBeCommitted)
-{
-    Statement insert(_database, _text);
-    ASSERT_TRUE(insert.next());
-    EXPECT_FALSE(insert.reset());
-    expectFailure(insert, "reset", _reason);
-    EXPECT_EQ(rows("select count(*) from child"), "0");
-    EXPECT_TRUE(insert.reset());
-    EXPECT_FALSE(insert.error());
-}
-
-TEST_F(LateFailureTest, AnotherRunFailsWhenTheRowOfTheFormerCannotBeCommitted)
-{
-    Statement insert(_database, _text);
-    ASSERT_TRUE(insert.next());
-    EXPECT_FALSE(insert.run());
-    expectFailure(insert, "run", _reason);
-    EXPECT_EQ(rows("select count(*) from child"), "0");
-}
-
-TEST_F(LateFailureTest, NextFailsWhenItsRowsCannotBeCommitted)
-{
-    Statement insert(_database, _text);
-    ASSERT_TRUE(insert.next());
-    EXPECT_FALSE(insert.next());
-    expectFailure(insert, "next", _reason);
-    EXPECT_FALSE(insert.finished());
-    EXPECT_FALSE(insert.next());
 }
 
 TEST_F(LateFailureTest, ReleaseReportsARowThatCannotBeCommitted)
 {
+    const test::Texts released = report::statementFailed("release", _text, _reason);
     {
         Statement insert(_database, _text);
         ASSERT_TRUE(insert.next());
     }
-    expectReport(report::statementFailed("release", _text, _reason));
+    expectReport(released);
     Statement insert(_database, _text);
     ASSERT_TRUE(insert.next());
     insert.release();
-    expectReport(report::statementFailed("release", _text, _reason));
+    expectReport(released);
+    insert = Statement(_database, _text);
+    ASSERT_TRUE(insert.next());
+    insert = Statement(_database, "select 1");
+    expectReport(released);
     EXPECT_EQ(rows("select count(*) from child"), "0");
 }
 
@@ -508,6 +531,17 @@ const Key last_keys[] = {
      std::nullopt},
     {"WithoutRowid", "create table u (id integer primary key, name) without rowid",
      "insert into u values (5, 'x')", std::nullopt},
+    {"WithoutRowidReturned", "create table u (id integer primary key, name) without rowid",
+     "insert into u values (5, 'x') returning id", std::nullopt},
+    {"WithoutRowidButRowid", "create table u (rowid integer primary key) without rowid",
+     "insert into u values (5)", std::nullopt},
+    {"WithoutRowidButOid", "create table u (oid integer primary key) without rowid",
+     "insert into u values (5)", std::nullopt},
+    {"WithoutRowidButRowidWithUnderlines",
+     "create table u (_rowid_ integer primary key) without rowid", "insert into u values (5)",
+     std::nullopt},
+    {"ColumnsOfTheKeysNames", "create table u (rowid, oid, _rowid_, id integer primary key)",
+     "insert into u values ('x', 'y', 'z', 5)", 5},
     {"TextKey", "create table u (id text primary key)", "insert into u values ('x')", 1},
     {"Update", "", "update t set id = 9 where id = 5", std::nullopt},
     {"Delete", "", "delete from t", std::nullopt},
@@ -748,6 +782,18 @@ TEST_F(LockTest, FailureKeepsNone)
     expectFailure(insert, "run", taken);
     EXPECT_TRUE(othersWrite());
 }
+
+#ifdef __cpp_exceptions
+TEST_F(LockTest, ExceptionOfABinderKeepsNone)
+{
+    Statement statement(_database, "select id from t");
+    EXPECT_THROW(static_cast<void>(statement.one<Thrown>()), Thrown);
+    EXPECT_TRUE(othersWrite());
+    EXPECT_FALSE(statement.next());
+    EXPECT_FALSE(statement.finished());
+    EXPECT_EQ(statement.one<int>().valueOr(0), 1);
+}
+#endif
 
 TEST_F(LockTest, ScriptKeepsNone)
 {

@@ -3,8 +3,6 @@
 #include "Environment.h"
 #include "StatementTest.h"
 
-#include <gmock/gmock.h>
-
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,7 +13,6 @@
 namespace {
 
 using sql::Statement;
-using testing::ElementsAre;
 
 static_assert(!std::is_polymorphic_v<Statement>);
 static_assert(!std::is_copy_constructible_v<Statement> && !std::is_copy_assignable_v<Statement>);
@@ -24,43 +21,87 @@ static_assert(std::is_nothrow_move_assignable_v<Statement>);
 
 const std::string gone = "21=SQLITE_MISUSE: the statement was released or moved from";
 const std::string closed = "21=SQLITE_MISUSE: the database was closed or opened anew";
+const std::string no_syntax = "1=SQLITE_ERROR: near \"selec\": syntax error";
 
-// Every operation once, and what each of them gives; all of them fail.
-std::string everyOperation(Statement& statement)
-{
-    int number = 0;
-    std::string failed;
-    const auto add = [&](const char* operation, bool isTrue) {
-        if (isTrue)
-            failed += std::string(failed.empty() ? "" : " ") + operation;
-    };
-    add("next", statement.next());
-    add("next into", statement.next(number));
-    add("run", statement.run());
-    add("run with", statement.run(7));
-    add("one", !statement.one<int>().failed());
-    add("one with", !statement.one<int>(7).failed());
-    add("column", !statement.column(0).isNull());
-    add("column by name", !statement.column("id").isNull());
-    add("bind", !statement.bind(1, 7).error());
-    add("bind by name", !statement.bind(":id", 7).error());
-    statement.clearBindings();
-    add("reset", statement.reset());
-    add("finished", statement.finished());
-    return failed;
-}
+// Statements that cannot be used any more, or never could.
+class UnusableTest : public StatementTest {
+protected:
+    // Every use fails for this reason, and reports so.
+    void expectUnusable(Statement& statement, const std::string& reason)
+    {
+        useInEveryWay(statement, [&](const char* operation) {
+            expectFailure(statement, operation, reason);
+            EXPECT_FALSE(statement.finished());
+        });
+        statement.bind(1, 7);
+        expectFailure(statement, "bind", reason);
+        statement.bind(":id", 7).clearBindings();
+        EXPECT_FALSE(statement.run());
+        EXPECT_TRUE(statement.one<int>().failed());
+        expectReport({}); // it sticks
+    }
 
-// What is known of one that was not compiled, or not any more.
-std::string everyFact(Statement& statement)
-{
-    return std::string(statement.isPrepared() ? "prepared " : "") + std::string(statement.text())
-           + "|" + statement.expandedText() + "|" + (statement.isReadOnly() ? "reads" : "writes")
-           + "|" + std::to_string(statement.parameterCount()) + "|"
-           + std::to_string(statement.columnCount()) + "|" + statement.columnName(0) + "|"
-           + statement.columnName(-1) + "|" + std::to_string(statement.changes()) + "|"
-           + (statement.lastKey() ? "key" : "");
-}
-const std::string nothing_known = "||reads|0|0|||0|";
+    void expectGone(Statement& statement)
+    {
+        expectNothingKnown(statement);
+        expectUnusable(statement, gone);
+        statement.release();
+        expectReport({});
+        EXPECT_FALSE(statement.run());
+        expectFailure(statement, "run", gone); // nothing sticks any more
+        expectNothingKnown(statement);
+    }
+
+    // It was refused for this reason, which was reported, and is not again.
+    void expectUncompiled(Statement& statement, const std::string& reason, const std::string& text)
+    {
+        expectNothingKnown(statement);
+        useInEveryWay(statement, [](const char*) {});
+        statement.release();
+        EXPECT_FALSE(statement.finished() || statement.run());
+        EXPECT_EQ(statement.changes(), 0);
+        EXPECT_EQ(statement.lastKey(), std::nullopt);
+        expectReport({});
+        expectError(statement.error(), reason, text);
+    }
+
+private:
+    // A value that could not be bound sticks but for what comes next here.
+    template <typename Look> static void useInEveryWay(Statement& statement, Look look)
+    {
+        int number = 0;
+        const auto expectFailed = [&](const char* operation, bool failed) {
+            EXPECT_TRUE(failed) << operation;
+            look(operation);
+        };
+        expectFailed("next", !statement.next());
+        expectFailed("bind", bool(statement.bind(1, 7).error()));
+        expectFailed("next", !statement.next(number));
+        expectFailed("bind", bool(statement.bind(":id", 7).error()));
+        expectFailed("run", !statement.run(7));
+        statement.clearBindings();
+        expectFailed("bind", bool(statement.error()));
+        expectFailed("one", statement.one<int>(7).failed());
+        expectFailed("one", statement.one<int>().failed());
+        expectFailed("run", !statement.run());
+        expectFailed("column", statement.column(0).isNull());
+        expectFailed("column", statement.column("id").isNull());
+        expectFailed("reset", !statement.reset());
+    }
+
+    static void expectNothingKnown(Statement& statement)
+    {
+        EXPECT_FALSE(statement.isPrepared());
+        EXPECT_FALSE(statement.finished());
+        EXPECT_EQ(statement.text(), "");
+        EXPECT_EQ(statement.expandedText(), "");
+        EXPECT_TRUE(statement.isReadOnly());
+        EXPECT_EQ(statement.parameterCount(), 0);
+        EXPECT_EQ(statement.columnCount(), 0);
+        EXPECT_EQ(statement.columnName(0), "");
+        EXPECT_EQ(statement.columnName(-1), "");
+    }
+};
 
 // --- What a text may hold
 
@@ -174,42 +215,35 @@ TEST_F(StatementTest, TextThatSqliteRefusesFailsWithItsReason)
                   std::nullopt);
 }
 
-TEST_F(StatementTest, UncompiledStatementFailsInAllItDoesWithoutAnotherReport)
+TEST_F(UnusableTest, UncompiledStatementFailsInAllItDoesWithoutAnotherReport)
 {
     Statement statement(_database, "selec 1");
-    const std::string reason = "1=SQLITE_ERROR: near \"selec\": syntax error";
-    expectFailure(statement.error(), "Statement", reason, "selec 1");
-    EXPECT_EQ(everyOperation(statement), "");
-    EXPECT_EQ(everyFact(statement), nothing_known);
-    expectError(statement.error(), reason, "selec 1");
-    statement.release();
-    EXPECT_EQ(everyOperation(statement), "");
-    expectReport({});
-    EXPECT_TRUE(statement.one<int>().error().offset());
+    expectFailure(statement.error(), "Statement", no_syntax, "selec 1");
+    expectUncompiled(statement, no_syntax, "selec 1");
+    EXPECT_EQ(statement.one<int>().error().offset(), 0);
 }
 
 // --- The database behind it
 
-TEST_F(StatementTest, DatabaseThatWasNeverOpenedIsAFailure)
+TEST_F(UnusableTest, DatabaseThatWasNeverOpenedIsAFailure)
 {
+    const std::string reason = "21=SQLITE_MISUSE: the database is not open";
     sql::Database database;
     Statement statement(database, "select 1");
-    expectFailure(statement.error(), "Statement", "21=SQLITE_MISUSE: the database is not open",
-                  "select 1");
-    EXPECT_EQ(everyOperation(statement), "");
+    expectFailure(statement.error(), "Statement", reason, "select 1");
+    expectUncompiled(statement, reason, "select 1");
     EXPECT_TRUE(database.open(":memory:", sql::Database::access_create, false, 0));
-    EXPECT_EQ(everyOperation(statement), "") << "it was not compiled";
-    EXPECT_EQ(everyFact(statement), nothing_known);
+    expectUncompiled(statement, reason, "select 1");
 }
 
-class ClosedDatabaseTest : public StatementTest {
+class ClosedDatabaseTest : public UnusableTest {
 protected:
     // Closes the connection while the statement lives, which leaks it.
     void close()
     {
         _leaked = _database.getHandle();
         _database.close();
-        _diagnostics.clear(); // which it reports
+        expectReport({test::report::asserted("void sql::Database::close()", "rc == SQLITE_OK")});
     }
 
     // Its statements are gone by then.
@@ -219,69 +253,20 @@ protected:
         EXPECT_EQ(test::closeConnection(_leaked), SQLITE_OK);
     }
 
-    void expectEachFails(Statement& statement, const std::string& operation,
-                         const std::string& reason)
-    {
-        expectFailure(statement, operation, reason);
-        EXPECT_FALSE(statement.finished());
-    }
-
     sqlite3* _leaked = nullptr;
 };
 
-TEST_F(ClosedDatabaseTest, EveryUseAfterwardsIsAFailure)
+TEST_F(ClosedDatabaseTest, EveryUseIsAFailureAlsoOnceItIsOpenedAnew)
 {
-    for (const bool again : {false, true}) {
-        Statement statement(_database, "select ? as id");
-        statement.bind(1, 7);
-        ASSERT_TRUE(statement.next());
-        if (_leaked == nullptr)
-            close();
-        else
-            break;
-        if (again)
-            ADD_FAILURE();
-        int number = 0;
-        EXPECT_FALSE(statement.next());
-        expectEachFails(statement, "next", closed);
-        EXPECT_FALSE(statement.next(number));
-        expectEachFails(statement, "next", closed);
-        EXPECT_FALSE(statement.run());
-        expectEachFails(statement, "run", closed);
-        EXPECT_FALSE(statement.run(7));
-        expectEachFails(statement, "run", closed);
-        EXPECT_TRUE(statement.one<int>().failed());
-        expectEachFails(statement, "one", closed);
-        EXPECT_TRUE(statement.one<int>(7).failed());
-        expectEachFails(statement, "one", closed);
-        EXPECT_TRUE(statement.column(0).isNull());
-        expectEachFails(statement, "column", closed);
-        EXPECT_TRUE(statement.column("id").isNull());
-        expectEachFails(statement, "column", closed);
-        EXPECT_FALSE(statement.reset());
-        expectEachFails(statement, "reset", closed);
-        statement.bind(1, 7);
-        expectEachFails(statement, "bind", closed);
-        statement.bind(":id", 7); // sticks
-        statement.clearBindings();
-        expectReport({});
-        ASSERT_TRUE(_database.open(":memory:", sql::Database::access_create, false, 0));
-        EXPECT_FALSE(statement.run(7));
-        expectEachFails(statement, "run", closed);
-        break;
-    }
-}
-
-TEST_F(ClosedDatabaseTest, OpenedAnewItIsAnotherDatabase)
-{
-    Statement statement(_database, "select 1");
+    Statement statement(_database, "select ? as id");
+    statement.bind(1, 7);
+    ASSERT_TRUE(statement.next());
     close();
+    expectUnusable(statement, closed);
     ASSERT_TRUE(_database.open(":memory:", sql::Database::access_create, false, 0));
-    EXPECT_FALSE(statement.next());
-    expectEachFails(statement, "next", closed);
+    expectUnusable(statement, closed);
     statement = Statement(_database, "select 2");
     EXPECT_EQ(statement.one<int>().valueOr(0), 2);
-    statement.release();
 }
 
 TEST_F(ClosedDatabaseTest, LocksAreGoneWithTheStatement)
@@ -293,7 +278,7 @@ TEST_F(ClosedDatabaseTest, LocksAreGoneWithTheStatement)
     ASSERT_TRUE(statement->next());
     close();
     EXPECT_FALSE(statement->next());
-    expectEachFails(*statement, "next", closed);
+    expectFailure(*statement, "next", closed);
     test::Connection(directory.file("a.db")).run("insert into t values (3)");
     statement.reset();
 }
@@ -323,111 +308,73 @@ TEST_F(StatementTest, ReleasedStatementLetsTheDatabaseClose)
 
 // --- Release and moves
 
-class GoneStatementTest : public StatementTest {
+class GoneStatementTest : public UnusableTest {
 protected:
     GoneStatementTest()
     {
         run("create table t (id integer primary key, name text unique)");
     }
 
-    void expectGone(Statement& statement)
+    // One at each place where a statement can stand.
+    std::vector<Statement> everywhere()
     {
-        EXPECT_FALSE(statement.isPrepared());
-        EXPECT_FALSE(statement.finished());
-        EXPECT_EQ(statement.text(), "");
-        EXPECT_EQ(statement.expandedText(), "");
-        EXPECT_TRUE(statement.isReadOnly());
-        EXPECT_EQ(statement.parameterCount(), 0);
-        EXPECT_EQ(statement.columnCount(), 0);
-        EXPECT_EQ(statement.columnName(0), "");
-        int number = 0;
-        EXPECT_FALSE(statement.next());
-        expectFailure(statement, "next", gone);
-        EXPECT_FALSE(statement.next(number));
-        expectFailure(statement, "next", gone);
-        EXPECT_FALSE(statement.run());
-        expectFailure(statement, "run", gone);
-        EXPECT_FALSE(statement.run(7));
-        expectFailure(statement, "run", gone);
-        EXPECT_TRUE(statement.one<int>().failed());
-        expectFailure(statement, "one", gone);
-        EXPECT_TRUE(statement.one<int>(7).failed());
-        expectFailure(statement, "one", gone);
-        EXPECT_TRUE(statement.column(0).isNull());
-        expectFailure(statement, "column", gone);
-        EXPECT_TRUE(statement.column("id").isNull());
-        expectFailure(statement, "column", gone);
-        EXPECT_FALSE(statement.reset());
-        expectFailure(statement, "reset", gone);
-        statement.bind(1, 7);
-        expectFailure(statement, "bind", gone);
-        statement.bind(":id", 7).bind(2, 8); // sticks
-        statement.clearBindings();
-        EXPECT_FALSE(statement.run());
-        expectReport({});
-        EXPECT_FALSE(statement.finished());
-        statement.release();
-        expectReport({});
+        std::vector<Statement> all;
+        const auto add = [&](const char* text) -> Statement& {
+            return all.emplace_back(_database, text);
+        };
+        add("select 1 as id");
+        EXPECT_TRUE(add("select 1 as id").run());
+        EXPECT_TRUE(add("values (1), (2)").next());
+        Statement& broken = add("values (1), (2)");
+        EXPECT_TRUE(broken.next() && broken.column(7).isNull());
+        EXPECT_TRUE(add("insert into t values (?, ?)").run(1, "tea"));
+        EXPECT_FALSE(add("insert into t values (?, ?)").run(1, "tea"));
+        add("select ?").bind(2, 7);
+        add("select 1").release();
+        _diagnostics.clear();
+        return all;
     }
 };
 
 TEST_F(GoneStatementTest, ReleasedWhereverItStands)
 {
-    Statement fresh(_database, "select 1");
-    fresh.release();
-    expectGone(fresh);
-
-    Statement ended(_database, "select 1");
-    EXPECT_TRUE(ended.run());
-    ended.release();
-    expectGone(ended);
-
-    Statement atRow(_database, "values (1), (2)");
-    EXPECT_TRUE(atRow.next());
-    atRow.release();
-    expectGone(atRow);
-
-    Statement bound(_database, "insert into t values (?, ?)");
-    EXPECT_TRUE(bound.run(1, "tea"));
-    bound.release();
-    expectGone(bound);
-
-    Statement failed(_database, "insert into t values (?, ?)");
-    EXPECT_FALSE(failed.run(1, "tea"));
-    _diagnostics.clear();
-    failed.release();
-    expectGone(failed);
+    for (Statement& statement : everywhere()) {
+        statement.release();
+        expectGone(statement);
+    }
 }
 
 TEST_F(GoneStatementTest, MovedFromWhereverItStands)
 {
-    Statement fresh(_database, "select 1");
-    Statement newOwner(std::move(fresh));
-    expectGone(fresh);
+    for (Statement& statement : everywhere()) {
+        Statement owner(std::move(statement));
+        EXPECT_FALSE(statement.error());
+        expectGone(statement);
+        statement = std::move(owner);
+        EXPECT_FALSE(owner.error());
+        expectGone(owner);
+    }
+}
 
-    Statement ended(_database, "select 2");
-    EXPECT_TRUE(ended.run());
-    newOwner = std::move(ended);
-    expectGone(ended);
-    EXPECT_TRUE(newOwner.finished());
+TEST_F(GoneStatementTest, OneThatWasNotCompiledStaysSoWhereverItGoes)
+{
+    Statement statement(_database, "selec 1");
+    expectFailure(statement.error(), "Statement", no_syntax, "selec 1");
+    Statement owner(std::move(statement));
+    expectGone(statement);
+    statement = std::move(owner);
+    expectGone(owner);
+    expectUncompiled(statement, no_syntax, "selec 1");
+}
 
-    Statement atRow(_database, "values (1), (2)");
-    EXPECT_TRUE(atRow.next());
-    newOwner = std::move(atRow);
-    expectGone(atRow);
-
-    Statement bound(_database, "insert into t values (?, ?)");
-    EXPECT_TRUE(bound.run(1, "tea"));
-    newOwner = std::move(bound);
-    expectGone(bound);
-
-    Statement unfit(_database, "select ?");
-    unfit.bind(2, 7);
-    _diagnostics.clear();
-    newOwner = std::move(unfit);
-    EXPECT_FALSE(unfit.isPrepared());
-    EXPECT_FALSE(unfit.run(7));
-    expectFailure(unfit, "run", gone);
+TEST_F(GoneStatementTest, WhatTheLatestRunHasDoneIsKnownAfterTheRelease)
+{
+    Statement insert(_database, "insert into t values (?, ?)");
+    EXPECT_TRUE(insert.run(7, "tea"));
+    insert.release();
+    EXPECT_EQ(insert.changes(), 1);
+    EXPECT_EQ(insert.lastKey(), 7);
+    EXPECT_FALSE(insert.error());
 }
 
 TEST_F(GoneStatementTest, MoveTakesEverything)
@@ -495,15 +442,36 @@ TEST_F(GoneStatementTest, AssignmentReleasesWhatWasThere)
 
 TEST_F(GoneStatementTest, OneThatTakesItselfStaysAsItIs)
 {
-    Statement statement(_database, "values (1), (2)");
-    Statement& same = statement;
+    const auto takeItself = [](Statement& statement) {
+        Statement& same = statement;
+        statement = std::move(same);
+    };
+    Statement statement(_database, "values (1, ?), (2, ?)");
+    statement.bind(1, "tea").bind(2, "rum");
     ASSERT_TRUE(statement.next());
-    statement = std::move(same);
-    EXPECT_EQ(statement.column(0).asInteger(), 1);
+    EXPECT_EQ(statement.column("column2").asText(), "tea");
+    takeItself(statement);
+    EXPECT_EQ(statement.column("column2").asText(), "tea");
     EXPECT_TRUE(statement.next());
-    EXPECT_EQ(statement.text(), "values (1), (2)");
+    EXPECT_EQ(statement.column("column2").asText(), "rum");
+    EXPECT_EQ(statement.expandedText(), "values (1, 'tea'), (2, 'rum')");
     EXPECT_FALSE(statement.next());
+    takeItself(statement);
     EXPECT_TRUE(statement.finished());
+
+    EXPECT_FALSE(statement.run(7));
+    const std::string reason = "25=SQLITE_RANGE: there are 1 values for 2 parameters";
+    expectFailure(statement, "run", reason);
+    takeItself(statement);
+    expectError(statement.error(), reason, "values (1, ?), (2, ?)");
+
+    statement.release();
+    takeItself(statement);
+    expectGone(statement);
+    Statement uncompiled(_database, "selec 1");
+    expectFailure(uncompiled.error(), "Statement", no_syntax, "selec 1");
+    takeItself(uncompiled);
+    expectUncompiled(uncompiled, no_syntax, "selec 1");
 }
 
 TEST_F(GoneStatementTest, StatementsLiveInContainers)

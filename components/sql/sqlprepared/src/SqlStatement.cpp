@@ -524,11 +524,12 @@ Column Statement::noColumn(const string& which)
     return Column(*this, nullptr);
 }
 
-// In most programs names are asked for in the order of the columns.
+// In most programs names are asked for in the order of the columns. A statement that was assigned to
+// itself has lost them.
 int Statement::indexOf(std::string_view name)
 {
     const int count = sqlite3_data_count(_handle.statement);
-    if (count > 0 && !_namesKnown && !learnNames(count))
+    if (count > 0 && (!_namesKnown || _names.empty()) && !learnNames(count))
         return -1;
     int index = _namesDistinct ? _latestIndex : -1;
     for (int i = 0; i < count; ++i) {

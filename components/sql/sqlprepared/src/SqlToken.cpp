@@ -120,9 +120,15 @@ bool givesKeys(sqlite3* db, std::string_view sql)
     const string first = unquoted(takeToken(sql));
     const bool isSchema = is(takeToken(sql), ".");
     const string table = isSchema ? unquoted(takeToken(sql)) : first;
-    return sqlite3_table_column_metadata(db, isSchema ? first.c_str() : nullptr, table.c_str(),
-                                         "_rowid_", nullptr, nullptr, nullptr, nullptr, nullptr)
-           == SQLITE_OK;
+    const char* const schema = isSchema ? first.c_str() : nullptr;
+    // A table whose rows have no keys may have columns of these names, but hardly of all of them.
+    for (const char* const key : {"rowid", "oid", "_rowid_"}) {
+        if (sqlite3_table_column_metadata(db, schema, table.c_str(), key, nullptr, nullptr, nullptr,
+                                          nullptr, nullptr)
+            != SQLITE_OK)
+            return false;
+    }
+    return true;
 }
 
 } // namespace sql
