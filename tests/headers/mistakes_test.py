@@ -11,6 +11,7 @@ import unittest
 COMPILER = os.environ["COMPILER"].split(";")
 
 PROGRAM = """
+#include "SqlLiteral.h"
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
 
@@ -121,7 +122,9 @@ class MistakesTest(unittest.TestCase):
             "statement.one<int>()", 'sql::runScript(database, "")',
             "sql::Transaction t(database, sql::begin_immediate); t.commit()",
             "sql::Savepoint s(database); s.commit()",
-            "sql::inTransaction(database, [] { return true; })"))
+            "sql::inTransaction(database, [] { return true; })",
+            'sql::Time time; sql::fromIso8601("", time)',
+            'std::chrono::system_clock::time_point time; sql::fromIso8601("", time)'))
         self.assert_compiles((
             "return statement.run()", "statement.reset()", "statement.bind(1, 7)",
             "sql::Savepoint s(database); s.rollback()"))

@@ -27,8 +27,6 @@ namespace report = test::report;
 
 using sql::Error;
 using sql::Result;
-using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 static_assert(!std::is_polymorphic_v<Error>);

@@ -10,7 +10,6 @@
 #include "Reports.h"
 #include "Sqlite.h"
 
-#include <gmock/gmock.h>
 #include <sqlite3.h>
 
 #include <atomic>
@@ -122,6 +121,14 @@ protected:
                        report::refused(statement, "19=SQLITE_CONSTRAINT: constraint failed")});
     }
 
+    // The same of a commit in a transaction that has lasted until then.
+    Texts refusedAndLost() const
+    {
+        return joined(
+            {refusedCommit(), lost(),
+             report::refused("COMMIT TRANSACTION", "19=SQLITE_CONSTRAINT: constraint failed")});
+    }
+
     // What is committed.
     std::string there()
     {
@@ -187,10 +194,12 @@ private:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Journals, TransactionTest, Values("delete", "wal"),
-                         [](const testing::TestParamInfo<const char*>& chosen) {
-                             return std::string(chosen.param);
-                         });
+std::string nameOfJournal(const testing::TestParamInfo<const char*>& chosen)
+{
+    return chosen.param;
+}
+
+INSTANTIATE_TEST_SUITE_P(Journals, TransactionTest, Values("delete", "wal"), nameOfJournal);
 
 // --- Begin
 
@@ -344,6 +353,29 @@ TEST_P(TransactionTest, UseAfterTheEndIsAFailure)
     expectFree();
 }
 
+TEST_P(TransactionTest, HooksOfTheProgramAreDisplaced)
+{
+    const auto count = [](void* calls) {
+        ++*static_cast<int*>(calls);
+        return 0;
+    };
+    const auto countRollback = [](void* calls) {
+        ++*static_cast<int*>(calls);
+    };
+    int calls = 0;
+    sqlite3_commit_hook(_database.getHandle(), count, &calls);
+    sqlite3_rollback_hook(_database.getHandle(), countRollback, &calls);
+    EXPECT_TRUE(add(1));
+    EXPECT_EQ(calls, 1);
+    for (const bool commits : {true, false}) {
+        Transaction transaction(_database, sql::begin_immediate);
+        EXPECT_TRUE(add(2 + commits));
+        EXPECT_TRUE(commits ? transaction.commit() : transaction.rollback());
+    }
+    expectFree();
+    EXPECT_EQ(calls, 1);
+}
+
 TEST_P(TransactionTest, ReportsItsStatementsWhereTheyAreAskedFor)
 {
     _diagnostics.setLevel(9);
@@ -360,88 +392,80 @@ TEST_P(TransactionTest, ReportsItsStatementsWhereTheyAreAskedFor)
 
 // --- Savepoints
 
-// Three within each other, which add two rows each but for the innermost; returns those that are left.
-std::string addThreeDeep(const std::function<bool(sql::integer)>& add, sql::Database& database,
-                         const std::string& fates)
-{
-    const auto end = [](Savepoint& savepoint, char fate) {
-        EXPECT_TRUE(fate == 'e' || (fate == 'c' ? savepoint.commit() : savepoint.rollback()));
-    };
-    Savepoint first(database);
-    EXPECT_TRUE(first.isOpen() && add(1));
-    {
-        Savepoint second(database);
-        EXPECT_TRUE(second.isOpen() && add(2));
-        {
-            Savepoint third(database);
-            EXPECT_TRUE(third.isOpen() && add(3));
-            end(third, fates[2]);
-            EXPECT_TRUE(second.isOpen());
-        }
-        EXPECT_TRUE(add(4));
-        end(second, fates[1]);
-    }
-    EXPECT_TRUE(first.isOpen() && add(5));
-    end(first, fates[0]);
-    std::string left;
-    sql::Statement rows(database, "select id from product order by id");
-    for (std::string id; rows.next(id);)
-        left += id;
-    return left;
-}
-
 struct Fates : test::Case {
     const char* left;
 };
 
 const Fates fates[] = {
     // c: committed, r: rolled back, e: at the end of its scope; the outer one first
-    {"ccc", "12345"}, {"ccr", "1245"}, {"cce", "1245"}, {"crc", "15"},
-    {"cec", "15"},    {"rcc", ""},     {"crr", "15"},   {"rrr", ""},
+    {"ccc", "1,2,3,4,5"}, {"ccr", "1,2,4,5"}, {"cce", "1,2,4,5"}, {"crc", "1,5"},  {"cec", "1,5"},
+    {"rcc", "NULL"},      {"crr", "1,5"},     {"rrr", "NULL"},    {"ecc", "NULL"},
 };
 
-TEST_P(TransactionTest, SavepointsInATransactionAreUndoneAlone)
-{
-    for (const Fates& each : fates) {
-        Transaction transaction(_database, sql::begin_immediate);
-        EXPECT_EQ(addThreeDeep([this](sql::integer id) { return add(id); }, _database, each.name),
-                  each.left)
-            << each.name;
-        EXPECT_EQ(there(), "NULL");
-        EXPECT_TRUE(transaction.isOpen() && add(9));
-        EXPECT_TRUE(transaction.commit());
-        EXPECT_EQ(_other.rows("select coalesce(group_concat(id, ''), '') from product"),
-                  each.left + std::string("9"));
-        EXPECT_TRUE(_table.deleteRecords(""));
+class SavepointTest : public TransactionTest {
+protected:
+    // Three within each other, of which the outer two add two rows each.
+    void addThreeDeep(const std::string& each)
+    {
+        Savepoint first(_database);
+        EXPECT_TRUE(first.isOpen() && add(1));
+        {
+            Savepoint second(_database);
+            EXPECT_TRUE(second.isOpen() && add(2));
+            {
+                Savepoint third(_database);
+                EXPECT_TRUE(third.isOpen() && add(3));
+                end(third, each[2]);
+                EXPECT_TRUE(second.isOpen());
+            }
+            EXPECT_TRUE(add(4));
+            end(second, each[1]);
+        }
+        EXPECT_TRUE(first.isOpen() && add(5));
+        end(first, each[0]);
     }
-    expectFree();
+
+    // What is left of all fates, each in something that begins and commits.
+    void expectLeft(const std::function<void()>& begin, const std::function<bool()>& commit)
+    {
+        for (const Fates& each : fates) {
+            SCOPED_TRACE(each.name);
+            begin();
+            const bool isWithin = sqlite3_get_autocommit(_database.getHandle()) == 0;
+            addThreeDeep(each.name);
+            EXPECT_EQ(there(), isWithin ? "NULL" : each.left);
+            EXPECT_TRUE(commit());
+            EXPECT_EQ(there(), each.left);
+            EXPECT_TRUE(_table.deleteRecords(""));
+        }
+        expectFree();
+    }
+
+private:
+    static void end(Savepoint& savepoint, char fate)
+    {
+        EXPECT_TRUE(fate == 'e' || (fate == 'c' ? savepoint.commit() : savepoint.rollback()));
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Journals, SavepointTest, Values("delete", "wal"), nameOfJournal);
+
+TEST_P(SavepointTest, InATransactionTheyAreUndoneAlone)
+{
+    std::optional<Transaction> transaction;
+    expectLeft([&] { transaction.emplace(_database, sql::begin_immediate); },
+               [&] { return transaction->commit(); });
 }
 
-TEST_P(TransactionTest, SavepointsInATransactionOfTheDatabaseAreUndoneAlone)
+TEST_P(SavepointTest, InATransactionOfTheDatabaseTheyAreUndoneAlone)
 {
-    for (const Fates& each : fates) {
-        EXPECT_TRUE(_database.transactionBegin());
-        EXPECT_EQ(addThreeDeep([this](sql::integer id) { return add(id); }, _database, each.name),
-                  each.left)
-            << each.name;
-        EXPECT_EQ(there(), "NULL");
-        EXPECT_TRUE(_database.transactionCommit());
-        EXPECT_EQ(_other.rows("select coalesce(group_concat(id, ''), '') from product"), each.left);
-        EXPECT_TRUE(_table.deleteRecords(""));
-    }
-    expectFree();
+    expectLeft([this] { EXPECT_TRUE(_database.transactionBegin()); },
+               [this] { return _database.transactionCommit(); });
 }
 
-TEST_P(TransactionTest, SavepointsOutsideOfATransactionAreOne)
+TEST_P(SavepointTest, OutsideOfATransactionTheyAreOne)
 {
-    for (const Fates& each : fates) {
-        EXPECT_EQ(addThreeDeep([this](sql::integer id) { return add(id); }, _database, each.name),
-                  each.left)
-            << each.name;
-        EXPECT_EQ(_other.rows("select coalesce(group_concat(id, ''), '') from product"), each.left);
-        EXPECT_TRUE(_table.deleteRecords(""));
-    }
-    expectFree();
+    expectLeft([] {}, [] { return true; });
 }
 
 TEST_P(TransactionTest, SavepointOutsideOfATransactionTakesItsLocksWithItsStatements)
@@ -507,9 +531,7 @@ TEST_P(TransactionTest, CommitOfTheDatabaseIsRefusedAndNothingStays)
         Transaction transaction(_database, sql::begin_immediate);
         EXPECT_TRUE(add(1));
         EXPECT_FALSE(_database.transactionCommit());
-        expectReport(joined(
-            {refusedCommit(), lost(),
-             report::refused("COMMIT TRANSACTION", "19=SQLITE_CONSTRAINT: constraint failed")}));
+        expectReport(refusedAndLost());
         EXPECT_FALSE(transaction.isOpen());
         EXPECT_FALSE(transaction.commit());
         expectReport(lostBefore("commit", "commit"));
@@ -680,9 +702,7 @@ TEST_P(TransactionTest, CommitOfTheDatabaseIsRefusedInASavepointOfItsTransaction
         Savepoint savepoint(_database);
         EXPECT_TRUE(add(2));
         EXPECT_FALSE(_database.transactionCommit());
-        expectReport(joined(
-            {refusedCommit(), lost(),
-             report::refused("COMMIT TRANSACTION", "19=SQLITE_CONSTRAINT: constraint failed")}));
+        expectReport(refusedAndLost());
     }
     EXPECT_EQ(there(), "NULL");
     expectFree();
@@ -803,10 +823,7 @@ protected:
     }
 };
 
-INSTANTIATE_TEST_SUITE_P(Journals, BusyCommitTest, Values("delete", "truncate"),
-                         [](const testing::TestParamInfo<const char*>& chosen) {
-                             return std::string(chosen.param);
-                         });
+INSTANTIATE_TEST_SUITE_P(Journals, BusyCommitTest, Values("delete", "truncate"), nameOfJournal);
 
 TEST_P(BusyCommitTest, ReaderLeavesItOpenToBeTriedAgain)
 {
