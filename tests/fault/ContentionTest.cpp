@@ -466,6 +466,30 @@ private:
     Process _process;
 };
 
+// Another process that adds a row once it is told to, and waits for nobody.
+class Writer {
+public:
+    explicit Writer(const std::string& file)
+        : _process([this, &file] {
+              test::Diagnostics diagnostics;
+              Shop shop(file);
+              _start.await();
+              return shop.open(read_write, 0) && shop.product.addRecord(product("other"));
+          })
+    {
+    }
+
+    bool writes()
+    {
+        _start.send();
+        return _process.hasSucceeded();
+    }
+
+private:
+    const Signal _start;
+    Process _process;
+};
+
 class LockTest : public ContentionTest {
 protected:
     const Record _late = product("late");
@@ -534,6 +558,27 @@ const Attempt attempts[] = {
      [](const std::string&) {
          return report::stepFailed("PRAGMA user_version=7;", locked);
      }},
+    {"run of a statement", 1, false,
+     [](Shop& shop, const Record&) {
+         return sql::Statement(shop.database, insert_name).run("late");
+     },
+     [](const std::string&) {
+         return report::statementFailed("run", insert_name, locked);
+     }},
+    {"next of a statement", 1, false,
+     [](Shop& shop, const Record&) {
+         return sql::Statement(shop.database, "select * from product").next();
+     },
+     [](const std::string&) {
+         return report::statementFailed("next", "select * from product", locked);
+     }},
+    {"begin of a transaction", 1, false,
+     [](Shop& shop, const Record&) {
+         return sql::Transaction(shop.database, sql::begin_immediate).isOpen();
+     },
+     [](const std::string&) {
+         return report::statementFailed("begin", "begin immediate", locked);
+     }},
     {"transactionBegin, which waits for nothing", 0, true,
      [](Shop& shop, const Record&) { return shop.transact("BEGIN"); },
      [](const std::string&) {
@@ -544,6 +589,47 @@ const Attempt attempts[] = {
 INSTANTIATE_TEST_SUITE_P(Attempts, AttemptTest,
                          testing::Combine(testing::ValuesIn(attempts),
                                           testing::Values(-1, 0, 1, 40, 200)));
+
+TEST_F(LockTest, StatementsAndTransactionsKeepNoneBehindTheirEnd)
+{
+    std::list<Writer> others;
+    for (int i = 0; i < 8; ++i)
+        others.emplace_back(_file);
+    const auto nextOneWrites = [&] {
+        const bool writes = others.front().writes();
+        others.pop_front();
+        return writes;
+    };
+    User user(_file, 0);
+    EXPECT_TRUE(user.product.addRecord(_late) && user.product.addRecord(_late));
+    {
+        sql::Statement all(user.database, "select name from product");
+        EXPECT_TRUE(all.next());
+        EXPECT_FALSE(nextOneWrites());
+        while (all.next()) {
+        }
+        EXPECT_TRUE(nextOneWrites()) << "after the last row";
+        EXPECT_TRUE(all.reset() && all.next() && all.reset());
+        EXPECT_TRUE(nextOneWrites()) << "after a reset";
+        int number = 0;
+        EXPECT_FALSE(all.next(number));
+        EXPECT_EQ(_diagnostics.errors(), test::errorsOf(report::statementFailed(
+                                             "next", "select name from product",
+                                             "20=SQLITE_MISMATCH: column name is no number")));
+        EXPECT_TRUE(nextOneWrites()) << "after a failure";
+        EXPECT_TRUE(all.reset() && all.next());
+    }
+    EXPECT_TRUE(nextOneWrites()) << "after the scope of a statement";
+    {
+        sql::Transaction transaction(user.database, sql::begin_immediate);
+        EXPECT_FALSE(nextOneWrites());
+        EXPECT_TRUE(transaction.commit());
+        EXPECT_TRUE(nextOneWrites()) << "after a commit";
+        const sql::Transaction another(user.database, sql::begin_exclusive);
+    }
+    EXPECT_TRUE(nextOneWrites()) << "after the scope of a transaction";
+    EXPECT_EQ(rows("select count(*) from product where name = 'other'"), "6");
+}
 
 TEST_F(LockTest, WaitingStatementRunsWhenTheLockIsReleased)
 {
