@@ -2,6 +2,8 @@
 #include "Environment.h"
 #include "FaultVfs.h"
 #include "Job.h"
+#include "PreparedSteps.h"
+#include "SqlResult.h"
 #include "Sqlite.h"
 
 #include <gmock/gmock.h>
@@ -87,13 +89,14 @@ struct Figures : testing::Environment {
 Figures& figures = *new Figures;
 testing::Environment* const printFigures = testing::AddGlobalTestEnvironment(&figures);
 
-// What SQLite may make of a fault.
-test::Texts reasons()
+// What SQLite may make of a fault; statements tell its extended code.
+test::Texts reasons(const Fault& fault)
 {
     test::Texts all;
-    for (const int rc :
-         {SQLITE_BUSY, SQLITE_IOERR, SQLITE_CORRUPT, SQLITE_FULL, SQLITE_CANTOPEN, SQLITE_NOTADB})
-        all.push_back(test::reasonOf(rc, sqlite3_errstr(rc)));
+    for (const int rc : {SQLITE_BUSY, SQLITE_IOERR, SQLITE_CORRUPT, SQLITE_FULL, SQLITE_CANTOPEN,
+                         SQLITE_NOTADB, fault.rc})
+        all.push_back(std::to_string(rc) + "=" + sql::Error(rc, "").name() + ": "
+                      + sqlite3_errstr(rc));
     return all;
 }
 
@@ -111,13 +114,14 @@ protected:
         const test::TemporaryDirectory directory;
         // What is written stays once the journal is cut off, be that synced or not.
         const bool failsLate = pragma == cut_journal && fault.call == FileCall::sync;
-        Job job(directory.file("shop.db"), reasons(), watchNothing, failsLate);
+        Job job(directory.file("shop.db"), reasons(fault), watchNothing, failsLate);
         bool struck = false;
         {
             test::FaultVfs vfs;
             const Failing failing(vfs, fault, nth, lasts);
             if (job.open() || job.open())
-                job.take(std::vector<Step>{test::setting(pragma)} + test::wholeJob());
+                job.take(std::vector<Step>{test::setting(pragma)} + test::wholeJob()
+                         + test::changingByStatements());
             job.close();
             struck = failing.hasStruck();
         }
@@ -187,7 +191,7 @@ TEST_P(ShortReadTest, NothingIsMadeUpAndTheFileStaysAsItIs)
     const Fault fault = {"ShortRead", FileCall::read, SQLITE_IOERR_SHORT_READ};
     const test::TemporaryDirectory directory;
     const std::string file = directory.file("shop.db");
-    Job job(file, reasons(), watchNothing);
+    Job job(file, reasons(fault), watchNothing);
     ASSERT_TRUE(job.open());
     job.take(std::vector<Step>{test::setting("pragma page_size = 512")} + test::filling(9));
     job.close();

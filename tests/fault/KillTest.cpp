@@ -26,8 +26,8 @@ const int most_changes = 1000000; // far more than any program here makes
 const std::vector<Change>& changes()
 {
     static const std::vector<Change> all = test::changesOf(
-        test::filling(12) + test::changing() + test::changingByStatements() + test::backingUp()
-        + test::removing()
+        test::filling(12) + test::changing() + test::changingByStatements()
+        + test::changingInTransactions() + test::backingUp() + test::removing()
         + std::vector<Step>{{"remove",
                              [](auto& shop) {
                                  return shop.product.remove();

@@ -1,5 +1,6 @@
 #include "Environment.h"
 #include "Job.h"
+#include "PreparedSteps.h"
 #include "SqliteMemory.h"
 
 #include <gmock/gmock.h>
@@ -19,6 +20,7 @@ class MemoryTest : public test::ShortageTest {
 protected:
     MemoryTest() : ShortageTest(0)
     {
+        _steps = test::wholeJob() + test::changingByStatements();
     }
 
     bool work(int nth, bool lasts) override

@@ -360,7 +360,8 @@ private:
 
     const std::vector<test::Change> _changes = test::changesOf(
         test::filling(19) + test::changing() + test::backingUp() + test::changing()
-        + test::changingByStatements() + test::backingUp() + test::removing());
+        + test::changingByStatements() + test::changingInTransactions() + test::backingUp()
+        + test::removing());
     test::Diagnostics _diagnostics;
     const test::TemporaryDirectory _directory;
     const std::string _file;

@@ -25,22 +25,43 @@ sql::Record named(int id, int version)
     return good(id, nameOf(version));
 }
 
+const char insert_text[] = "insert into product values (?, ?, ?, ?, ?)";
+const char rename_text[] = "update product set name = :name where id = :id";
+const char remove_text[] = "delete from product where id = ?";
+
 bool insert(Shop& shop, int id, int version)
 {
-    sql::Statement statement(shop.database, "insert into product values (?, ?, ?, ?, ?)");
+    sql::Statement statement(shop.database, insert_text);
     return statement.run(id, nameOf(version), id * 0.5, id % 2 == 0, "c" + std::to_string(id));
+}
+
+bool insert(TwinShop& shop, int id, int version)
+{
+    return shop.prepared(insert_text, named(id, version).toSqlInsert("product")) == 1;
 }
 
 bool rename(Shop& shop, int id, int version)
 {
-    sql::Statement statement(shop.database, "update product set name = :name where id = :id");
+    sql::Statement statement(shop.database, rename_text);
     return statement.bind(":id", id).bind(":name", nameOf(version)).run()
            && statement.changes() == 1;
 }
 
+bool rename(TwinShop& shop, int id, int version)
+{
+    return shop.prepared(rename_text, "update product set name = '" + nameOf(version)
+                                          + "' where id = " + std::to_string(id))
+           == 1;
+}
+
 bool remove(Shop& shop, int id)
 {
-    return sql::Statement(shop.database, "delete from product where id = ?").run(id);
+    return sql::Statement(shop.database, remove_text).run(id);
+}
+
+bool remove(TwinShop& shop, int id)
+{
+    return shop.prepared(remove_text, "delete from product where id = " + std::to_string(id)) != -1;
 }
 
 bool inParts(Shop& shop)
@@ -64,12 +85,24 @@ bool inParts(Shop& shop)
 std::vector<Step> changingByStatements()
 {
     return {
-        told(
-            "insert by a statement", [](Shop& shop) { return insert(shop, 30, 1); },
-            [](TwinShop& shop) { return shop.product.addRecord(named(30, 1)); }),
-        told(
-            "rename by a statement", [](Shop& shop) { return rename(shop, 30, 4); },
-            [](TwinShop& shop) { return shop.product.updateRecord(named(30, 4)); }),
+        {"insert by a statement",
+         [](auto& shop) {
+             return insert(shop, 30, 1);
+         }},
+        {"rename by a statement",
+         [](auto& shop) {
+             return rename(shop, 30, 4);
+         }},
+        {"remove by a statement",
+         [](auto& shop) {
+             return remove(shop, 30);
+         }},
+    };
+}
+
+std::vector<Step> changingInTransactions()
+{
+    return {
         told(
             "inTransaction", [](Shop& shop) { return inParts(shop); },
             [](TwinShop& shop) {

@@ -7,9 +7,10 @@
 
 namespace test {
 
-// Changes of the rows that filling() has made, by statements, scripts and transactions of
-// sqlprepared, and by tables in those; none of their keys is one of changing().
+// Changes of the rows that filling() has made, by statements of sqlprepared, and by its scripts and
+// transactions, and by tables in those; none of their keys is one of changing().
 std::vector<Step> changingByStatements();
+std::vector<Step> changingInTransactions();
 
 } // namespace test
 

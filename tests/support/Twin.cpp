@@ -191,6 +191,18 @@ bool Twin::oneStep(const std::string& statement)
     return rc == SQLITE_DONE;
 }
 
+int Twin::prepared(const std::string& statement, const std::string& filled)
+{
+    begin(by_statement, statement);
+    if (isRefused(by_statement, statement, filled))
+        return -1;
+    const int rc = sqlite3_exec(_db, filled.c_str(), nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK)
+        return sqlite3_changes(_db);
+    report(report::statementFailed("Statement", statement, reasonOf(rc, sqlite3_errmsg(_db))));
+    return -1;
+}
+
 int Twin::getUserVersion()
 {
     return number("PRAGMA user_version;");
@@ -217,6 +229,8 @@ void Twin::begin(Route route, const std::string& statement)
     const std::string text = shown(statement);
     if (route == by_query)
         report(report::ran(text));
+    else if (route == by_statement)
+        report(report::started("run", text));
     else
         report(route == by_number ? report::counted(text, "").front()
                                   : report::stepped(text).front());
@@ -240,13 +254,22 @@ std::vector<Texts> stepRefusals(const std::string& statement, const std::string&
     return {report::stepNotPrepared(statement, reason), report::stepFailed(statement, reason)};
 }
 
+std::vector<Texts> statementRefusals(const std::string& statement, const std::string& reason)
+{
+    std::vector<Texts> all;
+    for (const char* const operation : {"Statement", "bind", "run"})
+        all.push_back(joined({{report::started(operation, statement)},
+                              report::statementFailed(operation, statement, reason)}));
+    return all;
+}
+
 } // namespace
 
 // When it is, its effect and report are what the course says.
-bool Twin::isRefused(Route route, const std::string& statement)
+bool Twin::isRefused(Route route, const std::string& statement, const std::string& filled)
 {
     static constexpr std::vector<Texts> (*refusals[])(const std::string&, const std::string&) = {
-        queryRefusals, numberRefusals, stepRefusals};
+        queryRefusals, numberRefusals, stepRefusals, statementRefusals};
     if (_errors + 2 > _course.errors.size())
         return false;
     const Texts next = {_course.errors[_errors], _course.errors[_errors + 1]};
@@ -260,7 +283,7 @@ bool Twin::isRefused(Route route, const std::string& statement)
     if (!found || _course.spared-- > 0)
         return false;
     if ((_course.effective >> _refused & 1) != 0)
-        sqlite3_exec(_db, statement.c_str(), nullptr, nullptr, nullptr);
+        sqlite3_exec(_db, (filled.empty() ? statement : filled).c_str(), nullptr, nullptr, nullptr);
     if (_course.endsTransactionAt == _refused)
         sqlite3_exec(_db, "rollback", nullptr, nullptr, nullptr);
     ++_refused;

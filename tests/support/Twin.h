@@ -67,6 +67,10 @@ public:
     int number(const std::string& statement);
     bool oneStep(const std::string& statement);
 
+    // As a Statement that is compiled and run; `filled` has values in place of its `?`. Tells how
+    // many rows it has changed, -1 for a failure.
+    int prepared(const std::string& statement, const std::string& filled);
+
     // What the library has to report, in the form of Diagnostics::events(), at the highest level.
     const Texts& events() const;
     void clear();
@@ -75,9 +79,9 @@ public:
 
 private:
     // The ways in which the library runs a statement, each with reports of its own.
-    enum Route { by_query, by_number, by_one_step };
+    enum Route { by_query, by_number, by_one_step, by_statement };
     void begin(Route route, const std::string& statement);
-    bool isRefused(Route route, const std::string& statement);
+    bool isRefused(Route route, const std::string& statement, const std::string& filled = "");
     void reportEnd(const Texts& report);
     bool run(const std::string& statement, const sql::FieldSet& fields, std::vector<TwinRow>& rows);
 
