@@ -132,14 +132,16 @@ def declaration(member):
              *(["typedef"] if member.get("kind") == "typedef" else []),
              plain(member.find("type")), name]
     text = " ".join(words) + (member.findtext("argsstring") or "")
+    value = member.findtext("initializer") or ""
     if member.find("templateparamlist") is not None:
         parameters = ", ".join(template_parameter(parameter)
                                for parameter in member.find("templateparamlist"))
         text = f"template <{parameters}> {text}"
+        value = "" # not the same for all types: the comment says it
     text = re.sub(r"(?<=\w)=(?=\w)", " = ", text)
     text = re.sub(r" ([*&]+) ?(?=\w|=|\)|\.)", r"\1 ", text).replace("& )", "&)").replace("* )", "*)")
     text = re.sub(r"< (.*?) >", r"<\1>", text).replace(")=", ") = ")
-    return " ".join(f"{text} {member.findtext('initializer') or ''}".split()) + ";"
+    return " ".join(f"{text} {value}".split()) + ";"
 
 
 def place(element):

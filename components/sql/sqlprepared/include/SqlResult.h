@@ -32,7 +32,8 @@ public:
     Error(Error&& other) noexcept;            ///< Takes the failure; the other has none.
     Error& operator=(Error&& other) noexcept; ///< Takes the failure; the other has none.
 
-    explicit operator bool() const ///< Returns whether there is a failure.
+    /// Returns whether there is a failure.
+    explicit operator bool() const
     {
         return _extendedCode != 0;
     }
