@@ -10,8 +10,8 @@
 
 namespace sql {
 
-/// Returns the text with a backslash before each `%`, `_` and backslash. Bound as the pattern of
-/// `like ? escape '\'`, it stands for the text itself.
+/// Returns the text with a backslash before each `%`, `_` and backslash. As the pattern of a `like`
+/// whose `escape` is a backslash, it stands for the text itself.
 string escapeLike(std::string_view text);
 
 /// Returns the name between backticks, those in it doubled. SQL takes that for a name, whatever is

@@ -14,8 +14,8 @@ namespace sql {
 /// When a transaction takes its locks.
 enum TransactionMode : std::int32_t {
     begin_deferred = 0,  ///< with its statements; a write after a read may fail at once
-    begin_immediate = 1, ///< to write, at its beginning: the one for transactions that write
-    begin_exclusive = 2  ///< likewise, and keeps out readers without a write-ahead log
+    begin_immediate = 1, ///< that for writing when it begins: the mode for transactions that write
+    begin_exclusive = 2  ///< likewise, and keeps readers out, but for those of a write-ahead log
 };
 
 /// What Transaction and Savepoint have in common. It is open from its making until it is committed
