@@ -623,4 +623,12 @@ TEST_F(StatementBindTest, NoFailureNamesAValue)
     _diagnostics.setLevel(3);
 }
 
+// A limit: the reason is SQLite's.
+TEST_F(StatementBindTest, ReasonOfSqlitesMayQuoteAValue)
+{
+    Statement detach(_database, "detach ?");
+    EXPECT_FALSE(detach.run("secret"));
+    expectFailure(detach, "run", "1=SQLITE_ERROR: no such database: secret");
+}
+
 } // namespace

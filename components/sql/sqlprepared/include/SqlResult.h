@@ -44,7 +44,9 @@ public:
     /// Returns that of the code where the extended one is unknown.
     const char* name() const;
 
-    const string& text() const; ///< Returns the reason in words, without bound values.
+    /// Returns the reason in words, without bound values but for names that SQLite's own reasons quote,
+    /// such as that of a file to attach.
+    const string& text() const;
 
     /// Returns the statement with its `?`; empty if there is none, or memory ran out.
     const string& statement() const;

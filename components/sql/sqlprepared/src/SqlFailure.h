@@ -2,7 +2,7 @@
 #define SQLPREPARED_SRC_SQLFAILURE_H
 
 // How an operation of this library fails: a reason that is kept, and one report of two lines. Neither
-// has values in it: a statement shows its parameters.
+// has values in it but what SQLite's own reasons quote: a statement shows its parameters.
 
 #include "SqlResult.h"
 

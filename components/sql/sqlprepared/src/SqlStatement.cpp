@@ -16,8 +16,6 @@ namespace sql {
 
 namespace {
 
-// SQLite's own messages have no values in them, nor do ours: statements and reasons are logged where
-// values are not.
 constexpr const char* gone = "the statement was released or moved from";
 
 // Null where SQLite may have a look at the text. It would read no further than to a zero byte.
