@@ -818,6 +818,22 @@ TEST_F(LockTest, LockOfAnotherIsBusy)
     EXPECT_TRUE(statement.next());
 }
 
+TEST_F(LockTest, StatementThatIsMadeBehindALockIsBusyForGood)
+{
+    test::Connection other(_file);
+    other.run("begin exclusive");
+    sql::Database database;
+    ASSERT_TRUE(database.open(_file, sql::Database::access_read_write, false, 0));
+    const std::string text = "insert into t values (4, 'x')";
+    Statement statement(database, text); // which reads the tables' declarations
+    expectFailure(statement.error(), "Statement", "5=SQLITE_BUSY: database is locked", text);
+    EXPECT_TRUE(statement.error().isBusy());
+    other.run("commit");
+    EXPECT_FALSE(statement.run());
+    expectReport({});
+    EXPECT_TRUE(Statement(database, text).run());
+}
+
 // --- Scripts
 
 class ScriptTest : public StatementRunTest {
