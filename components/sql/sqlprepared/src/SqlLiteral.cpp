@@ -1,8 +1,7 @@
 #include "SqlLiteral.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <limits>
-#include <optional>
 
 namespace sql {
 
@@ -69,87 +68,89 @@ bool take(std::string_view& text, char byte)
     return true;
 }
 
-// A number of exactly so many digits in a range; -1 for anything else.
-int takeNumber(std::string_view& text, std::size_t digits, int lowest, int highest)
+bool takeDigits(std::string_view& text, std::size_t count, int& number)
 {
-    if (text.size() < digits)
-        return -1;
-    int number = 0;
-    for (std::size_t i = 0; i < digits; ++i) {
-        if (text[i] < '0' || text[i] > '9')
-            return -1;
+    number = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        if (i == text.size() || text[i] < '0' || text[i] > '9')
+            return false;
         number = number * 10 + (text[i] - '0');
     }
+    text.remove_prefix(count);
+    return true;
+}
+
+bool takeTwoDigits(std::string_view& text, int highest, int& number)
+{
+    return takeDigits(text, 2, number) && number <= highest;
+}
+
+bool takeFraction(std::string_view& text)
+{
+    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
     text.remove_prefix(digits);
-    return number >= lowest && number <= highest ? number : -1;
+    return digits > 0;
 }
 
-// Seconds of a day, from hours and minutes.
-int takeHoursAndMinutes(std::string_view& text)
+bool takeHoursAndMinutes(std::string_view& text, int& seconds)
 {
-    const int hours = takeNumber(text, 2, 0, 23);
-    if (hours < 0 || !take(text, ':'))
-        return -1;
-    const int minutes = takeNumber(text, 2, 0, 59);
-    return minutes < 0 ? -1 : hours * 3600 + minutes * 60;
+    int hours = 0;
+    int minutes = 0;
+    if (!takeTwoDigits(text, 23, hours) || !take(text, ':') || !takeTwoDigits(text, 59, minutes))
+        return false;
+    seconds = hours * 3600 + minutes * 60;
+    return true;
 }
 
-int takeTimeOfDay(std::string_view& text)
+bool takeTimeOfDay(std::string_view& text, int& time)
 {
-    const int minutes = takeHoursAndMinutes(text);
-    if (minutes < 0 || !take(text, ':'))
-        return minutes;
-    const int seconds = takeNumber(text, 2, 0, 59);
-    if (seconds < 0)
-        return -1;
-    if (take(text, '.')) {
-        if (takeNumber(text, 1, 0, 9) < 0)
-            return -1;
-        while (takeNumber(text, 1, 0, 9) >= 0) {
-        }
-    }
-    return minutes + seconds;
+    if (!takeHoursAndMinutes(text, time))
+        return false;
+    if (!take(text, ':'))
+        return true;
+    int seconds = 0;
+    if (!takeTwoDigits(text, 59, seconds))
+        return false;
+    time += seconds;
+    return !take(text, '.') || takeFraction(text);
 }
 
 // The offset from UTC in seconds; none at all is 0.
-std::optional<int> takeOffset(std::string_view& text)
+bool takeOffset(std::string_view& text, int& offset)
 {
     if (text.empty() || take(text, 'Z'))
-        return 0;
+        return true;
     const bool west = take(text, '-');
-    if (!west && !take(text, '+'))
-        return std::nullopt;
-    const int offset = takeHoursAndMinutes(text);
-    if (offset < 0)
-        return std::nullopt;
-    return west ? -offset : offset;
+    if ((!west && !take(text, '+')) || !takeHoursAndMinutes(text, offset))
+        return false;
+    if (west)
+        offset = -offset;
+    return true;
 }
 
-std::optional<integer> takeDate(std::string_view& text)
+bool takeDate(std::string_view& text, integer& days)
 {
-    const int year = takeNumber(text, 4, 0, 9999);
-    const int month = year >= 0 && take(text, '-') ? takeNumber(text, 2, 1, 12) : -1;
-    const int day = month >= 0 && take(text, '-') ? takeNumber(text, 2, 1, 31) : -1;
-    if (day < 0)
-        return std::nullopt;
-    const integer days = daysSinceEpoch({year, month, day});
-    if (dateOf(days).day != day) // the thirtieth of February
-        return std::nullopt;
-    return days * seconds_per_day;
+    Date date{};
+    if (!takeDigits(text, 4, date.year) || !take(text, '-') || !takeDigits(text, 2, date.month)
+        || !take(text, '-') || !takeDigits(text, 2, date.day))
+        return false;
+    days = daysSinceEpoch(date);
+    const Date found = dateOf(days); // another than the thirtieth of February
+    return found.month == date.month && found.day == date.day;
 }
 
-std::optional<integer> secondsIn(std::string_view text)
+bool read(std::string_view text, integer& seconds)
 {
-    const std::optional<integer> date = takeDate(text);
-    if (!date || text.empty())
-        return date;
-    if (!take(text, 'T') && !take(text, ' '))
-        return std::nullopt;
-    const int time = takeTimeOfDay(text);
-    const std::optional<int> offset = takeOffset(text);
-    if (time < 0 || !offset || !text.empty())
-        return std::nullopt;
-    return *date + time - *offset;
+    integer days = 0;
+    int time = 0;
+    int offset = 0;
+    if (!takeDate(text, days))
+        return false;
+    const bool hasTime = take(text, 'T') || take(text, ' ');
+    if (hasTime && (!takeTimeOfDay(text, time) || !takeOffset(text, offset)))
+        return false;
+    seconds = days * seconds_per_day + time - offset;
+    return text.empty();
 }
 
 } // namespace
@@ -188,11 +189,13 @@ string toIso8601(std::chrono::system_clock::time_point time)
 
 bool fromIso8601(std::string_view text, Time& time)
 {
-    const std::optional<integer> seconds = secondsIn(text);
-    if (!seconds || *seconds < std::numeric_limits<time_t>::min()
-        || *seconds > std::numeric_limits<time_t>::max())
+    integer seconds = 0;
+    if (!read(text, seconds))
         return false;
-    time = Time(*seconds);
+    const Time found(static_cast<time_t>(seconds));
+    if (found.asInteger() != seconds) // beyond a time_t of 32 bits
+        return false;
+    time = found;
     return true;
 }
 
@@ -200,12 +203,12 @@ bool fromIso8601(std::string_view text, std::chrono::system_clock::time_point& t
 {
     using TimePoint = std::chrono::system_clock::time_point;
     using Seconds = std::chrono::seconds;
-    const std::optional<integer> seconds = secondsIn(text);
-    if (!seconds
-        || *seconds < std::chrono::ceil<Seconds>(TimePoint::min().time_since_epoch()).count()
-        || *seconds > std::chrono::floor<Seconds>(TimePoint::max().time_since_epoch()).count())
+    integer seconds = 0;
+    if (!read(text, seconds)
+        || seconds < std::chrono::ceil<Seconds>(TimePoint::min().time_since_epoch()).count()
+        || seconds > std::chrono::floor<Seconds>(TimePoint::max().time_since_epoch()).count())
         return false;
-    time = TimePoint(Seconds(*seconds));
+    time = TimePoint(Seconds(seconds));
     return true;
 }
 

@@ -5,12 +5,11 @@
 
 #include <sqlite3.h>
 
-#include <time.h>
-
 #include <algorithm>
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace sql {
 
@@ -46,13 +45,6 @@ string savepointName()
 {
     static std::atomic<int> count(0);
     return "sqlprepared_" + intToStr(++count);
-}
-
-void sleepFor(milliseconds pause)
-{
-    const timespec length = {static_cast<time_t>(pause.count() / 1000),
-                             static_cast<long>(pause.count() % 1000 * 1000000)};
-    ::nanosleep(&length, nullptr);
 }
 
 } // namespace
@@ -305,7 +297,7 @@ int TransactionScope::run(const char* operation, sqlite3_stmt* statement) const
         if (pause == milliseconds(1))
             TRACE_DEBUG1_AS(operation, "Waiting for another connection to '%s'",
                             sqlite3_sql(statement));
-        sleepFor(std::min(pause, left));
+        std::this_thread::sleep_for(std::min(pause, left));
     }
 }
 
