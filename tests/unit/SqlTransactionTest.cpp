@@ -33,7 +33,6 @@ using std::chrono::milliseconds;
 using test::joined;
 using test::Texts;
 using testing::Values;
-using testing::ValuesIn;
 
 static_assert(sql::begin_deferred == 0);
 static_assert(sql::begin_immediate == 1);

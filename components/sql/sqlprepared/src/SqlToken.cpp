@@ -2,7 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cctype>
+#include <iterator>
 
 namespace sql {
 
@@ -122,13 +124,12 @@ bool givesKeys(sqlite3* db, std::string_view sql)
     const string table = isSchema ? unquoted(takeToken(sql)) : first;
     const char* const schema = isSchema ? first.c_str() : nullptr;
     // A table whose rows have no keys may have columns of these names, but hardly of all of them.
-    for (const char* const key : {"rowid", "oid", "_rowid_"}) {
-        if (sqlite3_table_column_metadata(db, schema, table.c_str(), key, nullptr, nullptr, nullptr,
-                                          nullptr, nullptr)
-            != SQLITE_OK)
-            return false;
-    }
-    return true;
+    const char* const keys[] = {"rowid", "oid", "_rowid_"};
+    return std::all_of(std::begin(keys), std::end(keys), [&](const char* key) {
+        return sqlite3_table_column_metadata(db, schema, table.c_str(), key, nullptr, nullptr,
+                                             nullptr, nullptr, nullptr)
+               == SQLITE_OK;
+    });
 }
 
 } // namespace sql
