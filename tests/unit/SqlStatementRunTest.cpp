@@ -375,6 +375,7 @@ INSTANTIATE_TEST_SUITE_P(
            Change{"Select", "", "select * from t", 0}, Change{"Values", "", "values (1)", 0},
            Change{"CreateTable", "", "create table u (id)", 0},
            Change{"CreateTableAs", "", "create table u as select * from t", 0},
+           Change{"CreateVirtualTable", "", "create virtual table f using fts5(x)", 0},
            Change{"CreateIndex", "", "create index i on t (name)", 0},
            Change{"DropTable", "", "drop table t", 0},
            Change{"AlterTable", "", "alter table t add column price", 0},
@@ -454,6 +455,16 @@ TEST_F(StatementRunTest, FailedRunHasChangedNothing)
     expectFailure(insert, "run", taken);
     EXPECT_EQ(insert.changes(), 0);
     EXPECT_EQ(keys(), "1,2");
+}
+
+TEST_F(StatementRunTest, RunThatCannotBeginHasChangedNothing)
+{
+    run("create table u (id)");
+    Statement remove(_database, "delete from u");
+    run("insert into t (name) values ('a'), ('b'); drop table u");
+    EXPECT_FALSE(remove.run());
+    expectFailure(remove, "run", "1=SQLITE_ERROR: no such table: u");
+    EXPECT_EQ(remove.changes(), 0);
 }
 
 TEST_F(StatementRunTest, ResetBeforeTheEndKeepsWhatWasWritten)

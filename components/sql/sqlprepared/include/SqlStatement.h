@@ -208,7 +208,7 @@ private:
     SQLWRAPPER_LOCAL bool step(const char* operation);
     SQLWRAPPER_LOCAL bool runToEnd(const char* operation);
     SQLWRAPPER_LOCAL bool end(const char* operation);
-    SQLWRAPPER_LOCAL void noteChanges();
+    SQLWRAPPER_LOCAL void noteChanges(int rc);
     SQLWRAPPER_LOCAL bool nextRow();
     SQLWRAPPER_LOCAL bool readCells(const char* operation, const Variable* variables, int count);
     SQLWRAPPER_LOCAL Column noColumn(const string& which);
@@ -258,7 +258,6 @@ private:
     std::vector<string> _names; // of the columns, for those who ask by them
     int _compilations = 0;      // after which those were the names
     int _latestIndex = -1;      // of the column that was found by its name last
-    integer _totalBefore = 0;   // changes on the connection before this run
     integer _keyBefore = 0;     // the connection's latest key before this run
     integer _changes = 0;
     std::optional<integer> _key;

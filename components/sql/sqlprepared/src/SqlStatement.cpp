@@ -45,11 +45,13 @@ class Lock {
 public:
     Lock(sqlite3* db, int calls) : _mutex(calls < 5 ? nullptr : sqlite3_db_mutex(db))
     {
-        sqlite3_mutex_enter(_mutex);
+        if (_mutex != nullptr)
+            sqlite3_mutex_enter(_mutex);
     }
     ~Lock()
     {
-        sqlite3_mutex_leave(_mutex);
+        if (_mutex != nullptr)
+            sqlite3_mutex_leave(_mutex);
     }
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
@@ -57,15 +59,6 @@ public:
 private:
     sqlite3_mutex* _mutex;
 };
-
-integer totalChanges(sqlite3* db)
-{
-#if SQLITE_VERSION_NUMBER >= 3037000
-    return sqlite3_total_changes64(db);
-#else
-    return sqlite3_total_changes(db);
-#endif
-}
 
 integer latestChanges(sqlite3* db)
 {
@@ -140,7 +133,7 @@ void Statement::prepare(const string& text)
     }
     _handle.state = State::ready;
     _parameterCount = sqlite3_bind_parameter_count(_handle.statement);
-    _writes = !isReadOnly();
+    _writes = mayChange(text) && !isReadOnly();
     _inserts = _writes && mayInsert(text);
 }
 
@@ -239,6 +232,10 @@ inline bool Statement::bindFrom(const char* operation, int position, const Argum
 
 bool Statement::failToBind(const char* operation, int position, const Argument& argument, int rc)
 {
+    if (rc == SQLITE_RANGE)
+        return fail(operation, State::unbound, rc,
+                    "there is no parameter " + intToStr(position) + " among "
+                        + intToStr(_parameterCount));
     if (rc != SQLITE_MISMATCH)
         return fail(operation, State::unbound, rc, reasonOf(_connection, rc));
     const bool unfit = argument._kind == Argument::Kind::unfit;
@@ -264,12 +261,7 @@ bool Statement::failToCount(const char* operation, int count)
 
 Statement& Statement::bindArgument(int position, const Argument& argument)
 {
-    if (!canBind())
-        return *this;
-    if (position < 1 || position > _parameterCount)
-        fail("bind", State::unbound, SQLITE_RANGE,
-             "there is no parameter " + intToStr(position) + " among " + intToStr(_parameterCount));
-    else
+    if (canBind())
         bindFrom("bind", position, &argument, 1, true);
     return *this;
 }
@@ -314,8 +306,6 @@ inline void Statement::begin(const char* operation)
     _namesKnown = false;
     _changes = 0;
     _key.reset();
-    if (_writes)
-        _totalBefore = totalChanges(_connection);
     if (_inserts)
         _keyBefore = sqlite3_last_insert_rowid(_connection);
 }
@@ -326,7 +316,7 @@ inline bool Statement::step(const char* operation)
     if (_inserts
         && _handle.state == State::ready) { // all rows are inserted before the first comes back
         const integer key = sqlite3_last_insert_rowid(_connection);
-        if (key != _keyBefore || (rc == SQLITE_ROW && _givesKeys))
+        if (key != _keyBefore || _givesKeys)
             _key = key;
     }
     if (rc == SQLITE_ROW) {
@@ -334,7 +324,7 @@ inline bool Statement::step(const char* operation)
         return true;
     }
     if (rc != SQLITE_DONE) {
-        noteChanges();
+        noteChanges(rc);
         return failToRun(operation, rc);
     }
     end(operation);
@@ -345,25 +335,23 @@ inline bool Statement::step(const char* operation)
 inline bool Statement::end(const char* operation)
 {
     const int rc = sqlite3_reset(_handle.statement);
-    noteChanges();
+    noteChanges(rc);
     if (rc != SQLITE_OK)
         return failToRun(operation, rc);
     _handle.state = State::ended;
     return true;
 }
 
-// Others' changes during a query are not its own. Where it has changed nothing, a row that was inserted
-// is taken back.
-inline void Statement::noteChanges()
+// SQLite takes back what a statement did before it failed, but for `or fail`, which only constraints heed;
+// one that has not begun has left the count of another. Where nothing has changed, nothing was inserted.
+inline void Statement::noteChanges(int rc)
 {
     if (!_writes)
         return;
-    if (totalChanges(_connection) != _totalBefore)
+    if (rc == SQLITE_OK || (rc & 0xff) == SQLITE_CONSTRAINT)
         _changes = latestChanges(_connection);
     if (_changes == 0)
         _key.reset();
-    else if (_givesKeys && !_key)
-        _key = _keyBefore; // the same again, in another table or after a deletion
 }
 
 inline bool Statement::runToEnd(const char* operation)

@@ -103,6 +103,12 @@ string firstStatement(std::string_view sql)
     return string(sql.substr(0, at + 1));
 }
 
+bool mayChange(std::string_view sql)
+{
+    const std::string_view word = takeToken(sql);
+    return is(word, "update") || is(word, "delete") || mayInsert(word);
+}
+
 bool mayInsert(std::string_view sql)
 {
     const std::string_view word = takeToken(sql);

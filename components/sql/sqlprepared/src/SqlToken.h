@@ -18,6 +18,9 @@ std::size_t nextStatement(std::string_view sql);
 // The text up to its first semicolon: that of a statement that SQLite has not compiled.
 string firstStatement(std::string_view sql);
 
+// Whether the statement may change rows itself. Others, such as "create table", have none to count.
+bool mayChange(std::string_view sql);
+
 // Whether the statement may give a row a key.
 bool mayInsert(std::string_view sql);
 
