@@ -82,16 +82,12 @@ private:
 bool Statement::find(Work work, long long key)
 {
     sql::Statement& found = statement(work);
-    if (work == look_up) {
-        const bool exists = nextRow(found.bind(1, key), _row);
-        return found.reset() && exists;
-    }
-    if (work == test_existence) {
-        const bool exists = found.bind(1, key).next();
-        return found.reset() && exists;
-    }
+    if (work == look_up)
+        return nextRow(found.bind(1, key), _row) && found.reset();
+    if (work == test_existence)
+        return found.bind(1, key).next() && found.reset();
     require(found.run(key), statements[work]);
-    return found.changes() > 0;
+    return true;
 }
 
 void Statement::readByName(Digest& digest)
