@@ -8,6 +8,9 @@
 #include "Sqlite.h"
 #include "SqliteMemory.h"
 #include "Wording.h"
+#ifdef TEST_PREPARED
+#include "PreparedSteps.h"
+#endif
 
 #include <gmock/gmock.h>
 
@@ -164,6 +167,9 @@ class JobAllocationTest : public test::ShortageTest {
 protected:
     JobAllocationTest() : ShortageTest(1000 * most_allocations)
     {
+#ifdef TEST_PREPARED
+        _steps = _steps + test::changingByStatements();
+#endif
     }
 
     bool work(int nth, bool lasts) override
@@ -204,7 +210,7 @@ protected:
 
 TEST_F(JobAllocationTest, NoAllocationOfAnyOperationMayNotFail)
 {
-    _steps = test::onceEach(test::wholeJob());
+    _steps = test::onceEach(_steps);
     workWithEveryFailure(false, true);
 }
 
