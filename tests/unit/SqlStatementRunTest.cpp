@@ -27,7 +27,7 @@ struct Thrown {};
 
 } // namespace
 
-#ifdef __cpp_exceptions
+#ifdef TEST_EXCEPTIONS
 template <> struct sql::Binder<Thrown> {
     static const char* read(const sql::Column&, Thrown& thrown)
     {
@@ -794,7 +794,7 @@ TEST_F(LockTest, FailureKeepsNone)
     EXPECT_TRUE(othersWrite());
 }
 
-#ifdef __cpp_exceptions
+#ifdef TEST_EXCEPTIONS
 TEST_F(LockTest, ExceptionOfABinderKeepsNone)
 {
     Statement statement(_database, "select id from t");
