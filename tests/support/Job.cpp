@@ -573,7 +573,7 @@ void ShortageTest::workWithEveryFailure(bool lasts, bool all)
 {
     plan();
     const std::vector<int> chosen = cases(all);
-    const std::size_t step = std::min(stride(1), 5); // farther apart some operation would be left out
+    const std::size_t step = std::min(stride(1), 5); // farther apart some operation is left out
     for (std::size_t i = 0; i < chosen.size() && !HasFailure(); i += step) {
         SCOPED_TRACE(chosen[i]);
         EXPECT_TRUE(work(chosen[i], lasts));
