@@ -386,6 +386,13 @@ TEST_F(StatementBindTest, UnknownPositionIsAFailure)
     }
 }
 
+TEST_F(StatementBindTest, UnknownPositionIsAFailureWhateverTheValue)
+{
+    Statement statement(_database, "select ?, ?");
+    statement.bind(3, std::nan(""));
+    expectFailure(statement, "bind", "25=SQLITE_RANGE: there is no parameter 3 among 2");
+}
+
 TEST_F(StatementBindTest, UnknownNameIsAFailure)
 {
     for (const std::string name : {"limit", ":Limit", ":limi", ":limit ", "@limit", ""}) {

@@ -232,8 +232,9 @@ inline bool Statement::bindFrom(const char* operation, int position, const Argum
 
 bool Statement::failToBind(const char* operation, int position, const Argument& argument, int rc)
 {
-    if (rc == SQLITE_RANGE)
-        return fail(operation, State::unbound, rc,
+    // SQLite never sees a value that it cannot store.
+    if (position < 1 || position > _parameterCount)
+        return fail(operation, State::unbound, SQLITE_RANGE,
                     "there is no parameter " + intToStr(position) + " among "
                         + intToStr(_parameterCount));
     if (rc != SQLITE_MISMATCH)
