@@ -49,6 +49,11 @@ public:
         return byte() % limit;
     }
 
+    template <typename T, std::size_t count> const T& oneOf(const T (&all)[count])
+    {
+        return all[below(count)];
+    }
+
     bool flip()
     {
         return byte() % 2 == 1;
