@@ -43,7 +43,7 @@ const Text reads[] = {
     {"select count(*), max(id) from w"},
     {"select * from w where k > :k"},
     {"select cast(? as integer), cast(? as text)"},
-    {"values (1, 'x'), (x'3132', 2.5), (null, ''), ('1', 1e999)"},
+    {"values (2, '+-5'), (x'3132', 9223372036854775808.0), (null, '12e1'), ('0x10', 1e999)"},
     {"select ?, '9223372036854775808', '-9223372036854775808', '12e1'"},
     {"explain select 1"},
 };
