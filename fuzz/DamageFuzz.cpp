@@ -26,8 +26,26 @@ constexpr int most_steps = 100000;
 // at this section of a program too.
 __attribute__((section("__libfuzzer_extra_counters"), used)) std::uint8_t reported[4096];
 
+// Whether no cell of the first page begins so near to its end that its size and key may lie beyond.
+bool hasSoundCells(const std::uint8_t* data, std::size_t size)
+{
+    const auto at = [=](int place) {
+        return static_cast<std::size_t>(place) + 1 < size ? data[place] * 256 + data[place + 1] : 0;
+    };
+    const int page = at(16) == 1 ? 65536 : at(16);
+    // Those of an inner page stand four bytes further.
+    const int cells = page < 512 ? 0 : at(103) + 2;
+    for (int i = 0; i < cells; ++i) {
+        if ((at(108 + 2 * i) & (page - 1)) > page - 22)
+            return false;
+    }
+    return true;
+}
+
 // The database is in memory: SQLite reads it as it would the file. A cell that reaches beyond its page
-// would be read on into SQLite's own memory, with addresses in it that differ from side to side.
+// would be read on into SQLite's own memory, with addresses in it that differ from side to side. SQLite
+// looks for such cells when it reads a page, but not at one that it still holds: so it holds the first
+// alone.
 void load(sqlite3* db, const std::uint8_t* data, std::size_t size)
 {
     sqlite3_limit(db, SQLITE_LIMIT_LENGTH, longest_cell);
@@ -40,7 +58,8 @@ void load(sqlite3* db, const std::uint8_t* data, std::size_t size)
     const sqlite3_int64 bytes = static_cast<sqlite3_int64>(size);
     const int rc = sqlite3_deserialize(db, "main", file, bytes, bytes + 1, flags);
     fuzz::expectEqual("the result of sqlite3_deserialize", rc, SQLITE_OK);
-    sqlite3_exec(db, "pragma cell_size_check = on", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "pragma cell_size_check = on; pragma cache_size = 1", nullptr, nullptr,
+                 nullptr);
 }
 
 class Run {
@@ -128,6 +147,7 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    Run(data, size).all();
+    if (hasSoundCells(data, size))
+        Run(data, size).all();
     return 0;
 }
