@@ -238,7 +238,8 @@ class DeviceTest(ConfigureTestCase):
                     DEVICE, TRACE, framework, f"-DSQLWRAPPER_FRAMEWORK_LINKAGE={default}")
 
     def configure_for(self, framework, linkage):
-        self.assert_configures(DEVICE, TRACE, framework, f"-DSQLWRAPPER_FRAMEWORK_LINKAGE={linkage}")
+        self.assert_configures(DEVICE, NO_PREPARED, TRACE, framework,
+                               f"-DSQLWRAPPER_FRAMEWORK_LINKAGE={linkage}")
 
     def test_installation_is_used_with_the_devices_libraries(self):
         for linkage, framework in (("C", FRAMEWORK), ("C++", self.cpp_framework())):
