@@ -27,7 +27,7 @@ const int warm_up = 100; // buffers and caches have their size then
 
 int rounds()
 {
-    return test::briefRun() ? 1000 : 10000;
+    return 10000 / test::stride(1);
 }
 
 // What a process may run out of.
