@@ -314,8 +314,8 @@ inline void Statement::begin(const char* operation)
 inline bool Statement::step(const char* operation)
 {
     const int rc = sqlite3_step(_handle.statement);
-    if (_inserts
-        && _handle.state == State::ready) { // all rows are inserted before the first comes back
+    // All rows are inserted before the first comes back.
+    if (_inserts && _handle.state == State::ready) {
         const integer key = sqlite3_last_insert_rowid(_connection);
         if (key != _keyBefore || _givesKeys)
             _key = key;
