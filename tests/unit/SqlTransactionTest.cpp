@@ -10,10 +10,12 @@
 #include "Reports.h"
 #include "Sqlite.h"
 
+#include <gmock/gmock.h>
 #include <sqlite3.h>
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -32,6 +34,8 @@ using sql::TransactionScope;
 using std::chrono::milliseconds;
 using test::joined;
 using test::Texts;
+using testing::ElementsAre;
+using testing::StartsWith;
 using testing::Values;
 
 static_assert(sql::begin_deferred == 0);
@@ -44,6 +48,7 @@ static_assert(!std::is_constructible_v<TransactionScope, sql::Database&>);
 const milliseconds forever(60000); // longer than any of this takes
 const char busy[] = "5=SQLITE_BUSY: database is locked";
 const char interrupted[] = "9=SQLITE_INTERRUPT: interrupted";
+const char forbidden[] = "23=SQLITE_AUTH: not authorized";
 const char violated[] = "787=SQLITE_CONSTRAINT_FOREIGNKEY: FOREIGN KEY constraint failed";
 
 // What is reported at a loss, and by what comes after it.
@@ -193,6 +198,32 @@ private:
     }
 };
 
+// Keeps SQLite from compiling "BEGIN", "COMMIT", "ROLLBACK" or "RELEASE" while it lives; and from
+// running what is compiled already before it is compiled anew.
+class Prohibition {
+public:
+    Prohibition(sql::Database& database, const char* what) : _db(database.getHandle())
+    {
+        const auto judge = [](void* prohibited, int action, const char* first, const char*,
+                              const char*, const char*) {
+            const bool isMeant = action == SQLITE_TRANSACTION || action == SQLITE_SAVEPOINT;
+            return isMeant && std::strcmp(first, static_cast<const char*>(prohibited)) == 0
+                       ? SQLITE_DENY
+                       : SQLITE_OK;
+        };
+        sqlite3_set_authorizer(_db, judge, const_cast<char*>(what));
+    }
+    ~Prohibition()
+    {
+        sqlite3_set_authorizer(_db, nullptr, nullptr);
+    }
+    Prohibition(const Prohibition&) = delete;
+    Prohibition& operator=(const Prohibition&) = delete;
+
+private:
+    sqlite3* _db;
+};
+
 std::string nameOfJournal(const testing::TestParamInfo<const char*>& chosen)
 {
     return chosen.param;
@@ -267,6 +298,29 @@ TEST_P(TransactionTest, DatabaseThatIsNotOpenIsRefused)
     EXPECT_TRUE(transaction.error().isMisuse());
     expectReport(report::statementFailed("begin", "begin exclusive",
                                          "21=SQLITE_MISUSE: the database is not open"));
+}
+
+TEST_P(TransactionTest, StatementThatSqliteDoesNotCompileIsAFailure)
+{
+    const char* const statements[][2] = {
+        {"BEGIN", "begin immediate"}, {"COMMIT", "commit"}, {"ROLLBACK", "rollback"}};
+    for (const auto& [what, statement] : statements) {
+        const Prohibition prohibition(_database, what);
+        const Transaction transaction(_database, sql::begin_immediate);
+        EXPECT_FALSE(transaction.isOpen());
+        EXPECT_EQ(transaction.error().statement(), statement);
+        expectReport(report::statementFailed("begin", statement, forbidden));
+    }
+    expectFree();
+}
+
+TEST_P(TransactionTest, OneThatCouldNotBeginLetsTheDatabaseClose)
+{
+    _other.run("begin immediate");
+    const Transaction transaction(_database, sql::begin_immediate);
+    expectReport(report::statementFailed("begin", "begin immediate", busy));
+    _database.close();
+    expectReport({});
 }
 
 // SQLite refuses the first write alone.
@@ -352,6 +406,57 @@ TEST_P(TransactionTest, UseAfterTheEndIsAFailure)
     expectFree();
 }
 
+TEST_P(TransactionTest, EndedOneHasNoPartInTheNext)
+{
+    std::optional<Transaction> first(std::in_place, _database, sql::begin_immediate);
+    EXPECT_TRUE(first->commit());
+    const Transaction second(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    first.reset();
+    EXPECT_FALSE(_database.transactionCommit());
+    expectReport(refusedAndLost());
+    EXPECT_EQ(there(), "NULL");
+}
+
+TEST_P(TransactionTest, RollbackThatFailsLeavesItOpen)
+{
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    {
+        const Prohibition prohibition(_database, "ROLLBACK");
+        EXPECT_FALSE(transaction.rollback());
+        expectReport(report::statementFailed("rollback", "rollback", forbidden));
+        EXPECT_EQ(transaction.error().text(), "not authorized");
+        EXPECT_TRUE(transaction.isOpen());
+    }
+    EXPECT_TRUE(transaction.rollback());
+    EXPECT_FALSE(transaction.error());
+    EXPECT_EQ(there(), "NULL");
+    expectFree();
+}
+
+TEST_P(TransactionTest, RollbackThatFailsIsTriedAgainAtTheEndOfItsScope)
+{
+    {
+        Transaction transaction(_database, sql::begin_immediate);
+        EXPECT_TRUE(add(1));
+        const Prohibition prohibition(_database, "ROLLBACK");
+        EXPECT_FALSE(transaction.rollback());
+        expectReport(report::statementFailed("rollback", "rollback", forbidden));
+    }
+    EXPECT_EQ(there(), "NULL");
+    expectFree();
+}
+
+TEST_P(TransactionTest, RollbackThatFailsAtTheEndOfItsScopeIsReported)
+{
+    std::optional<Transaction> transaction(std::in_place, _database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    const Prohibition prohibition(_database, "ROLLBACK");
+    transaction.reset();
+    expectReport(report::statementFailed("~TransactionScope", "rollback", forbidden));
+}
+
 TEST_P(TransactionTest, HooksOfTheProgramAreDisplaced)
 {
     const auto count = [](void* calls) {
@@ -387,6 +492,23 @@ TEST_P(TransactionTest, ReportsItsStatementsWhereTheyAreAskedFor)
                   report::debug(2, "Transaction::commit", "stmt='commit'"),
                   report::debug(2, "Transaction::begin", "stmt='begin deferred'"),
                   report::debug(2, "Transaction::~TransactionScope", "stmt='rollback'")});
+}
+
+TEST_P(TransactionTest, ReportsTheStatementsOfASavepointToo)
+{
+    const Transaction transaction(_database, sql::begin_immediate);
+    _diagnostics.setLevel(9);
+    {
+        const Savepoint savepoint(_database);
+    }
+    EXPECT_THAT(_diagnostics.take(),
+                ElementsAre(StartsWith(report::debug(2, "Transaction::begin",
+                                                     "stmt='savepoint sqlprepared_")),
+                            StartsWith(report::debug(2, "Transaction::~TransactionScope",
+                                                     "stmt='rollback to sqlprepared_")),
+                            StartsWith(report::debug(2, "Transaction::~TransactionScope",
+                                                     "stmt='release sqlprepared_"))));
+    _diagnostics.setLevel(3);
 }
 
 // --- Savepoints
@@ -491,6 +613,27 @@ TEST_P(TransactionTest, TransactionInASavepointIsRefused)
             "1=SQLITE_ERROR: cannot start a transaction within a transaction"));
     }
     EXPECT_TRUE(savepoint.commit());
+    EXPECT_EQ(there(), "1");
+}
+
+TEST_P(TransactionTest, SavepointThatCannotBeUndoneStaysOpen)
+{
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    for (const char* const what : {"ROLLBACK", "RELEASE"}) {
+        Savepoint savepoint(_database);
+        EXPECT_TRUE(add(2));
+        {
+            const Prohibition prohibition(_database, what);
+            EXPECT_FALSE(savepoint.rollback());
+            const std::string statement = savepoint.error().statement();
+            EXPECT_THAT(statement, StartsWith("rollback to sqlprepared_"));
+            expectReport(report::statementFailed("rollback", statement, forbidden));
+            EXPECT_TRUE(savepoint.isOpen());
+        }
+        EXPECT_TRUE(savepoint.rollback());
+    }
+    EXPECT_TRUE(transaction.commit());
     EXPECT_EQ(there(), "1");
 }
 
@@ -620,6 +763,21 @@ TEST_P(TransactionTest, WhatOthersBeginAfterALossDoesNotOutliveTheScope)
     }
     EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 1);
     EXPECT_EQ(there(), "NULL");
+    expectFree();
+}
+
+TEST_P(TransactionTest, WhatOthersBeginAfterALossOutlivesAnInnerScope)
+{
+    {
+        const Transaction transaction(_database, sql::begin_immediate);
+        {
+            const Savepoint savepoint(_database);
+            lose();
+            EXPECT_TRUE(_database.transactionBegin());
+        }
+        EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 0);
+    }
+    EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 1);
     expectFree();
 }
 
@@ -753,6 +911,43 @@ TEST_P(TransactionTest, SavepointThatAnInterruptKeepsFromBeingUndoneTakesAllWith
     expectFree();
 }
 
+TEST_P(TransactionTest, SavepointInATransactionOfTheDatabaseTakesAllWithItToo)
+{
+    EXPECT_TRUE(add(1) && add(2));
+    sql::Statement all(_database, "select id from product");
+    EXPECT_TRUE(all.next());
+    EXPECT_TRUE(_database.transactionBegin());
+    EXPECT_TRUE(add(3));
+    {
+        const Savepoint savepoint(_database);
+        EXPECT_TRUE(add(4));
+        sqlite3_interrupt(_database.getHandle());
+    }
+    expectReport(lost());
+    all.release();
+    EXPECT_EQ(there(), "1,2");
+    expectFree();
+}
+
+// Here SQLite has to compile the rollback anew, which is stopped before it undoes anything.
+TEST_P(TransactionTest, RollbackThatAnInterruptKeepsFromBeingCompiledLeavesItOpen)
+{
+    EXPECT_TRUE(add(1) && add(2));
+    sql::Statement all(_database, "select id from product");
+    EXPECT_TRUE(all.next());
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(3));
+    const Prohibition nothing(_database, "");
+    sqlite3_interrupt(_database.getHandle());
+    EXPECT_FALSE(transaction.rollback());
+    expectReport(report::statementFailed("rollback", "rollback", interrupted));
+    EXPECT_TRUE(transaction.isOpen());
+    all.release();
+    EXPECT_TRUE(transaction.rollback());
+    EXPECT_EQ(there(), "1,2");
+    expectFree();
+}
+
 // --- Commits that fail
 
 TEST_P(TransactionTest, OpenForeignKeyLeavesItOpenToBeMended)
@@ -770,6 +965,18 @@ TEST_P(TransactionTest, OpenForeignKeyLeavesItOpenToBeMended)
     EXPECT_EQ(there(), "7");
     EXPECT_EQ(_other.rows("select * from part"), "7");
     expectFree();
+}
+
+TEST_P(TransactionTest, CommitOfTheDatabaseIsRefusedAfterItsOwnHasFailed)
+{
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(run("insert into part values (7)"));
+    EXPECT_FALSE(transaction.commit());
+    expectReport(report::statementFailed("commit", "commit", violated));
+    EXPECT_TRUE(add(7));
+    EXPECT_FALSE(_database.transactionCommit());
+    expectReport(refusedAndLost());
+    EXPECT_EQ(there(), "NULL");
 }
 
 TEST_P(TransactionTest, OpenForeignKeyLeavesASavepointOpenToo)
@@ -842,12 +1049,29 @@ TEST_P(BusyCommitTest, ReaderLeavesItOpenToBeTriedAgain)
     expectFree();
 }
 
+// An interrupt of nothing stops nothing that is begun after it.
+TEST_P(BusyCommitTest, NothingRunsAfterARefusedCommit)
+{
+    startReading();
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    EXPECT_FALSE(transaction.commit());
+    expectReport(report::statementFailed("commit", "commit", busy));
+    sqlite3_interrupt(_database.getHandle());
+    EXPECT_TRUE(add(2));
+    endReading();
+    EXPECT_TRUE(transaction.commit());
+    EXPECT_EQ(there(), "1,2");
+}
+
 TEST_P(BusyCommitTest, SavepointIsTriedAgainToo)
 {
     startReading();
     Savepoint savepoint(_database);
     EXPECT_TRUE(add(1));
+    _diagnostics.setLevel(7); // which would tell of a wait
     EXPECT_FALSE(savepoint.commit());
+    _diagnostics.setLevel(3);
     expectReport(report::statementFailed("commit", savepoint.error().statement(), busy));
     EXPECT_TRUE(savepoint.isOpen());
     endReading();

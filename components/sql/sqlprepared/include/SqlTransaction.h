@@ -41,7 +41,7 @@ public:
     [[nodiscard]] bool commit();
 
     /// Undoes what was done since the beginning, unless SQLite has, and ends the scopes begun in
-    /// it. Returns false if it has ended before, or SQLite fails.
+    /// it. Returns false if it has ended before, or SQLite fails: it is still open then.
     bool rollback();
 
     /// Returns why the latest operation failed; no failure if it did not. Lives as long as this.
@@ -54,7 +54,7 @@ protected:
     ~TransactionScope();
 
 private:
-    // Lost: SQLite has rolled back, or could not.
+    // Lost: SQLite has rolled back.
     enum class State { unbegun, open, undoing, lost, ended };
 
     SQLWRAPPER_LOCAL TransactionScope(Database& database, std::chrono::milliseconds patience);

@@ -35,9 +35,9 @@ const char* beginOf(TransactionMode mode)
     case begin_immediate:
         return "begin immediate";
     case begin_exclusive:
-        return "begin exclusive";
+        break;
     }
-    return "begin";
+    return "begin exclusive";
 }
 
 // Nested scopes may end in any order: each has a name of its own.
@@ -149,7 +149,7 @@ void TransactionScope::enter()
 // Those that were begun in it end with it.
 void TransactionScope::leave()
 {
-    if (_state == State::unbegun || _state == State::ended)
+    if (_state == State::unbegun)
         return;
     const std::lock_guard<std::mutex> lock(scopes_mutex);
     for (TransactionScope** link = &scopes; _state != State::ended;) {
@@ -214,8 +214,8 @@ const char* TransactionScope::whyNotOpen() const
 // After a loss another may have begun anew: nothing of that outlives the scope either.
 bool TransactionScope::hasToUndo() const
 {
-    const bool isLast = _state == State::lost && _watching && !_nested;
-    return isOpen() || (isLast && sqlite3_get_autocommit(_connection) == 0);
+    const bool isLost = _state == State::lost && !_nested;
+    return isOpen() || (isLost && sqlite3_get_autocommit(_connection) == 0);
 }
 
 bool TransactionScope::commit()
@@ -266,6 +266,7 @@ bool TransactionScope::isUsable(const char* operation)
 // Without the database, which may be gone: what ends here was begun on its connection.
 int TransactionScope::undo(const char* operation)
 {
+    const State former = _state;
     if (!_nested)
         _state = State::undoing; // so that the rollback is known for its own
     int rc = run(operation, _rollback);
@@ -276,8 +277,7 @@ int TransactionScope::undo(const char* operation)
     if (rc == SQLITE_INTERRUPT && sqlite3_step(_abort) == SQLITE_INTERRUPT
         && sqlite3_get_autocommit(_connection) != 0)
         rc = SQLITE_DONE;
-    if (rc != SQLITE_DONE)
-        _state = State::lost;
+    _state = former;
     return rc;
 }
 
