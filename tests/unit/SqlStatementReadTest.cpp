@@ -4,6 +4,7 @@
 
 #include "Environment.h"
 #include "PlainNumbers.h"
+#include "SqliteMemory.h"
 #include "StatementTest.h"
 
 #include <gmock/gmock.h>
@@ -25,6 +26,23 @@ using sql::Column;
 using sql::integer;
 using sql::Statement;
 using testing::ElementsAre;
+
+// To be read in front of a cell for which there shall be no memory.
+struct Shortage {
+    test::SqliteMemory& memory;
+};
+
+} // namespace
+
+template <> struct sql::Binder<Shortage> {
+    static const char* read(const sql::Column&, Shortage& shortage)
+    {
+        shortage.memory.watch(true);
+        return nullptr;
+    }
+};
+
+namespace {
 
 const std::string is_null = "20=SQLITE_MISMATCH: column cell is NULL";
 const std::string is_no_number = "20=SQLITE_MISMATCH: column cell is no number";
@@ -562,6 +580,20 @@ TEST_F(StatementReadTest, GettersConvertAsThoseOfAValue)
     }
 }
 
+TEST_F(StatementReadTest, GetterOfANumberKeepsEveryBit)
+{
+    Statement statement(_database, "select ?");
+    const auto got = [&](auto number) {
+        EXPECT_TRUE(statement.reset());
+        statement.bind(1, number);
+        EXPECT_TRUE(statement.next());
+        return statement.column(0).asDouble();
+    };
+    for (const double number : {0.1 + 0.2, -1.0 / 3, 5e-324, Limits<double>::max()})
+        EXPECT_EQ(got(number), number);
+    EXPECT_EQ(got(9007199254740993), 9007199254740992.0);
+}
+
 TEST_F(StatementReadTest, GettersKeepZeroBytes)
 {
     Statement statement(_database, "select 'a' || char(0) || 'b'");
@@ -619,6 +651,7 @@ TEST_F(StatementReadTest, CellOutsideARowIsNullAndAFailure)
     EXPECT_FALSE(statement.next());
     EXPECT_TRUE(statement.finished());
     expectNone(statement.column(0), "0");
+    EXPECT_TRUE(statement.run());
 }
 
 TEST_F(StatementReadTest, CellOutsideARowReadsAsNull)
@@ -667,6 +700,109 @@ TEST_F(StatementReadTest, CellBeyondTheColumnsIsNullAndAFailureButTheRowStays)
     EXPECT_FALSE(statement.next()) << "so that a loop ends";
     EXPECT_FALSE(statement.finished());
     expectError(statement.error(), "25=SQLITE_RANGE: there is no column ", "values (1), (2)");
+}
+
+// --- Lack of memory
+
+// Texts are stored in UTF-16 here, so that each takes memory to be read, as those of numbers do.
+class NoMemoryTest : public StatementReadTest {
+protected:
+    NoMemoryTest()
+    {
+        _database.close(); // SQLite starts anew
+        _memory.emplace();
+        EXPECT_TRUE(_database.open(":memory:", sql::Database::access_create, false, 0));
+        run("pragma encoding = 'UTF-16'; create table t (cell)");
+    }
+
+    void TearDown() override
+    {
+        _database.close();
+        _memory.reset();
+        StatementReadTest::TearDown();
+    }
+
+    // What it returns while SQLite gets no memory.
+    template <typename Work> auto starved(Work work)
+    {
+        _memory->refuse(1, true);
+        const auto result = work(*_memory);
+        _memory->watch(false);
+        EXPECT_TRUE(_memory->hasRefused());
+        return result;
+    }
+
+    template <typename T> void expectNotRead(const std::string& cell)
+    {
+        SCOPED_TRACE(cell);
+        run("insert into t values (" + cell + ")");
+        Statement statement(_database, "select 1, cell from t");
+        T value{};
+        EXPECT_FALSE(starved([&](test::SqliteMemory& memory) {
+            Shortage shortage{memory};
+            return statement.next(shortage, value);
+        }));
+        expectNoMemory(statement, "next");
+        EXPECT_EQ(value, T{});
+        EXPECT_FALSE(statement.next());
+        int one = 0;
+        EXPECT_TRUE(statement.reset());
+        EXPECT_TRUE(statement.next(one, value)) << "there is memory again";
+        EXPECT_TRUE(statement.reset());
+        run("delete from t");
+    }
+
+    void expectNoMemory(const Statement& statement, const std::string& operation)
+    {
+        const std::string reason = "7=SQLITE_NOMEM: out of memory";
+        expectReport(
+            test::report::statementFailed(operation, std::string(statement.text()), reason));
+        expectError(statement.error(), reason, "");
+    }
+
+private:
+    std::optional<test::SqliteMemory> _memory;
+};
+
+TEST_F(NoMemoryTest, CellIsNotRead)
+{
+    for (const char* const number : {"7", "2.5"}) {
+        expectNotRead<std::string>(number);
+        expectNotRead<std::vector<unsigned char>>(number);
+    }
+    expectNotRead<std::string>("'tea'");
+    expectNotRead<double>("'2.5'");
+    expectNotRead<float>("'2.5'");
+    expectNotRead<integer>("'7'");
+    expectNotRead<std::optional<int>>("'7'");
+}
+
+TEST_F(NoMemoryTest, GettersAreEmptyAndFail)
+{
+    for (const std::string number : {"7", "2.5"}) {
+        Statement statement(_database, "select " + number);
+        ASSERT_TRUE(statement.next());
+        EXPECT_EQ(starved([&](test::SqliteMemory& memory) {
+                      memory.watch(true);
+                      return statement.column(0).asText();
+                  }),
+                  "");
+        expectNoMemory(statement, "column");
+        EXPECT_FALSE(statement.next());
+        expectNoMemory(statement, "next"); // which SQLite says once more
+        ASSERT_TRUE(statement.reset());
+        ASSERT_TRUE(statement.next());
+        EXPECT_EQ(starved([&](test::SqliteMemory& memory) {
+                      memory.watch(true);
+                      return statement.column(0).asBytes();
+                  }).size,
+                  0u);
+        expectNoMemory(statement, "column");
+        EXPECT_FALSE(statement.next());
+        expectNoMemory(statement, "next");
+        EXPECT_FALSE(statement.finished());
+        EXPECT_EQ(statement.one<std::string>().valueOr("none"), number);
+    }
 }
 
 // --- Schema changes

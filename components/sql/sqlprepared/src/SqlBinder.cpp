@@ -69,7 +69,7 @@ double Column::asDouble() const
 
 bool Column::asBool() const
 {
-    if (!isNull() && sqlite3_value_type(_value) == SQLITE_INTEGER)
+    if (typeOf(_value) == SQLITE_INTEGER)
         return asInteger() == 1;
     return asText() == "1";
 }
@@ -155,7 +155,7 @@ const char* Column::readOther(double& number) const
         return why;
     double found = 0;
     const char* const why = readNumber(text, found);
-    if (why == nullptr && !std::isfinite(found)) // "inf" and "nan" are words
+    if (!std::isfinite(found)) // "inf" and "nan" are words
         return is_no_number;
     if (why == nullptr)
         number = found;
@@ -176,8 +176,8 @@ const char* Column::read(float& number) const
 const char* Column::read(std::string_view& text) const
 {
     const void* const bytes = sqlite3_value_text(_value);
-    if (bytes == nullptr)
-        return isNull() ? is_null : no_memory;
+    if (bytes == nullptr) // a cell that there is no memory for is NULL from then on
+        return sqlite3_errcode(_statement->_connection) == SQLITE_NOMEM ? no_memory : is_null;
     text = std::string_view(static_cast<const char*>(bytes), sqlite3_value_bytes(_value));
     return nullptr;
 }
