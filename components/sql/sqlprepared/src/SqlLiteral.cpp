@@ -11,37 +11,33 @@ constexpr integer seconds_per_day = 86400;
 constexpr integer first_second = -62167219200; // 0000-01-01T00:00:00Z
 constexpr integer last_second = 253402300799;  // 9999-12-31T23:59:59Z
 
-// --- The calendar, which repeats itself every 400 years; a year begins in March here, so that a leap
-// day is its last --------------------------------------------------------------------------------
+// --- The calendar, which repeats itself every 400 years. A year begins in March here, so that a leap day
+// is its last, and years count from -400, so that nothing is negative. Days count from 0000-01-01 -----
 
 constexpr integer days_per_era = 146097;
-constexpr integer epoch = 719468; // days from 0000-03-01 to 1970-01-01
+constexpr integer first_day = 146037; // 0000-01-01, in days from the first March
 
 struct Date {
     int year, month, day;
 };
 
-integer daysSinceEpoch(const Date& date)
+integer dayOf(const Date& date)
 {
-    const integer year = date.month <= 2 ? date.year - 1 : date.year;
-    const integer era = (year >= 0 ? year : year - 399) / 400;
-    const integer yearOfEra = year - era * 400;
-    const integer dayOfYear = (153 * (date.month + (date.month > 2 ? -3 : 9)) + 2) / 5 + date.day
-                              - 1;
-    return era * days_per_era + yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear
-           - epoch;
+    const integer year = date.year + (date.month > 2 ? 400 : 399);
+    const integer month = date.month + (date.month > 2 ? -3 : 9);
+    const integer dayOfYear = (153 * month + 2) / 5 + date.day - 1;
+    return year * 365 + year / 4 - year / 100 + year / 400 + dayOfYear - first_day;
 }
 
-Date dateOf(integer days)
+Date dateOf(integer day)
 {
-    days += epoch;
-    const integer era = (days >= 0 ? days : days - days_per_era + 1) / days_per_era;
-    const integer day = days - era * days_per_era;
-    const integer year = (day - day / 1460 + day / 36524 - day / 146096) / 365;
-    const integer dayOfYear = day - (365 * year + year / 4 - year / 100);
+    const integer era = (day + first_day) / days_per_era;
+    const integer dayOfEra = (day + first_day) % days_per_era;
+    const integer year = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    const integer dayOfYear = dayOfEra - (365 * year + year / 4 - year / 100);
     const integer month = (5 * dayOfYear + 2) / 153;
-    const int calendarMonth = static_cast<int>(month < 10 ? month + 3 : month - 9);
-    return {static_cast<int>(year + era * 400) + (calendarMonth <= 2 ? 1 : 0), calendarMonth,
+    return {static_cast<int>(year + era * 400 - (month < 10 ? 400 : 399)),
+            static_cast<int>(month < 10 ? month + 3 : month - 9),
             static_cast<int>(dayOfYear - (153 * month + 2) / 5 + 1)};
 }
 
@@ -49,9 +45,8 @@ string textOf(integer time)
 {
     if (time < first_second || time > last_second)
         return string();
-    const integer second = ((time % seconds_per_day) + seconds_per_day) % seconds_per_day;
-    const Date date = dateOf((time - second) / seconds_per_day);
-    const int ofDay = static_cast<int>(second);
+    const Date date = dateOf((time - first_second) / seconds_per_day);
+    const int ofDay = static_cast<int>((time - first_second) % seconds_per_day);
     char text[64];
     std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02dZ", date.year, date.month,
                   date.day, ofDay / 3600, ofDay / 60 % 60, ofDay % 60);
@@ -68,9 +63,9 @@ bool take(std::string_view& text, char byte)
     return true;
 }
 
+// The number is 0 before.
 bool takeDigits(std::string_view& text, std::size_t count, int& number)
 {
-    number = 0;
     for (std::size_t i = 0; i < count; ++i) {
         if (i == text.size() || text[i] < '0' || text[i] > '9')
             return false;
@@ -128,28 +123,27 @@ bool takeOffset(std::string_view& text, int& offset)
     return true;
 }
 
-bool takeDate(std::string_view& text, integer& days)
+bool takeDate(std::string_view& text, integer& day)
 {
     Date date{};
     if (!takeDigits(text, 4, date.year) || !take(text, '-') || !takeDigits(text, 2, date.month)
         || !take(text, '-') || !takeDigits(text, 2, date.day))
         return false;
-    days = daysSinceEpoch(date);
-    const Date found = dateOf(days); // another than the thirtieth of February
-    return found.month == date.month && found.day == date.day;
+    day = dayOf(date);
+    return dateOf(day).month == date.month; // the thirtieth of February is in March
 }
 
 bool read(std::string_view text, integer& seconds)
 {
-    integer days = 0;
+    integer day = 0;
     int time = 0;
     int offset = 0;
-    if (!takeDate(text, days))
+    if (!takeDate(text, day))
         return false;
     const bool hasTime = take(text, 'T') || take(text, ' ');
     if (hasTime && (!takeTimeOfDay(text, time) || !takeOffset(text, offset)))
         return false;
-    seconds = days * seconds_per_day + time - offset;
+    seconds = first_second + day * seconds_per_day + time - offset;
     return text.empty();
 }
 
