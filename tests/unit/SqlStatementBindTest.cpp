@@ -418,6 +418,9 @@ TEST_F(StatementBindTest, FailureSticksUntilTheReset)
     statement.clearBindings();
     EXPECT_FALSE(statement.run());
     EXPECT_TRUE(statement.one<std::string>().failed());
+    EXPECT_TRUE(statement.column(0).isNull());
+    expectFailure(statement, "column", "21=SQLITE_MISUSE: column 0 was asked for outside a row");
+    EXPECT_FALSE(statement.run());
     EXPECT_TRUE(statement.error());
     EXPECT_TRUE(statement.reset());
     EXPECT_FALSE(statement.error());
@@ -473,6 +476,12 @@ TEST_F(StatementBindTest, BindingAtARowIsAFailureAndEndsTheRun)
     ASSERT_TRUE(statement.next());
     statement.clearBindings();
     expectFailure(statement, "bind", why);
+    ASSERT_TRUE(statement.reset());
+    ASSERT_TRUE(statement.next());
+    EXPECT_TRUE(statement.column(1).isNull());
+    expectFailure(statement, "column", "25=SQLITE_RANGE: there is no column 1");
+    statement.bind(1, 7);
+    expectFailure(statement, "bind", why);
 }
 
 TEST_F(StatementBindTest, BindingAfterTheEndStartsAnew)
@@ -504,6 +513,22 @@ TEST_F(StatementBindTest, BindingAfterAFailureStartsAnew)
 }
 
 // --- Values that run() borrows
+
+TEST_F(StatementBindTest, ValuesOfARunAreNotCopied)
+{
+    const void* address = nullptr;
+    const auto note = [](sqlite3_context* context, int, sqlite3_value** values) {
+        *static_cast<const void**>(sqlite3_user_data(context)) = sqlite3_value_blob(values[0]);
+    };
+    sqlite3_create_function(_database.getHandle(), "note", 1, SQLITE_UTF8, &address, note, nullptr,
+                            nullptr);
+    const std::string tea = "tea";
+    Statement statement(_database, "select note(?)");
+    EXPECT_TRUE(statement.run(tea));
+    EXPECT_EQ(address, tea.data());
+    EXPECT_TRUE(statement.bind(1, tea).run());
+    EXPECT_NE(address, tea.data());
+}
 
 TEST_F(StatementBindTest, TooFewOrTooManyValuesAreAFailure)
 {
@@ -577,10 +602,14 @@ TEST_F(StatementBindTest, ExpandedTextHasTheBoundValues)
 
 TEST_F(StatementBindTest, ExpandedTextThatIsTooLongIsEmpty)
 {
-    Statement statement(_database, "select ?1 || ?1 || ?1");
+    Statement statement(_database, "select ?1, ?1, ?1");
     sqlite3_limit(_database.getHandle(), SQLITE_LIMIT_LENGTH, 100);
     statement.bind(1, std::string(50, 'a'));
     EXPECT_EQ(statement.expandedText(), "");
+    _diagnostics.setLevel(9);
+    EXPECT_TRUE(statement.run());
+    expectReport({test::report::started("run", "select ?1, ?1, ?1")});
+    _diagnostics.setLevel(3);
 }
 
 // --- What is logged

@@ -8,6 +8,7 @@
 
 #include <optional>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -95,6 +96,24 @@ TEST_F(StatementRunTest, RunStartsAnewWhereverItStands)
     EXPECT_FALSE(values.next());
     EXPECT_TRUE(values.reset());
     EXPECT_TRUE(values.next());
+}
+
+TEST_F(StatementRunTest, RunStartsAnewAtARowThatCouldNotBeRead)
+{
+    Statement values(_database, "values (1), (2)");
+    const auto failToRead = [&] {
+        ASSERT_TRUE(values.next());
+        EXPECT_TRUE(values.column(7).isNull());
+        expectFailure(values, "column", "25=SQLITE_RANGE: there is no column 7");
+    };
+    failToRead();
+    EXPECT_EQ(values.one<int>().valueOr(0), 1);
+    ASSERT_TRUE(values.reset());
+    failToRead();
+    EXPECT_TRUE(values.reset());
+    int number = 0;
+    EXPECT_TRUE(values.next(number));
+    EXPECT_EQ(number, 1);
 }
 
 TEST_F(StatementRunTest, ResetGoesBackToTheStart)
@@ -300,6 +319,16 @@ TEST_F(LateFailureTest, WhateverEndsTheRowFails)
     expectFails("one", [](Statement& insert) { return bool(insert.one<int>()); });
 }
 
+TEST_F(LateFailureTest, NextBehindARowThatCouldNotBeReadFails)
+{
+    Statement insert(_database, _text);
+    ASSERT_TRUE(insert.next());
+    EXPECT_TRUE(insert.column(7).isNull());
+    expectFailure(insert, "column", "25=SQLITE_RANGE: there is no column 7");
+    EXPECT_FALSE(insert.next());
+    expectFailure(insert, "next", _reason);
+}
+
 TEST_F(LateFailureTest, OneFailsWhenItsOwnRowCannotBeCommitted)
 {
     Statement insert(_database, _text);
@@ -372,6 +401,7 @@ INSTANTIATE_TEST_SUITE_P(
            Change{"UpsertNothing", "", "insert into t values (1, 'x') on conflict do nothing", 0},
            Change{"Returning", "", "update t set name = 'x' returning id", 3},
            Change{"With", "", "with k as (select 2 as id) delete from t where id in k", 1},
+           Change{"WithSelect", "", "with k as (select * from t) select * from k", 0},
            Change{"Select", "", "select * from t", 0}, Change{"Values", "", "values (1)", 0},
            Change{"CreateTable", "", "create table u (id)", 0},
            Change{"CreateTableAs", "", "create table u as select * from t", 0},
@@ -410,7 +440,9 @@ TEST_F(StatementRunTest, QueryAfterAWriteHasChangedNothing)
     EXPECT_EQ(count.one<int>().valueOr(0), 2);
     EXPECT_EQ(count.changes(), 0);
     EXPECT_EQ(insert.changes(), 2) << "whatever runs afterwards";
-    run("delete from t");
+    run("delete from t where id = 1");
+    EXPECT_EQ(insert.changes(), 2);
+    EXPECT_TRUE(insert.reset());
     EXPECT_EQ(insert.changes(), 2);
 }
 
@@ -457,10 +489,22 @@ TEST_F(StatementRunTest, FailedRunHasChangedNothing)
     EXPECT_EQ(keys(), "1,2");
 }
 
+TEST_F(StatementRunTest, RunHasChangedNothingBeforeItsEnd)
+{
+    Statement insert(_database, "insert into t (name) values ('a'), ('b') returning id");
+    EXPECT_TRUE(insert.run());
+    EXPECT_EQ(insert.changes(), 2);
+    ASSERT_TRUE(insert.reset());
+    EXPECT_TRUE(insert.next());
+    EXPECT_EQ(insert.changes(), 0);
+}
+
 TEST_F(StatementRunTest, RunThatCannotBeginHasChangedNothing)
 {
-    run("create table u (id)");
+    run("create table u (id); insert into u values (1), (2), (3)");
     Statement remove(_database, "delete from u");
+    EXPECT_TRUE(remove.run());
+    EXPECT_EQ(remove.changes(), 3);
     run("insert into t (name) values ('a'), ('b'); drop table u");
     EXPECT_FALSE(remove.run());
     expectFailure(remove, "run", "1=SQLITE_ERROR: no such table: u");
@@ -574,11 +618,23 @@ const Key last_keys[] = {
      "insert into u values (5) returning id", 5},
     {"FormerKeyInQuotes", "create table `a ``\"]` (id integer primary key)",
      "insert into main.`a ``\"]` (id) values (5)", 5},
-    {"FormerKeyInBrackets", "create table [a \"`] (id integer primary key)",
-     "insert or abort into /* there */ [a \"`] values (5)", 5},
-    {"FormerKeyInATemporaryTable", "create temp table u1$ä (id integer primary key)",
-     "replace into temp . u1$ä(id) values (5)", 5},
+    {"FormerKeyInDoubleQuotes", "create table \"a \"\"`\" (id integer primary key)",
+     "insert into \"a \"\"`\" (id) values (5)", 5},
+    {"FormerKeyInApostrophes", "create table 'a ''`' (id integer primary key)",
+     "insert into 'a ''`' (id) values (5)", 5},
+    {"FormerKeyInBrackets", "create table [a [\"`] (id integer primary key)",
+     "insert or abort into /* there */ [a [\"`]values (5)", 5},
+    {"FormerKeyInATemporaryTable", "create temp table u_1$À (id integer primary key)",
+     "replace into temp . u_1$À(id) values (5)", 5},
+    {"FormerKeyWith", "create table u (key integer primary key)",
+     "with into_it(x) as (values (5)) insert into u select x from into_it", 5},
+    {"FormerKeyInATableOfConflicts", "create table onflict_conflic (id integer primary key)",
+     "insert into onflict_conflic values (5)", 5},
     {"FormerKeyInAnotherFile", "attach ':memory:' as b; create table b.u (id integer primary key)",
+     "insert into b.u values (5)", 5},
+    {"FormerKeyBesideWithoutRowid",
+     "create table u (id integer primary key) without rowid;"
+     "attach ':memory:' as b; create table b.u (id integer primary key)",
      "insert into b.u values (5)", 5},
     {"WithoutRowidElsewhere",
      "create table u (id integer primary key) without rowid;"
@@ -652,6 +708,34 @@ TEST_F(StatementRunTest, KeyIsThatOfTheLatestRun)
     EXPECT_TRUE(upsert.run(7));
     EXPECT_EQ(upsert.lastKey(), std::nullopt);
     EXPECT_EQ(sqlite3_last_insert_rowid(_database.getHandle()), 7);
+}
+
+TEST_F(StatementRunTest, UpsertThatUpdatesHasNoKeyOfAFormerRun)
+{
+    Statement upsert(_database,
+                     "insert into t values (?, 'x') on conflict (id) do update set name = 'y'");
+    EXPECT_TRUE(upsert.run(7));
+    EXPECT_EQ(upsert.lastKey(), 7);
+    EXPECT_TRUE(upsert.run(7));
+    EXPECT_EQ(upsert.changes(), 1);
+    EXPECT_EQ(upsert.lastKey(), std::nullopt);
+}
+
+TEST_F(StatementRunTest, KeyThatAFunctionInsertsIsNotTheStatements)
+{
+    run("create table u (id integer primary key); insert into t values (1, 'tea')");
+    const auto put = [](sqlite3_context* context, int, sqlite3_value**) {
+        test::run(sqlite3_context_db_handle(context), "insert into u default values");
+    };
+    sqlite3_create_function(_database.getHandle(), "put", 0, SQLITE_UTF8, nullptr, put, nullptr,
+                            nullptr);
+    for (const char* const text :
+         {"with k as (select put()) select * from k", "update t set name = put()"}) {
+        Statement statement(_database, text);
+        EXPECT_TRUE(statement.run());
+        EXPECT_EQ(statement.lastKey(), std::nullopt) << text;
+    }
+    EXPECT_EQ(rows("select count(*) from u"), "2");
 }
 
 TEST_F(StatementRunTest, FailedInsertHasNoKey)
@@ -794,6 +878,27 @@ TEST_F(LockTest, FailureKeepsNone)
     EXPECT_TRUE(othersWrite());
 }
 
+// SQLite's own, which it takes for each of its calls.
+TEST_F(LockTest, LockOfTheConnectionIsTakenAndLeftEvenly)
+{
+    sqlite3_mutex* const mutex = sqlite3_db_mutex(_database.getHandle());
+    const auto othersMayUseIt = [&] {
+        bool may = false;
+        std::thread([&] {
+            may = sqlite3_mutex_try(mutex) == SQLITE_OK;
+            if (may)
+                sqlite3_mutex_leave(mutex);
+        }).join();
+        return may;
+    };
+    Statement statement(_database, "select ?, ?, ?, ?, ?");
+    sqlite3_mutex_enter(mutex);
+    EXPECT_TRUE(statement.run(1, 2, 3, 4, 5));
+    EXPECT_FALSE(othersMayUseIt());
+    sqlite3_mutex_leave(mutex);
+    EXPECT_TRUE(othersMayUseIt());
+}
+
 #ifdef TEST_EXCEPTIONS
 TEST_F(LockTest, ExceptionOfABinderKeepsNone)
 {
@@ -912,7 +1017,27 @@ TEST_F(ScriptTest, StatementThatCannotBeCompiledIsNamedAlone)
     expectStopped("select 'never ended; select 1",
                   "1=SQLITE_ERROR: statement 1: unrecognized token: \"'never ended; select 1\"",
                   "select 'never ended; select 1");
+    expectStopped("select '', ; select 'secret'",
+                  "1=SQLITE_ERROR: statement 1: near \";\": syntax error", "select '', ;");
+    expectStopped("'a;b'; select 'secret'",
+                  "1=SQLITE_ERROR: statement 1: near \"'a;b'\": syntax error", "'a;b';");
     EXPECT_EQ(keys(), "1");
+}
+
+TEST_F(ScriptTest, QuotedSemicolonsDoNotEndTheNamedStatement)
+{
+    for (const std::string quoted : {"\"a;b\"", "`a;b`", "[a;b]"}) {
+        expectStopped("select " + quoted + ", ; select 'secret'",
+                      "1=SQLITE_ERROR: statement 1: near \";\": syntax error",
+                      "select " + quoted + ", ;");
+    }
+}
+
+TEST_F(ScriptTest, TriggerThatFailsIsNamedWhole)
+{
+    const std::string trigger = "create trigger r after insert on t begin select 1; select 2; end;";
+    expectStopped("pragma query_only = on; " + trigger + " select 'secret'",
+                  "8=SQLITE_READONLY: statement 2: attempt to write a readonly database", trigger);
 }
 
 TEST_F(ScriptTest, PointsAtTheByteInTheStatement)

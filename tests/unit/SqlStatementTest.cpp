@@ -76,7 +76,7 @@ private:
         };
         expectFailed("next", !statement.next());
         expectFailed("bind", bool(statement.bind(1, 7).error()));
-        expectFailed("next", !statement.next(number));
+        expectFailed("next", !statement.next(number, number, number, number, number));
         expectFailed("bind", bool(statement.bind(":id", 7).error()));
         expectFailed("run", !statement.run(7));
         statement.clearBindings();
@@ -133,7 +133,8 @@ TEST_F(StatementTest, BlanksCommentsAndSemicolonsMayStandAroundTheStatement)
           "select 7; -- comment", "select 7; -- comment\n", "select 7; /* comment */",
           "select 7; /* never ended", "select 7;/**/;--", "-- comment\nselect 7",
           "/* a; b */ select 7", "; select 7", "select 7 /* ; select 8 */",
-          "select 7; -- ; select 8", "select 7;/* ' */-- \"\n;"}) {
+          "select 7; -- ; select 8", "select 7;/* ' */-- \"\n;", "select 7; \t\r\n\f",
+          "select 7; /*/ comment */"}) {
         Statement statement(_database, text);
         EXPECT_EQ(statement.one<int>().valueOr(0), 7) << text;
         EXPECT_FALSE(statement.error()) << text;
@@ -167,7 +168,8 @@ TEST_F(StatementTest, SecondStatementIsAFailureAndNeitherRuns)
     for (const char* const text :
          {"insert into t values (1); insert into t values (2)", "delete from t; nonsense",
           "insert into t values (1);;select 1", "insert into t values (1); -- a\n select 1",
-          "insert into t values (1); /* a */ x", "insert into t values (1); '", "select 1; -1"}) {
+          "insert into t values (1); /* a */ x", "insert into t values (1); '", "select 1; -1",
+          "select 1;/**/select 2", "select 1; \x01"}) {
         Statement statement(_database, text);
         expectFailure(statement.error(), "Statement",
                       "21=SQLITE_MISUSE: there is more than one statement in the text", text);
@@ -205,7 +207,9 @@ TEST_F(StatementTest, TextThatSqliteRefusesFailsWithItsReason)
     expectRefused("select * from missing", "1=SQLITE_ERROR: no such table: missing", std::nullopt);
     expectRefused("select id, missing from t", "1=SQLITE_ERROR: no such column: missing", 11);
     expectRefused("select 'tea", "1=SQLITE_ERROR: unrecognized token: \"'tea\"", 7);
-    expectRefused("select (", "1=SQLITE_ERROR: incomplete input", std::nullopt);
+    for (const char* const text : {"select (", "insert", "insert or", "insert into",
+                                   "insert into t", "insert into `t`", "insert into main."})
+        expectRefused(text, "1=SQLITE_ERROR: incomplete input", std::nullopt);
     expectRefused("select 1 order by id collate missing", "1=SQLITE_ERROR: no such column: id", 18);
     expectRefused("select id from t order by id collate missing",
                   "257=SQLITE_ERROR_MISSING_COLLSEQ: no such collation sequence: missing",
@@ -213,6 +217,13 @@ TEST_F(StatementTest, TextThatSqliteRefusesFailsWithItsReason)
     sqlite3_limit(_database.getHandle(), SQLITE_LIMIT_SQL_LENGTH, 100);
     expectRefused("select 1 --" + std::string(100, 'a'), "18=SQLITE_TOOBIG: string or blob too big",
                   std::nullopt);
+}
+
+TEST_F(StatementTest, FailureDoesNotPointWhereAnEarlierOneDid)
+{
+    EXPECT_EQ(Statement(_database, "selec 1").error().offset(), 0);
+    EXPECT_EQ(Statement(_database, std::string("select 1\0", 9)).error().offset(), std::nullopt);
+    _diagnostics.clear();
 }
 
 TEST_F(UnusableTest, UncompiledStatementFailsInAllItDoesWithoutAnotherReport)

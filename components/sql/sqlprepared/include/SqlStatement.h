@@ -213,7 +213,7 @@ private:
     SQLWRAPPER_LOCAL bool readCells(const char* operation, const Variable* variables, int count);
     SQLWRAPPER_LOCAL Column noColumn(const string& which);
     SQLWRAPPER_LOCAL int indexOf(std::string_view name);
-    SQLWRAPPER_LOCAL bool learnNames(int count);
+    SQLWRAPPER_LOCAL void learnNames(int count);
     SQLWRAPPER_LOCAL void forgetError();
     SQLWRAPPER_LOCAL bool failToUse(const char* operation);
     SQLWRAPPER_LOCAL bool failToBind(const char* operation, int position, const Argument& argument,

@@ -324,11 +324,7 @@ inline bool Statement::step(const char* operation)
         _handle.state = State::row;
         return true;
     }
-    if (rc != SQLITE_DONE) {
-        noteChanges(rc);
-        return failToRun(operation, rc);
-    }
-    end(operation);
+    end(operation); // which fails as the step did
     return false;
 }
 
@@ -516,8 +512,8 @@ Column Statement::noColumn(const string& which)
 int Statement::indexOf(std::string_view name)
 {
     const int count = sqlite3_data_count(_handle.statement);
-    if (count > 0 && (!_namesKnown || _names.empty()) && !learnNames(count))
-        return -1;
+    if (!_namesKnown || _names.empty())
+        learnNames(count);
     int index = _namesDistinct ? _latestIndex : -1;
     for (int i = 0; i < count; ++i) {
         if (++index == count)
@@ -529,19 +525,17 @@ int Statement::indexOf(std::string_view name)
 }
 
 // Once a run: SQLite compiles the statement anew where the schema has changed, and with it the names.
-bool Statement::learnNames(int count)
+void Statement::learnNames(int count)
 {
     const int compilations = sqlite3_stmt_status(_handle.statement, SQLITE_STMTSTATUS_REPREPARE, 0);
     if (_names.empty() || _compilations != compilations) {
         std::vector<string> names;
         bool distinct = true;
         for (int i = 0; i < count; ++i) {
-            const char* const name = sqlite3_column_name(_handle.statement, i);
-            if (name == nullptr) // memory has run out
-                return false;
+            string name = columnName(i);
             if (std::find(names.begin(), names.end(), name) != names.end())
                 distinct = false;
-            names.emplace_back(name);
+            names.push_back(std::move(name));
         }
         _names = std::move(names);
         _namesDistinct = distinct;
@@ -549,7 +543,6 @@ bool Statement::learnNames(int count)
         _latestIndex = -1;
     }
     _namesKnown = true;
-    return true;
 }
 
 // --- What there is to know ------------------------------------------------------------------------
@@ -661,7 +654,7 @@ Result<int> runScript(Database& database, const string& script)
             }
         }
         ++count;
-        if (rc != SQLITE_OK && rc != SQLITE_DONE) {
+        if (rc != SQLITE_DONE) {
             const string why = "statement " + intToStr(count) + ": " + reasonOf(db, rc);
             const char* const own = sqlite3_sql(statement);
             const string text = own != nullptr ? own : firstStatement(sql);

@@ -30,27 +30,14 @@ std::size_t behind(std::string_view sql, std::size_t at)
     if (sql[at] == '\'' || sql[at] == '"' || sql[at] == '`')
         return past(sql.substr(at, 1), at + 1);
     if (sql[at] == '[')
-        return past("]", at + 1);
+        return past("]", at);
     return at + 1;
-}
-
-bool beginsWith(std::string_view sql, std::string_view keyword)
-{
-    return sqlite3_strnicmp(sql.data(), keyword.data(), static_cast<int>(keyword.size())) == 0;
-}
-
-bool mentions(std::string_view sql, std::string_view word)
-{
-    for (std::size_t at = 0; at + word.size() <= sql.size(); ++at) {
-        if (beginsWith(sql.substr(at), word))
-            return true;
-    }
-    return false;
 }
 
 bool is(std::string_view token, std::string_view keyword)
 {
-    return token.size() == keyword.size() && beginsWith(token, keyword);
+    return token.size() == keyword.size()
+           && sqlite3_strnicmp(token.data(), keyword.data(), static_cast<int>(keyword.size())) == 0;
 }
 
 // Takes the next word, mark or quoted name off the text.
@@ -63,7 +50,7 @@ std::string_view takeToken(std::string_view& sql)
     std::size_t end = sql.empty() ? 0 : behind(sql, 0);
     while (end < sql.size() && isOfWord(sql[0]) && isOfWord(sql[end]))
         ++end;
-    while (end > 1 && end < sql.size() && sql[end] == sql[0]) // a doubled quote is one of the name
+    while (end < sql.size() && sql[end] == sql[0]) // a doubled quote is one of the name
         end = behind(sql, end);
     const std::string_view token = sql.substr(0, end);
     sql.remove_prefix(end);
@@ -72,7 +59,7 @@ std::string_view takeToken(std::string_view& sql)
 
 string unquoted(std::string_view name)
 {
-    if (name.size() < 2 || behind(name, 0) == 1)
+    if (name.empty() || behind(name, 0) == 1)
         return string(name);
     string bare;
     for (std::size_t i = 1; i + 1 < name.size(); ++i) {
@@ -115,15 +102,12 @@ bool mayInsert(std::string_view sql)
     return is(word, "insert") || is(word, "replace") || is(word, "with");
 }
 
-bool givesKeys(sqlite3* db, std::string_view sql)
+bool givesKeys(sqlite3* db, const string& text)
 {
-    const std::string_view word = takeToken(sql);
-    if ((!is(word, "insert") && !is(word, "replace")) || mentions(sql, "conflict"))
+    if (!mayInsert(text) || sqlite3_strlike("%conflict%", text.c_str(), 0) == 0)
         return false;
-    std::string_view token;
-    while (!is(token = takeToken(sql), "into")) {
-        if (token.empty())
-            return false;
+    std::string_view sql = text;
+    while (!sql.empty() && !is(takeToken(sql), "into")) {
     }
     const string first = unquoted(takeToken(sql));
     const bool isSchema = is(takeToken(sql), ".");

@@ -27,7 +27,7 @@ bool mayInsert(std::string_view sql);
 // Whether each row that the statement inserts gets a key, and nothing else is counted as a change: a
 // table with rows that have one, and no update in place of an insertion. Replaces the latest failure
 // that the connection has noted.
-bool givesKeys(sqlite3* db, std::string_view sql);
+bool givesKeys(sqlite3* db, const string& text);
 
 } // namespace sql
 
