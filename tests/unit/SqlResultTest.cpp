@@ -272,8 +272,10 @@ protected:
         const Error error = sql::lastError(_database);
         expectReport({});
         _diagnostics.setLevel(0);
-        if (!error)
+        if (!error) {
+            EXPECT_EQ(error.text(), "");
             return "none";
+        }
         return error.name() + (": " + error.text()) + "|" + error.statement() + "|"
                + (error.offset() ? "offset" : "");
     }
@@ -292,6 +294,17 @@ TEST_F(LastErrorTest, NoneAfterASuccess)
     EXPECT_EQ(lastError(), "none");
     ASSERT_TRUE(_database.transactionCommit());
     EXPECT_EQ(lastError(), "none");
+}
+
+TEST_F(LastErrorTest, NoneAtARowAndAtTheEndOfRows)
+{
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(_database.getHandle(), "select 1", -1, &statement, nullptr);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+    EXPECT_EQ(lastError(), "none");
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_DONE);
+    EXPECT_EQ(lastError(), "none");
+    sqlite3_finalize(statement);
 }
 
 TEST_F(LastErrorTest, NoneOfADatabaseThatIsNotOpen)
