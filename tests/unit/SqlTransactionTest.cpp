@@ -786,9 +786,11 @@ TEST_P(TransactionTest, NoScopeBeginsBeforeTheEndOfALostOne)
     {
         const Transaction transaction(_database, sql::begin_immediate);
         lose();
-        const Transaction second(_database, sql::begin_immediate);
+        Transaction second(_database, sql::begin_immediate);
         EXPECT_FALSE(second.isOpen());
         expectReport(lostBefore("begin", "begin immediate"));
+        EXPECT_FALSE(second.commit()); // it has said so
+        expectReport({});
         const Savepoint savepoint(_database);
         EXPECT_FALSE(savepoint.isOpen());
         const std::string text = savepoint.error().statement();
@@ -946,6 +948,57 @@ TEST_P(TransactionTest, RollbackThatAnInterruptKeepsFromBeingCompiledLeavesItOpe
     EXPECT_TRUE(transaction.rollback());
     EXPECT_EQ(there(), "1,2");
     expectFree();
+}
+
+// Stops so many statements of a connection, each as late as SQLite asks for that.
+class Stop {
+public:
+    Stop(sql::Database& database, int statements) : _db(database.getHandle()), _left(statements)
+    {
+        const auto stops = [](void* left) {
+            return (*static_cast<int*>(left))-- > 0 ? 1 : 0;
+        };
+        sqlite3_progress_handler(_db, 1, stops, &_left);
+    }
+    ~Stop()
+    {
+        sqlite3_progress_handler(_db, 0, nullptr, nullptr);
+    }
+    Stop(const Stop&) = delete;
+    Stop& operator=(const Stop&) = delete;
+
+private:
+    sqlite3* _db;
+    int _left;
+};
+
+TEST_P(TransactionTest, RollbackIsOneHoweverLateItIsStopped)
+{
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    {
+        const Stop stop(_database, 1000);
+        EXPECT_TRUE(transaction.rollback());
+    }
+    EXPECT_EQ(there(), "NULL");
+    expectFree();
+}
+
+TEST_P(TransactionTest, SavepointWhoseRollbackIsStoppedStaysOpen)
+{
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    Savepoint savepoint(_database);
+    EXPECT_TRUE(add(2));
+    {
+        const Stop stop(_database, 1);
+        EXPECT_FALSE(savepoint.rollback());
+    }
+    expectReport(report::statementFailed("rollback", savepoint.error().statement(), interrupted));
+    EXPECT_TRUE(savepoint.isOpen());
+    EXPECT_TRUE(savepoint.rollback());
+    EXPECT_TRUE(transaction.commit());
+    EXPECT_EQ(there(), "1");
 }
 
 // --- Commits that fail
