@@ -12,7 +12,7 @@ struct Wording {
     const char* former; // of the version tried before that one
 };
 
-// Tried are 3.7.7.1, 3.15.2 and 3.40.1. In their order: a text may hold several.
+// Tried are 3.7.7.1, 3.15.2, 3.24.0 and 3.40.1. In their order: a text may hold several.
 const Wording wordings[] = {
     {3015002, "1555=unknown", "19=SQLITE_CONSTRAINT"},
     {3015002, "instead of SQLITE_DONE: UNIQUE constraint failed: product.id",
@@ -23,13 +23,13 @@ const Wording wordings[] = {
     {3015002, "UNIQUE constraint failed: t.id", "PRIMARY KEY must be unique"},
     {3015002, "UNIQUE constraint failed: catalogue.name", "column name is not unique"},
     {3015002, "NOT NULL constraint failed: copy.name", "copy.name may not be NULL"},
-    {3040001, "257=unknown", "1=SQLITE_ERROR"},
-    {3040001, "SQLITE_MISUSE: bad parameter or other API misuse", "SQLITE_MISUSE: out of memory"},
-    {3040001, "another row available", "unknown error"},
-    {3040001, "no more rows available", "unknown error"},
-    {3040001, "query aborted", "callback requested query abort"},
-    {3040001, "file is not a database", "file is encrypted or is not a database"},
-    {3040001, "incomplete input", "near \"  \": syntax error"},
+    {3024000, "257=unknown", "1=SQLITE_ERROR"},
+    {3024000, "SQLITE_MISUSE: bad parameter or other API misuse", "SQLITE_MISUSE: out of memory"},
+    {3024000, "another row available", "unknown error"},
+    {3024000, "no more rows available", "unknown error"},
+    {3024000, "query aborted", "callback requested query abort"},
+    {3024000, "file is not a database", "file is encrypted or is not a database"},
+    {3024000, "incomplete input", "near \"  \": syntax error"},
 };
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to)

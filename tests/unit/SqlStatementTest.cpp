@@ -201,7 +201,7 @@ TEST_F(StatementTest, TextThatSqliteRefusesFailsWithItsReason)
                                       std::optional<int> offset) {
         Statement statement(_database, text);
         expectFailure(statement.error(), "Statement", reason, text);
-        EXPECT_EQ(statement.error().offset(), offset) << text;
+        expectOffset(statement.error(), offset);
     };
     expectRefused("selec 1", "1=SQLITE_ERROR: near \"selec\": syntax error", 0);
     expectRefused("select * from missing", "1=SQLITE_ERROR: no such table: missing", std::nullopt);
@@ -221,8 +221,8 @@ TEST_F(StatementTest, TextThatSqliteRefusesFailsWithItsReason)
 
 TEST_F(StatementTest, FailureDoesNotPointWhereAnEarlierOneDid)
 {
-    EXPECT_EQ(Statement(_database, "selec 1").error().offset(), 0);
-    EXPECT_EQ(Statement(_database, std::string("select 1\0", 9)).error().offset(), std::nullopt);
+    expectOffset(Statement(_database, "selec 1").error(), 0);
+    expectOffset(Statement(_database, std::string("select 1\0", 9)).error(), std::nullopt);
     _diagnostics.clear();
 }
 
@@ -231,7 +231,7 @@ TEST_F(UnusableTest, UncompiledStatementFailsInAllItDoesWithoutAnotherReport)
     Statement statement(_database, "selec 1");
     expectFailure(statement.error(), "Statement", no_syntax, "selec 1");
     expectUncompiled(statement, no_syntax, "selec 1");
-    EXPECT_EQ(statement.one<int>().error().offset(), 0);
+    expectOffset(statement.one<int>().error(), 0);
 }
 
 // --- The database behind it

@@ -5,9 +5,12 @@
 #include "Reports.h"
 #include "SqlStatement.h"
 
+#include <sqlite3.h>
+
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 
 template <typename T> using Limits = std::numeric_limits<T>;
@@ -53,6 +56,13 @@ protected:
         EXPECT_EQ(std::to_string(error.extendedCode()) + "=" + error.name() + ": " + error.text(),
                   reason);
         EXPECT_EQ(error.statement(), text);
+    }
+
+    // SQLite points at the byte, as of 3.38.
+    static void expectOffset(const sql::Error& error, std::optional<int> offset)
+    {
+        EXPECT_EQ(error.offset(), sqlite3_libversion_number() >= 3038000 ? offset : std::nullopt)
+            << error.statement();
     }
 };
 
