@@ -47,10 +47,10 @@ std::string_view takeToken(std::string_view& sql)
     const auto isOfWord = [](unsigned char byte) {
         return byte == '_' || byte == '$' || byte > 127 || std::isalnum(byte) != 0;
     };
-    std::size_t end = sql.empty() ? 0 : behind(sql, 0);
+    std::size_t end = 0;
     while (end < sql.size() && isOfWord(sql[0]) && isOfWord(sql[end]))
         ++end;
-    while (end < sql.size() && sql[end] == sql[0]) // a doubled quote is one of the name
+    while (end < sql.size() && sql[end] == sql[0]) // again behind a quote that is doubled in a name
         end = behind(sql, end);
     const std::string_view token = sql.substr(0, end);
     sql.remove_prefix(end);
