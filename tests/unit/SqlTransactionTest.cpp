@@ -624,21 +624,37 @@ TEST_P(TransactionTest, SavepointThatCannotBeUndoneStaysOpen)
 {
     Transaction transaction(_database, sql::begin_immediate);
     EXPECT_TRUE(add(1));
-    for (const char* const what : {"ROLLBACK", "RELEASE"}) {
-        Savepoint savepoint(_database);
-        EXPECT_TRUE(add(2));
-        {
-            const Prohibition prohibition(_database, what);
-            EXPECT_FALSE(savepoint.rollback());
-            const std::string statement = savepoint.error().statement();
-            EXPECT_THAT(statement, StartsWith("rollback to sqlprepared_"));
-            expectReport(report::statementFailed("rollback", statement, forbidden));
-            EXPECT_TRUE(savepoint.isOpen());
-        }
-        EXPECT_TRUE(savepoint.rollback());
+    Savepoint savepoint(_database);
+    EXPECT_TRUE(add(2));
+    {
+        const Prohibition prohibition(_database, "ROLLBACK");
+        EXPECT_FALSE(savepoint.rollback());
+        const std::string statement = savepoint.error().statement();
+        EXPECT_THAT(statement, StartsWith("rollback to sqlprepared_"));
+        expectReport(report::statementFailed("rollback", statement, forbidden));
+        EXPECT_TRUE(savepoint.isOpen());
     }
+    EXPECT_TRUE(savepoint.rollback());
     EXPECT_TRUE(transaction.commit());
     EXPECT_EQ(there(), "1");
+}
+
+// SQLite forgets its name with those of the outer one.
+TEST_P(TransactionTest, SavepointThatSqliteKeepsHasEndedOnceItIsUndone)
+{
+    Transaction transaction(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    {
+        Savepoint savepoint(_database);
+        EXPECT_TRUE(add(2));
+        const Prohibition prohibition(_database, "RELEASE");
+        EXPECT_TRUE(savepoint.rollback());
+        EXPECT_FALSE(savepoint.isOpen());
+    }
+    EXPECT_TRUE(add(3));
+    EXPECT_TRUE(transaction.commit());
+    EXPECT_EQ(there(), "1,3");
+    expectFree();
 }
 
 // The end of the outer one is the end of all that was begun in it.
@@ -954,15 +970,18 @@ TEST_P(TransactionTest, RollbackThatAnInterruptKeepsFromBeingCompiledLeavesItOpe
     expectFree();
 }
 
-// Stops so many statements of a connection, each as late as SQLite asks for that.
+// SQLite asks at its steps whether to stop: so many times from this one on, counted from 0.
 class Stop {
 public:
-    Stop(sql::Database& database, int statements) : _db(database.getHandle()), _left(statements)
+    Stop(sql::Database& database, int first, int count)
+        : _db(database.getHandle()), _first(first), _end(first + count)
     {
-        const auto stops = [](void* left) {
-            return (*static_cast<int*>(left))-- > 0 ? 1 : 0;
+        const auto isMeant = [](void* data) {
+            Stop& stop = *static_cast<Stop*>(data);
+            const int step = stop._steps++;
+            return step >= stop._first && step < stop._end ? 1 : 0;
         };
-        sqlite3_progress_handler(_db, 1, stops, &_left);
+        sqlite3_progress_handler(_db, 1, isMeant, this);
     }
     ~Stop()
     {
@@ -973,41 +992,48 @@ public:
 
 private:
     sqlite3* _db;
-    int _left;
+    int _first;
+    int _end;
+    int _steps = 0;
 };
 
-TEST_P(TransactionTest, RollbackIsOneHoweverLateItIsStopped)
+TEST_P(TransactionTest, RollbackIsOneWhereverItIsStopped)
 {
-    Transaction transaction(_database, sql::begin_immediate);
-    EXPECT_TRUE(add(1));
-    {
-        const Stop stop(_database, 1000);
-        EXPECT_TRUE(transaction.rollback());
+    for (const int count : {1, 2, 1000}) {
+        for (int first = 0; first < 8; ++first) {
+            SCOPED_TRACE(std::to_string(first) + ", " + std::to_string(count));
+            std::optional<Transaction> transaction(std::in_place, _database, sql::begin_immediate);
+            EXPECT_TRUE(add(1));
+            {
+                const Stop stop(_database, first, count);
+                transaction.reset();
+            }
+            EXPECT_TRUE(othersCanWrite());
+        }
     }
     EXPECT_EQ(there(), "NULL");
     expectFree();
 }
 
-#if SQLITE_VERSION_NUMBER >= 3040000 // 3.24 does not stop one as short as that
-
-TEST_P(TransactionTest, SavepointWhoseRollbackIsStoppedStaysOpen)
+TEST_P(TransactionTest, SavepointIsUndoneAloneWhereverItIsStopped)
 {
     Transaction transaction(_database, sql::begin_immediate);
     EXPECT_TRUE(add(1));
-    Savepoint savepoint(_database);
-    EXPECT_TRUE(add(2));
-    {
-        const Stop stop(_database, 1);
-        EXPECT_FALSE(savepoint.rollback());
+    for (int first = 0; first < 16; ++first) {
+        SCOPED_TRACE(first);
+        Savepoint savepoint(_database);
+        EXPECT_TRUE(add(2));
+        {
+            const Stop stop(_database, first, 1);
+            EXPECT_TRUE(savepoint.rollback());
+        }
+        EXPECT_FALSE(savepoint.isOpen());
+        EXPECT_TRUE(transaction.isOpen());
     }
-    expectReport(report::statementFailed("rollback", savepoint.error().statement(), interrupted));
-    EXPECT_TRUE(savepoint.isOpen());
-    EXPECT_TRUE(savepoint.rollback());
     EXPECT_TRUE(transaction.commit());
     EXPECT_EQ(there(), "1");
+    expectFree();
 }
-
-#endif
 
 // --- Commits that fail
 
@@ -1284,6 +1310,23 @@ TEST_P(TransactionTest, WorkIsUndoneWhenItReturnsFalse)
     EXPECT_FALSE(done.failed());
     EXPECT_EQ(there(), "NULL");
     expectFree();
+}
+
+TEST_P(TransactionTest, WorkThatCannotBeUndoneIsAFailure)
+{
+    {
+        std::optional<Prohibition> prohibition;
+        const sql::Result<bool> done = sql::inTransaction(_database, [&] {
+            EXPECT_TRUE(add(1));
+            prohibition.emplace(_database, "ROLLBACK");
+            return false;
+        });
+        EXPECT_TRUE(done.failed());
+        EXPECT_EQ(done.error().text(), "not authorized");
+        EXPECT_EQ(done.error().statement(), "rollback");
+    }
+    expectReport(joined({report::statementFailed("rollback", "rollback", forbidden),
+                         report::statementFailed("~TransactionScope", "rollback", forbidden)}));
 }
 
 TEST_P(TransactionTest, WorkDoesNotRunWhenItCannotBegin)

@@ -270,13 +270,14 @@ int TransactionScope::undo(const char* operation)
     if (!_nested)
         _state = State::undoing; // so that the rollback is known for its own
     int rc = run(operation, _rollback);
-    if (rc == SQLITE_DONE && _nested)
-        rc = run(operation, _commit);
     // An interrupt lasts as long as a statement stands at a row, and stops a rollback like any other.
-    // SQLite itself rolls back when it stops one that writes.
-    if (rc == SQLITE_INTERRUPT && sqlite3_step(_abort) == SQLITE_INTERRUPT
-        && sqlite3_get_autocommit(_connection) != 0)
+    // SQLite itself rolls back when it stops one that writes; if it does not, the interrupt is over.
+    if (rc == SQLITE_INTERRUPT && sqlite3_step(_abort) != SQLITE_INTERRUPT)
+        rc = run(operation, _rollback);
+    if (sqlite3_get_autocommit(_connection) != 0)
         rc = SQLITE_DONE;
+    else if (rc == SQLITE_DONE)
+        run(operation, _commit); // else it ends with what it is in
     _state = former;
     return rc;
 }
