@@ -48,7 +48,7 @@ std::string_view takeToken(std::string_view& sql)
         return byte == '_' || byte == '$' || byte > 127 || std::isalnum(byte) != 0;
     };
     std::size_t end = 0;
-    while (end < sql.size() && isOfWord(sql[0]) && isOfWord(sql[end]))
+    while (end < sql.size() && isOfWord(sql[end]))
         ++end;
     while (end < sql.size() && sql[end] == sql[0]) // again behind a quote that is doubled in a name
         end = behind(sql, end);
