@@ -578,6 +578,16 @@ TEST_F(StatementBindTest, ValuesOfARunAreGoneAfterIt)
     EXPECT_EQ(statement.expandedText(), "select typeof('tea') || typeof(NULL)");
 }
 
+TEST_F(StatementBindTest, RunWithoutValuesAfterARunWithThemHasNone)
+{
+    run("create table t (name text)");
+    Statement insert(_database, "insert into t values (?)");
+    const std::string tea = "tea";
+    EXPECT_TRUE(insert.run(tea));
+    EXPECT_TRUE(insert.run());
+    EXPECT_EQ(rows("select * from t"), "tea\nNULL");
+}
+
 TEST_F(StatementBindTest, ValuesOfARunThatFailedAreGoneToo)
 {
     run("create table t (id integer primary key, name text not null)");
