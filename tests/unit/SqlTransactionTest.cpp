@@ -306,10 +306,12 @@ TEST_P(TransactionTest, StatementThatSqliteDoesNotCompileIsAFailure)
         {"BEGIN", "begin immediate"}, {"COMMIT", "commit"}, {"ROLLBACK", "rollback"}};
     for (const auto& [what, statement] : statements) {
         const Prohibition prohibition(_database, what);
-        const Transaction transaction(_database, sql::begin_immediate);
+        Transaction transaction(_database, sql::begin_immediate);
         EXPECT_FALSE(transaction.isOpen());
         EXPECT_EQ(transaction.error().statement(), statement);
         expectReport(report::statementFailed("begin", statement, forbidden));
+        EXPECT_FALSE(transaction.commit()); // it has said so
+        expectReport({});
     }
     expectFree();
 }
