@@ -1453,6 +1453,21 @@ TEST_P(TransactionTest, GuardsOfTwoConnectionsKnowNothingOfEachOther)
     EXPECT_EQ(sql::queryNumber(second.getHandle(), "select count(*) from sqlite_master"), 1);
 }
 
+TEST_P(TransactionTest, EachOfTwoConnectionsRefusesTheCommitsOfOthers)
+{
+    sql::Database second;
+    ASSERT_TRUE(second.open(_directory.file("second.db"), sql::Database::access_create, false, 0));
+    Transaction here(_database, sql::begin_immediate);
+    EXPECT_TRUE(add(1));
+    const Transaction there(second, sql::begin_immediate);
+    EXPECT_TRUE(sql::RecordSet(second.getHandle()).query("create table t (a)"));
+    EXPECT_FALSE(second.transactionCommit());
+    expectReport(refusedAndLost());
+    EXPECT_FALSE(there.isOpen());
+    EXPECT_TRUE(here.commit());
+    EXPECT_EQ(sql::queryNumber(second.getHandle(), "select count(*) from sqlite_master"), 0);
+}
+
 TEST_P(TransactionTest, ThreadsHaveTheirGuardsAtOnce)
 {
     constexpr int rounds = 100;
