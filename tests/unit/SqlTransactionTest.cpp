@@ -788,6 +788,17 @@ TEST_P(TransactionTest, WhatOthersBeginAfterALossDoesNotOutliveTheScope)
     expectFree();
 }
 
+TEST_P(TransactionTest, LostOneRunsNothingAtItsEnd)
+{
+    {
+        const Transaction transaction(_database, sql::begin_immediate);
+        lose();
+        _diagnostics.setLevel(9);
+    }
+    expectReport({});
+    _diagnostics.setLevel(3);
+}
+
 TEST_P(TransactionTest, WhatOthersBeginAfterALossOutlivesAnInnerScope)
 {
     {
