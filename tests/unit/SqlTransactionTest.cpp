@@ -790,13 +790,15 @@ TEST_P(TransactionTest, WhatOthersBeginAfterALossDoesNotOutliveTheScope)
 
 TEST_P(TransactionTest, LostOneRunsNothingAtItsEnd)
 {
-    {
-        const Transaction transaction(_database, sql::begin_immediate);
+    for (const bool inScope : {true, false}) {
+        std::optional<Transaction> transaction(std::in_place, _database, sql::begin_immediate);
         lose();
         _diagnostics.setLevel(9);
+        EXPECT_TRUE(!inScope || transaction->rollback());
+        transaction.reset();
+        expectReport({});
+        _diagnostics.setLevel(3);
     }
-    expectReport({});
-    _diagnostics.setLevel(3);
 }
 
 TEST_P(TransactionTest, WhatOthersBeginAfterALossOutlivesAnInnerScope)
