@@ -483,7 +483,11 @@ TEST_F(DatabaseTest, OpeningTracesClosesReportsTheModeAndOpens)
     EXPECT_THAT(std::exchange(calls.order, {}),
                 ElementsAre("[DEBUG1]", "close", "assert", "open", "[ERROR]"));
     EXPECT_FALSE(openMissing());
+#if SQLITE_VERSION_NUMBER >= 3024000 // 3.15 leaves no handle where it does not know the mode
     EXPECT_THAT(calls.order, ElementsAre("[DEBUG1]", "close", "open", "[ERROR]"));
+#else
+    EXPECT_THAT(calls.order, ElementsAre("[DEBUG1]", "open", "[ERROR]"));
+#endif
     _diagnostics.clear();
 }
 
