@@ -492,10 +492,14 @@ TEST_P(TransactionTest, ReportsItsStatementsWhereTheyAreAskedFor)
     {
         Transaction transaction(_database, sql::begin_immediate);
         EXPECT_TRUE(transaction.commit());
+        Transaction undone(_database, sql::begin_exclusive);
+        EXPECT_TRUE(undone.rollback());
         Transaction other(_database, sql::begin_deferred);
     }
     expectReport({report::debug(2, "Transaction::begin", "stmt='begin immediate'"),
                   report::debug(2, "Transaction::commit", "stmt='commit'"),
+                  report::debug(2, "Transaction::begin", "stmt='begin exclusive'"),
+                  report::debug(2, "Transaction::rollback", "stmt='rollback'"),
                   report::debug(2, "Transaction::begin", "stmt='begin deferred'"),
                   report::debug(2, "Transaction::~TransactionScope", "stmt='rollback'")});
 }
