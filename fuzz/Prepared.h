@@ -696,11 +696,11 @@ private:
 
     bool undo(const char* operation)
     {
-        if (!_isNested)
-            _state = undoing;
-        const bool done = run(operation, _rollback) && (!_isNested || run(operation, _commit));
-        if (!done)
-            _state = lost;
+        const State former = std::exchange(_state, _isNested ? _state : undoing);
+        const bool done = run(operation, _rollback);
+        if (done && _isNested)
+            run(operation, _commit);
+        _state = former;
         return done;
     }
 
