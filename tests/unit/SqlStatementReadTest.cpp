@@ -654,6 +654,16 @@ TEST_F(StatementReadTest, CellOutsideARowIsNullAndAFailure)
     EXPECT_TRUE(statement.run());
 }
 
+TEST_F(StatementReadTest, CellWithoutAConnectionReadsAsNull)
+{
+    sql::Database none;
+    Statement statement(none, "select 1");
+    std::string text = "tea";
+    EXPECT_STREQ(statement.column(0).read(text), "is NULL");
+    EXPECT_EQ(text, "tea");
+    _diagnostics.clear();
+}
+
 TEST_F(StatementReadTest, CellOutsideARowReadsAsNull)
 {
     Statement statement(_database, "select 1");

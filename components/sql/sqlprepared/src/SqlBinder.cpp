@@ -175,6 +175,8 @@ const char* Column::read(float& number) const
 
 const char* Column::read(std::string_view& text) const
 {
+    if (_value == nullptr) // nor is there always a connection to ask
+        return is_null;
     const void* const bytes = sqlite3_value_text(_value);
     if (bytes == nullptr) // a cell that there is no memory for is NULL from then on
         return sqlite3_errcode(_statement->_connection) == SQLITE_NOMEM ? no_memory : is_null;
