@@ -69,7 +69,7 @@ CALL = """
 # The libraries with the standard includes of their examples; sqlprepared where SQLite is recent enough.
 LIBRARIES = {"sqlwrapper": ""}
 if os.environ["PREPARED"] == "1":
-    LIBRARIES["sqlprepared"] = '#include "SqlStatement.h"\n#include "SqlTransaction.h"\n'
+    LIBRARIES["sqlprepared"] = '#include "SqlPreparedTable.h"\n'
 
 # The examples of the headers, made a program that runs the one it is told; those that do not stand in
 # a function are checked by one that does.

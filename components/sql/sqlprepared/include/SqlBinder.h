@@ -67,6 +67,8 @@ public:
 
 private:
     friend class Statement; // binds it
+    friend class PreparedTable;
+    friend struct RecordAccess;
 
     enum class Kind { null, number, real, text, block, unfit };
 

@@ -152,7 +152,9 @@ public:
     string columnName(int index) const;
 
 private:
-    friend class Column; // a cell that cannot be converted is a failure of the statement's
+    friend class Column;        // a cell that cannot be converted is a failure of the statement's
+    friend class PreparedTable; // runs statements under the names of its own operations
+    friend class RecordCursor;
 
     // Broken: at a row that could not be read. Unbound: a value could not be bound. Released: or
     // moved from.
@@ -162,6 +164,9 @@ private:
         const char* (*read)(const Column& column, void* variable);
         void* variable;
     };
+
+    // In place of a number of variables: the one given takes all cells, or none.
+    static constexpr int whole_row = 1 << 20;
 
     template <typename T>
     static constexpr bool is_view = is_one_of<
@@ -195,8 +200,18 @@ private:
     Presence readOne(const Argument* arguments, int argumentCount, const Variable* variables,
                      int variableCount);
 
-    SQLWRAPPER_LOCAL void prepare(const string& text);
-    SQLWRAPPER_LOCAL void refuse(const string& text, int rc, const char* why);
+    SQLWRAPPER_LOCAL Statement(const char* operation, Database& database, const string& text);
+    SQLWRAPPER_LOCAL bool bindCopies(const char* operation, const Argument* arguments, int count);
+    SQLWRAPPER_LOCAL bool runAs(const char* operation, const Argument* arguments, int count);
+    SQLWRAPPER_LOCAL bool nextAs(const char* operation);
+    SQLWRAPPER_LOCAL bool readNext(const char* operation, const Variable* variables, int count);
+    SQLWRAPPER_LOCAL Presence readFirst(const char* operation, const Argument* arguments,
+                                        int argumentCount, const Variable* variables,
+                                        int variableCount);
+
+    SQLWRAPPER_LOCAL void prepare(const char* operation, const string& text);
+    SQLWRAPPER_LOCAL void refuse(const char* operation, const string& text, int rc,
+                                 const char* why);
     SQLWRAPPER_LOCAL bool isUsable(const char* operation);
     SQLWRAPPER_LOCAL bool canBind();
     SQLWRAPPER_LOCAL void forgetStale();
@@ -209,8 +224,9 @@ private:
     SQLWRAPPER_LOCAL bool runToEnd(const char* operation);
     SQLWRAPPER_LOCAL bool end(const char* operation);
     SQLWRAPPER_LOCAL void noteChanges(int rc);
-    SQLWRAPPER_LOCAL bool nextRow();
+    SQLWRAPPER_LOCAL bool nextRow(const char* operation);
     SQLWRAPPER_LOCAL bool readCells(const char* operation, const Variable* variables, int count);
+    SQLWRAPPER_LOCAL bool readRecord(const char* operation, const Variable& variable);
     SQLWRAPPER_LOCAL Column noColumn(const string& which);
     SQLWRAPPER_LOCAL int indexOf(std::string_view name);
     SQLWRAPPER_LOCAL void learnNames(int count);
@@ -224,7 +240,7 @@ private:
     SQLWRAPPER_LOCAL bool failToRun(const char* operation, int rc);
     SQLWRAPPER_LOCAL bool fail(const char* operation, State state, int rc, const string& why);
     SQLWRAPPER_LOCAL void keepFailure(const char* operation, State state, int rc,
-                                      const string& why);
+                                      const string& cause);
 
     struct LettingGo;
 
@@ -260,6 +276,7 @@ private:
     int _latestIndex = -1;      // of the column that was found by its name last
     integer _keyBefore = 0;     // the connection's latest key before this run
     integer _changes = 0;
+    integer _record = 0; // that a failure is about, of many; -1 where another operation reports it
     std::optional<integer> _key;
     Error _error;
 };

@@ -54,6 +54,8 @@ protected:
     ~TransactionScope();
 
 private:
+    friend class PreparedTable; // begins one when its statements are compiled
+
     // Lost: SQLite has rolled back.
     enum class State { unbegun, open, undoing, lost, ended };
 

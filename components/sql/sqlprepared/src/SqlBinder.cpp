@@ -1,13 +1,13 @@
 #include "SqlBinder.h"
 
 #include "SqlFailure.h"
+#include "SqlNumber.h"
 #include "SqlStatement.h"
 #include "SqlValue.h"
 
 #include <sqlite3.h>
 
 #include <cfloat>
-#include <charconv>
 #include <cmath>
 
 namespace sql {
@@ -15,26 +15,11 @@ namespace sql {
 namespace {
 
 const char is_null[] = "is NULL";
-const char is_no_number[] = "is no number";
 const char is_no_integer[] = "is no integer";
-const char is_out_of_range[] = "is out of the variable's range";
 
 bool isInRange(double number)
 {
     return number >= -9223372036854775808.0 && number < 9223372036854775808.0;
-}
-
-// Reads a number in any form that SQL has, and nothing else; blanks around it are SQLite's own habit.
-// Returns null, or why the text is none.
-template <typename Number> const char* readNumber(std::string_view text, Number& number)
-{
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
-        text.remove_prefix(1);
-    const char* const end = text.data() + text.size();
-    const auto [last, error] = std::from_chars(text.data(), end, number);
-    if (last != end || error == std::errc::invalid_argument)
-        return is_no_number;
-    return error == std::errc() ? nullptr : is_out_of_range;
 }
 
 // Outside a row there is no value, which counts as NULL.

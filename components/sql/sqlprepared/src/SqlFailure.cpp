@@ -25,6 +25,14 @@ int offsetOf([[maybe_unused]] sqlite3* db, [[maybe_unused]] int rc)
 
 } // namespace
 
+string joined(std::initializer_list<std::string_view> parts)
+{
+    string text;
+    for (const std::string_view part : parts)
+        text += part;
+    return text;
+}
+
 int extendedCodeOf(sqlite3* db, int rc)
 {
     const int extended = sqlite3_extended_errcode(db);

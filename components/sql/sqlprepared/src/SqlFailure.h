@@ -6,6 +6,9 @@
 
 #include "SqlResult.h"
 
+#include <initializer_list>
+#include <string_view>
+
 namespace sql {
 
 constexpr const char* database_not_open = "the database is not open";
@@ -17,6 +20,9 @@ inline constexpr char no_memory[] = "out of memory";
 // What SQLite says of a call that returned this code, which is not always noted in the connection.
 int extendedCodeOf(sqlite3* db, int rc);
 const char* reasonOf(sqlite3* db, int rc);
+
+// The parts one behind the other: less code than their sum.
+string joined(std::initializer_list<std::string_view> parts);
 
 // Takes no memory.
 void reportFailure(const char* operation, const char* statement, int rc, const char* why);

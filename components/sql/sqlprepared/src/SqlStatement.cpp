@@ -1,6 +1,7 @@
 #include "SqlStatement.h"
 
 #include "SqlFailure.h"
+#include "SqlNumber.h"
 #include "SqlToken.h"
 #include "SqlTrace.h"
 
@@ -104,19 +105,24 @@ Statement::Handle::~Handle()
 }
 
 Statement::Statement(Database& database, const string& text)
+    : Statement("Statement", database, text)
+{
+}
+
+Statement::Statement(const char* operation, Database& database, const string& text)
     : _database(&database), _connection(database.getHandle())
 {
-    prepare(text);
+    prepare(operation, text);
 }
 
 Statement::Statement(Statement&& other) noexcept = default;
 Statement& Statement::operator=(Statement&& other) noexcept = default;
 Statement::~Statement() = default;
 
-void Statement::prepare(const string& text)
+void Statement::prepare(const char* operation, const string& text)
 {
     if (const char* const why = whyNotCompiled(_connection, text))
-        return refuse(text, SQLITE_MISUSE, why);
+        return refuse(operation, text, SQLITE_MISUSE, why);
     _givesKeys = givesKeys(_connection, text); // before SQLite's failure, which it replaces
     // With the final zero SQLite needs no copy.
     const int size = static_cast<int>(std::min<std::size_t>(text.size() + 1, INT_MAX));
@@ -124,12 +130,13 @@ void Statement::prepare(const string& text)
     const int rc = sqlite3_prepare_v3(_connection, text.c_str(), size, SQLITE_PREPARE_PERSISTENT,
                                       &_handle.statement, &rest);
     if (rc != SQLITE_OK)
-        return refuse(text, extendedCodeOf(_connection, rc), reasonOf(_connection, rc));
+        return refuse(operation, text, extendedCodeOf(_connection, rc), reasonOf(_connection, rc));
     if (_handle.statement == nullptr)
-        return refuse(text, SQLITE_MISUSE, "there is no statement in the text");
+        return refuse(operation, text, SQLITE_MISUSE, "there is no statement in the text");
     if (rest[nextStatement(rest)] != '\0') {
         _handle = Handle();
-        return refuse(text, SQLITE_MISUSE, "there is more than one statement in the text");
+        return refuse(operation, text, SQLITE_MISUSE,
+                      "there is more than one statement in the text");
     }
     _handle.state = State::ready;
     _parameterCount = sqlite3_bind_parameter_count(_handle.statement);
@@ -137,9 +144,9 @@ void Statement::prepare(const string& text)
     _inserts = _writes && mayInsert(text);
 }
 
-void Statement::refuse(const string& text, int rc, const char* why)
+void Statement::refuse(const char* operation, const string& text, int rc, const char* why)
 {
-    reportFailure("Statement", text.c_str(), rc, why);
+    reportFailure(operation, text.c_str(), rc, why);
     _error = errorOf(_connection, rc, why, text.c_str());
 }
 
@@ -260,6 +267,12 @@ bool Statement::failToCount(const char* operation, int count)
                     + " parameters");
 }
 
+bool Statement::bindCopies(const char* operation, const Argument* arguments, int count)
+{
+    return isUsable(operation) && (count == _parameterCount || failToCount(operation, count))
+           && bindFrom(operation, 1, arguments, count, true);
+}
+
 Statement& Statement::bindArgument(int position, const Argument& argument)
 {
     if (canBind())
@@ -361,20 +374,25 @@ inline bool Statement::runToEnd(const char* operation)
 
 bool Statement::next()
 {
-    return isUsable("next") && nextRow();
+    return nextAs("next");
 }
 
-inline bool Statement::nextRow()
+bool Statement::nextAs(const char* operation)
+{
+    return isUsable(operation) && nextRow(operation);
+}
+
+inline bool Statement::nextRow(const char* operation)
 {
     if (_handle.state == State::row)
-        return step("next");
-    if (_handle.state == State::broken && end("next"))
+        return step(operation);
+    if (_handle.state == State::broken && end(operation))
         _handle.state = State::failed;
     if (_handle.state != State::ready)
         return false;
     forgetStale();
-    begin("next");
-    return step("next");
+    begin(operation);
+    return step(operation);
 }
 
 bool Statement::run()
@@ -387,10 +405,15 @@ bool Statement::run()
 
 bool Statement::runWith(const Argument* arguments, int count)
 {
-    if (!restart("run"))
+    return runAs("run", arguments, count);
+}
+
+bool Statement::runAs(const char* operation, const Argument* arguments, int count)
+{
+    if (!restart(operation))
         return false;
     const Lock lock(_connection, count + 3); // with the step, the reset and what it asks for
-    return bindAll("run", arguments, count) && runToEnd("run");
+    return bindAll(operation, arguments, count) && runToEnd(operation);
 }
 
 // Of the row and the values, should a binder throw.
@@ -409,20 +432,26 @@ struct Statement::LettingGo {
 Presence Statement::readOne(const Argument* arguments, int argumentCount, const Variable* variables,
                             int variableCount)
 {
+    return readFirst("one", arguments, argumentCount, variables, variableCount);
+}
+
+Presence Statement::readFirst(const char* operation, const Argument* arguments, int argumentCount,
+                              const Variable* variables, int variableCount)
+{
     const bool bound = argumentCount == 0;
-    if ((bound && _handle.state == State::unbound) || !restart("one"))
+    if ((bound && _handle.state == State::unbound) || !restart(operation))
         return Presence::unknown;
     const Lock lock(_connection, argumentCount + variableCount + 2);
     if (bound)
         forgetStale();
-    else if (!bindAll("one", arguments, argumentCount))
+    else if (!bindAll(operation, arguments, argumentCount))
         return Presence::unknown;
-    begin("one");
-    if (!step("one"))
+    begin(operation);
+    if (!step(operation))
         return _handle.state == State::ended ? Presence::absent : Presence::unknown;
     const LettingGo lettingGo{*this};
-    return readCells("one", variables, variableCount) && end("one") ? Presence::present
-                                                                    : Presence::unknown;
+    const bool isRead = variableCount == 0 || readCells(operation, variables, variableCount);
+    return isRead && end(operation) ? Presence::present : Presence::unknown;
 }
 
 bool Statement::finished() const
@@ -443,17 +472,23 @@ bool Statement::reset()
 
 bool Statement::readRow(const Variable* variables, int count)
 {
-    if (!isUsable("next"))
+    return readNext("next", variables, count);
+}
+
+bool Statement::readNext(const char* operation, const Variable* variables, int count)
+{
+    if (!isUsable(operation))
         return false;
     const Lock lock(_connection, count + 1);
-    return nextRow() && readCells("next", variables, count);
+    return nextRow(operation) && readCells(operation, variables, count);
 }
 
 inline bool Statement::readCells(const char* operation, const Variable* variables, int count)
 {
     sqlite3_stmt* const statement = _handle.statement;
     if (count != sqlite3_data_count(statement))
-        return failToFill(operation, count);
+        return count == whole_row ? readRecord(operation, *variables)
+                                  : failToFill(operation, count);
     for (int i = 0; i < count; ++i) {
         const Column column(*this, sqlite3_column_value(statement, i));
         if (const char* const why = variables[i].read(column, variables[i].variable))
@@ -601,12 +636,17 @@ string Statement::columnName(int index) const
 
 // --- Failures ------------------------------------------------------------------------------------
 
-void Statement::keepFailure(const char* operation, State state, int rc, const string& why)
+void Statement::keepFailure(const char* operation, State state, int rc, const string& cause)
 {
-    const char* const sql = sqlite3_sql(_handle.statement);
+    const char* const known = sqlite3_sql(_handle.statement);
+    const char* const sql = known != nullptr ? known : "";
     _handle.state = state;
-    reportFailure(operation, sql != nullptr ? sql : "", rc, why.c_str());
-    _error = errorOf(_connection, rc, why, sql != nullptr ? sql : "");
+    string why(cause);
+    if (_record > 0)
+        why = joined({"record ", NumberText(_record).view(), ": ", cause});
+    if (_record >= 0)
+        reportFailure(operation, sql, rc, why.c_str());
+    _error = errorOf(_connection, rc, why, sql);
 }
 
 // No lock outlives a failure.

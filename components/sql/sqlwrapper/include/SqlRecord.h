@@ -91,6 +91,7 @@ public:
 
 private:
     friend class RecordSet; // builds its rows
+    friend struct RecordAccess; // of sqlprepared, which binds and fills cells without copies
 
     // A row as SQLite hands it out: cells without a text are null.
     SQLWRAPPER_LOCAL Record(const FieldSet& fields, int textCount, const char* const* texts);

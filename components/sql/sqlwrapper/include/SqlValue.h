@@ -63,6 +63,7 @@ public:
 
 private:
     friend class Record; // fills its cells, and writes statements without copies of the texts
+    friend struct RecordAccess; // of sqlprepared, which binds and fills cells without copies
 
     SQLWRAPPER_LOCAL void appendSql(string& statement, field_type type) const;
 
