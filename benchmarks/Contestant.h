@@ -69,6 +69,13 @@ public:
         insert((*_ready)[index]);
     }
 
+    // All of them.
+    virtual void insertTogether()
+    {
+        for (std::size_t i = 0; i < _ready->size(); ++i)
+            insertReady(static_cast<int>(i));
+    }
+
 private:
     const std::vector<Row>* _ready = nullptr;
 };
@@ -149,6 +156,7 @@ std::unique_ptr<Contestant> makeLibrary();
 std::unique_ptr<Contestant> makeFloor();
 std::unique_ptr<Contestant> makePrepared();
 std::unique_ptr<Contestant> makeStatement();
+std::unique_ptr<Contestant> makePreparedTable();
 std::unique_ptr<Contestant> makeSqliteCpp();
 std::unique_ptr<Contestant> makeSoci();
 std::unique_ptr<Contestant> makePoco();

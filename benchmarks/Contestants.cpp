@@ -47,6 +47,7 @@ const std::vector<Entry>& contestants()
         {"floor", makeFloor},
         {"prepared", makePrepared},
         {"statement", makeStatement},
+        {"prepared table", makePreparedTable},
 #ifdef BENCHMARKS_WITH_SQLITECPP
         {"SQLiteCpp", makeSqliteCpp},
 #endif

@@ -1,54 +1,10 @@
 #include "Contestant.h"
+#include "LibraryRow.h"
 #include "SqlDatabase.h"
-#include "SqlTable.h"
 
 namespace bench {
 
 namespace {
-
-const sql::Field declaration[] = {
-    sql::Field("id", sql::type_int, sql::flag_primary_key | sql::flag_not_null),
-    sql::Field("name", sql::type_text, sql::flag_not_null),
-    sql::Field("place", sql::type_text, sql::flag_none),
-    sql::Field("price", sql::type_float, sql::flag_none),
-    sql::Field("active", sql::type_bool, sql::flag_none),
-    sql::Field("changed", sql::type_time, sql::flag_none),
-    sql::Field("note", sql::type_text, sql::flag_none),
-    sql::Field(),
-};
-
-// The columns are given by number or by name.
-template <typename Column>
-sql::Record recordOf(const Row& row, const sql::FieldSet& fields,
-                     const Column (&columns)[column_count])
-{
-    sql::Record record(fields);
-    record.setInteger(columns[0], row.id);
-    record.setString(columns[1], row.name);
-    record.setString(columns[2], row.place);
-    record.setDouble(columns[3], row.price);
-    record.setBool(columns[4], row.active);
-    record.setTime(columns[5], sql::Time(row.changed));
-    if (row.note)
-        record.setString(columns[6], *row.note);
-    return record;
-}
-
-template <typename Column>
-void readRecord(const sql::Record& record, Row& row, const Column (&columns)[column_count])
-{
-    row.id = record.getValue(columns[0])->asInteger();
-    row.name = record.getValue(columns[1])->asString();
-    row.place = record.getValue(columns[2])->asString();
-    row.price = record.getValue(columns[3])->asDouble();
-    row.active = record.getValue(columns[4])->asBool();
-    row.changed = record.getValue(columns[5])->asTime().asInteger();
-    const sql::Value* const note = record.getValue(columns[6]);
-    if (note->isNull())
-        row.note.reset();
-    else
-        row.note = note->asString();
-}
 
 class Library : public Contestant {
 public:
@@ -94,6 +50,11 @@ public:
     void insertReady(int index) override
     {
         require(_table->addRecord(_ready[index]), "insert");
+    }
+    void insertTogether() override
+    {
+        for (const sql::Record& record : _ready)
+            require(_table->addRecord(record), "insert");
     }
     void update(const Row& row) override
     {

@@ -146,6 +146,20 @@ int insertReady(const Entry& entry, const Place& place, Meter& meter)
     return insertAll(entry, place, meter, insert, true);
 }
 
+int insertTogether(const Entry& entry, const Place& place, Meter& meter)
+{
+    const std::string file = makeEmptyFile(place);
+    const Session session = startSession(entry, file);
+    session->makeReady(rowsOf(place.rows));
+    meter.start();
+    session->begin();
+    session->insertTogether();
+    session->commit();
+    meter.stop();
+    checkRows(session->handle(), place.rows);
+    return place.rows;
+}
+
 int loadAll(const Entry& entry, const Place& place, Meter& meter)
 {
     const Session session = startSession(entry, fileOf(place));
@@ -318,6 +332,7 @@ const std::vector<Operation>& operations()
         {"insert", "row", insertRows},
         {"insert, set by name", "row", insertByName},
         {"insert, record at hand", "row", insertReady},
+        {"insert, all at once", "row", insertTogether},
         {"load", "row", loadAll},
         {"load, read by index", "row", readAll<&Contestant::readByIndex>},
         {"load, read by name", "row", readAll<&Contestant::readByName>},
