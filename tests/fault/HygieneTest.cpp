@@ -3,6 +3,7 @@
 #include "Environment.h"
 #include "Heap.h"
 #include "Shop.h"
+#include "SqlPreparedTable.h"
 #include "SqlRecordSet.h"
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
@@ -183,6 +184,36 @@ bool failsToRunStatements(Place& place)
            && !sql::runScript(database, "select 1; select nothing");
 }
 
+bool usesPreparedTables(Place& place)
+{
+    sql::PreparedTable fast(place.shop.database, place.shop.product);
+    const sql::Record more[] = {good(6, long_name), good(7, long_name)};
+    bool done = fast.addRecord(good(4, long_name)) && fast.updateRecord(good(4, "other"))
+                && fast.addOrUpdateRecord(good(5, long_name))
+                && fast.addRecords(std::begin(more), std::end(more));
+    sql::Record record(test::goods());
+    for (int id = 1; id <= 7; ++id)
+        done = done && fast.readRecord(id, record)
+               && fast.hasRecordWithKeyId(id) == sql::Presence::present;
+    int count = 0;
+    for (const sql::Record& row : fast.select("where id > ?", 3))
+        count += row.getValue(0)->asInteger() > 3 ? 1 : 0;
+    for (int id = 4; id <= 7; ++id)
+        done = done && fast.deleteRecord(id);
+    return done && count == 4 && fast.checkDeclaration();
+}
+
+bool failsToUsePreparedTables(Place& place)
+{
+    sql::PreparedTable fast(place.shop.database, place.shop.product);
+    const sql::Record again[] = {good(4, long_name), good(1, long_name)};
+    sql::Record record(test::goods());
+    sql::RecordCursor wrong = fast.select("where nothing = ?", long_name);
+    return !fast.addRecord(again[1]) && !fast.addRecords(std::begin(again), std::end(again))
+           && !fast.deleteRecord(long_name) && !fast.copyRecords(fast) && !wrong.next(record)
+           && !wrong.finished() && place.shop.product.totalRecordCount() == 3;
+}
+
 bool usesScopes(Place& place)
 {
     Database& database = place.shop.database;
@@ -220,6 +251,8 @@ const Activity activities[] = {
     {"uses transactions", usesTransactions, 4, 0},
     {"runs statements", runsStatements, 0, 0},
     {"fails to run statements", failsToRunStatements, 12, 0},
+    {"uses prepared tables", usesPreparedTables, 0, 0},
+    {"fails to use prepared tables", failsToUsePreparedTables, 10, 0},
     {"uses scopes", usesScopes, 0, 0},
     {"loses transactions", losesTransactions, 10, 0},
 };

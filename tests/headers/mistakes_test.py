@@ -12,7 +12,7 @@ COMPILER = os.environ["COMPILER"].split(";")
 
 PROGRAM = """
 #include "SqlLiteral.h"
-#include "SqlStatement.h"
+#include "SqlPreparedTable.h"
 #include "SqlTransaction.h"
 
 #include <array>
@@ -22,8 +22,9 @@ enum class Size : int { small, large };
 struct Own {
 };
 """
-FUNCTION = "[[maybe_unused]] static bool use%d(sql::Database& database, sql::Statement& statement)" \
-    " { (void)database; (void)statement; %s; return true; }\n"
+FUNCTION = "[[maybe_unused]] static bool use%d(sql::Database& database, sql::Statement& statement," \
+    " sql::PreparedTable& fast, sql::Record& record)" \
+    " { (void)database; (void)statement; (void)fast; (void)record; %s; return true; }\n"
 
 NOT_BOUND = "no value of this type can be bound"
 NOT_READ = "no cell can be read into a variable of this type"
@@ -87,6 +88,19 @@ class MistakesTest(unittest.TestCase):
         self.assert_mistaken(NOT_BOUND, ("return statement.run(1, 'a')", 'return statement.run("a", L"b")'))
         self.assert_compiles(('return statement.run(1, "a")', 'return statement.run("a", "bc")'))
 
+    def test_keys_and_conditions_that_cannot_be_bound(self):
+        self.assert_mistaken(NOT_BOUND, (
+            "return fast.deleteRecord('a')", "return fast.deleteRecord(Own())",
+            'return fast.hasRecordWithKeyId(L"tea") == sql::Presence::present',
+            "return fast.readRecord(7.0L, record).failed()", "return bool(fast.readRecord(&record, record))",
+            "auto rows = fast.select(\"where id = ?\", L'a')",
+            'auto rows = fast.select("where id = ?", std::nullopt)'))
+        self.assert_compiles((
+            "return fast.deleteRecord(7)", 'return fast.deleteRecord("it\'s")',
+            "return fast.hasRecordWithKeyId(Size::small) == sql::Presence::present",
+            "return fast.readRecord(std::string(), record).failed()",
+            "auto rows = fast.select(\"where id = ?\", std::optional<int>())"))
+
     def test_characters_of_a_later_standard(self):
         self.assert_mistaken(NOT_BOUND, used(("char8_t value = 'a'", 'auto value = u8"tea"')), standard=20)
         self.assert_compiles(used(("signed char value = 'a'", 'auto value = "tea"')), standard=20)
@@ -125,7 +139,16 @@ class MistakesTest(unittest.TestCase):
             "sql::inTransaction(database, [] { return true; })",
             'sql::Time time; sql::fromIso8601("", time)',
             'std::chrono::system_clock::time_point time; sql::fromIso8601("", time)'))
+        self.assert_mistaken("nodiscard", (
+            "fast.addRecord(record)", "fast.updateRecord(record)", "fast.addOrUpdateRecord(record)",
+            "fast.deleteRecord(7)", "fast.hasRecordWithKeyId(7)", "fast.readRecord(7, record)",
+            "fast.addRecords(&record, &record + 1)",
+            "fast.addRecords(&record, &record + 1, [](sql::integer) { return true; })",
+            "fast.copyRecords(fast)", "fast.select()", 'fast.select("where id = ?", 7)',
+            "fast.checkDeclaration()", "auto rows = fast.select(); rows.next(record)"))
         self.assert_compiles((
+            "fast.release()", "return fast.addRecord(record)",
+            "for (const sql::Record& row : fast.select()) record = row",
             "return statement.run()", "statement.reset()", "statement.bind(1, 7)",
             "sql::Savepoint s(database); s.rollback()"))
 
@@ -135,9 +158,23 @@ class MistakesTest(unittest.TestCase):
             "sql::Transaction t(database, sql::begin_deferred); sql::Transaction copy(t)",
             "sql::Transaction t(database, sql::begin_deferred); auto moved = std::move(t)",
             "sql::Savepoint s(database); sql::Savepoint copy(s)",
-            "sql::Savepoint s(database); sql::Savepoint t(database); t = s"), once=False)
+            "sql::Savepoint s(database); sql::Savepoint t(database); t = s",
+            "sql::PreparedTable copy(fast)", "sql::PreparedTable moved(std::move(fast))",
+            "fast = fast", "auto rows = fast.select(); auto copy = rows",
+            "auto rows = fast.select(); auto other = fast.select(); other = rows"), once=False)
         self.assert_compiles((
-            "sql::Statement other(std::move(statement)); statement = std::move(other)",))
+            "sql::Statement other(std::move(statement)); statement = std::move(other)",
+            "auto rows = fast.select(); auto other = std::move(rows); rows = std::move(other)"))
+
+    def test_tables_that_are_gone(self):
+        self.assert_mistaken("deleted", (
+            'sql::PreparedTable gone(database, sql::Table("product"))',
+            'sql::Table table("product"); sql::PreparedTable gone(database, std::move(table))',
+            'const sql::Table table("product"); sql::PreparedTable gone(database, std::move(table))'),
+            once=False)
+        self.assert_compiles((
+            'sql::Table table("product"); sql::PreparedTable fine(database, table)',
+            'const sql::Table table("product"); sql::PreparedTable fine(database, table)'))
 
     def test_truths_that_are_none(self):
         self.assert_mistaken("conver", (  # "cannot convert", "no viable conversion"

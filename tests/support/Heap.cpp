@@ -6,26 +6,33 @@
 #include <cstdlib>
 #include <new>
 
+#include <malloc.h>
+
 namespace test {
 
 namespace {
 
 MemoryShortage* current = nullptr;
 long blocksInUse = 0;
+long bytesInUse = 0;
 
 void* allocate(std::size_t size) noexcept
 {
     const bool refused = current != nullptr && current->refusesNow();
     void* const memory = refused ? nullptr : std::malloc(size > 0 ? size : 1);
-    if (memory != nullptr)
+    if (memory != nullptr) {
         ++blocksInUse;
+        bytesInUse += static_cast<long>(::malloc_usable_size(memory));
+    }
     return memory;
 }
 
 void release(void* memory)
 {
-    if (memory != nullptr)
+    if (memory != nullptr) {
         --blocksInUse;
+        bytesInUse -= static_cast<long>(::malloc_usable_size(memory));
+    }
     std::free(memory);
 }
 
@@ -42,6 +49,11 @@ void* allocateOrThrow(std::size_t size)
 long heapBlocksInUse()
 {
     return blocksInUse;
+}
+
+long heapBytesInUse()
+{
+    return bytesInUse;
 }
 
 MemoryShortage::MemoryShortage(int nth, bool lasts) : _nth(nth), _left(nth), _lasts(lasts)

@@ -7,6 +7,7 @@ namespace test {
 // got back. SQLite has no part in it. For programs that Heap.cpp is a source of: it takes the place
 // of the standard library's operators there.
 long heapBlocksInUse();
+long heapBytesInUse(); // as large as the blocks have become
 
 // Which allocations fail while one of these lives: the nth, and those behind it when it lasts.
 class MemoryShortage {

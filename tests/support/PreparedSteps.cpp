@@ -1,8 +1,10 @@
 #include "PreparedSteps.h"
 
+#include "SqlPreparedTable.h"
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
 
+#include <iterator>
 #include <string>
 
 namespace test {
@@ -64,6 +66,72 @@ bool remove(TwinShop& shop, int id)
     return shop.prepared(remove_text, "delete from product where id = " + std::to_string(id)) != -1;
 }
 
+const char add_text[] =
+    "insert into `product` (`id`, `name`, `price`, `sold`, `code`) values (?, ?, ?, ?, ?)";
+const char update_text[] =
+    "update `product` set `name` = ?2, `price` = ?3, `sold` = ?4, `code` = ?5 where `id` = ?1";
+const char or_update_text[] =
+    " on conflict (`id`) do update set `name` = excluded.`name`, `price` = excluded.`price`,"
+    " `sold` = excluded.`sold`, `code` = excluded.`code`";
+const char delete_text[] = "delete from `product` where `id` = ?";
+
+bool add(Shop& shop, int id, int version)
+{
+    sql::PreparedTable fast(shop.database, shop.product);
+    return fast.addRecord(named(id, version)) && fast.lastKey() == id;
+}
+
+bool add(TwinShop& shop, int id, int version)
+{
+    return shop.prepared(add_text, named(id, version).toSqlInsert("product"), "addRecord") == 1;
+}
+
+bool update(Shop& shop, int id, int version)
+{
+    sql::PreparedTable fast(shop.database, shop.product);
+    return fast.updateRecord(named(id, version)) && fast.changes() == 1;
+}
+
+bool update(TwinShop& shop, int id, int version)
+{
+    return shop.prepared(update_text, named(id, version).toSqlUpdate("product"), "updateRecord")
+           == 1;
+}
+
+bool addOrUpdate(Shop& shop, int id, int version)
+{
+    sql::PreparedTable fast(shop.database, shop.product);
+    return fast.addOrUpdateRecord(named(id, version)) && fast.changes() == 1;
+}
+
+bool addOrUpdate(TwinShop& shop, int id, int version)
+{
+    return shop.prepared(std::string(add_text) + or_update_text,
+                         named(id, version).toSqlInsert("product") + or_update_text,
+                         "addOrUpdateRecord")
+           == 1;
+}
+
+bool removeByKey(Shop& shop, int id)
+{
+    sql::PreparedTable fast(shop.database, shop.product);
+    return fast.deleteRecord(id);
+}
+
+bool removeByKey(TwinShop& shop, int id)
+{
+    return shop.prepared(delete_text, "delete from product where id = " + std::to_string(id),
+                         "deleteRecord")
+           != -1;
+}
+
+bool addMany(Shop& shop)
+{
+    sql::PreparedTable fast(shop.database, shop.product);
+    const sql::Record records[] = {named(37, 4), named(38, 5), named(39, 1)};
+    return fast.addRecords(std::begin(records), std::end(records));
+}
+
 bool inParts(Shop& shop)
 {
     const auto done = sql::inTransaction(shop.database, [&] {
@@ -97,6 +165,30 @@ std::vector<Step> changingByStatements()
          [](auto& shop) {
              return remove(shop, 30);
          }},
+        {"add by a prepared table",
+         [](auto& shop) {
+             return add(shop, 35, 1);
+         }},
+        {"update by a prepared table",
+         [](auto& shop) {
+             return update(shop, 35, 4);
+         }},
+        {"add by an upsert",
+         [](auto& shop) {
+             return addOrUpdate(shop, 36, 1);
+         }},
+        {"update by an upsert",
+         [](auto& shop) {
+             return addOrUpdate(shop, 35, 5);
+         }},
+        {"delete by a prepared table",
+         [](auto& shop) {
+             return removeByKey(shop, 35);
+         }},
+        {"delete another by a prepared table",
+         [](auto& shop) {
+             return removeByKey(shop, 36);
+         }},
     };
 }
 
@@ -119,15 +211,23 @@ std::vector<Step> changingInTransactions()
             },
             [](TwinShop&) { return true; }),
         told(
+            "addRecords", [](Shop& shop) { return addMany(shop); },
+            [](TwinShop& shop) {
+                return shop.transact("BEGIN") && shop.product.addRecord(named(37, 4))
+                       && shop.product.addRecord(named(38, 5))
+                       && shop.product.addRecord(named(39, 1)) && shop.transact("COMMIT");
+            }),
+        told(
             "runScript",
             [](Shop& shop) {
                 const auto count = sql::runScript(
                     shop.database,
-                    "begin; delete from product where id in (30, 31); delete from product where id = 33; commit");
+                    "begin; delete from product where id in (30, 31, 37, 38, 39); delete from product where id = 33; commit");
                 return count && *count == 4;
             },
             [](TwinShop& shop) {
-                return shop.transact("BEGIN") && shop.product.deleteRecords("id in (30, 31, 33)")
+                return shop.transact("BEGIN")
+                       && shop.product.deleteRecords("id in (30, 31, 33, 37, 38, 39)")
                        && shop.transact("COMMIT");
             }),
     };

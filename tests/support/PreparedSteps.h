@@ -7,8 +7,9 @@
 
 namespace test {
 
-// Changes of the rows that filling() has made, by statements of sqlprepared, and by its scripts and
-// transactions, and by tables in those; none of their keys is one of changing().
+// Changes of the rows that filling() has made, by statements and prepared tables of sqlprepared, and
+// by its scripts and transactions, by tables in those, and in bulk; none of their keys is one of
+// changing().
 std::vector<Step> changingByStatements();
 std::vector<Step> changingInTransactions();
 

@@ -1,8 +1,10 @@
 #include "Sqlite.h"
 
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include <dlfcn.h>
 
@@ -180,7 +182,43 @@ void run(sqlite3* db, const std::string& sql)
         refuse(db, sql);
 }
 
-std::string rows(sqlite3* db, const std::string& sql)
+namespace {
+
+std::string plainCell(sqlite3_stmt* statement, int index)
+{
+    const unsigned char* const text = sqlite3_column_text(statement, index);
+    return text != nullptr ? reinterpret_cast<const char*>(text) : "NULL";
+}
+
+std::string hexadecimal(const std::string& bytes)
+{
+    std::string digits;
+    for (const char byte : bytes) {
+        digits += "0123456789ABCDEF"[(byte >> 4) & 15];
+        digits += "0123456789ABCDEF"[byte & 15];
+    }
+    return digits;
+}
+
+std::string typedCell(sqlite3_stmt* statement, int index)
+{
+    const int type = sqlite3_column_type(statement, index);
+    if (type == SQLITE_NULL)
+        return "null";
+    if (type == SQLITE_INTEGER)
+        return "integer " + std::to_string(sqlite3_column_int64(statement, index));
+    if (type == SQLITE_FLOAT) {
+        char digits[32];
+        char* const end =
+            std::to_chars(digits, std::end(digits), sqlite3_column_double(statement, index)).ptr;
+        return "real " + std::string(digits, end);
+    }
+    const char* const bytes = static_cast<const char*>(sqlite3_column_blob(statement, index));
+    const std::string cell(bytes != nullptr ? bytes : "", sqlite3_column_bytes(statement, index));
+    return type == SQLITE_TEXT ? "text " + cell : "blob " + hexadecimal(cell);
+}
+
+std::string rows(sqlite3* db, const std::string& sql, std::string (*cell)(sqlite3_stmt*, int))
 {
     sqlite3_stmt* statement = nullptr;
     if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
@@ -189,15 +227,23 @@ std::string rows(sqlite3* db, const std::string& sql)
     while (sqlite3_step(statement) == SQLITE_ROW) {
         if (!text.empty())
             text += "\n";
-        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-            const unsigned char* const cell = sqlite3_column_text(statement, i);
-            if (i > 0)
-                text += "|";
-            text += cell != nullptr ? reinterpret_cast<const char*>(cell) : "NULL";
-        }
+        for (int i = 0; i < sqlite3_column_count(statement); ++i)
+            text += (i > 0 ? "|" : "") + cell(statement, i);
     }
     sqlite3_finalize(statement);
     return text;
+}
+
+} // namespace
+
+std::string rows(sqlite3* db, const std::string& sql)
+{
+    return rows(db, sql, plainCell);
+}
+
+std::string typedRows(sqlite3* db, const std::string& sql)
+{
+    return rows(db, sql, typedCell);
 }
 
 Connection::Connection(const std::string& fileName) : _db(nullptr)

@@ -15,6 +15,9 @@ void run(sqlite3* db, const std::string& sql);
 // What a query yields, past the library: cells separated by "|", rows by "\n", NULL as "NULL".
 std::string rows(sqlite3* db, const std::string& sql);
 
+// The same with each cell's type, all its bytes, and reals to the last bit: "integer 7|text tea|real 2.5".
+std::string typedRows(sqlite3* db, const std::string& sql);
+
 // A connection of the test's own, in memory unless a file is named.
 class Connection {
 public:

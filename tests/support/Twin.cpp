@@ -191,7 +191,8 @@ bool Twin::oneStep(const std::string& statement)
     return rc == SQLITE_DONE;
 }
 
-int Twin::prepared(const std::string& statement, const std::string& filled)
+int Twin::prepared(const std::string& statement, const std::string& filled,
+                   const std::string& operation)
 {
     begin(by_statement, statement);
     if (isRefused(by_statement, statement, filled))
@@ -199,7 +200,7 @@ int Twin::prepared(const std::string& statement, const std::string& filled)
     const int rc = sqlite3_exec(_db, filled.c_str(), nullptr, nullptr, nullptr);
     if (rc == SQLITE_OK)
         return sqlite3_changes(_db);
-    report(report::statementFailed("Statement", statement, reasonOf(rc, sqlite3_errmsg(_db))));
+    report(report::statementFailed(operation, statement, reasonOf(rc, sqlite3_errmsg(_db))));
     return -1;
 }
 
@@ -257,7 +258,8 @@ std::vector<Texts> stepRefusals(const std::string& statement, const std::string&
 std::vector<Texts> statementRefusals(const std::string& statement, const std::string& reason)
 {
     std::vector<Texts> all;
-    for (const char* const operation : {"Statement", "bind", "run"})
+    for (const char* const operation : {"Statement", "bind", "run", "addRecord", "updateRecord",
+                                        "addOrUpdateRecord", "deleteRecord"})
         all.push_back(joined({{report::started(operation, statement)},
                               report::statementFailed(operation, statement, reason)}));
     return all;

@@ -67,9 +67,10 @@ public:
     int number(const std::string& statement);
     bool oneStep(const std::string& statement);
 
-    // As a Statement that is compiled and run; `filled` has values in place of its `?`. Tells how
-    // many rows it has changed, -1 for a failure.
-    int prepared(const std::string& statement, const std::string& filled);
+    // As a Statement, or a PreparedTable's operation, that is compiled and run; `filled` has values in
+    // place of its `?`. Tells how many rows it has changed, -1 for a failure.
+    int prepared(const std::string& statement, const std::string& filled,
+                 const std::string& operation = "Statement");
 
     // What the library has to report, in the form of Diagnostics::events(), at the highest level.
     const Texts& events() const;
