@@ -18,7 +18,6 @@ public:
         _columns = std::make_unique<sql::Table>(_database.getHandle(), "item", declaration);
         _table = std::make_unique<sql::PreparedTable>(_database, *_columns);
         _record = std::make_unique<sql::Record>(*_columns->fields());
-        _count = std::make_unique<sql::Statement>(_database, statements[count_rows]);
     }
     void close() override
     {
@@ -91,6 +90,8 @@ public:
     }
     long long count() override
     {
+        if (_count == nullptr) // compiled when it is first needed, as the others' statements
+            _count = std::make_unique<sql::Statement>(_database, statements[count_rows]);
         return *_count->one<long long>();
     }
     long long load() override;
