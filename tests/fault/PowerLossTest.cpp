@@ -361,7 +361,7 @@ private:
     const std::vector<test::Change> _changes = test::changesOf(
         test::filling(19) + test::changing() + test::backingUp() + test::changing()
         + test::changingByStatements() + test::changingInTransactions() + test::backingUp()
-        + test::removing());
+        + test::changingInBulk(4) + test::removing());
     test::Diagnostics _diagnostics;
     const test::TemporaryDirectory _directory;
     const std::string _file;

@@ -125,11 +125,46 @@ bool removeByKey(TwinShop& shop, int id)
            != -1;
 }
 
-bool addMany(Shop& shop)
+bool addThree(Shop& shop)
 {
     sql::PreparedTable fast(shop.database, shop.product);
     const sql::Record records[] = {named(37, 4), named(38, 5), named(39, 1)};
     return fast.addRecords(std::begin(records), std::end(records));
+}
+
+std::string manyText(int rows)
+{
+    return "insert into product with recursive n(i) as (select 100 union all select i + 1 from n limit "
+           + std::to_string(rows) + ") select i, 'one of many', null, null, null from n";
+}
+
+bool addMany(Shop& shop, int rows)
+{
+    sql::PreparedTable fast(shop.database, shop.product);
+    std::vector<sql::Record> records(rows, sql::Record(goods()));
+    for (int i = 0; i < rows; ++i) {
+        records[i].setInteger("id", 100 + i);
+        records[i].setString("name", "one of many");
+    }
+    return fast.addRecords(records.begin(), records.end());
+}
+
+// Row by row, from a database of its own.
+bool copyFromAnother(Shop& shop, int rows)
+{
+    sql::Database other;
+    if (!other.open(":memory:", sql::Database::access_create, false, 0))
+        return false;
+    run(other.getHandle(), "create table product (id, name, price, sold, code)");
+    run(other.getHandle(), manyText(rows));
+    sql::PreparedTable source(other, shop.product);
+    return sql::PreparedTable(shop.database, shop.product).copyRecords(source);
+}
+
+bool copyWithin(Shop& shop)
+{
+    sql::PreparedTable source(shop.database, shop.product);
+    return sql::PreparedTable(shop.database, shop.archive).copyRecords(source);
 }
 
 bool inParts(Shop& shop)
@@ -211,7 +246,7 @@ std::vector<Step> changingInTransactions()
             },
             [](TwinShop&) { return true; }),
         told(
-            "addRecords", [](Shop& shop) { return addMany(shop); },
+            "addRecords", [](Shop& shop) { return addThree(shop); },
             [](TwinShop& shop) {
                 return shop.transact("BEGIN") && shop.product.addRecord(named(37, 4))
                        && shop.product.addRecord(named(38, 5))
@@ -230,6 +265,32 @@ std::vector<Step> changingInTransactions()
                        && shop.product.deleteRecords("id in (30, 31, 33, 37, 38, 39)")
                        && shop.transact("COMMIT");
             }),
+    };
+}
+
+std::vector<Step> changingInBulk(int rows)
+{
+    const auto addPlainly = [rows](TwinShop& shop) {
+        return shop.query(manyText(rows));
+    };
+    const Step removeThem = {"deleteRecords", [](auto& shop) {
+                                 return shop.product.deleteRecords("id >= 100");
+                             }};
+    return {
+        told(
+            "addRecords of many", [rows](Shop& shop) { return addMany(shop, rows); }, addPlainly),
+        removeThem,
+        told(
+            "copyRecords from another database",
+            [rows](Shop& shop) { return copyFromAnother(shop, rows); }, addPlainly),
+        {"truncate",
+         [](auto& shop) {
+             return shop.archive.truncate();
+         }},
+        told(
+            "copyRecords within a database", [](Shop& shop) { return copyWithin(shop); },
+            [](TwinShop& shop) { return shop.query("insert into archive select * from product"); }),
+        removeThem,
     };
 }
 

@@ -13,6 +13,9 @@ namespace test {
 std::vector<Step> changingByStatements();
 std::vector<Step> changingInTransactions();
 
+// So many rows at once by prepared tables, once backingUp() has made the archive.
+std::vector<Step> changingInBulk(int rows);
+
 } // namespace test
 
 #endif
