@@ -33,7 +33,25 @@ static_assert(std::is_nothrow_move_assignable_v<RecordCursor>);
 static_assert(std::is_same_v<std::iterator_traits<RecordCursor::Iterator>::iterator_category,
                              std::input_iterator_tag>);
 static_assert(std::is_same_v<std::iterator_traits<RecordCursor::Iterator>::value_type, Record>);
-static_assert(std::is_same_v<decltype(*std::declval<RecordCursor::Iterator&>()), const Record&>);
+
+// Every operation by its exact signature.
+using Iterator = RecordCursor::Iterator;
+template <typename Signature, typename Class> constexpr bool has(Signature Class::*)
+{
+    return true;
+}
+static_assert(has<bool(Record&)>(&RecordCursor::next));
+static_assert(has<bool() const>(&RecordCursor::finished));
+static_assert(has<const sql::Error&() const>(&RecordCursor::error));
+static_assert(has<Iterator()>(&RecordCursor::begin));
+static_assert(has<Iterator()>(&RecordCursor::end));
+static_assert(has<const Record&() const>(&Iterator::operator*));
+static_assert(has<const Record*() const>(&Iterator::operator->));
+static_assert(has<Iterator&()>(&Iterator::operator++));
+static_assert(has<bool(const Iterator&) const>(&Iterator::operator==));
+static_assert(has<bool(const Iterator&) const>(&Iterator::operator!=));
+static_assert(!std::is_default_constructible_v<RecordCursor>);
+static_assert(!std::is_default_constructible_v<Iterator>);
 
 const std::string gone = "21=SQLITE_MISUSE: the statement was released or moved from";
 const std::string closed = "21=SQLITE_MISUSE: the database was closed or opened anew";

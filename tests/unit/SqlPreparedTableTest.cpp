@@ -32,6 +32,29 @@ static_assert(std::is_constructible_v<PreparedTable, sql::Database&, const Table
 static_assert(!std::is_constructible_v<PreparedTable, sql::Database&, Table>);
 static_assert(!std::is_constructible_v<PreparedTable, sql::Database&, const Table>);
 
+// Every operation by its exact signature.
+using Rows = const Record*;
+using Going = bool (&)(sql::integer);
+template <typename Signature> constexpr bool has(Signature PreparedTable::*)
+{
+    return true;
+}
+static_assert(has<bool(const Record&)>(&PreparedTable::addRecord));
+static_assert(has<bool(const Record&)>(&PreparedTable::updateRecord));
+static_assert(has<bool(const Record&)>(&PreparedTable::addOrUpdateRecord));
+static_assert(has<bool(const int&)>(&PreparedTable::deleteRecord<int>));
+static_assert(has<sql::Presence(const int&)>(&PreparedTable::hasRecordWithKeyId<int>));
+static_assert(has<sql::Result<bool>(const int&, Record&)>(&PreparedTable::readRecord<int>));
+static_assert(has<bool(Rows, Rows)>(&PreparedTable::addRecords<Rows>));
+static_assert(has<bool(Rows, Rows, Going)>(&PreparedTable::addRecords<Rows, Going>));
+static_assert(has<bool(PreparedTable&)>(&PreparedTable::copyRecords));
+static_assert(has<sql::RecordCursor(std::string_view, const int&)>(&PreparedTable::select<int>));
+static_assert(has<sql::Result<std::vector<sql::string>>()>(&PreparedTable::checkDeclaration));
+static_assert(has<sql::integer() const>(&PreparedTable::changes));
+static_assert(has<std::optional<sql::integer>() const>(&PreparedTable::lastKey));
+static_assert(has<const sql::Error&() const>(&PreparedTable::error));
+static_assert(has<void()>(&PreparedTable::release));
+
 const std::string taken = "1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: product.id";
 const std::string other_columns = "21=SQLITE_MISUSE: the record has other columns than the table";
 const std::string without_key = "21=SQLITE_MISUSE: there is no PRIMARY KEY column";
