@@ -27,7 +27,7 @@ std::string flawOf(const CsvRecord& record)
     if (record.fields.size() != header.size())
         return std::to_string(record.fields.size()) + " columns instead of "
                + std::to_string(header.size());
-    // A statement would end there.
+    // A statement that has the name in its text would end there.
     if (std::any_of(record.fields.begin(), record.fields.end(), hasZeroByte))
         return "a zero byte";
     if (!isBlock(record.fields[1]))

@@ -1,9 +1,5 @@
 #include "Registry.h"
 
-#include "SqlField.h"
-#include "SqlFieldSet.h"
-#include "SqlRecord.h"
-
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -30,11 +26,6 @@ const char* const not_writable = "cannot be written: disk full, read-only, damag
 sql::integer keyOf(const std::string& digits)
 {
     return std::stoll("1" + digits, nullptr, 16);
-}
-
-std::string keyText(const std::string& digits)
-{
-    return sql::intToStr(keyOf(digits));
 }
 
 std::string textOf(const sql::Record& record, const char* column)
@@ -70,6 +61,7 @@ Registry::~Registry()
 {
     if (_hasBegun)
         rollBack();
+    _prepared.reset(); // its statements keep the database open
     _database.close();
     std::error_code ignored;
     if (_isNew && fs::is_empty(_file, ignored))
@@ -90,7 +82,10 @@ bool Registry::open(const std::string& file, sql::Database::AccessMode mode)
             return fail("cannot be created");
         return fail(isMissing ? "does not exist" : "cannot be opened");
     }
-    return _table.initTable(_database.getHandle(), block_columns);
+    if (!_table.initTable(_database.getHandle(), block_columns))
+        return false;
+    _prepared.emplace(_database, _table);
+    return true;
 }
 
 bool Registry::check()
@@ -143,35 +138,36 @@ bool Registry::commit()
 
 bool Registry::put(const Block& block)
 {
-    // Not addOrUpdateRecord(): on a full disk its question whether there is such a row can fail, and
-    // end the transaction with that. It takes this for a no, and the row would be added for good.
-    if (!_table.deleteRecord(keyOf(block.assignment)) || !_table.addRecord(recordOf(block)))
+    if (!_prepared->addOrUpdateRecord(recordOf(block)))
         return fail(not_writable);
     return true;
 }
 
 bool Registry::find(const std::string& digits, std::optional<Block>& found)
 {
-    return findFirst("id = " + keyText(digits), found);
+    sql::Record record(*_table.fields());
+    const sql::Result<bool> isThere = _prepared->readRecord(keyOf(digits), record);
+    if (isThere.failed())
+        return fail(not_readable);
+    found.reset();
+    if (isThere)
+        found = blockOf(record);
+    return true;
 }
 
+// The smallest block has most digits.
 bool Registry::findAddress(const std::string& digits, std::optional<Block>& found)
 {
-    const std::string condition = "id in (" + keyText(digits.substr(0, 9)) + ", "
-                                  + keyText(digits.substr(0, 7)) + ", "
-                                  + keyText(digits.substr(0, 6)) + ")";
-    return findFirst(condition, found);
-}
-
-// Of blocks within each other the smallest has most digits, and so the greatest key.
-bool Registry::findFirst(const std::string& condition, std::optional<Block>& found)
-{
-    found.reset();
-    // Not getRecordByKeyId(), whose null may stand for no row or for a failed read.
-    if (!_table.open(condition, "id desc"))
+    // No import comes in between, after which there may be other blocks.
+    const sql::Transaction reading(_database, sql::begin_deferred);
+    if (!reading.isOpen())
         return fail(not_readable);
-    if (const sql::Record* const record = _table.getTopRecord())
-        found = blockOf(*record);
+    for (const std::size_t size : {9, 7, 6}) {
+        if (!find(digits.substr(0, size), found))
+            return false;
+        if (found)
+            return true;
+    }
     return true;
 }
 

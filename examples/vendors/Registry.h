@@ -1,8 +1,7 @@
 #ifndef VENDORS_REGISTRY_H
 #define VENDORS_REGISTRY_H
 
-#include "SqlDatabase.h"
-#include "SqlTable.h"
+#include "SqlPreparedTable.h"
 
 #include <optional>
 #include <string>
@@ -46,7 +45,7 @@ public:
     // Begins one in which nothing is written: what is read belongs together.
     bool beginReading();
 
-    // Adds a block, in place of the one with the same digits. Two writes: within a transaction.
+    // Adds a block, in place of the one with the same digits.
     bool put(const Block& block);
 
     // Looks for a block; `found` is empty when there is none.
@@ -75,7 +74,6 @@ public:
     const std::string& error() const;
 
 private:
-    bool findFirst(const std::string& condition, std::optional<Block>& found);
     sql::Record recordOf(const Block& block) const;
     void rollBack();
 
@@ -87,6 +85,7 @@ private:
     bool _hasBegun = false;
     sql::Database _database;
     sql::Table _table;
+    std::optional<sql::PreparedTable> _prepared; // the same table, for what is done many times
     std::string _error;
 };
 

@@ -807,6 +807,8 @@ class TraceTest(Test):
     QUERY = "[DEBUG2] SqlRecordSet.cpp:NNN (query) - stmt='{}'"
     SEARCH = QUERY.format("select * from block where name like '%O''B\\%%' escape '\\' order by name, assignment")
     ROW = "[DEBUG3] SqlRecordSet.cpp:NNN (on_next_record) - id = 16786034|registry = MA-L|assignment = 002272|name = O'B%|address = Street"
+    READ = ("[DEBUG{}] SqlStatement.cpp:NNN (readRecord) - {}select `id`, `registry`, `assignment`, `name`, "
+            "`address` from `block` where `id` = {}")
     ERRORS = [
         "[ERROR] SqlCommon.cpp:NNN (queryNumber) - The SQL query 'PRAGMA user_version;' failed",
         "[ERROR] SqlCommon.cpp:NNN (queryNumber) -    the query returned 26=SQLITE_NOTADB instead of SQLITE_ROW: "
@@ -834,14 +836,19 @@ class TraceTest(Test):
                 with self.subTest(arguments):
                     self.assertEqual(self.traced(*arguments), lines)
 
-    def test_each_address_is_asked_for_once(self):
-        self.import_lines("a.db", "MA-L,002272,Maker,")
+    def test_each_address_is_asked_for_from_its_smallest_block_on(self):
+        self.import_lines("a.db", "MA-L,002272,Maker,", "MA-M,741AE09,Maker,")
         keys = {"002272010203": (0x1002272010, 0x10022720, 0x1002272),
+                "741AE0901020": (0x1741AE0901, 0x1741AE09),
                 "FFFFFFFFFFFF": (0x1FFFFFFFFF, 0x1FFFFFFF, 0x1FFFFFF)}
-        queries = [self.QUERY.format("select * from block where id in ({}, {}, {}) order by id desc"
-                                     .format(*blocks)) for blocks in keys.values()]
-        self.assertEqual(self.traced("lookup", "a.db", *keys, "--trace", "8"),
-                         [self.OPENING.format(self.folder / "a.db"), *self.CHECKING, *queries])
+        lines = []
+        for blocks in keys.values():
+            lines.append("[DEBUG2] SqlTransaction.cpp:NNN (begin) - stmt='begin deferred'")
+            for block in blocks:
+                lines += [self.READ.format(2, "stmt='", "?'"), self.READ.format(3, "", block)]
+            lines.append("[DEBUG2] SqlTransaction.cpp:NNN (~TransactionScope) - stmt='rollback'")
+        self.assertEqual(self.traced("lookup", "a.db", *keys, "--trace", "9"),
+                         [self.OPENING.format(self.folder / "a.db"), *self.CHECKING, *lines])
 
     def test_errors_are_shown_from_level_3_on(self):
         self.write("text", NO_DATABASE)
