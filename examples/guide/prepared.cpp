@@ -3,13 +3,12 @@
 //     prepared DATABASE
 
 #include "SqlLiteral.h"
-#include "SqlStatement.h"
-#include "SqlTable.h"
-#include "SqlTransaction.h"
+#include "SqlPreparedTable.h"
 
 #include <cstdio>
 #include <optional>
 #include <tuple>
+#include <vector>
 
 // A type of the program's own.
 struct Money {
@@ -246,6 +245,85 @@ bool useTables(sql::Database& database, sql::Database&)
     return transaction.rollback();
 }
 
+bool useRecords(sql::Database& database, sql::Database&)
+{
+    const sql::Table products(database.getHandle(), "product", columns);
+    sql::PreparedTable fast(database, products); // borrows both
+    sql::Record towel(*products.fields());
+    towel.setString("name", "Towel");
+    towel.setInteger("cents", 700);
+    if (!fast.addRecord(towel))
+        return report(fast.error());
+
+    const sql::integer key = fast.lastKey().value_or(0);
+    sql::Record found(*products.fields());
+    const sql::Result<bool> isThere = fast.readRecord(key, found);
+    if (isThere)
+        std::printf("%s\n", found.toString().c_str());
+    else if (isThere.failed())
+        return report(isThere.error());
+
+    found.setInteger("cents", 650);
+    if (!fast.updateRecord(found))
+        return report(fast.error());
+    std::printf("%lld changed\n", fast.changes());
+    if (!fast.deleteRecord(key))
+        return report(fast.error());
+    if (fast.hasRecordWithKeyId(key) == sql::Presence::absent)
+        std::printf("gone\n");
+    return true;
+}
+
+bool selectRecords(sql::Database& database, sql::Database&)
+{
+    const sql::Table products(database.getHandle(), "product", columns);
+    sql::PreparedTable fast(database, products);
+    sql::RecordCursor cheap = fast.select("where cents < ? order by name", 400);
+    sql::Record product(*products.fields());
+    while (cheap.next(product))
+        std::printf("%s\n", product.toString().c_str());
+    return cheap.finished() || report(cheap.error());
+}
+
+bool tell(sql::integer count)
+{
+    std::printf("%lld added\n", count);
+    return true; // false stops, and nothing is added
+}
+
+bool addManyRecords(sql::Database& database, sql::Database&)
+{
+    const sql::Table products(database.getHandle(), "product", columns);
+    sql::PreparedTable fast(database, products);
+    std::vector<sql::Record> many;
+    for (const char* name : {"Spoon", "Fork", "Mug"}) {
+        many.emplace_back(*products.fields());
+        many.back().setString("name", name);
+        many.back().setInteger("cents", 120);
+    }
+
+    if (!fast.addRecords(many.begin(), many.end(), tell))
+        report(fast.error());
+    if (!fast.addRecords(many.begin(), many.begin() + 2, tell))
+        return report(fast.error());
+    const auto undone = sql::runScript(database, "delete from product where cents = 120");
+    return undone || report(undone.error());
+}
+
+bool checkDeclaration(sql::Database& database, sql::Database&)
+{
+    const sql::Field others[] = {sql::Field("id", sql::type_int, sql::flag_primary_key),
+                                 sql::Field("name", sql::type_text, sql::flag_none),
+                                 sql::Field("weight", sql::type_int, sql::flag_none), sql::Field()};
+    const sql::Table products(database.getHandle(), "product", others);
+    const auto differences = sql::PreparedTable(database, products).checkDeclaration();
+    if (!differences)
+        return report(differences.error());
+    for (const sql::string& difference : *differences)
+        std::printf("%s\n", difference.c_str());
+    return true;
+}
+
 struct Task {
     const char* heading;
     bool (*run)(sql::Database& database, sql::Database& other);
@@ -265,6 +343,10 @@ const Task tasks[] = {
     {"Times as texts", tellTimes},
     {"Types of your own", useOwnTypes},
     {"Together with tables", useTables},
+    {"The records of a table", useRecords},
+    {"Records one by one", selectRecords},
+    {"Many records at once", addManyRecords},
+    {"What differs from the declaration", checkDeclaration},
 };
 
 int fail(const char* what)

@@ -8,6 +8,7 @@ import pathlib
 import re
 import resource
 import shlex
+import signal
 import sqlite3
 import subprocess
 import tempfile
@@ -23,26 +24,38 @@ ENCRYPTS = os.environ["SQLITE"] == "sqlcipher"
 NO_ENCRYPTION = "this SQLite does not encrypt"
 UNOPENED = "cannot open the database"
 UNREADABLE = "cannot read the database, or make the table"
+# What SQLite says, where the program tells.
+NOT_OPENED = f"{UNOPENED}: unable to open database file"
+NO_DATABASE = "file is not a database"
 # What the programs that take a file say of a folder, and of a file that is no database.
 BAD_FILES = {
     "backup": (UNOPENED, "cannot write the database"),
     "catalogue": (UNOPENED, UNREADABLE),
+    "config": (NOT_OPENED, f"cannot change the settings: {NO_DATABASE}"),
     "encryption": (UNOPENED, "not with this key, or no database" if ENCRYPTS else NO_ENCRYPTION),
     "events": (UNOPENED, UNREADABLE),
-    "logger": (f"{UNOPENED}: unable to open database file",
-               "cannot make the table: statement 1: file is not a database"),
+    "import": (NOT_OPENED, f"{UNREADABLE}: {NO_DATABASE}"),
+    "logger": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "noexceptions": (UNOPENED, UNREADABLE),
     "pages": (UNOPENED, UNREADABLE),
+    "queue": (NOT_OPENED, f"cannot fill the queue: {NO_DATABASE}"),
+    "scan": (NOT_OPENED, f"{UNREADABLE}: {NO_DATABASE}"),
     "settings": ("cannot open a.db", "cannot open a.db"),
     "sharing": ("cannot prepare the database", "cannot prepare the database"),
     "transaction": (UNOPENED, UNREADABLE),
     "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
+# What is only built where there is sqlprepared.
+OF_STATEMENTS = {"config", "import", "logger", "queue", "scan"}
 if not PREPARED:
-    del BAD_FILES["logger"]
+    BAD_FILES = {name: errors for name, errors in BAD_FILES.items() if name not in OF_STATEMENTS}
 KEY = "secret\n"
-USAGES = {"encryption": "DATABASE <KEY", "logger": "DATABASE <READINGS",
-          "noexceptions": "DATABASE <LINES"}
+USAGES = {"encryption": "DATABASE <KEY", "import": "DATABASE <LINES", "logger": "DATABASE <READINGS",
+          "noexceptions": "DATABASE <LINES", "scan": "DATABASE [ROWS]"}
+
+
+def words_of(session):
+    return {word for command, _ in session for word in command.split()}
 
 
 class SessionTest(Test):
@@ -50,8 +63,8 @@ class SessionTest(Test):
 
     NAMES = {source.stem for source in (documents.ROOT / "examples" / "cookbook").glob("*.cpp")
              if (PROGRAMS / source.stem).exists()}
-    SESSIONS = [steps_of(block) for block in documents.blocks("docs/cookbook.md", "console")
-                if PREPARED or "| logger " not in block]
+    SESSIONS = [session for session in map(steps_of, documents.blocks("docs/cookbook.md", "console"))
+                if PREPARED or not words_of(session) & OF_STATEMENTS]
 
     def setUp(self):
         super().setUp()
@@ -77,9 +90,7 @@ class SessionTest(Test):
                         self.assertEqual(comparable(done.stdout), comparable(output))
 
     def test_every_program_has_a_session(self):
-        words = {word for session in self.SESSIONS for command, _ in session
-                 for word in command.split()}
-        self.assertEqual(self.NAMES - words, set())
+        self.assertEqual(self.NAMES - set().union(*map(words_of, self.SESSIONS)), set())
 
 
 class BadFileTest(Test):
@@ -214,9 +225,82 @@ class RecipesTest(Test):
             self.assertNotIn(plain, self.bytes())
 
 
-class LoggerTest(Test):
-    """The one of sqlprepared."""
+class PreparedTest(Test):
+    """Those of sqlprepared but for the logger."""
 
+    def test_settings_are_changed_together_or_not_at_all(self):
+        rows = [("address", "192.168.0.2"), ("changes", "1"), ("gateway", "192.168.0.1")]
+        self.run_program("config", "a.db")
+        self.assertEqual(self.query("select * from setting order by name"), rows)
+        self.make("update setting set value = '' where name = 'address';"
+                  "create trigger refuse before update on setting when new.name = 'changes' begin"
+                  " select raise(abort, 'no'); end")
+        self.assert_fails("cannot write: no", "config", "a.db",
+                          output="address , gateway 192.168.0.1, changes: 1\n")
+        self.assertEqual(self.query("select * from setting order by name"),
+                         [("address", ""), *rows[1:]])
+
+    def test_no_change_of_several_programs_is_lost(self):
+        programs = [self.start("config", "a.db") for _ in range(4)]
+        for program in programs:
+            _, errors = program.communicate()
+            self.assertEqual((program.returncode, errors), (0, ""))
+        self.assertEqual(self.query("select value from setting where name = 'changes'"), [("4",)])
+
+    def test_program_that_writes_is_waited_for(self):
+        self.make("create table other (n integer)")
+        with contextlib.closing(sqlite3.connect(self.folder / "a.db")) as other:
+            other.execute("begin immediate")
+            program = self.start("config", "a.db")
+            time.sleep(0.3)
+            self.assertIsNone(program.poll())
+            other.rollback()
+            self.assert_ends(program, 0, "address none, gateway none, changes: 0\n")
+
+    def test_import_that_fails_at_its_end_adds_nothing(self):
+        lines = "".join(f"product {number},{number}\n" for number in range(1000))
+        self.assert_fails("cannot import: record 1001: column cents is no number",
+                          "import", "a.db", given=f"{lines}no price\n")
+        self.assertEqual(self.query("select * from product"), [])
+        self.assert_prints("1000 products\n", "import", "a.db", given=lines)
+        self.assertEqual(self.query("select * from product order by id"),
+                         [(number + 1, f"product {number}", number) for number in range(1000)])
+
+    def test_import_that_is_stopped_adds_nothing(self):
+        lines = "tea,250\n" * 1000
+        program = self.start("import", "a.db")
+        program.stdin.write(lines)
+        program.stdin.flush()
+        while "a.db-journal" not in self.files() and program.poll() is None:
+            time.sleep(0.01)
+        program.send_signal(signal.SIGINT)
+        self.assert_ends(program, 1, "", "import: cannot import: stopped by its progress\n", lines)
+        self.assertEqual(self.query("select * from product"), [])
+
+    def test_jobs_are_taken_once_by_whomever(self):
+        jobs = [f"thing {number}" for number in range(50)]
+        self.make("create table queue (id integer primary key, job text);"
+                  + "".join(f"insert into queue (job) values ('{job}');" for job in jobs))
+        programs = [self.start("queue", "a.db") for _ in range(2)]
+        done = []
+        for program in programs:
+            output, errors = program.communicate()
+            self.assertEqual((program.returncode, errors), (0, ""))
+            done += output.splitlines()
+        jobs += 2 * [f"job {number}" for number in range(1, 6)]
+        self.assertEqual(sorted(done), sorted(f"{job} done" for job in jobs))
+        self.assertEqual(self.query("select * from queue"), [])
+
+    def test_every_row_is_on_one_page(self):
+        for rows, pages in ((1, 1), (1000, 1), (1001, 2)):
+            self.assert_prints(f"{rows} rows in {pages} pages, up to {min(15 + rows / 10, 25):.1f}"
+                               " degrees\n", "scan", f"{rows}.db", str(rows))
+        self.make("delete from reading where id % 3 = 0; update reading set celsius = 30.5"
+                  " where id = 1001", "1001.db")
+        self.assert_prints("668 rows in 1 pages, up to 30.5 degrees\n", "scan", "1001.db")
+
+
+class LoggerTest(Test):
     ROWS = "select sensor, at, value from reading order by sensor, at"
 
     def readings(self, count):
