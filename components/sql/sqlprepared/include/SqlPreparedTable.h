@@ -16,7 +16,7 @@ namespace sql {
 /// are.
 ///
 ///     sql::PreparedTable fast(database, products);
-///     sql::RecordCursor cheap = fast.select("where price < ? order by name", 3.5);
+///     auto cheap = fast.select("where price < ? order by name", 3.5);
 ///     sql::Record record(*products.fields());
 ///     while (cheap.next(record))
 ///         std::puts(record.toString().c_str()); // 1|rum|2.5
@@ -41,6 +41,9 @@ public:
     const Error& error() const; ///< Returns why it failed; lives as long as the cursor.
 
     /// Stands at a row, or behind the last one. All of a cursor go on together.
+    ///
+    ///     for (const sql::Record& product : fast.select("order by name"))
+    ///         std::puts(product.toString().c_str());
     class Iterator {
     public:
         using iterator_category = std::input_iterator_tag; ///< It reads each row once.
@@ -49,25 +52,29 @@ public:
         using pointer = const Record*;                     ///< Lives until the cursor goes on.
         using reference = const Record&;                   ///< Lives until the cursor goes on.
 
-        reference operator*() const ///< Returns the record.
+        /// Returns the record.
+        reference operator*() const
         {
             return *_record;
         }
-        pointer operator->() const ///< Returns the record.
+        /// Returns the record.
+        pointer operator->() const
         {
             return _record;
         }
-        Iterator& operator++() ///< Reads the next row.
+        /// Reads the next row.
+        Iterator& operator++()
         {
             _record = _cursor->nextOwn();
             return *this;
         }
-        bool operator==(
-            const Iterator& other) const ///< Returns whether both stand at a row, or neither.
+        /// Returns whether both stand at a row, or neither.
+        bool operator==(const Iterator& other) const
         {
             return _record == other._record;
         }
-        bool operator!=(const Iterator& other) const ///< Returns whether only one stands at a row.
+        /// Returns whether only one stands at a row.
+        bool operator!=(const Iterator& other) const
         {
             return _record != other._record;
         }
