@@ -1,8 +1,7 @@
 // What the debugger looks at when the program has reached inspect(): objects of sqlprepared, each with
 // the text that it is shown as where gdb can call functions of the process.
 
-#include "SqlStatement.h"
-#include "SqlTransaction.h"
+#include "SqlPreparedTable.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -67,6 +66,28 @@ sql::Statement widowed(closed, "select 3");
 // sql::Statement, ready = {text = "select 3"}
 sql::Statement longText(database, "select 4" + std::string(1000, ' ') + "+ 5");
 
+const sql::Field columns[] = {sql::Field("id", sql::type_int, sql::flag_primary_key),
+                              sql::Field("name", sql::type_text, sql::flag_none), sql::Field()};
+const sql::Table products(database.getHandle(), "product", columns);
+
+sql::PreparedTable untouched(database, products);
+// sql::PreparedTable product
+sql::PreparedTable added(database, products);
+// sql::PreparedTable product, 1 changed
+sql::PreparedTable refusing(database, products);
+// sql::PreparedTable product, rc=1555=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id
+sql::RecordCursor cursor = added.select("where id < ?", 3);
+// sql::RecordCursor, at a row = {text = "select `id`, `name` from `product` where id < 3"}
+sql::RecordCursor drained = added.select("where id > 7");
+// sql::RecordCursor, ended = {text = "select `id`, `name` from `product` where id > 7"}
+sql::RecordCursor unreadable = added.select("where prize");
+// sql::RecordCursor, not prepared, rc=1=SQLITE_ERROR: no such column: prize = {text = "select
+// `id`, `name` from `product` where prize"}
+sql::RecordCursor emptied = added.select();
+// sql::RecordCursor, released
+sql::RecordCursor taken = std::move(emptied);
+// sql::RecordCursor, ready = {text = "select `id`, `name` from `product`"}
+
 sql::Error none;
 // no failure
 sql::Error busy(517, "database is locked");
@@ -99,9 +120,15 @@ const sql::Error& zeroError = filled<sql::Error>(0);             // <error: not 
 const sql::Result<sql::integer>& zeroResult = filled<sql::Result<sql::integer>>(0);
 // <error: not a text>
 const sql::Transaction& zeroScope = filled<sql::Transaction>(0); // <error: not a text>
+const sql::PreparedTable& zeroTable = filled<sql::PreparedTable>(0); // <error: not a text>
+const sql::RecordCursor& zeroCursor = filled<sql::RecordCursor>(0);  // <error: not a text>
 const sql::Statement& noise = filled<sql::Statement>(0xa5);
 // <error: Cannot access memory at address NOISE>
 const sql::Error& noiseError = filled<sql::Error>(0xa5);
+// <error: Cannot access memory at address NOISE>
+const sql::PreparedTable& noiseTable = filled<sql::PreparedTable>(0xa5);
+// <error: Cannot access memory at address NOISE>
+const sql::RecordCursor& noiseCursor = filled<sql::RecordCursor>(0xa5);
 // <error: Cannot access memory at address NOISE>
 const sql::Transaction& noiseScope = filled<sql::Transaction>(0xa5);
 // <error: Cannot access memory at address NOISE>
@@ -123,6 +150,9 @@ int main()
     bound.bind(":name", name).bind(":id", 3);
     bool worked = isOpen && atRow.next() && !mismatch.next(id) && ended.run(3) && !refused.run(1)
                   && misspelt.error();
+    sql::Record tea(*products.fields());
+    worked = worked && added.addRecord(tea) && cursor.next(tea) && !refusing.addRecord(tea)
+             && !drained.next(tea) && drained.finished() && unreadable.error();
     unfit.bind(1, std::nan(""));
     released.release();
     used.release();

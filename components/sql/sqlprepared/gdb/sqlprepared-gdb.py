@@ -1,5 +1,5 @@
 """Shows the objects of sqlprepared in gdb: a Statement by its text with the values, and by where it
-stands.
+stands, a PreparedTable by its name.
 
 gdb loads this file with the library; "source" loads it by hand, after sqlwrapper-gdb.py, whose
 functions it uses. The library's objects are read from memory. The text of a statement SQLite alone
@@ -72,10 +72,13 @@ class PreparedPrinter:
 
     def to_string(self):
         try:
-            name = gdb.types.get_basic_type(self.value.type).name.partition("<")[0]
-            return ", ".join(filter(None, [name, *self.parts()]))
+            parts = self.parts()
+            return ", ".join(filter(None, [self.title(), *parts]))
         except (gdb.error, NameError, OverflowError, ValueError) as error:
             return f"<error: {str(error).rstrip('.')}>"
+
+    def title(self):
+        return gdb.types.get_basic_type(self.value.type).name.partition("<")[0]
 
     def children(self):
         return iter(self.found)
@@ -135,6 +138,23 @@ class StatementPrinter(PreparedPrinter):
             return None
 
 
+class CursorPrinter(PreparedPrinter):
+    def parts(self):
+        statement = StatementPrinter(self.value["_statement"])
+        parts = statement.parts()
+        self.found = statement.found
+        return parts
+
+
+class PreparedTablePrinter(PreparedPrinter):
+    def parts(self):
+        changes = int(self.value["_changes"])
+        return [f"{changes} changed" if changes else "", reason(self.value["_error"])]
+
+    def title(self):
+        return f"{super().title()} {plain(self.value['_table'].dereference()['_name'])}"
+
+
 class ScopePrinter(PreparedPrinter):
     def parts(self):
         error = reason(self.value["_error"])
@@ -147,7 +167,8 @@ class ScopePrinter(PreparedPrinter):
 
 def prepared_printers():
     collection = gdb.printing.RegexpCollectionPrettyPrinter("sqlprepared")
-    for name, printer in (("Error", ErrorPrinter), ("Result<.*>", ResultPrinter),
+    for name, printer in (("Error", ErrorPrinter), ("PreparedTable", PreparedTablePrinter),
+                          ("RecordCursor", CursorPrinter), ("Result<.*>", ResultPrinter),
                           ("Savepoint", ScopePrinter), ("Statement", StatementPrinter),
                           ("Transaction", ScopePrinter), ("TransactionScope", ScopePrinter)):
         collection.add_printer(name, f"^sql::{name}$", printer)
