@@ -139,6 +139,9 @@ TEST_F(StatementReadTest, IntegersOutOfOtherCells)
     EXPECT_EQ(read<integer>("'9223372036854775807'"), 9223372036854775807);
     EXPECT_EQ(read<integer>("'-9223372036854775808'"), -9223372036854775807 - 1);
     EXPECT_EQ(read<integer>("'9007199254740993'"), 9007199254740993) << "no double";
+    EXPECT_EQ(read<integer>("'-000000000000000000000000007'"), -7)
+        << "more digits than of any integer";
+    EXPECT_EQ(read<integer>("'+00000000000000000000'"), 0);
     EXPECT_EQ(read<integer>("-9223372036854775808.0"), -9223372036854775807 - 1);
 }
 
@@ -165,7 +168,8 @@ TEST_F(StatementReadTest, IntegerBeyondAllRanges)
     for (const char* const cell :
          {"9223372036854775808", "9223372036854775808.0", "-9223372036854777856.0", "1e300",
           "-1e300", "9e999", "-9e999", "'9223372036854775808'", "'-9223372036854775809'", "'1e300'",
-          "'1e999'", "'-1e999'"})
+          "'1e999'", "'-1e999'", "'9999999999999999999'", "'18446744073709551623'",
+          "'-100000000000000000000000000007'"})
         expectUnreadable<integer>(cell, is_out_of_range);
 }
 

@@ -9,17 +9,6 @@ namespace sql {
 
 namespace {
 
-template <typename Number> const char* readAs(std::string_view text, Number& number)
-{
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
-        text.remove_prefix(1);
-    const char* const end = text.data() + text.size();
-    const auto [last, error] = std::from_chars(text.data(), end, number);
-    if (last != end || error == std::errc::invalid_argument)
-        return is_no_number;
-    return error == std::errc() ? nullptr : is_out_of_range;
-}
-
 // Writes a real from 0.0001 to 10,000,000 in front of `end`, returns its begin. With up to eight decimals it
 // has no more digits than any real keeps: they are its shortest then. Returns null for others.
 char* writeDecimals(char* end, double real)
@@ -47,14 +36,39 @@ char* writeDecimals(char* end, double real)
 
 } // namespace
 
+// As std::from_chars(), with fewer instructions and less code.
 const char* readNumber(std::string_view text, integer& number)
 {
-    return readAs(text, number);
+    const bool isNegative = !text.empty() && text[0] == '-';
+    if (isNegative || (!text.empty() && text[0] == '+'))
+        text.remove_prefix(1);
+    if (text.empty())
+        return is_no_number;
+    constexpr std::size_t most_digits = 19; // that 64 bits hold, whatever they are
+    while (text.size() > most_digits && text[0] == '0')
+        text.remove_prefix(1);
+    std::uint64_t size = 0;
+    for (const char byte : text) {
+        if (byte < '0' || byte > '9')
+            return is_no_number;
+        size = size * 10 + (byte - '0');
+    }
+    const std::uint64_t highest = isNegative ? 1ULL << 63 : ~0ULL >> 1;
+    if (text.size() > most_digits || size > highest)
+        return is_out_of_range;
+    number = static_cast<integer>(isNegative ? 0 - size : size);
+    return nullptr;
 }
 
 const char* readNumber(std::string_view text, double& number)
 {
-    return readAs(text, number);
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-')
+        text.remove_prefix(1);
+    const char* const end = text.data() + text.size();
+    const auto [last, error] = std::from_chars(text.data(), end, number);
+    if (last != end || error == std::errc::invalid_argument)
+        return is_no_number;
+    return error == std::errc() ? nullptr : is_out_of_range;
 }
 
 NumberText::NumberText(integer number)

@@ -298,7 +298,7 @@ bool PreparedTable::failToFind(const char* operation, Statement& statement, cons
 const char* PreparedTable::whyNotFound(const Record& record)
 {
     for (int i = _keyIndex, left = _keyCount; left > 0; ++i) {
-        if (!_fields->getByIndex(i)->isPrimaryKey())
+        if (i != _keyIndex && !_fields->getByIndex(i)->isPrimaryKey())
             continue;
         if (_cells[i]._kind == Argument::Kind::null)
             return is_null;
