@@ -1,8 +1,7 @@
 """Runs the example program vendors on the public registry of address blocks, as programs.py says.
 
-REGISTRY is the folder with oui.csv, mam.csv and oui36.csv, SQLITE_VERSION the version of the
-program's SQLite. What the program prints and stores is compared with what Python's own modules csv
-and sqlite3 read.
+REGISTRY is the folder with oui.csv, mam.csv and oui36.csv. What the program prints and stores is
+compared with what Python's own modules csv and sqlite3 read.
 """
 
 import contextlib
@@ -25,7 +24,6 @@ import unittest
 import programs
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2] / "examples" / "vendors" / "main.cpp"
-SQLITE = tuple(int(part) for part in os.environ["SQLITE_VERSION"].split("."))
 OUI, MAM, OUI36 = (os.path.join(os.environ["REGISTRY"], name)
                    for name in ("oui.csv", "mam.csv", "oui36.csv"))
 
@@ -466,7 +464,7 @@ class FullDiskTest(Test):
 
     def test_failure_of_the_commit_names_the_last_line(self):
         # Two pages of the file do not fit, each as large as SQLite makes them by itself.
-        pages = (8 if SQLITE >= (3, 12) else 2) * self.KILO
+        pages = 8 * self.KILO
         self.write("few.csv", FEW + "MA-L,002272,Maker,\r\n\r\n")
         self.assert_failure(f"few.csv:4: a.db: {NOT_WRITABLE}", "import", "few.csv", "a.db",
                             preexec_fn=limited_file_size(pages - 1))
@@ -812,8 +810,7 @@ class TraceTest(Test):
     ERRORS = [
         "[ERROR] SqlCommon.cpp:NNN (queryNumber) - The SQL query 'PRAGMA user_version;' failed",
         "[ERROR] SqlCommon.cpp:NNN (queryNumber) -    the query returned 26=SQLITE_NOTADB instead of SQLITE_ROW: "
-        + ("file is not a database" if SQLITE >= (3, 40)
-           else "file is encrypted or is not a database"),  # as of 3.7.7.1 and 3.15.2
+        "file is not a database",
     ]
 
     def traced(self, *arguments):
