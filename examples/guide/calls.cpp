@@ -18,7 +18,7 @@ using sql::string;
 
 const sql::Field columns[] = {
     sql::Field("id", sql::type_int, sql::flag_primary_key),
-    sql::Field("name", sql::type_text, sql::flag_not_null | sql::flag_unique),
+    sql::Field("name", sql::type_text, sql::flag_not_null),
     sql::Field("price", sql::type_float, sql::flag_none),
     sql::Field(),
 };
@@ -78,9 +78,8 @@ bool byTexts(sql::Database& database, Found& found)
 
 bool byStatements(sql::Database& database, Found& found)
 {
-    if (!sql::runScript(database,
-                        "create table product"
-                        " (id integer primary key, name text not null unique, price real)"))
+    if (!sql::runScript(database, "create table product"
+                                  " (id integer primary key, name text not null, price real)"))
         return false;
     sql::Statement known(database, "select 1 from sqlite_master where name = ?");
     sql::Statement add(database, "insert into product (name, price) values (?, ?)");

@@ -314,7 +314,7 @@ bool checkDeclaration(sql::Database& database, sql::Database&)
 {
     const sql::Field others[] = {sql::Field("id", sql::type_int, sql::flag_primary_key),
                                  sql::Field("name", sql::type_text, sql::flag_none),
-                                 sql::Field("weight", sql::type_int, sql::flag_none), sql::Field()};
+                                 sql::Field("grams", sql::type_int, sql::flag_none), sql::Field()};
     const sql::Table products(database.getHandle(), "product", others);
     const auto differences = sql::PreparedTable(database, products).checkDeclaration();
     if (!differences)
