@@ -10,8 +10,8 @@
 
 namespace {
 
-constexpr int busy_timeout_ms = 100;
-constexpr std::chrono::seconds patience(2);
+constexpr int busy_timeout_ms = 1000;       // for reading
+constexpr std::chrono::seconds patience(5); // for changes
 
 const sql::Field columns[] = {
     sql::Field("name", sql::type_text, sql::flag_primary_key | sql::flag_not_null),
