@@ -157,11 +157,13 @@ class Mutations:
         return self.tokens[first].start, self.tokens[last - 1].end, replacement
 
     def numbers(self, i, token):
-        if token.kind == "number" and "." in token.text:
+        if token.kind == "number" and re.search(r"\.|^\d+e", token.text):
             yield token.start, token.end, "1.0"
         elif token.kind == "number":
-            yield token.start, token.end, str(int(token.text, 0) + 1)
-            yield token.start, token.end, f"({int(token.text, 0) - 1})"
+            number = token.text.rstrip("uUlL")
+            suffix = token.text[len(number):]
+            yield token.start, token.end, f"{int(number, 0) + 1}{suffix}"
+            yield token.start, token.end, f"({int(number, 0) - 1}{suffix})"
 
     def texts(self, i, token):
         if token.kind == "char":
