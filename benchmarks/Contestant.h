@@ -70,10 +70,10 @@ public:
     }
 
     // All of them.
-    virtual void insertTogether()
+    virtual void insertTogether(int count)
     {
-        for (std::size_t i = 0; i < _ready->size(); ++i)
-            insertReady(static_cast<int>(i));
+        for (int i = 0; i < count; ++i)
+            insertReady(i);
     }
 
 private:

@@ -51,11 +51,6 @@ public:
     {
         require(_table->addRecord(_ready[index]), "insert");
     }
-    void insertTogether() override
-    {
-        for (const sql::Record& record : _ready)
-            require(_table->addRecord(record), "insert");
-    }
     void update(const Row& row) override
     {
         require(_table->updateRecord(recordOf(row)), "update");

@@ -153,7 +153,7 @@ int insertTogether(const Entry& entry, const Place& place, Meter& meter)
     session->makeReady(rowsOf(place.rows));
     meter.start();
     session->begin();
-    session->insertTogether();
+    session->insertTogether(place.rows);
     session->commit();
     meter.stop();
     checkRows(session->handle(), place.rows);

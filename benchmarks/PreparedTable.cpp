@@ -62,7 +62,7 @@ public:
     {
         require(_table->addRecord(_ready[index]), "insert");
     }
-    void insertTogether() override
+    void insertTogether(int) override
     {
         require(_table->addRecords(_ready.begin(), _ready.end()), "insert");
     }
