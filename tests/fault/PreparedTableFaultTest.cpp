@@ -110,6 +110,23 @@ bool reads(Place& place, const std::vector<Record>&, sql::Error& error)
     return rows.finished();
 }
 
+// A row that is there is never said not to be.
+bool finds(Place& place, const std::vector<Record>&, sql::Error& error)
+{
+    const sql::Presence presence = place.from.hasRecordWithKeyId(7);
+    EXPECT_NE(presence, sql::Presence::absent);
+    error = place.from.error();
+    EXPECT_EQ(presence == sql::Presence::unknown, static_cast<bool>(error));
+    if (error)
+        return false;
+    Record record(*place.table.fields());
+    const sql::Result<bool> found = place.from.readRecord(8, record);
+    EXPECT_TRUE(found || found.failed());
+    EXPECT_EQ(record.getKeyIdValue()->isNull(), found.failed());
+    error = place.from.error();
+    return static_cast<bool>(found);
+}
+
 bool checks(Place& place, const std::vector<Record>&, sql::Error& error)
 {
     const auto found = place.fast.checkDeclaration();
@@ -123,7 +140,8 @@ const char before[] = "1|1000";
 const Operation operations[] = {
     {"AddsOneByOne", adds, 40, "41|1820"}, {"AddsSeveralAtATime", adds, 300, "301|46150"},
     {"Copies", copies, 0, "51|2275"},      {"CopiesIntoItself", copiesIntoItself, 0, before},
-    {"Reads", reads, 0, before},           {"Checks", checks, 0, before},
+    {"Reads", reads, 0, before},           {"Finds", finds, 0, before},
+    {"Checks", checks, 0, before},
 };
 
 bool isShort(const sql::Error& error)
