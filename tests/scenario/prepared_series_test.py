@@ -1,7 +1,7 @@
 """The same series of operations by a PreparedTable and by SQL of Python's own module sqlite3, on a
 file each: the same results, and the same rows in the end, bit by bit.
 
-PROGRAMS is the folder of prepared_series, as programs.py says.
+PROGRAMS is the folder of prepared_series_check, as programs.py says.
 """
 
 import contextlib
@@ -295,7 +295,7 @@ class PreparedSeriesTest(programs.Test):
         for number, columns in enumerate(SHAPES):
             shelves.append(Shelf(self.folder, number, columns, random.Random(number)))
             shelves[-1].work(40)
-        with self.start("prepared_series") as program:
+        with self.start("prepared_series_check") as program:
             output, errors = program.communicate("".join(
                 step + "\n" for shelf in shelves for step in shelf.steps))
         self.assertEqual((program.returncode, errors), (0, ""))
