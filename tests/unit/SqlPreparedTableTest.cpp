@@ -944,7 +944,7 @@ TEST_F(ReadCellTest, RealsAreTheShortestDigitsOfThatReal)
 TEST_F(ReadCellTest, RealsBeyondHaveAllTheirDigits)
 {
     for (const char* const real :
-         {"1e15", "1e20", "-1e20", "1e22", "1e23", "1e100", "1.7976931348623157e308",
+         {"1e15", "1e20", "-1e20", "1e22", "1e23", "1e100", "1.7e308",
           "2.2250738585072014e-308", "4.9e-324", "1e-5", "1.0000000000000002", "9007199254740993.0",
           "9.223372036854775807e18", "-0.0", "123456789.123456789", "-0.1234567890123456789"}) {
         const std::string read = text(real).value_or("");
