@@ -583,6 +583,16 @@ TEST_F(PreparedTableTest, NumberKeysOfEveryType)
     }
 }
 
+TEST_F(PreparedTableTest, KeyOfAColumnOfRealsIsAnIntegerToTheLastDigit)
+{
+    Declared shelf(_database, {Field("name", sql::type_text, sql::flag_none),
+                               Field("id", sql::type_float, sql::flag_primary_key)});
+    run("create table shelf (name, id integer primary key);"
+        "insert into shelf values ('a', 9007199254740992), ('b', 9007199254740993)");
+    EXPECT_TRUE(shelf.fast.updateRecord(shelf.record({"c", "9007199254740993"})));
+    EXPECT_EQ(rows("select name from shelf order by id"), "a\nc");
+}
+
 TEST_F(PreparedTableTest, NullTextKeyIsWhatSqliteTakesItFor)
 {
     Declared shelf(_database, text_key);
@@ -944,9 +954,9 @@ TEST_F(ReadCellTest, RealsAreTheShortestDigitsOfThatReal)
 TEST_F(ReadCellTest, RealsBeyondHaveAllTheirDigits)
 {
     for (const char* const real :
-         {"1e15", "1e20", "-1e20", "1e22", "1e23", "1e100", "1.7e308",
-          "2.2250738585072014e-308", "4.9e-324", "1e-5", "1.0000000000000002", "9007199254740993.0",
-          "9.223372036854775807e18", "-0.0", "123456789.123456789", "-0.1234567890123456789"}) {
+         {"1e15", "1e20", "-1e20", "1e22", "1e23", "1e100", "1.7e308", "2.2250738585072014e-308",
+          "4.9e-324", "1e-5", "1.0000000000000002", "9007199254740993.0", "9.223372036854775807e18",
+          "-0.0", "123456789.123456789", "-0.1234567890123456789"}) {
         const std::string read = text(real).value_or("");
         const std::string stored = typedRows("select whole from shelf");
         EXPECT_EQ(test::readDouble(read), test::readDouble(stored.substr(5))) << read;
@@ -992,6 +1002,15 @@ TEST_F(ReadCellTest, CellsHaveTheTypesOfTheirColumns)
     EXPECT_EQ(record.toString(), "7|tea|2|3|4|02-01-1970 00:59:59, Fri|null");
 }
 
+TEST_F(ReadCellTest, NullHasNoTextOfTheRowBefore)
+{
+    run("insert into shelf (id, words) values (7, 'tea'), (8, null)");
+    Record record(*_shelf.table.fields());
+    ASSERT_TRUE(_shelf.fast.readRecord(7, record));
+    ASSERT_TRUE(_shelf.fast.readRecord(8, record));
+    EXPECT_EQ(record.getValue(words)->asString(), "");
+}
+
 TEST_F(ReadCellTest, BlockOfBytesFailsAndNamesItsColumn)
 {
     for (const char* const block : {"x'746561'", "x''", "zeroblob(100)", "x'37'"}) {
@@ -1025,8 +1044,9 @@ TEST_F(PreparedTableTest, RecordsNeedTheTablesColumns)
     const Field name("name", sql::type_text, sql::flag_none);
     const Field price("price", sql::type_float, sql::flag_none);
     const Field stock("stock", sql::type_int, sql::flag_none);
-    const std::vector<Field> others[] = {
-        {id, name}, {id, name, price, stock}, {id, price, name}, {id, name, stock}, {}};
+    const std::vector<Field> others[] = {{id, name},           {id, name, price, stock},
+                                         {id, price, name},    {id, name, stock},
+                                         {stock, name, price}, {}};
     for (const std::vector<Field>& fields : others) {
         const sql::FieldSet set(fields);
         Record record(set);
@@ -1042,6 +1062,16 @@ TEST_F(PreparedTableTest, RecordsNeedTheTablesColumns)
         EXPECT_EQ(textsOf(record), before);
     }
     EXPECT_EQ(rows("select * from product"), test::three_products);
+}
+
+TEST_F(PreparedTableTest, RecordWhoseColumnsHaveChangedHasOthers)
+{
+    fill();
+    sql::FieldSet fields(*_table.fields());
+    const Record record(fields);
+    fields = sql::FieldSet({Field("id", sql::type_int, sql::flag_primary_key)});
+    EXPECT_FALSE(_fast.addRecord(record));
+    expectFailure(_fast, "addRecord", other_columns);
 }
 
 TEST_F(PreparedTableTest, RecordThatWasMovedAwayHasNoColumns)
