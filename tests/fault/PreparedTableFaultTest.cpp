@@ -28,6 +28,8 @@ using sql::PreparedTable;
 using sql::Record;
 using sql::Table;
 
+const std::string long_name = "a name that needs memory of its own";
+
 // The files that everything is done on: a table with a few rows, and one of as many as are copied.
 struct Place {
     Place()
@@ -35,17 +37,20 @@ struct Place {
         EXPECT_TRUE(target.open(file, Database::access_create, false, 0));
         EXPECT_TRUE(source.open(directory.file("source.db"), Database::access_create, false, 0));
         EXPECT_TRUE(again.open(file, Database::access_create, false, 0));
+        test::run(source.getHandle(), "pragma encoding = 'UTF-16'"); // reading takes memory
         for (sqlite3* const db : {target.getHandle(), source.getHandle()})
             test::run(db, "create table product (id integer primary key, name text, price real)");
         test::run(target.getHandle(), "insert into product values (1000, 'old', 0)");
         test::run(source.getHandle(),
                   "insert into product with recursive n(i) as (select 1 union all select i + 1"
-                  " from n limit 50) select i, 'a name that needs memory of its own', 0.5 from n");
+                  " from n limit 50) select i, '"
+                      + long_name + "', 0.5 from n");
     }
 
     std::string rows() const
     {
-        return test::Connection(file).rows("select count(*), sum(id) from product");
+        return test::Connection(file).rows(
+            "select count(*), sum(id), count(distinct name) from product");
     }
 
     const test::TemporaryDirectory directory;
@@ -64,7 +69,7 @@ std::vector<Record> records(const Place& place, int count)
     std::vector<Record> all(count, Record(*place.table.fields()));
     for (int i = 0; i < count; ++i) {
         all[i].setInteger(0, i + 1);
-        all[i].setString(1, "a name that needs memory of its own");
+        all[i].setString(1, long_name);
     }
     return all;
 }
@@ -102,8 +107,10 @@ bool reads(Place& place, const std::vector<Record>&, sql::Error& error)
     sql::RecordCursor rows = place.from.select("where price < ? order by name", 3.5);
     Record record(*place.table.fields());
     int count = 0;
-    while (rows.next(record))
+    while (rows.next(record)) {
+        EXPECT_EQ(record.getValue(1)->asString(), long_name);
         ++count;
+    }
     EXPECT_EQ(rows.finished(), !rows.error());
     EXPECT_TRUE(count == 50 || !rows.finished());
     error = rows.error();
@@ -135,12 +142,15 @@ bool checks(Place& place, const std::vector<Record>&, sql::Error& error)
     return static_cast<bool>(found);
 }
 
-const char before[] = "1|1000";
+const char before[] = "1|1000|1";
 
 const Operation operations[] = {
-    {"AddsOneByOne", adds, 40, "41|1820"}, {"AddsSeveralAtATime", adds, 300, "301|46150"},
-    {"Copies", copies, 0, "51|2275"},      {"CopiesIntoItself", copiesIntoItself, 0, before},
-    {"Reads", reads, 0, before},           {"Finds", finds, 0, before},
+    {"AddsOneByOne", adds, 40, "41|1820|2"},
+    {"AddsSeveralAtATime", adds, 300, "301|46150|2"},
+    {"Copies", copies, 0, "51|2275|2"},
+    {"CopiesIntoItself", copiesIntoItself, 0, before},
+    {"Reads", reads, 0, before},
+    {"Finds", finds, 0, before},
     {"Checks", checks, 0, before},
 };
 

@@ -946,6 +946,7 @@ TEST_F(ReadCellTest, RealsAreTheShortestDigitsOfThatReal)
         EXPECT_EQ(text(cell), rows("select " + cell)) << real;
     }
     EXPECT_EQ(text("100000.0"), "100000.0") << "asInteger() would stop at an exponent";
+    EXPECT_EQ(text("1e15"), "1e+15");
     EXPECT_EQ(text("0.1 + 0.2"), "0.30000000000000004");
     EXPECT_EQ(text("1.0 / 3"), "0.3333333333333333");
     EXPECT_EQ(text("2.0 / 3"), "0.6666666666666666");

@@ -142,6 +142,7 @@ TEST_F(StatementReadTest, IntegersOutOfOtherCells)
     EXPECT_EQ(read<integer>("'-000000000000000000000000007'"), -7)
         << "more digits than of any integer";
     EXPECT_EQ(read<integer>("'+00000000000000000000'"), 0);
+    EXPECT_EQ(read<integer>("'01234567890123456789'"), 1234567890123456789);
     EXPECT_EQ(read<integer>("-9223372036854775808.0"), -9223372036854775807 - 1);
 }
 

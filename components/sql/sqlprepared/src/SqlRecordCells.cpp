@@ -152,7 +152,7 @@ bool Statement::readRecord(const char* operation, const Variable& variable)
     const int index = RecordAccess::take(_handle.statement, *target.cells, isCopy);
     if (index != RecordAccess::all) {
         const bool isBlock = sqlite3_column_type(_handle.statement, index) == SQLITE_BLOB;
-        return failToRead(operation, index, isBlock && !isCopy ? is_block : no_memory);
+        return failToRead(operation, index, isBlock ? is_block : no_memory);
     }
     if (!isCopy)
         RecordAccess::fill(*target.record, *target.cells);
