@@ -37,9 +37,10 @@ struct Place {
         EXPECT_TRUE(target.open(file, Database::access_create, false, 0));
         EXPECT_TRUE(source.open(directory.file("source.db"), Database::access_create, false, 0));
         EXPECT_TRUE(again.open(file, Database::access_create, false, 0));
-        test::run(source.getHandle(), "pragma encoding = 'UTF-16'"); // reading takes memory
-        for (sqlite3* const db : {target.getHandle(), source.getHandle()})
+        for (sqlite3* const db : {target.getHandle(), source.getHandle()}) {
+            test::run(db, "pragma encoding = 'UTF-16'"); // reading takes memory
             test::run(db, "create table product (id integer primary key, name text, price real)");
+        }
         test::run(target.getHandle(), "insert into product values (1000, 'old', 0)");
         test::run(source.getHandle(),
                   "insert into product with recursive n(i) as (select 1 union all select i + 1"

@@ -132,6 +132,19 @@ TEST_F(PreparedTableBulkTest, RowsThatTheSchemaIgnoresAreNoneAdded)
     EXPECT_EQ(rows("select count(*), sum(name in ('five', 'more')) from product"), "300|2");
 }
 
+TEST_F(PreparedTableBulkTest, RowsThatATriggerIgnoresLeaveTheOthersOnce)
+{
+    Declared shelf(_database, {Field("name", sql::type_text, sql::flag_none)});
+    run("create table shelf (name); create trigger skip before insert on shelf when new.name = '5'"
+        " begin select raise(ignore); end");
+    std::vector<Record> names;
+    for (int i = 0; i < 320; ++i)
+        names.push_back(shelf.record({std::to_string(i)}));
+    EXPECT_TRUE(shelf.fast.addRecords(names.begin(), names.end()));
+    EXPECT_EQ(shelf.fast.changes(), 319);
+    EXPECT_EQ(rows("select count(*), count(distinct name) from shelf"), "319|319");
+}
+
 // --- Several rows a statement
 
 class GroupsTest : public PreparedTableBulkTest {
@@ -321,6 +334,16 @@ TEST_F(PreparedTableBulkTest, InterruptIsAFailureThatKeepsNothing)
     expectLost("9=SQLITE_INTERRUPT: records 33 to 64: interrupted");
     expectStored(0);
     EXPECT_FALSE(inTransaction());
+}
+
+TEST_F(PreparedTableBulkTest, TextThatIsTooLongFailsInAnyGroup)
+{
+    std::vector<Record> some = records(300);
+    some[69].setString(1, std::string(2000, 'x'));
+    sqlite3_limit(_database.getHandle(), SQLITE_LIMIT_LENGTH, 1999);
+    EXPECT_FALSE(add(some));
+    expectFailure(_fast, "addRecords", "18=SQLITE_TOOBIG: record 70: string or blob too big");
+    expectStored(0);
 }
 
 TEST_F(PreparedTableBulkTest, StatementThatIsTooLongForSeveralRowsIsAFailure)
@@ -891,6 +914,17 @@ TEST_F(CopyBetweenFilesTest, TableOfAnAttachedFileIsOfThatFile)
     expectFailure(_copy, "copyRecords", _waiting);
     EXPECT_EQ(rows("select * from product"), test::three_products);
     EXPECT_EQ(copied(), "");
+}
+
+TEST_F(CopyBetweenFilesTest, TableIsOfTheFirstFileThatHasIt)
+{
+    openOther(_directory.file("other.db"));
+    test::run(_other.getHandle(), test::product_definition);
+    test::run(_other.getHandle(), "attach '" + _file + "' as shop");
+    EXPECT_TRUE(_otherProduct.copyRecords(_fast));
+    EXPECT_EQ(test::Connection(_directory.file("other.db")).rows("select * from product"),
+              test::three_products);
+    EXPECT_EQ(rows("select * from product"), test::three_products);
 }
 
 TEST_F(CopyBetweenFilesTest, WriteAheadLogLetsThemBothGoOn)

@@ -81,7 +81,8 @@ Place placeOf(sqlite3* db, const string& table, Error& error)
     Question schemas(db, "pragma database_list", error);
     while (!error && schemas.next()) {
         const string schema = schemas.answer(1);
-        if ((place.schema.empty() || schema == "temp") && holdsTable(db, schema, table, error))
+        const bool isSought = place.schema.empty() || schema == "temp";
+        if (!error && isSought && holdsTable(db, schema, table, error))
             place = {schema, schemas.answer(2)};
     }
     return place;
