@@ -223,6 +223,14 @@ TEST_F(PreparedTableCheckTest, HiddenColumn)
     EXPECT_THAT(of("name"), IsEmpty());
 }
 
+TEST_F(PreparedTableCheckTest, IntegerOfAKeyOfSeveralColumnsMayBeNull)
+{
+    EXPECT_THAT(differences("create table shelf (a INTEGER, b TEXT, primary key (a, b))",
+                            {Field("a", type_int, flag_primary_key | flag_not_null),
+                             Field("b", type_text, flag_primary_key)}),
+                ElementsAre("column a may be NULL"));
+}
+
 // --- Several, in the order of the declaration, then in the file's
 
 TEST_F(PreparedTableCheckTest, AllDifferencesInTheirOrder)
@@ -259,6 +267,26 @@ TEST_F(PreparedTableCheckTest, FollowsTheFile)
     run("drop table product");
     EXPECT_THAT(_fast.checkDeclaration().valueOr({"failed"}),
                 ElementsAre("there is no table product"));
+}
+
+TEST_F(PreparedTableCheckTest, FailureIsForgottenByTheNext)
+{
+    run("drop table product");
+    EXPECT_EQ(_fast.hasRecordWithKeyId(7), sql::Presence::unknown);
+    expectFailure(_fast, "hasRecordWithKeyId", "1=SQLITE_ERROR: no such table: product");
+    EXPECT_TRUE(_fast.checkDeclaration());
+    EXPECT_FALSE(_fast.error());
+}
+
+TEST_F(PreparedTableCheckTest, InterruptIsAFailure)
+{
+    const auto interrupt = [](void*) {
+        return 1;
+    };
+    sqlite3_progress_handler(_database.getHandle(), 1, interrupt, nullptr);
+    EXPECT_TRUE(_fast.checkDeclaration().failed());
+    sqlite3_progress_handler(_database.getHandle(), 0, nullptr, nullptr);
+    expectFailure(_fast, "checkDeclaration", "9=SQLITE_INTERRUPT: interrupted");
 }
 
 TEST_F(PreparedTableCheckTest, LockedFileIsAFailure)

@@ -143,4 +143,37 @@ TEST_F(MillionTest, RowsAreReadInTheMemoryOfOne)
                                      + std::to_string(_count / 2) + ".0");
 }
 
+TEST_F(MillionTest, TextsThatAreMadeForCellsAreLetGo)
+{
+    const sql::FieldSet times({sql::Field("id", sql::type_int, sql::flag_none),
+                               sql::Field("name", sql::type_time, sql::flag_none),
+                               sql::Field("price", sql::type_float, sql::flag_none)});
+    std::vector<Record> records(3200, Record(times));
+    long blocks = 0;
+    for (int i = 0; i < 3200; ++i) {
+        records[i].setInteger(0, i);
+        records[i].setTime(1, sql::Time(86400));
+        EXPECT_TRUE(_fast.addOrUpdateRecord(records[i]));
+        if (i == 100)
+            blocks = test::heapBlocksInUse();
+    }
+    EXPECT_EQ(test::heapBlocksInUse(), blocks);
+    run("delete from product");
+    EXPECT_TRUE(_fast.addRecords(records.begin(), records.end(), [&](integer added) {
+        if (added == 320)
+            blocks = test::heapBlocksInUse();
+        EXPECT_LE(test::heapBlocksInUse(), added < 320 ? Limits<long>::max() : blocks);
+        return true;
+    }));
+
+    run("create table shelf (name text primary key)");
+    Declared shelf(_database, {sql::Field("name", sql::type_text, sql::flag_primary_key)});
+    for (int i = 0; i < 1000; ++i) {
+        EXPECT_EQ(shelf.fast.hasRecordWithKeyId(1000000), sql::Presence::absent);
+        if (i == 100)
+            blocks = test::heapBlocksInUse();
+    }
+    EXPECT_EQ(test::heapBlocksInUse(), blocks);
+}
+
 } // namespace

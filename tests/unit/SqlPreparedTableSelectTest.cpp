@@ -458,6 +458,20 @@ TEST_F(UnaskedTest, GoesWithTheCursorThatIsMoved)
     expectAssertion();
 }
 
+TEST_F(UnaskedTest, GoesWithTheCursorThatIsAssigned)
+{
+    {
+        RecordCursor rows = _fast.select("order by id");
+        readAll(rows);
+        EXPECT_FALSE(rows.finished());
+        RecordCursor others = _fast.select("order by id");
+        readAll(others);
+        rows = std::move(others);
+        expectReport({});
+    }
+    expectAssertion();
+}
+
 TEST_F(UnaskedTest, SilentWhereNothingFailed)
 {
     Record record(*_table.fields());
@@ -634,6 +648,18 @@ TEST_F(PreparedTableSelectTest, MoveTakesTheRowsThatAreLeft)
     EXPECT_FALSE(first.error());
     EXPECT_THAT(held(first), ElementsAre("3|milk|1.25"));
     EXPECT_FALSE(second.finished()); // NOLINT(bugprone-use-after-move)
+}
+
+TEST_F(PreparedTableSelectTest, AssignmentTakesTheColumnsAndTheLoopsRecord)
+{
+    run("create table shelf (name text); insert into shelf values ('a'), ('b')");
+    Declared shelf(_database, {Field("name", sql::type_text, sql::flag_none)});
+    RecordCursor rows = _fast.select("order by id");
+    EXPECT_EQ(rows.begin()->toString(), "1|tea|2.5");
+    RecordCursor others = shelf.fast.select("order by name");
+    EXPECT_EQ(others.begin()->toString(), "a");
+    rows = std::move(others);
+    EXPECT_EQ(rows.begin()->toString(), "b");
 }
 
 TEST_F(PreparedTableSelectTest, AssignmentReleasesTheFormerRows)

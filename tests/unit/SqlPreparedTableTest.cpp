@@ -602,6 +602,41 @@ TEST_F(PreparedTableTest, NullTextKeyIsWhatSqliteTakesItFor)
     EXPECT_EQ(typedRows("select * from shelf"), "null|text a\nnull|text b");
 }
 
+// --- Statements
+
+TEST_F(PreparedTableTest, StatementsHaveNamesQuotedAndValuesNumberedAsTheColumns)
+{
+    const Field a("a", sql::type_int, sql::flag_primary_key);
+    const Field b("b", sql::type_text, sql::flag_none);
+    const Field c("c", sql::type_float, sql::flag_primary_key);
+    const Field d("d", sql::type_text, sql::flag_none);
+    run("create table shelf (a, b, c, d, primary key (a, c));"
+        "create table pair (a, c, primary key (a, c))");
+    Declared shelf(_database, {a, b, c, d});
+    Declared pair(_database, {a, c}, "pair");
+    const test::Statements statements(_database.getHandle());
+    EXPECT_TRUE(shelf.fast.addRecord(shelf.record({"1", "x", "2", "y"})));
+    EXPECT_TRUE(shelf.fast.updateRecord(shelf.record({"1", "x", "2", "y"})));
+    EXPECT_TRUE(shelf.fast.addOrUpdateRecord(shelf.record({"1", "x", "2", "y"})));
+    EXPECT_TRUE(pair.fast.updateRecord(pair.record({"1", "2"})));
+    EXPECT_TRUE(pair.fast.addOrUpdateRecord(pair.record({"1", "2"})));
+    EXPECT_EQ(_fast.hasRecordWithKeyId(1), Presence::absent);
+    EXPECT_TRUE(_fast.deleteRecord(1));
+    Record record(*_table.fields());
+    EXPECT_FALSE(_fast.readRecord(1, record));
+    EXPECT_EQ(
+        statements.texts(),
+        (std::vector<std::string>{
+            "insert into `shelf` (`a`, `b`, `c`, `d`) values (?, ?, ?, ?)",
+            "update `shelf` set `b` = ?2, `d` = ?4 where `a` = ?1 and `c` = ?3",
+            "insert into `shelf` (`a`, `b`, `c`, `d`) values (?, ?, ?, ?) on conflict (`a`, `c`)"
+            " do update set `b` = excluded.`b`, `d` = excluded.`d`",
+            "update `pair` set `a` = ?1, `c` = ?2 where `a` = ?1 and `c` = ?2",
+            "insert into `pair` (`a`, `c`) values (?, ?) on conflict (`a`, `c`) do nothing",
+            "select 1 from `product` where `id` = ?", "delete from `product` where `id` = ?",
+            "select `id`, `name`, `price` from `product` where `id` = ?"}));
+}
+
 // --- No key column, or several
 
 TEST_F(PreparedTableTest, WithoutAKeyColumnRecordsAreAddedAlone)

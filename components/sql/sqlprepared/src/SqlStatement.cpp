@@ -261,10 +261,10 @@ inline void Statement::forgetRun()
 // The run has begun, even if it ends here.
 inline bool Statement::bindAll(const char* operation, const Argument* arguments, int count)
 {
+    forgetRun();
     if (count != _parameterCount)
         return failToCount(operation, count);
     _stale = true;
-    forgetRun();
     return bindFrom(operation, 1, arguments, count, false);
 }
 
