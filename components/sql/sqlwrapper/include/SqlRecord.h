@@ -90,7 +90,7 @@ public:
     string toSqlUpdate(const string& tableName) const;
 
 private:
-    friend class RecordSet; // builds its rows
+    friend class RecordSet;     // builds its rows
     friend struct RecordAccess; // of sqlprepared, which binds and fills cells without copies
 
     // A row as SQLite hands it out: cells without a text are null.
