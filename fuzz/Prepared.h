@@ -388,8 +388,6 @@ private:
     {
         if ((_state == unbound && values.empty()) || !restart(operation))
             return false;
-        if (!values.empty())
-            forgetRun(); // even if it ends here
         const int wanted = sqlite3_bind_parameter_count(_plain);
         if (!values.empty() && static_cast<int>(values.size()) != wanted)
             return fail(operation, failed,
@@ -405,19 +403,14 @@ private:
         return true;
     }
 
-    void forgetRun()
-    {
-        _changes = 0;
-        _key.reset();
-    }
-
     void begin(const std::string& operation)
     {
         _side->start("Statement::" + operation, text());
         _side->target = _text.target;
         _side->latest.reset();
         _failure.clear();
-        forgetRun();
+        _changes = 0;
+        _key.reset();
         _keyBefore = sqlite3_last_insert_rowid(_db);
         _changesBefore = sqlite3_total_changes64(_db);
     }

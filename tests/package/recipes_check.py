@@ -55,7 +55,8 @@ LIBRARIES = {
     "libsqlwrapper1": ("libsqlwrapper.so.1", VERSION,
                        {"libsqlite3.so.0", "libtrace.so", "libframework.so", "libstdc++.so.6"}),
     "libsqlprepared0": ("libsqlprepared.so.0", PREPARED_VERSION,
-                        {"libsqlite3.so.0", "libtrace.so", "libsqlwrapper.so.1", "libstdc++.so.6"}),
+                        {"libsqlite3.so.0", "libtrace.so", "libframework.so", "libsqlwrapper.so.1",
+                         "libstdc++.so.6"}),
 }
 
 
