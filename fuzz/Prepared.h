@@ -388,6 +388,8 @@ private:
     {
         if ((_state == unbound && values.empty()) || !restart(operation))
             return false;
+        if (!values.empty())
+            forgetRun(); // even if it ends here
         const int wanted = sqlite3_bind_parameter_count(_plain);
         if (!values.empty() && static_cast<int>(values.size()) != wanted)
             return fail(operation, failed,
@@ -403,14 +405,19 @@ private:
         return true;
     }
 
+    void forgetRun()
+    {
+        _changes = 0;
+        _key.reset();
+    }
+
     void begin(const std::string& operation)
     {
         _side->start("Statement::" + operation, text());
         _side->target = _text.target;
         _side->latest.reset();
         _failure.clear();
-        _changes = 0;
-        _key.reset();
+        forgetRun();
         _keyBefore = sqlite3_last_insert_rowid(_db);
         _changesBefore = sqlite3_total_changes64(_db);
     }
@@ -449,8 +456,7 @@ private:
     // One that may update as well tells an insertion by its new key.
     void noteKey()
     {
-        const bool mayUpdate = _text.sql.find("conflict") != std::string::npos
-                               || _text.sql.rfind("with", 0) == 0;
+        const bool mayUpdate = _text.sql.find("conflict") != std::string::npos;
         if (!mayUpdate || _side->latest != _keyBefore)
             _key = _side->latest;
     }

@@ -6,6 +6,7 @@
 #include "Environment.h"
 #include "StatementTest.h"
 
+#include <cmath>
 #include <optional>
 #include <string>
 #include <thread>
@@ -505,6 +506,16 @@ TEST_F(StatementRunTest, FailedRunHasChangedNothing)
     expectFailure(insert, "run", taken);
     EXPECT_EQ(insert.changes(), 0);
     EXPECT_EQ(keys(), "1,2");
+}
+
+TEST_F(StatementRunTest, RunWhoseValuesCannotBeBoundHasChangedNothing)
+{
+    Statement insert(_database, "insert into t values (?, ?)");
+    EXPECT_TRUE(insert.run(1, "x"));
+    EXPECT_FALSE(insert.run(2, std::nan("")));
+    EXPECT_EQ(insert.changes(), 0);
+    EXPECT_EQ(insert.lastKey(), std::nullopt);
+    _diagnostics.clear();
 }
 
 #if SQLITE_VERSION_NUMBER >= 3035000 // writes return no rows before

@@ -218,6 +218,7 @@ private:
     SQLWRAPPER_LOCAL bool bindFrom(const char* operation, int position, const Argument* arguments,
                                    int count, bool copied);
     SQLWRAPPER_LOCAL bool bindAll(const char* operation, const Argument* arguments, int count);
+    SQLWRAPPER_LOCAL void forgetRun();
     SQLWRAPPER_LOCAL bool restart(const char* operation);
     SQLWRAPPER_LOCAL void begin(const char* operation);
     SQLWRAPPER_LOCAL bool step(const char* operation);

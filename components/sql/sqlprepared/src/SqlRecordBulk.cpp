@@ -206,7 +206,6 @@ bool PreparedTable::Bulk::flush()
 bool PreparedTable::Bulk::runTogether(int& done)
 {
     _latest = _many;
-    _many->_changes = 0; // also where the values cannot be bound, so that it does not run
     if (_many->runAs("addRecords", _cells.data(), _many->_parameterCount))
         done = _pending;
     else if (isOpen())

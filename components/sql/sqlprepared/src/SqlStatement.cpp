@@ -252,8 +252,16 @@ bool Statement::failToBind(const char* operation, int position, const Argument& 
                     + (unfit ? argument._why : "is not a number"));
 }
 
+inline void Statement::forgetRun()
+{
+    _changes = 0;
+    _key.reset();
+}
+
+// The run has begun, even if it ends here.
 inline bool Statement::bindAll(const char* operation, const Argument* arguments, int count)
 {
+    forgetRun();
     if (count != _parameterCount)
         return failToCount(operation, count);
     _stale = true;
@@ -318,8 +326,7 @@ inline void Statement::begin(const char* operation)
     if (_error)
         forgetError();
     _namesKnown = false;
-    _changes = 0;
-    _key.reset();
+    forgetRun();
     if (_inserts)
         _keyBefore = sqlite3_last_insert_rowid(_connection);
 }
