@@ -5,6 +5,7 @@
 // A line is such as "Captain's tea,250".
 
 #include "SqlPreparedTable.h"
+#include "SqlTransaction.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -133,10 +134,20 @@ private:
     int _shown = 0;
 };
 
-bool import(sql::PreparedTable& products, Input& input)
+// The transaction is for lines that cannot be read to their end, which addRecords() does not see.
+bool import(sql::Database& database, sql::PreparedTable& products, Input& input)
 {
+    sql::Transaction transaction(database, sql::begin_immediate);
+    if (!transaction.isOpen())
+        return fail("begin", transaction.error());
     if (!products.addRecords(Lines(input), Lines(), Progress(input)))
         return fail("import", products.error());
+    if (std::ferror(stdin) != 0) {
+        std::fputs("import: cannot read the lines\n", stderr);
+        return false;
+    }
+    if (!transaction.commit())
+        return fail("commit", transaction.error());
     std::printf("%lld products\n", products.changes());
     return true;
 }
@@ -167,5 +178,5 @@ int main(int argc, char** argv)
     }
     sql::PreparedTable products(database, table);
     Input input(*table.fields());
-    return import(products, input) ? 0 : 1;
+    return import(database, products, input) ? 0 : 1;
 }

@@ -277,6 +277,13 @@ class PreparedTest(Test):
         self.assert_ends(program, 1, "", "import: cannot import: stopped by its progress\n", lines)
         self.assertEqual(self.query("select * from product"), [])
 
+    def test_import_whose_lines_cannot_be_read_adds_nothing(self):
+        folder = os.open(self.folder, os.O_RDONLY)
+        self.addCleanup(os.close, folder)
+        self.assert_ends(self.start("import", "a.db", stdin=folder), 1, "",
+                         "import: cannot read the lines\n")
+        self.assertEqual(self.query("select * from product"), [])
+
     def test_jobs_are_taken_once_by_whomever(self):
         jobs = [f"thing {number}" for number in range(50)]
         self.make("create table queue (id integer primary key, job text);"
