@@ -309,8 +309,8 @@ void PrintTo(const Crowd& crowd, std::ostream* out)
          << " ms" << routes[static_cast<int>(crowd.route)];
 }
 
-const int rows_each = test::longRun() ? 250 : 40;
-const int reads_each = test::longRun() ? 250 : 60;
+const int rows_each = test::longRun() ? 250 : test::briefRun() ? 20 : 40;
+const int reads_each = test::longRun() ? 250 : test::briefRun() ? 30 : 60;
 const useconds_t pause = 500; // of a writer, for as long as copies take
 
 class CrowdTest : public ContentionTest, public testing::WithParamInterface<Crowd> {

@@ -132,7 +132,7 @@ int stride(int usual)
 {
     if (longRun())
         return 1;
-    const int part = std::getenv("SQLWRAPPER_TEST_BRIEF") != nullptr ? 4 : 1;
+    const int part = std::getenv("SQLWRAPPER_TEST_BRIEF") != nullptr ? 8 : 1;
     return (briefRun() ? 5 : 1) * part * usual;
 }
 

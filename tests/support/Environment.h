@@ -63,7 +63,7 @@ bool longRun();
 bool briefRun();
 
 // How far apart the cases of a series are that a test tries: every `usual`th, a fifth of those in a
-// brief run, a quarter of either where SQLWRAPPER_TEST_BRIEF is set, all of them in a long one.
+// brief run, an eighth of either where SQLWRAPPER_TEST_BRIEF is set, all of them in a long one.
 int stride(int usual);
 
 void writeFile(const std::string& path, const std::string& contents);
