@@ -20,7 +20,7 @@ int main(int argc, char** argv)
         return fail("open readings.db", sql::lastError(database));
     const sql::Result<int> made = sql::runScript(
         database, "create table if not exists reading (id integer primary key, sensor text,"
-                  " value real constraint number check (typeof(value) <> 'text'))");
+                  " value real constraint number check (value + 0 = value))");
     if (!made)
         return fail("make the table", made.error());
 

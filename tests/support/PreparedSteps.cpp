@@ -118,6 +118,16 @@ bool removeByKey(Shop& shop, int id)
     return fast.deleteRecord(id);
 }
 
+// Before 3.35, SQLite's upsert refuses a row that keeps its unique code.
+template <typename AnyShop> bool updateByUpsert(AnyShop& shop, int id, int version)
+{
+#if SQLITE_VERSION_NUMBER >= 3035000
+    return addOrUpdate(shop, id, version);
+#else
+    return update(shop, id, version);
+#endif
+}
+
 bool removeByKey(TwinShop& shop, int id)
 {
     return shop.prepared(delete_text, "delete from product where id = " + std::to_string(id),
@@ -214,7 +224,7 @@ std::vector<Step> changingByStatements()
          }},
         {"update by an upsert",
          [](auto& shop) {
-             return addOrUpdate(shop, 35, 5);
+             return updateByUpsert(shop, 35, 5);
          }},
         {"delete by a prepared table",
          [](auto& shop) {
