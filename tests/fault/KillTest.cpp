@@ -142,7 +142,7 @@ private:
 
 TEST_P(KillTest, AcknowledgedChangesAreThereAndNoneIsHalfThere)
 {
-    const int kills = test::longRun() ? 300 : test::briefRun() ? 20 : 40;
+    const int kills = test::longRun() ? 300 : 40;
     std::mt19937 random(20);
     int made = 0;
     for (int i = 0; i < kills && !HasFailure(); ++i) {
