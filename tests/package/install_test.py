@@ -114,7 +114,7 @@ class InstallTestCase:
             (shutil.copytree if (ROOT / name).is_dir() else shutil.copy)(ROOT / name, source / name)
         prefix = cls.folder / ("installed-from-" + folder.name)
         run("cmake", "-S", source, "-B", folder / "build", "-G", "Ninja", *COMPILER, TIME_BITS,
-            "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+            "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-g -O0 -DNDEBUG",
             "-DBUILD_SHARED_LIBS=" + ("ON" if cls.kind == "shared" else "OFF"),
             f"-DSQLWRAPPER_SQLITE={SQLITE}", "-DSQLWRAPPER_BUILD_TESTS=OFF")
         run("cmake", "--build", folder / "build", "--target", *SHIPPED)
