@@ -4,9 +4,11 @@
 
 #include "SqlLiteral.h"
 #include "SqlPreparedTable.h"
+#include "SqlStopFlag.h"
 
 #include <cstdio>
 #include <optional>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -191,6 +193,23 @@ bool find(sql::Database& database, const sql::string& typed)
     return find.finished() || report(find.error());
 }
 
+bool stopRun(sql::Database& database, sql::Database&)
+{
+    sql::StopFlag stop(database);
+    if (!stop.isAttached())
+        return report(stop.error());
+    std::thread user([&stop] { stop.set(); }); // at any time
+
+    sql::Statement endless(database, "with recursive number (i) as"
+                                     " (select 1 union all select i + 1 from number)"
+                                     " select max(i) from number");
+    if (!endless.run() && endless.error().isStopped())
+        std::printf("stopped\n");
+    user.join();
+    stop.clear();
+    return true;
+}
+
 bool lookForTexts(sql::Database& database, sql::Database&)
 {
     return find(database, "n's t") && find(database, "%");
@@ -338,6 +357,7 @@ const Task tasks[] = {
     {"Keys and counts", tellKeys},
     {"Transactions and savepoints", changeTogether},
     {"Several programs at once", shareFile},
+    {"Stop what is running", stopRun},
     {"Look for texts", lookForTexts},
     {"Names from outside", quoteNames},
     {"Times as texts", tellTimes},

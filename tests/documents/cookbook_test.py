@@ -31,6 +31,7 @@ NO_DATABASE = "file is not a database"
 BAD_FILES = {
     "backup": (UNOPENED, "cannot write the database"),
     "catalogue": (UNOPENED, UNREADABLE),
+    "cleanup": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "config": (NOT_OPENED, f"cannot change the settings: {NO_DATABASE}"),
     "encryption": (UNOPENED, "not with this key, or no database" if ENCRYPTS else NO_ENCRYPTION),
     "events": (UNOPENED, UNREADABLE),
@@ -46,7 +47,7 @@ BAD_FILES = {
     "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
 # What is only built where there is sqlprepared.
-OF_STATEMENTS = {"config", "import", "logger", "queue", "scan"}
+OF_STATEMENTS = {"cleanup", "config", "import", "logger", "queue", "scan"}
 if not PREPARED:
     BAD_FILES = {name: errors for name, errors in BAD_FILES.items() if name not in OF_STATEMENTS}
 KEY = "secret\n"
@@ -283,6 +284,33 @@ class PreparedTest(Test):
         self.assert_ends(self.start("import", "a.db", stdin=folder), 1, "",
                          "import: cannot read the lines\n")
         self.assertEqual(self.query("select * from product"), [])
+
+    def test_old_readings_are_deleted(self):
+        self.make("create table reading (sensor text, at integer, value real);"
+                  "insert into reading values ('hall', 1, 20), ('hall', strftime('%s', 'now') - 60, 21)")
+        self.assert_prints("1 readings deleted\n", "cleanup", "a.db")
+        self.assertEqual(self.query("select value from reading"), [(21,)])
+
+    def test_cleanup_is_stopped_by_signals_while_it_waits(self):
+        self.make("create table reading (sensor text, at integer, value real);"
+                  "insert into reading values ('hall', 1, 20)")
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with contextlib.closing(sqlite3.connect(self.folder / "a.db", isolation_level=None)) as other:
+                other.execute("begin immediate")
+                program = self.start("cleanup", "a.db")
+                self.wait_until_signals_are_caught(program)
+                program.send_signal(number)
+                self.assert_ends(program, 0, "stopped, nothing deleted\n")
+            self.assertEqual(self.query("select value from reading"), [(20,)])
+
+    @staticmethod
+    def wait_until_signals_are_caught(program):
+        """As the system tells it of the program, or of the emulator, which catches them from its start."""
+        caught = 0
+        while not caught >> signal.SIGTERM - 1 & 1:
+            status = pathlib.Path(f"/proc/{program.pid}/status").read_text(encoding="utf-8")
+            caught = int(re.search(r"^SigCgt:\s(\w+)$", status, re.MULTILINE)[1], 16)
+            time.sleep(0.01)
 
     def test_jobs_are_taken_once_by_whomever(self):
         jobs = [f"thing {number}" for number in range(50)]

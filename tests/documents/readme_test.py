@@ -69,7 +69,8 @@ CALL = """
 # The libraries with the standard includes of their examples; sqlprepared where SQLite is recent enough.
 LIBRARIES = {"sqlwrapper": ""}
 if os.environ["PREPARED"] == "1":
-    LIBRARIES["sqlprepared"] = '#include "SqlPreparedTable.h"\n'
+    LIBRARIES["sqlprepared"] = ('#include "SqlPreparedTable.h"\n#include "SqlStopFlag.h"\n'
+                                "#include <thread>\n")
 
 # The examples of the headers, made a program that runs the one it is told; those that do not stand in
 # a function are checked by one that does.
@@ -119,7 +120,9 @@ int main(int, char** argv)
 ROWS = {"RecordSet": ["1|rum|null"], "Table": ["1|rum|2.5"]}
 # What is reported of an example that fails.
 REPORTS = {"Error": ["SQL statement 'insert into product (id) values (?)' failed: ",
-                     "  rc=1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: product.id"]}
+                     "  rc=1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: product.id"],
+           "StopFlag": ["SQL statement 'select * from product' failed: ",
+                        "  rc=9=SQLITE_INTERRUPT: interrupted"]}
 
 
 def headers_program(library):

@@ -13,6 +13,7 @@ COMPILER = os.environ["COMPILER"].split(";")
 PROGRAM = """
 #include "SqlLiteral.h"
 #include "SqlPreparedTable.h"
+#include "SqlStopFlag.h"
 #include "SqlTransaction.h"
 
 #include <array>
@@ -158,6 +159,7 @@ class MistakesTest(unittest.TestCase):
             "sql::Transaction t(database, sql::begin_deferred); sql::Transaction copy(t)",
             "sql::Transaction t(database, sql::begin_deferred); auto moved = std::move(t)",
             "sql::Savepoint s(database); sql::Savepoint copy(s)",
+            "sql::StopFlag f(database); sql::StopFlag copy(f)",
             "sql::Savepoint s(database); sql::Savepoint t(database); t = s",
             "sql::PreparedTable copy(fast)", "sql::PreparedTable moved(std::move(fast))",
             "fast = fast", "auto rows = fast.select(); auto copy = rows",

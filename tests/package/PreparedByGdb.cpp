@@ -2,6 +2,7 @@
 // the text that it is shown as where gdb can call functions of the process.
 
 #include "SqlPreparedTable.h"
+#include "SqlStopFlag.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -115,6 +116,11 @@ sql::Transaction second(database, sql::begin_deferred);
 sql::Transaction lost(other, sql::begin_deferred);
 // sql::Transaction, rolled back by SQLite
 
+sql::StopFlag still(closed);
+// sql::StopFlag, not set
+sql::StopFlag stopping(closed);
+// sql::StopFlag, set, rc=21=SQLITE_MISUSE: the connection has a stop flag already
+
 const sql::Statement& zeroStatement = filled<sql::Statement>(0); // <error: not a text>
 const sql::Error& zeroError = filled<sql::Error>(0);             // <error: not a text>
 const sql::Result<sql::integer>& zeroResult = filled<sql::Result<sql::integer>>(0);
@@ -122,6 +128,7 @@ const sql::Result<sql::integer>& zeroResult = filled<sql::Result<sql::integer>>(
 const sql::Transaction& zeroScope = filled<sql::Transaction>(0); // <error: not a text>
 const sql::PreparedTable& zeroTable = filled<sql::PreparedTable>(0); // <error: not a text>
 const sql::RecordCursor& zeroCursor = filled<sql::RecordCursor>(0);  // <error: not a text>
+const sql::StopFlag& zeroFlag = filled<sql::StopFlag>(0);            // <error: not a text>
 const sql::Statement& noise = filled<sql::Statement>(0xa5);
 // <error: Cannot access memory at address NOISE>
 const sql::Error& noiseError = filled<sql::Error>(0xa5);
@@ -131,6 +138,8 @@ const sql::PreparedTable& noiseTable = filled<sql::PreparedTable>(0xa5);
 const sql::RecordCursor& noiseCursor = filled<sql::RecordCursor>(0xa5);
 // <error: Cannot access memory at address NOISE>
 const sql::Transaction& noiseScope = filled<sql::Transaction>(0xa5);
+// <error: Cannot access memory at address NOISE>
+const sql::StopFlag& noiseFlag = filled<sql::StopFlag>(0xa5);
 // <error: Cannot access memory at address NOISE>
 
 // clang-format on
@@ -157,6 +166,7 @@ int main()
     released.release();
     used.release();
     worked = worked && !used.run() && over.commit() && sql::runScript(other, "rollback");
+    stopping.set();
     inspect();
     closed.close();
     return worked ? 0 : 1;

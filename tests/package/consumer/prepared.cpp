@@ -2,6 +2,7 @@
 // sqlprepared, and what sqlwrapper has made.
 #include "SqlLiteral.h"
 #include "SqlStatement.h"
+#include "SqlStopFlag.h"
 #include "SqlTable.h"
 #include "SqlTransaction.h"
 
@@ -32,6 +33,10 @@ int main()
     sql::Statement find(database, "select price, since from product where name like ? escape '\\'");
     const auto row = find.one<double, sql::Time>(sql::escapeLike("tea"));
     if (!row)
+        return 1;
+    sql::StopFlag stop(database);
+    stop.set();
+    if (find.run() || !find.error().isStopped())
         return 1;
     const auto& [price, since] = *row;
     std::printf("%s: %.1f, %s, %s\n", sql::quoteIdentifier("tea").c_str(), price,

@@ -1,5 +1,5 @@
 """Shows the objects of sqlprepared in gdb: a Statement by its text with the values, and by where it
-stands, a PreparedTable by its name.
+stands, a PreparedTable by its name, a StopFlag by whether it is set.
 
 gdb loads this file with the library; "source" loads it by hand, after sqlwrapper-gdb.py, whose
 functions it uses. The library's objects are read from memory. The text of a statement SQLite alone
@@ -165,11 +165,21 @@ class ScopePrinter(PreparedPrinter):
         return [STATES.get(state, state), "in another" if nested and state == "open" else "", error]
 
 
+class StopFlagPrinter(PreparedPrinter):
+    def parts(self):
+        error = reason(self.value["_error"])
+        state = int(self.value["_isSet"]["_M_base"]["_M_i"])
+        if state > 1:
+            raise gdb.error("not a flag")
+        return ["set" if state else "not set", error]
+
+
 def prepared_printers():
     collection = gdb.printing.RegexpCollectionPrettyPrinter("sqlprepared")
     for name, printer in (("Error", ErrorPrinter), ("PreparedTable", PreparedTablePrinter),
                           ("RecordCursor", CursorPrinter), ("Result<.*>", ResultPrinter),
                           ("Savepoint", ScopePrinter), ("Statement", StatementPrinter),
+                          ("StopFlag", StopFlagPrinter),
                           ("Transaction", ScopePrinter), ("TransactionScope", ScopePrinter)):
         collection.add_printer(name, f"^sql::{name}$", printer)
     return collection

@@ -1,5 +1,6 @@
 #include "SqlFailure.h"
 
+#include "SqlStop.h"
 #include "SqlTrace.h"
 
 #include <sqlite3.h>
@@ -11,6 +12,12 @@ namespace {
 bool isOf(int code, int extendedCode)
 {
     return (code & 0xff) == (extendedCode & 0xff);
+}
+
+// A wait for another connection that a stop has ended is a stop.
+bool isStoppedWait(const sqlite3* db, int rc)
+{
+    return isOf(rc, SQLITE_BUSY) && isStopRequested(db);
 }
 
 // None where SQLite is too old to tell it, or the failure is not SQLite's.
@@ -35,12 +42,16 @@ string joined(std::initializer_list<std::string_view> parts)
 
 int extendedCodeOf(sqlite3* db, int rc)
 {
+    if (isStoppedWait(db, rc))
+        return SQLITE_INTERRUPT;
     const int extended = sqlite3_extended_errcode(db);
     return isOf(rc, extended) ? extended : rc;
 }
 
 const char* reasonOf(sqlite3* db, int rc)
 {
+    if (isStoppedWait(db, rc))
+        return sqlite3_errstr(SQLITE_INTERRUPT);
     return isOf(rc, sqlite3_errcode(db)) ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
 }
 

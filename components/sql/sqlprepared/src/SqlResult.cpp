@@ -1,5 +1,7 @@
 #include "SqlResult.h"
 
+#include "SqlFailure.h"
+
 #include <sqlite3.h>
 
 #include <cstdint>
@@ -239,7 +241,7 @@ Error lastError(Database& database)
     const int rc = db != nullptr ? sqlite3_extended_errcode(db) : SQLITE_OK;
     if (rc == SQLITE_OK || rc == SQLITE_ROW || rc == SQLITE_DONE)
         return Error();
-    return Error(rc, sqlite3_errmsg(db));
+    return Error(extendedCodeOf(db, rc), reasonOf(db, rc));
 }
 
 } // namespace sql

@@ -1,6 +1,7 @@
 #include "SqlTransaction.h"
 
 #include "SqlFailure.h"
+#include "SqlStop.h"
 #include "SqlTrace.h"
 
 #include <sqlite3.h>
@@ -9,7 +10,6 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <thread>
 
 namespace sql {
 
@@ -97,6 +97,8 @@ bool TransactionScope::begin(const char* text)
     const TransactionScope* const outer = outermost(_connection);
     if (const char* const why = outer != nullptr ? outer->whyNotOpen() : nullptr)
         return fail("begin", beginning, SQLITE_ABORT_ROLLBACK, why);
+    if (isStopRequested(_connection)) // not every SQLite looks itself
+        return fail("begin", beginning, SQLITE_INTERRUPT, reasonOf(_connection, SQLITE_INTERRUPT));
 
     _nested = text == nullptr && sqlite3_get_autocommit(_connection) == 0;
     sqlite3_stmt* statement = nullptr;
@@ -224,6 +226,8 @@ bool TransactionScope::commit()
         return false;
     if (const char* const why = whyNotOpen())
         return fail("commit", sqlite3_sql(_commit), SQLITE_ABORT_ROLLBACK, why);
+    if (isStopRequested(_connection))
+        return failAsSqlite("commit", _commit, SQLITE_INTERRUPT);
     _committing = true;
     const int rc = run("commit", _commit);
     _committing = false;
@@ -270,6 +274,8 @@ int TransactionScope::undo(const char* operation)
     if (!_nested)
         _state = State::undoing; // so that the rollback is known for its own
     int rc = run(operation, _rollback);
+    if (rc == SQLITE_INTERRUPT) // which came while it began, and is over then
+        rc = run(operation, _rollback);
     // An interrupt lasts as long as a statement stands at a row, and stops a rollback like any other.
     // SQLite itself rolls back when it stops one that writes; if it does not, the interrupt is over.
     if (rc == SQLITE_INTERRUPT && sqlite3_step(_abort) != SQLITE_INTERRUPT)
@@ -292,13 +298,13 @@ int TransactionScope::run(const char* operation, sqlite3_stmt* statement) const
         const int rc = sqlite3_step(statement);
         const milliseconds left = _patience
                                   - std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-        if ((rc & 0xff) != SQLITE_BUSY || left <= milliseconds(0))
+        if ((rc & 0xff) != SQLITE_BUSY || left <= milliseconds(0) || isStopRequested(_connection))
             return rc;
         sqlite3_reset(statement);
         if (pause == milliseconds(1))
             TRACE_DEBUG1_AS(operation, "Waiting for another connection to '%s'",
                             sqlite3_sql(statement));
-        std::this_thread::sleep_for(std::min(pause, left));
+        pauseUnlessStopped(_connection, std::min(pause, left));
     }
 }
 

@@ -38,6 +38,7 @@ FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlPreparedTable.h \
     ${includedir}/sqlwrapper/SqlResult.h \
     ${includedir}/sqlwrapper/SqlStatement.h \
+    ${includedir}/sqlwrapper/SqlStopFlag.h \
     ${includedir}/sqlwrapper/SqlTransaction.h \
     ${libdir}/cmake/sqlwrapper/sqlpreparedTargets* \
     ${libdir}/libsqlprepared.so \
