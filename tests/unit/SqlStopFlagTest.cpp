@@ -471,6 +471,7 @@ TEST_F(StopFlagTest, TablesFailAndChangeNothing)
 TEST_F(StopFlagTest, ThreadsSetItAtAnyTime)
 {
     StopFlag stop(_database);
+    sql::Statement insert(_database, "insert into product (id) values (?)");
     std::atomic<bool> isOver(false);
     std::vector<std::thread> threads;
     for (int i = 0; i < 2; ++i)
@@ -480,7 +481,6 @@ TEST_F(StopFlagTest, ThreadsSetItAtAnyTime)
                 stop.clear();
             }
         });
-    sql::Statement insert(_database, "insert into product (id) values (?)");
     int stored = 0;
     for (int id = 2000; id < 2500; ++id) {
         if (insert.run(id))
