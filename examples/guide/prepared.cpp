@@ -3,6 +3,7 @@
 //     prepared DATABASE
 
 #include "SqlLiteral.h"
+#include "SqlMigration.h"
 #include "SqlPreparedTable.h"
 #include "SqlStopFlag.h"
 
@@ -210,6 +211,27 @@ bool stopRun(sql::Database& database, sql::Database&)
     return true;
 }
 
+bool fillShelves(sql::Database& database)
+{
+    return sql::Statement(database, "update article set shelf = 'A' || id").run();
+}
+
+// A release appends its steps and changes none.
+const sql::MigrationStep steps[] = {
+    {1, "create table article (id integer primary key, name text not null)"},
+    {2, "alter table article add column shelf text; create index by_shelf on article (shelf)"},
+    {3, fillShelves},
+};
+
+bool migrateFile(sql::Database& database, sql::Database&)
+{
+    const sql::Result<int> version = sql::migrate(database, steps, std::chrono::seconds(2));
+    if (!version)
+        return report(version.error());
+    std::printf("version %d\n", *version);
+    return true;
+}
+
 bool lookForTexts(sql::Database& database, sql::Database&)
 {
     return find(database, "n's t") && find(database, "%");
@@ -358,6 +380,7 @@ const Task tasks[] = {
     {"Transactions and savepoints", changeTogether},
     {"Several programs at once", shareFile},
     {"Stop what is running", stopRun},
+    {"From version to version", migrateFile},
     {"Look for texts", lookForTexts},
     {"Names from outside", quoteNames},
     {"Times as texts", tellTimes},

@@ -37,6 +37,7 @@ BAD_FILES = {
     "events": (UNOPENED, UNREADABLE),
     "import": (NOT_OPENED, f"{UNREADABLE}: {NO_DATABASE}"),
     "logger": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
+    "migrate": (NOT_OPENED, f"cannot upgrade the file: {NO_DATABASE}"),
     "noexceptions": (UNOPENED, UNREADABLE),
     "pages": (UNOPENED, UNREADABLE),
     "queue": (NOT_OPENED, f"cannot fill the queue: {NO_DATABASE}"),
@@ -47,7 +48,7 @@ BAD_FILES = {
     "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
 # What is only built where there is sqlprepared.
-OF_STATEMENTS = {"cleanup", "config", "import", "logger", "queue", "scan"}
+OF_STATEMENTS = {"cleanup", "config", "import", "logger", "migrate", "queue", "scan"}
 if not PREPARED:
     BAD_FILES = {name: errors for name, errors in BAD_FILES.items() if name not in OF_STATEMENTS}
 KEY = "secret\n"
@@ -311,6 +312,37 @@ class PreparedTest(Test):
             status = pathlib.Path(f"/proc/{program.pid}/status").read_text(encoding="utf-8")
             caught = int(re.search(r"^SigCgt:\s(\w+)$", status, re.MULTILINE)[1], 16)
             time.sleep(0.01)
+
+    FIRST = ("create table customer (id integer primary key, name text);"
+             "create table visit (id integer primary key, customer references customer, day text);"
+             "insert into customer values (1, 'Doe'), (2, null);"
+             "insert into visit values (1, 1, '31.12.2009'), (2, 1, null), (3, 2, '01.02.2010');"
+             "pragma user_version = 1;")
+
+    def test_files_of_each_version_become_the_latest(self):
+        second = "update visit set day = '2009-12-31' where id = 1; pragma user_version = 2;"
+        self.assert_prints("version 3\n", "migrate", "new.db")
+        for number, script in enumerate((self.FIRST, self.FIRST + second)):
+            file = f"{number}.db"
+            self.make(script, file)
+            for _ in range(2):
+                self.assert_prints("version 3\n", "migrate", file)
+            self.assertEqual(self.query("select * from customer", file), [(1, "Doe"), (2, "")])
+            self.assertEqual(self.query("select day from visit where id = 1", file), [("2009-12-31",)])
+            self.assertEqual(self.query("select sql from sqlite_master", file),
+                             self.query("select sql from sqlite_master", "new.db"))
+
+    def test_file_that_cannot_be_migrated_is_left_alone(self):
+        for number, (script, error) in enumerate((
+                ("pragma user_version = 4", "the file has version 4, the program those up to 3"),
+                ("create table named (id)", "version 3: statement 1: table named already exists"),
+                ("insert into visit values (4, 9, null)", "row 4 of visit refers to none of customer"))):
+            file = f"{number}.db"
+            self.make(self.FIRST + script, file)
+            before = self.bytes(file)
+            self.assert_fails(f"cannot upgrade the file: {error}", "migrate", file)
+            self.assertEqual(self.bytes(file), before)
+        self.assertEqual(self.files(), ["0.db", "1.db", "2.db"])
 
     def test_jobs_are_taken_once_by_whomever(self):
         jobs = [f"thing {number}" for number in range(50)]

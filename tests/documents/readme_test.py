@@ -69,7 +69,8 @@ CALL = """
 # The libraries with the standard includes of their examples; sqlprepared where SQLite is recent enough.
 LIBRARIES = {"sqlwrapper": ""}
 if os.environ["PREPARED"] == "1":
-    LIBRARIES["sqlprepared"] = ('#include "SqlPreparedTable.h"\n#include "SqlStopFlag.h"\n'
+    LIBRARIES["sqlprepared"] = ('#include "SqlMigration.h"\n#include "SqlPreparedTable.h"\n'
+                                '#include "SqlStopFlag.h"\n'
                                 "#include <thread>\n")
 
 # The examples of the headers, made a program that runs the one it is told; those that do not stand in

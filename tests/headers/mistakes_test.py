@@ -12,6 +12,7 @@ COMPILER = os.environ["COMPILER"].split(";")
 
 PROGRAM = """
 #include "SqlLiteral.h"
+#include "SqlMigration.h"
 #include "SqlPreparedTable.h"
 #include "SqlStopFlag.h"
 #include "SqlTransaction.h"
@@ -138,6 +139,7 @@ class MistakesTest(unittest.TestCase):
             "sql::Transaction t(database, sql::begin_immediate); t.commit()",
             "sql::Savepoint s(database); s.commit()",
             "sql::inTransaction(database, [] { return true; })",
+            'const sql::MigrationStep steps[] = {{1, ""}}; sql::migrate(database, steps)',
             'sql::Time time; sql::fromIso8601("", time)',
             'std::chrono::system_clock::time_point time; sql::fromIso8601("", time)'))
         self.assert_mistaken("nodiscard", (

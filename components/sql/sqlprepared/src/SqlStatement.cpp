@@ -2,6 +2,7 @@
 
 #include "SqlFailure.h"
 #include "SqlNumber.h"
+#include "SqlScript.h"
 #include "SqlToken.h"
 #include "SqlTrace.h"
 
@@ -677,35 +678,62 @@ bool Statement::failToRun(const char* operation, int rc)
 
 // --- Scripts -------------------------------------------------------------------------------------
 
+namespace {
+
+// Statements that end the transaction of a migration, that do not work in one, or that it cannot undo.
+const char* whyNotInStep(std::string_view statement)
+{
+    return beginsWith(statement,
+                      {"begin", "commit", "end", "rollback", "vacuum", "attach", "detach"})
+               ? "a step cannot begin or end a transaction, vacuum, attach or detach"
+               : nullptr;
+}
+
+Error failed(const char* operation, sqlite3* db, int version, const char* sql, int rc,
+             const string& cause)
+{
+    string why(cause);
+    if (version != no_version)
+        why = joined({"version ", intToStr(version), ": ", cause});
+    reportFailure(operation, sql, rc, why.c_str());
+    return errorOf(db, rc, why, sql);
+}
+
+} // namespace
+
 Result<int> runScript(Database& database, const string& script)
 {
-    sqlite3* const db = database.getHandle();
-    const auto failed = [&](const char* sql, int rc, const string& why) {
-        reportFailure("runScript", sql, rc, why.c_str());
-        return errorOf(db, rc, why, sql);
-    };
+    return runStatements("runScript", database.getHandle(), no_version, script);
+}
+
+Result<int> runStatements(const char* operation, sqlite3* db, int version, const string& script)
+{
     if (const char* const why = whyNotCompiled(db, script))
-        return failed(script.c_str(), SQLITE_MISUSE, why);
+        return failed(operation, db, version, script.c_str(), SQLITE_MISUSE, why);
 
     int count = 0;
     const char* rest = script.c_str();
     while (rest[nextStatement(rest)] != '\0') {
         const char* const sql = rest + nextStatement(rest);
+        ++count;
+        const char* const objection = whyNotInStep(sql);
+        if (objection != nullptr && version != no_version)
+            return failed(operation, db, version, firstStatement(sql).c_str(), SQLITE_MISUSE,
+                          "statement " + intToStr(count) + ": " + objection);
         sqlite3_stmt* statement = nullptr;
         int rc = sqlite3_prepare_v2(db, sql, -1, &statement, &rest);
         const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> owner(statement,
                                                                                sqlite3_finalize);
         if (rc == SQLITE_OK) {
-            TRACE_DEBUG2("stmt='%s'", sqlite3_sql(statement));
+            TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(statement));
             while ((rc = sqlite3_step(statement)) == SQLITE_ROW) {
             }
         }
-        ++count;
         if (rc != SQLITE_DONE) {
-            const string why = "statement " + intToStr(count) + ": " + reasonOf(db, rc);
             const char* const own = sqlite3_sql(statement);
             const string text = own != nullptr ? own : firstStatement(sql);
-            return failed(text.c_str(), extendedCodeOf(db, rc), why);
+            return failed(operation, db, version, text.c_str(), extendedCodeOf(db, rc),
+                          "statement " + intToStr(count) + ": " + reasonOf(db, rc));
         }
     }
     return count;

@@ -90,16 +90,21 @@ string firstStatement(std::string_view sql)
     return string(sql.substr(0, at + 1));
 }
 
+bool beginsWith(std::string_view sql, std::initializer_list<std::string_view> words)
+{
+    const std::string_view first = takeToken(sql);
+    return std::any_of(words.begin(), words.end(),
+                       [&](std::string_view word) { return is(first, word); });
+}
+
 bool mayChange(std::string_view sql)
 {
-    const std::string_view word = takeToken(sql);
-    return is(word, "update") || is(word, "delete") || mayInsert(word);
+    return beginsWith(sql, {"update", "delete"}) || mayInsert(sql);
 }
 
 bool mayInsert(std::string_view sql)
 {
-    const std::string_view word = takeToken(sql);
-    return is(word, "insert") || is(word, "replace") || is(word, "with");
+    return beginsWith(sql, {"insert", "replace", "with"});
 }
 
 bool givesKeys(sqlite3* db, const string& text)

@@ -6,6 +6,7 @@
 #include "SqlCommon.h"
 
 #include <cstddef>
+#include <initializer_list>
 #include <string_view>
 
 struct sqlite3;
@@ -17,6 +18,9 @@ std::size_t nextStatement(std::string_view sql);
 
 // The text up to its first semicolon: that of a statement that SQLite has not compiled.
 string firstStatement(std::string_view sql);
+
+// Whether the statement begins with one of these words.
+bool beginsWith(std::string_view sql, std::initializer_list<std::string_view> words);
 
 // Whether the statement may change rows itself. Others, such as "create table", have none to count.
 bool mayChange(std::string_view sql);

@@ -35,6 +35,7 @@ FILES:sqlprepared = "${libdir}/libsqlprepared.so.*"
 FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlBinder.h \
     ${includedir}/sqlwrapper/SqlLiteral.h \
+    ${includedir}/sqlwrapper/SqlMigration.h \
     ${includedir}/sqlwrapper/SqlPreparedTable.h \
     ${includedir}/sqlwrapper/SqlResult.h \
     ${includedir}/sqlwrapper/SqlStatement.h \
