@@ -2,9 +2,11 @@
 //
 //     prepared DATABASE
 
+#include "SqlGroupCommit.h"
 #include "SqlLiteral.h"
 #include "SqlMigration.h"
 #include "SqlPreparedTable.h"
+#include "SqlSettings.h"
 #include "SqlStopFlag.h"
 
 #include <cstdio>
@@ -365,6 +367,63 @@ bool checkDeclaration(sql::Database& database, sql::Database&)
     return true;
 }
 
+bool collectWrites(sql::Database& database, sql::Database&)
+{
+    sql::Statement weigh(database, "update product set weight = ? where name = 'Mug'");
+
+    sql::GroupCommit group(database, 3, std::chrono::seconds(5));
+    for (const std::optional<double> weight : {0.31, 0.32, 0.33, 0.34}) {
+        if (!group.write([&] { return weigh.run(weight); }))
+            return report(group.error() ? group.error() : weigh.error());
+        std::printf("%lld pending\n", group.pending());
+    }
+
+    const auto due = group.due(); // how long the program's loop may wait
+    if (due && due->count() == 0 && !group.flush())
+        return report(group.error());
+
+    if (!group.write([&] { return weigh.run(nullptr); }) || !group.flush())
+        return report(group.error());
+    std::printf("%lld pending, %lld lost\n", group.pending(), group.lost());
+    return true;
+}
+
+bool applySettings(sql::Database& database, sql::Database&)
+{
+    sql::Settings settings;
+    settings.busyTimeout = std::chrono::seconds(2);
+    settings.foreignKeys = true;
+    settings.journalMode = sql::journal_wal;
+    settings.synchronous = sql::synchronous_full;
+    sql::Result<bool> applied = settings.apply(database);
+    if (!applied)
+        return report(applied.error());
+
+    settings.pageSize = 1024; // too late: there are tables in the file
+    applied = settings.apply(database);
+    if (!applied)
+        std::printf("%s\n", applied.error().text().c_str());
+    return true;
+}
+
+bool lookAfter(sql::Database& database, sql::Database&)
+{
+    const auto complaints = sql::checkIntegrity(database, sql::check_quick);
+    if (!complaints)
+        return report(complaints.error());
+    for (const sql::string& complaint : *complaints)
+        std::printf("%s\n", complaint.c_str());
+
+    const sql::Result<sql::integer> left = sql::checkpoint(database, sql::checkpoint_truncate);
+    if (left.failed())
+        return report(left.error());
+    const sql::Result<bool> optimized = sql::optimize(database);
+    if (!optimized)
+        return report(optimized.error());
+    std::printf("%lld frames left in the log\n", left.valueOr(0));
+    return true;
+}
+
 struct Task {
     const char* heading;
     bool (*run)(sql::Database& database, sql::Database& other);
@@ -390,6 +449,9 @@ const Task tasks[] = {
     {"Records one by one", selectRecords},
     {"Many records at once", addManyRecords},
     {"What differs from the declaration", checkDeclaration},
+    {"Many small writes", collectWrites},
+    {"Settings of a connection", applySettings},
+    {"Look after a file", lookAfter},
 };
 
 int fail(const char* what)

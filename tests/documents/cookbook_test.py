@@ -30,6 +30,7 @@ NO_DATABASE = "file is not a database"
 # What the programs that take a file say of a folder, and of a file that is no database.
 BAD_FILES = {
     "backup": (UNOPENED, "cannot write the database"),
+    "care": (NOT_OPENED, f"cannot apply the settings: cache_size = -512: {NO_DATABASE}"),
     "catalogue": (UNOPENED, UNREADABLE),
     "cleanup": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "config": (NOT_OPENED, f"cannot change the settings: {NO_DATABASE}"),
@@ -37,6 +38,7 @@ BAD_FILES = {
     "events": (UNOPENED, UNREADABLE),
     "import": (NOT_OPENED, f"{UNREADABLE}: {NO_DATABASE}"),
     "logger": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
+    "meter": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "migrate": (NOT_OPENED, f"cannot upgrade the file: {NO_DATABASE}"),
     "noexceptions": (UNOPENED, UNREADABLE),
     "pages": (UNOPENED, UNREADABLE),
@@ -48,11 +50,12 @@ BAD_FILES = {
     "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
 # What is only built where there is sqlprepared.
-OF_STATEMENTS = {"cleanup", "config", "import", "logger", "migrate", "queue", "scan"}
+OF_STATEMENTS = {"care", "cleanup", "config", "import", "logger", "meter", "migrate", "queue", "scan"}
 if not PREPARED:
     BAD_FILES = {name: errors for name, errors in BAD_FILES.items() if name not in OF_STATEMENTS}
 KEY = "secret\n"
 USAGES = {"encryption": "DATABASE <KEY", "import": "DATABASE <LINES", "logger": "DATABASE <READINGS",
+          "meter": "DATABASE <READINGS",
           "noexceptions": "DATABASE <LINES", "scan": "DATABASE [ROWS]"}
 
 
@@ -358,6 +361,18 @@ class PreparedTest(Test):
         self.assertEqual(sorted(done), sorted(f"{job} done" for job in jobs))
         self.assertEqual(self.query("select * from queue"), [])
 
+    def test_file_that_is_cared_for_has_its_settings(self):
+        for start in (1, 2):
+            self.assert_prints(f"start {start}\n", "care", "a.db")
+        self.assertEqual(self.query("pragma journal_mode"), [("wal",)])
+        self.assertEqual(self.files(), ["a.db"])
+
+    def test_damage_is_told_and_the_file_left_alone(self):
+        self.make("create table t (a); insert into t values (null); pragma writable_schema = on;"
+                  " update sqlite_master set sql = 'create table t (a not null)'")
+        self.assert_fails("NULL value in t.a", "care", "a.db")
+        self.assertEqual(self.query("select name from sqlite_master"), [("t",)])
+
     def test_every_row_is_on_one_page(self):
         for rows, pages in ((1, 1), (1000, 1), (1001, 2)):
             self.assert_prints(f"{rows} rows in {pages} pages, up to {min(15 + rows / 10, 25):.1f}"
@@ -415,6 +430,36 @@ class LoggerTest(Test):
             self.assert_fails("cannot begin: database is locked", "logger", "a.db",
                               given="1970-01-01 hall 1\n")
             self.assertGreaterEqual(time.monotonic() - start, 2)
+
+
+class MeterTest(Test):
+    def test_readings_are_committed_when_the_group_is_full_or_at_the_end(self):
+        program = self.start("meter", "a.db")
+        program.stdin.write("20.5\n" * 99)
+        program.stdin.flush()
+        program.stdin.write("20.5\n" * 51)
+        program.stdin.flush()
+        while self.query("select count(*) from sqlite_master") == [(0,)] \
+                or self.query("select count(*) from reading") == [(0,)]:
+            time.sleep(0.01)
+        self.assertEqual(self.query("select count(*) from reading"), [(100,)])
+        self.assert_ends(program, 0, "150 stored, 0 lost\n", "", "")
+        self.assertEqual(self.query("select count(*) from reading"), [(150,)])
+
+    def test_readings_that_do_not_fit_onto_the_disk_are_counted(self):
+        self.run_program("meter", "a.db", given="1\n" * 1000)
+        size = len(self.bytes())
+        limits = {"restore_signals": False, "preexec_fn":
+                  lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))}
+        program = self.start("meter", "a.db", **limits)
+        output, errors = program.communicate("2\n" * 2000)
+        self.assertEqual(program.returncode, 0)
+        self.assertIn("meter: cannot store a reading: disk I/O error\n", errors)
+        stored = self.query("select count(*) from reading")[0][0]
+        lost = re.fullmatch(r"(\d+) stored, (\d+) lost\n", output)
+        self.assertEqual(int(lost[1]), stored)
+        refused = errors.count("cannot store")
+        self.assertEqual(stored + int(lost[2]) + refused, 3000)
 
 
 class UpgradeTest(Test):

@@ -51,7 +51,8 @@ STANDARD_TYPES = (
      "std::chrono::system_clock::time_point"))
 
 # What only the templates in the headers call, by its class's name.
-INTERNAL = {"sql::PreparedTable": {"deleteByKey", "hasKey", "readByKey", "selectWith"},
+INTERNAL = {"sql::GroupCommit::Write": {"Write", "~Write", "end"},
+            "sql::PreparedTable": {"deleteByKey", "hasKey", "readByKey", "selectWith"},
             "sql::PreparedTable::Bulk": {"Bulk", "~Bulk", "add", "addRest", "finish", "stop"},
             "sql::RecordCursor": {"nextOwn"},
             "sql::Statement": {"bindArgument", "positionOf", "readOne", "readRow", "runWith"},

@@ -1,23 +1,15 @@
-#include "Cases.h"
 #include "Diagnostics.h"
 #include "Environment.h"
-#include "FaultVfs.h"
 #include "Shop.h"
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
 #include "Sqlite.h"
-#include "SqliteMemory.h"
-#ifdef TEST_HEAP
-#include "Heap.h"
-#endif
+#include "Trouble.h"
 
 #include <gmock/gmock.h>
 
 #include <cstdio>
-#include <functional>
 #include <map>
-#include <memory>
-#include <new>
 #include <set>
 #include <sstream>
 #include <string>
@@ -28,134 +20,18 @@ namespace {
 
 using sql::Savepoint;
 using sql::Transaction;
+using test::Cause;
 using test::FileCall;
 using test::Shop;
+using test::Target;
+using test::Trouble;
 using testing::IsEmpty;
-
-const int most_points = 100000; // far more than any work here has
 
 typedef std::map<sql::integer, std::string> Rows; // the names by key
 
 std::string nameOf(sql::integer id)
 {
     return "product " + std::to_string(id) + " " + std::string(id % 3 == 0 ? 900 : 20, 'x');
-}
-
-// --- What goes wrong
-
-// What it strikes: calls into the file system, allocations, instructions of SQLite's machine, or
-// statements, before which something is done to the connection.
-enum class Target { file, sqlite_memory, heap, instruction, statement };
-
-struct Cause : test::Case {
-    Target target;
-    std::set<int> codes; // for which operations may fail
-    FileCall call = FileCall::open;
-    int rc = SQLITE_OK; // of that call
-    void (*strike)(sqlite3* db) = nullptr;
-    bool standsAtARow = false; // with a statement, all the time: for as long an interrupt lasts
-};
-
-// Lets a cause strike at its nth target, and at those behind it when it lasts.
-class Trouble {
-public:
-    Trouble(const Cause& cause, int nth, bool lasts) : _cause(cause), _left(nth), _lasts(lasts)
-    {
-        _vfs.before = [this](const test::FileAccess& access) {
-            const bool isMeant = _cause.target == Target::file && access.call == _cause.call;
-            return isMeant && strikes() ? _cause.rc : SQLITE_OK;
-        };
-        if (cause.target == Target::sqlite_memory)
-            _memory.refuse(nth, lasts);
-    }
-
-    // Counts while `work` runs. False when that was left by an exception.
-    bool runThrough(sqlite3* db, const std::function<void()>& work)
-    {
-#ifdef TEST_HEAP
-        const int never = most_points;
-        test::MemoryShortage heap(_cause.target == Target::heap ? _left : never, _lasts);
-#endif
-        if (_cause.target == Target::instruction)
-            sqlite3_progress_handler(db, 1, interrupt, this);
-        _db = db;
-        watch(true);
-        bool returned = true;
-        try {
-            work();
-        } catch (const std::bad_alloc&) {
-            returned = false;
-        }
-        watch(false);
-        sqlite3_progress_handler(db, 0, nullptr, nullptr);
-#ifdef TEST_HEAP
-        if (_cause.target == Target::heap)
-            _left -= heap.allocations();
-#endif
-        return returned;
-    }
-
-    // Before each statement.
-    void step(sqlite3* db)
-    {
-        if (_cause.target != Target::statement || !strikes())
-            return;
-        watch(false);
-        _cause.strike(db);
-        watch(true);
-    }
-
-    bool hasStruck() const
-    {
-        return _cause.target == Target::sqlite_memory ? _memory.hasRefused() : _left <= 0;
-    }
-
-    long blocksInUse() const
-    {
-        return _memory.blocksInUse();
-    }
-
-private:
-    void watch(bool on)
-    {
-        _watches = on;
-        _memory.watch(on && _cause.target == Target::sqlite_memory);
-    }
-
-    bool strikes()
-    {
-        if (!_watches)
-            return false;
-        --_left;
-        return _left == 0 || (_left < 0 && _lasts);
-    }
-
-    // As another thread does, at any time.
-    static int interrupt(void* trouble)
-    {
-        Trouble& self = *static_cast<Trouble*>(trouble);
-        if (self.strikes())
-            sqlite3_interrupt(self._db);
-        return 0;
-    }
-
-    const Cause& _cause;
-    int _left;
-    const bool _lasts;
-    bool _watches = false;
-    sqlite3* _db = nullptr;
-    test::SqliteMemory _memory;
-    test::FaultVfs _vfs;
-};
-
-// Of operator new, where the test can tell.
-long heapBlocksInUse()
-{
-#ifdef TEST_HEAP
-    return test::heapBlocksInUse();
-#else
-    return 0;
-#endif
 }
 
 // --- What is done
@@ -418,13 +294,13 @@ TEST_P(TransactionFaultTest, NothingOfALostOneStaysAndNothingAfterItIsCommitted)
         {Target::instruction, 13}, {Target::sqlite_memory, 7}, {Target::statement, 1}};
     const int stride = test::stride(usual.count(target) != 0 ? usual.at(target) : 3);
     int nth = 1;
-    for (long blocks = 0; nth < most_points && workWithTrouble(nth) && !HasFailure();) {
-        EXPECT_TRUE(nth == 1 || heapBlocksInUse() == blocks) << heapBlocksInUse() - blocks;
-        blocks = heapBlocksInUse();
+    for (long blocks = 0; nth < test::most_points && workWithTrouble(nth) && !HasFailure();) {
+        EXPECT_TRUE(nth == 1 || test::heapInUse() == blocks) << test::heapInUse() - blocks;
+        blocks = test::heapInUse();
         nth += stride;
     }
     EXPECT_GT(nth, 1);
-    EXPECT_LT(nth, most_points);
+    EXPECT_LT(nth, test::most_points);
     if (HasFailure())
         std::printf("at %d\n", nth);
 }
@@ -440,25 +316,6 @@ void fillUp(sqlite3* db)
     sqlite3_exec(db, "pragma max_page_count = 1", nullptr, nullptr,
                  nullptr); // no more than there are
 }
-
-const std::set<int> io_codes = {SQLITE_IOERR, SQLITE_CANTOPEN, SQLITE_BUSY, SQLITE_FULL,
-                                SQLITE_CORRUPT};
-
-const Cause file_causes[] = {
-    {"ReadError", Target::file, io_codes, FileCall::read, SQLITE_IOERR_READ},
-    {"WriteError", Target::file, io_codes, FileCall::write, SQLITE_IOERR_WRITE},
-    {"DiskFull", Target::file, io_codes, FileCall::write, SQLITE_FULL},
-    {"SyncError", Target::file, io_codes, FileCall::sync, SQLITE_IOERR_FSYNC},
-    {"LockError", Target::file, io_codes, FileCall::lock, SQLITE_IOERR_LOCK},
-};
-
-const Cause journal_causes[] = {
-    {"LockedFile", Target::file, io_codes, FileCall::lock, SQLITE_BUSY},
-    {"OpenError", Target::file, io_codes, FileCall::open, SQLITE_CANTOPEN},
-    {"AccessError", Target::file, io_codes, FileCall::access, SQLITE_IOERR_ACCESS},
-    {"RemoveError", Target::file, io_codes, FileCall::remove, SQLITE_IOERR_DELETE},
-    {"SizeError", Target::file, io_codes, FileCall::size, SQLITE_IOERR_FSTAT},
-};
 
 const Cause other_causes[] = {
     {"NoMemory", Target::sqlite_memory, {SQLITE_NOMEM, SQLITE_IOERR}},
@@ -484,11 +341,11 @@ std::string nameOfCase(const testing::TestParamInfo<TransactionFaultTest::ParamT
 }
 
 INSTANTIATE_TEST_SUITE_P(File, TransactionFaultTest,
-                         testing::Combine(testing::ValuesIn(file_causes), testing::Bool(),
+                         testing::Combine(testing::ValuesIn(test::file_causes), testing::Bool(),
                                           testing::Values("delete", "wal")),
                          nameOfCase);
 INSTANTIATE_TEST_SUITE_P(Journal, TransactionFaultTest,
-                         testing::Combine(testing::ValuesIn(journal_causes), testing::Bool(),
+                         testing::Combine(testing::ValuesIn(test::journal_causes), testing::Bool(),
                                           testing::Values("delete")),
                          nameOfCase);
 INSTANTIATE_TEST_SUITE_P(Other, TransactionFaultTest,

@@ -11,9 +11,11 @@ import unittest
 COMPILER = os.environ["COMPILER"].split(";")
 
 PROGRAM = """
+#include "SqlGroupCommit.h"
 #include "SqlLiteral.h"
 #include "SqlMigration.h"
 #include "SqlPreparedTable.h"
+#include "SqlSettings.h"
 #include "SqlStopFlag.h"
 #include "SqlTransaction.h"
 
@@ -140,6 +142,10 @@ class MistakesTest(unittest.TestCase):
             "sql::Savepoint s(database); s.commit()",
             "sql::inTransaction(database, [] { return true; })",
             'const sql::MigrationStep steps[] = {{1, ""}}; sql::migrate(database, steps)',
+            "sql::Settings().apply(database)", "sql::checkIntegrity(database, sql::check_full)",
+            "sql::checkpoint(database, sql::checkpoint_full)", "sql::optimize(database)",
+            "sql::GroupCommit g(database, 1, {}); g.write([] { return true; })",
+            "sql::GroupCommit g(database, 1, {}); g.flush()",
             'sql::Time time; sql::fromIso8601("", time)',
             'std::chrono::system_clock::time_point time; sql::fromIso8601("", time)'))
         self.assert_mistaken("nodiscard", (
@@ -160,6 +166,8 @@ class MistakesTest(unittest.TestCase):
             "sql::Statement copy(statement)", 'sql::Statement other(database, ""); other = statement',
             "sql::Transaction t(database, sql::begin_deferred); sql::Transaction copy(t)",
             "sql::Transaction t(database, sql::begin_deferred); auto moved = std::move(t)",
+            "sql::GroupCommit g(database, 1, {}); sql::GroupCommit copy(g)",
+            "sql::GroupCommit g(database, 1, {}); auto moved = std::move(g)",
             "sql::Savepoint s(database); sql::Savepoint copy(s)",
             "sql::StopFlag f(database); sql::StopFlag copy(f)",
             "sql::Savepoint s(database); sql::Savepoint t(database); t = s",

@@ -1,6 +1,7 @@
 // What the debugger looks at when the program has reached inspect(): objects of sqlprepared, each with
 // the text that it is shown as where gdb can call functions of the process.
 
+#include "SqlGroupCommit.h"
 #include "SqlPreparedTable.h"
 #include "SqlStopFlag.h"
 
@@ -16,6 +17,8 @@ sql::Database database;
 sql::Database closed;
 // sql::Database, open, handle = 0x?
 sql::Database other;
+// sql::Database, open, handle = 0x?
+sql::Database metered;
 // sql::Database, open, handle = 0x?
 
 // Memory of an object's size that holds none.
@@ -33,7 +36,7 @@ bool open(sql::Database& one)
                                   "insert into product values (1, 'tea')");
 }
 
-const bool isOpen = open(database) && open(closed)
+const bool isOpen = open(database) && open(closed) && open(metered)
                     && other.open(":memory:", sql::Database::access_create, false, 0);
 
 // clang-format off
@@ -120,6 +123,12 @@ sql::StopFlag still(closed);
 // sql::StopFlag, not set
 sql::StopFlag stopping(closed);
 // sql::StopFlag, set, rc=21=SQLITE_MISUSE: the connection has a stop flag already
+sql::GroupCommit idle(metered, 10, std::chrono::seconds(5));
+// sql::GroupCommit, none open
+sql::GroupCommit writing(metered, 10, std::chrono::seconds(5));
+// sql::GroupCommit, 1 pending
+sql::GroupCommit kept(metered, 10, std::chrono::seconds(5));
+// sql::GroupCommit, none open, rc=1=SQLITE_ERROR: cannot start a transaction within a transaction
 
 const sql::Statement& zeroStatement = filled<sql::Statement>(0); // <error: not a text>
 const sql::Error& zeroError = filled<sql::Error>(0);             // <error: not a text>
@@ -132,6 +141,9 @@ const sql::StopFlag& zeroFlag = filled<sql::StopFlag>(0);            // <error: 
 const sql::Statement& noise = filled<sql::Statement>(0xa5);
 // <error: Cannot access memory at address NOISE>
 const sql::Error& noiseError = filled<sql::Error>(0xa5);
+// <error: Cannot access memory at address NOISE>
+const sql::GroupCommit& zeroGroup = filled<sql::GroupCommit>(0); // <error: not a text>
+const sql::GroupCommit& noiseGroup = filled<sql::GroupCommit>(0xa5);
 // <error: Cannot access memory at address NOISE>
 const sql::PreparedTable& noiseTable = filled<sql::PreparedTable>(0xa5);
 // <error: Cannot access memory at address NOISE>
@@ -167,6 +179,10 @@ int main()
     used.release();
     worked = worked && !used.run() && over.commit() && sql::runScript(other, "rollback");
     stopping.set();
+    const auto good = [] {
+        return true;
+    };
+    worked = worked && writing.write(good) && !kept.write(good);
     inspect();
     closed.close();
     return worked ? 0 : 1;

@@ -174,9 +174,21 @@ class StopFlagPrinter(PreparedPrinter):
         return ["set" if state else "not set", error]
 
 
+class GroupPrinter(PreparedPrinter):
+    def parts(self):
+        error = reason(self.value["_error"])
+        lost = int(self.value["_lost"])
+        engaged = int(self.value["_transaction"]["_M_payload"]["_M_engaged"])
+        if engaged > 1:
+            raise gdb.error("not a group")
+        pending = f"{int(self.value['_pending'])} pending" if engaged else "none open"
+        return [pending, f"{lost} lost" if lost else "", error]
+
+
 def prepared_printers():
     collection = gdb.printing.RegexpCollectionPrettyPrinter("sqlprepared")
-    for name, printer in (("Error", ErrorPrinter), ("PreparedTable", PreparedTablePrinter),
+    for name, printer in (("Error", ErrorPrinter), ("GroupCommit", GroupPrinter),
+                          ("PreparedTable", PreparedTablePrinter),
                           ("RecordCursor", CursorPrinter), ("Result<.*>", ResultPrinter),
                           ("Savepoint", ScopePrinter), ("Statement", StatementPrinter),
                           ("StopFlag", StopFlagPrinter),

@@ -155,6 +155,7 @@ private:
     friend class Column;        // a cell that cannot be converted is a failure of the statement's
     friend class PreparedTable; // runs statements under the names of its own operations
     friend class RecordCursor;
+    friend class Pragma; // likewise
 
     // Broken: at a row that could not be read. Unbound: a value could not be bound. Released: or
     // moved from.
@@ -200,7 +201,8 @@ private:
     Presence readOne(const Argument* arguments, int argumentCount, const Variable* variables,
                      int variableCount);
 
-    SQLWRAPPER_LOCAL Statement(const char* operation, Database& database, const string& text);
+    SQLWRAPPER_LOCAL Statement(const char* operation, Database& database, const string& text,
+                               integer record = 0);
     SQLWRAPPER_LOCAL bool bindCopies(const char* operation, const Argument* arguments, int count);
     SQLWRAPPER_LOCAL bool runAs(const char* operation, const Argument* arguments, int count);
     SQLWRAPPER_LOCAL bool nextAs(const char* operation);

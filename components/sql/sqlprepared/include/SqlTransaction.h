@@ -55,6 +55,7 @@ protected:
 
 private:
     friend class PreparedTable; // begins one when its statements are compiled
+    friend class GroupCommit;   // commits one that ends, without memory
 
     // Lost: SQLite has rolled back.
     enum class State { unbegun, open, undoing, lost, ended };
@@ -69,6 +70,7 @@ private:
     SQLWRAPPER_LOCAL const char* whyNotOpen() const;
     SQLWRAPPER_LOCAL bool isUsable(const char* operation);
     SQLWRAPPER_LOCAL int run(const char* operation, sqlite3_stmt* statement) const;
+    SQLWRAPPER_LOCAL int commitAs(const char* operation);
     SQLWRAPPER_LOCAL int undo(const char* operation);
     SQLWRAPPER_LOCAL void enter();
     SQLWRAPPER_LOCAL void leave();

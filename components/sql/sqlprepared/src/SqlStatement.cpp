@@ -110,8 +110,8 @@ Statement::Statement(Database& database, const string& text)
 {
 }
 
-Statement::Statement(const char* operation, Database& database, const string& text)
-    : _database(&database), _connection(database.getHandle())
+Statement::Statement(const char* operation, Database& database, const string& text, integer record)
+    : _database(&database), _connection(database.getHandle()), _record(record)
 {
     prepare(operation, text);
 }
@@ -147,7 +147,8 @@ void Statement::prepare(const char* operation, const string& text)
 
 void Statement::refuse(const char* operation, const string& text, int rc, const char* why)
 {
-    reportFailure(operation, text.c_str(), rc, why);
+    if (_record >= 0)
+        reportFailure(operation, text.c_str(), rc, why);
     _error = errorOf(_connection, rc, why, text.c_str());
 }
 

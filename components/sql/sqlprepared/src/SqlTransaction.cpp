@@ -228,14 +228,20 @@ bool TransactionScope::commit()
         return fail("commit", sqlite3_sql(_commit), SQLITE_ABORT_ROLLBACK, why);
     if (isStopRequested(_connection))
         return failAsSqlite("commit", _commit, SQLITE_INTERRUPT);
-    _committing = true;
-    const int rc = run("commit", _commit);
-    _committing = false;
+    const int rc = commitAs("commit");
     if (rc != SQLITE_DONE)
         return failAsSqlite("commit", _commit, rc);
     end();
     _error = Error();
     return true;
+}
+
+int TransactionScope::commitAs(const char* operation)
+{
+    _committing = true;
+    const int rc = run(operation, _commit);
+    _committing = false;
+    return rc;
 }
 
 bool TransactionScope::rollback()

@@ -34,10 +34,12 @@ FILES:${PN}-framework = "${libdir}/libframework.so"
 FILES:sqlprepared = "${libdir}/libsqlprepared.so.*"
 FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlBinder.h \
+    ${includedir}/sqlwrapper/SqlGroupCommit.h \
     ${includedir}/sqlwrapper/SqlLiteral.h \
     ${includedir}/sqlwrapper/SqlMigration.h \
     ${includedir}/sqlwrapper/SqlPreparedTable.h \
     ${includedir}/sqlwrapper/SqlResult.h \
+    ${includedir}/sqlwrapper/SqlSettings.h \
     ${includedir}/sqlwrapper/SqlStatement.h \
     ${includedir}/sqlwrapper/SqlStopFlag.h \
     ${includedir}/sqlwrapper/SqlTransaction.h \
