@@ -16,6 +16,11 @@ constexpr int busy_timeout_ms = 60000;
 
 sql::StopFlag* stop_flag = nullptr;
 
+void setStopFlag(int /*signal*/)
+{
+    stop_flag->set();
+}
+
 int fail(const char* what, const sql::Error& error)
 {
     std::fprintf(stderr, "cleanup: cannot %s: %s\n", what, error.text().c_str());
@@ -28,7 +33,7 @@ public:
     explicit StopBySignal(sql::Database& database) : _stop(database)
     {
         stop_flag = &_stop;
-        handle([](int) { stop_flag->set(); });
+        handle(setStopFlag); // stop_flag->set()
     }
     ~StopBySignal()
     {

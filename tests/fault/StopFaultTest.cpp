@@ -2,6 +2,7 @@
 // SQLite's own steps: what is said to be done is there, all of it, nothing else is, and the same work
 // is done once the flag is cleared.
 
+#include "SqlMigration.h"
 #include "SqlPreparedTable.h"
 #include "SqlStopFlag.h"
 
@@ -155,6 +156,27 @@ bool changesByTheDatabase(Shop& shop)
     return false;
 }
 
+bool raises(sql::Database& database)
+{
+    return sql::Statement(database, "update product set price = price + 1").run();
+}
+
+// Foreign keys are enforced afterwards, as before.
+bool migrates(Shop& shop)
+{
+    const sql::MigrationStep steps[] = {
+        {1, "create table sensor (name); create index by_price on product (price)"},
+        {2, raises},
+        {3, "delete from product where id % 3 = 0"}};
+    int* const none = nullptr;
+    sqlite3_db_config(shop.handle(), SQLITE_DBCONFIG_ENABLE_FKEY, 1, none);
+    const bool isDone = static_cast<bool>(sql::migrate(shop.database, steps));
+    int isEnforced = 0;
+    sqlite3_db_config(shop.handle(), SQLITE_DBCONFIG_ENABLE_FKEY, -1, &isEnforced);
+    EXPECT_EQ(isEnforced, 1);
+    return isDone;
+}
+
 const Work works[] = {
     byStatement("Update", "update product set price = price + 1, name = name || '!'"),
     byStatement("Insert", "insert into archive select * from product"),
@@ -173,6 +195,7 @@ const Work works[] = {
     {"Copy", copies},
     {"Transaction", changesTogether},
     {"Script", runsScript},
+    {"Migration", migrates},
     {"TransactionOfTheDatabase", changesByTheDatabase},
 };
 
