@@ -69,7 +69,8 @@ CALL = """
 # The libraries with the standard includes of their examples; sqlprepared where SQLite is recent enough.
 LIBRARIES = {"sqlwrapper": ""}
 if os.environ["PREPARED"] == "1":
-    LIBRARIES["sqlprepared"] = ('#include "SqlMigration.h"\n#include "SqlPreparedTable.h"\n'
+    LIBRARIES["sqlprepared"] = ('#include "SqlGroupCommit.h"\n#include "SqlMigration.h"\n'
+                                '#include "SqlPreparedTable.h"\n#include "SqlSettings.h"\n'
                                 '#include "SqlStopFlag.h"\n'
                                 "#include <thread>\n")
 
@@ -122,6 +123,8 @@ ROWS = {"RecordSet": ["1|rum|null"], "Table": ["1|rum|2.5"]}
 # What is reported of an example that fails.
 REPORTS = {"Error": ["SQL statement 'insert into product (id) values (?)' failed: ",
                      "  rc=1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: product.id"],
+           "Settings": ["SQL statement 'pragma main.journal_mode = wal' failed: ",
+                        "  rc=1=SQLITE_ERROR: journal_mode is memory, not wal"],
            "StopFlag": ["SQL statement 'select * from product' failed: ",
                         "  rc=9=SQLITE_INTERRUPT: interrupted"]}
 

@@ -42,7 +42,7 @@ enum TempStore : std::int32_t {
 ///     settings.synchronous = sql::synchronous_full;
 ///     const sql::Result<bool> applied = settings.apply(database);
 ///     if (!applied)
-///         std::puts(applied.error().text().c_str());
+///         std::puts(applied.error().text().c_str()); // journal_mode is memory, not wal
 ///
 /// A plain value. The page size and journal_wal stay with the file, all others end with the
 /// connection.
@@ -85,12 +85,13 @@ enum CheckpointMode : std::int32_t {
 };
 
 /// Copies the write-ahead log into the file. Returns how many of its frames, of a page each, are
-/// left to copy, and nothing if the file has no such log. Fails, isBusy(), if it may not go as far as
-/// `mode` says: what could be copied is copied then.
+/// left to copy, and nothing if the file has no such log. Fails, isBusy(), if it may not go as far
+/// as `mode` says: what could be copied is copied then.
 Result<integer> checkpoint(Database& database, CheckpointMode mode);
 
-/// Lets SQLite gather anew what it knows of tables that have changed much, for the sake of its plans.
-/// For when a program closes a file, or every few hours. Returns true, or the reason of a failure.
+/// Lets SQLite gather anew what it knows of tables that have changed much, for the sake of its
+/// plans. For when a program closes a file, or every few hours. Returns true, or the reason of a
+/// failure.
 Result<bool> optimize(Database& database);
 
 } // namespace sql
