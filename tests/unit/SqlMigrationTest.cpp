@@ -2,6 +2,7 @@
 
 #include "SqlRecordSet.h"
 #include "SqlStatement.h"
+#include "SqlStopFlag.h"
 #include "SqlTransaction.h"
 
 #include "Cases.h"
@@ -608,39 +609,53 @@ TEST_F(MigrationTest, ReaderThatKeepsItFromCommittingIsAFailure)
     EXPECT_EQ(*migrate(_database, steps), 1);
 }
 
-TEST_F(MigrationTest, InterruptAtAnyPointLeavesTheFileAsItWas)
+TEST_F(MigrationTest, StopAtAnyPointLeavesTheFileAsItWas)
 {
     EXPECT_TRUE(run(_database, "pragma foreign_keys = on"));
     struct Stop {
-        sqlite3* db;
+        sql::StopFlag flag;
         int left;
     };
     const auto strike = [](void* stop) {
         Stop& self = *static_cast<Stop*>(stop);
         if (--self.left == 0)
-            sqlite3_interrupt(self.db); // as another thread does, at any time
+            self.flag.set(); // as another thread does, at any time
         return 0;
     };
     const MigrationStep steps[] = {{1, "create table t (a); insert into t select id from room"},
-                                   {2, "alter table t add column b; update t set b = a"}};
+                                   {2, "alter table t add column b; alter table t rename to u"}};
     const std::string former = there();
     int stopped = 0;
-    Stop stop{_database.getHandle(), 0};
+    Stop stop{sql::StopFlag(_database), 0};
     for (int at = 1; stop.left <= 0; ++at) {
         stop.left = at;
-        sqlite3_progress_handler(stop.db, 1, strike, &stop);
+        sqlite3_progress_handler(_database.getHandle(), 1, strike, &stop);
         const sql::Result<int> version = migrate(_database, steps);
-        sqlite3_progress_handler(stop.db, 0, nullptr, nullptr);
+        sqlite3_progress_handler(_database.getHandle(), 0, nullptr, nullptr);
+        stop.flag.clear();
         EXPECT_TRUE(version || version.error().isStopped()) << version.error().text();
         EXPECT_EQ(_diagnostics.take().empty(), static_cast<bool>(version));
         EXPECT_EQ(rows("pragma foreign_keys"), "1");
         if (version)
-            _other.run("drop table t; pragma user_version = 0");
+            _other.run("drop table u; pragma user_version = 0");
         else
             ++stopped;
         EXPECT_EQ(there(), former);
     }
-    EXPECT_GT(stopped, 10);
+    EXPECT_GT(stopped, 100);
+}
+
+TEST_F(MigrationTest, NothingBeginsWhileAStopIsAskedFor)
+{
+    EXPECT_TRUE(run(_database, "pragma foreign_keys = on"));
+    const MigrationStep steps[] = {{1, "create table t (a)"}};
+    sql::StopFlag stop(_database);
+    stop.set();
+    EXPECT_TRUE(migrate(_database, steps).error().isStopped());
+    expectReport(failed(ask_version, "9=SQLITE_INTERRUPT: interrupted"));
+    stop.clear();
+    EXPECT_EQ(rows("pragma foreign_keys"), "1");
+    EXPECT_EQ(*migrate(_database, steps), 1);
 }
 
 } // namespace
