@@ -2,6 +2,7 @@
 // SQLite's own steps: what is said to be done is there, all of it, nothing else is, and the same work
 // is done once the flag is cleared.
 
+#include "SqlGroupCommit.h"
 #include "SqlMigration.h"
 #include "SqlPreparedTable.h"
 #include "SqlStopFlag.h"
@@ -177,6 +178,18 @@ bool migrates(Shop& shop)
     return isDone;
 }
 
+// One group, which is lost where it is not flushed.
+bool commitsAGroup(Shop& shop)
+{
+    sql::GroupCommit group(shop.database, row_count, std::chrono::hours(1));
+    sql::Statement update(shop.database, "update product set price = price + 1 where id < ?");
+    for (int i = 0; i < 5; ++i) {
+        if (!group.write([&] { return update.run(100 * i); }))
+            return false;
+    }
+    return group.flush();
+}
+
 const Work works[] = {
     byStatement("Update", "update product set price = price + 1, name = name || '!'"),
     byStatement("Insert", "insert into archive select * from product"),
@@ -196,6 +209,7 @@ const Work works[] = {
     {"Transaction", changesTogether},
     {"Script", runsScript},
     {"Migration", migrates},
+    {"GroupCommit", commitsAGroup},
     {"TransactionOfTheDatabase", changesByTheDatabase},
 };
 
