@@ -69,7 +69,8 @@ CALL = """
 # The libraries with the standard includes of their examples; sqlprepared where SQLite is recent enough.
 LIBRARIES = {"sqlwrapper": ""}
 if os.environ["PREPARED"] == "1":
-    LIBRARIES["sqlprepared"] = ('#include "SqlGroupCommit.h"\n#include "SqlMigration.h"\n'
+    LIBRARIES["sqlprepared"] = ('#include "SqlBlob.h"\n#include "SqlGroupCommit.h"\n'
+                                '#include "SqlMigration.h"\n'
                                 '#include "SqlPreparedTable.h"\n#include "SqlSettings.h"\n'
                                 '#include "SqlStopFlag.h"\n'
                                 "#include <thread>\n")

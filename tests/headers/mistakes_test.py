@@ -11,6 +11,7 @@ import unittest
 COMPILER = os.environ["COMPILER"].split(";")
 
 PROGRAM = """
+#include "SqlBlob.h"
 #include "SqlGroupCommit.h"
 #include "SqlLiteral.h"
 #include "SqlMigration.h"

@@ -34,6 +34,7 @@ FILES:${PN}-framework = "${libdir}/libframework.so"
 FILES:sqlprepared = "${libdir}/libsqlprepared.so.*"
 FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlBinder.h \
+    ${includedir}/sqlwrapper/SqlBlob.h \
     ${includedir}/sqlwrapper/SqlGroupCommit.h \
     ${includedir}/sqlwrapper/SqlLiteral.h \
     ${includedir}/sqlwrapper/SqlMigration.h \
