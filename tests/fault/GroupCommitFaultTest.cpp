@@ -306,7 +306,7 @@ INSTANTIATE_TEST_SUITE_P(Other, GroupCommitFaultTest,
                                           testing::Values("delete", "wal")),
                          nameOfCase);
 
-// A commit that is lost takes the write that asked for it with it, and that is told and not counted.
+// A commit that is lost takes the write with it that asked for it, which is told and not counted.
 TEST(GroupCommitLossTest, WriteWhoseCommitIsLostIsNotCounted)
 {
     test::Diagnostics diagnostics;
@@ -378,9 +378,9 @@ protected:
 TEST_P(GroupCommitCostTest, GroupTakesTheSyncsOfOneWrite)
 {
     const bool isLog = GetParam() == std::string("wal");
-    const int writes = test::briefRun() ? 200 : 10000;
+    const int writes = test::longRun() ? 10000 : 2000;
     long bytes = 0;
-    for (const int count : {1, 10, 100}) {
+    for (const int count : {1, 10, 100, 1000}) {
         const Cost cost = costOf(writes, count);
         const int groups = writes / count;
         if (isLog) { // and those of the checkpoints in between

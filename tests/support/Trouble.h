@@ -1,8 +1,9 @@
 #ifndef SQLWRAPPER_TESTS_SUPPORT_TROUBLE_H
 #define SQLWRAPPER_TESTS_SUPPORT_TROUBLE_H
 
-// Causes that strike work at its nth point: calls into the file system, allocations and others. Programs
-// that define TEST_HEAP, and have Heap.cpp for a source, let the program's own allocations fail, too.
+// Causes that strike work at its nth point: calls into the file system, allocations and others.
+// Programs that define TEST_HEAP, and have Heap.cpp for a source, let their own allocations fail,
+// too.
 
 #include "Cases.h"
 #include "FaultVfs.h"

@@ -8,7 +8,8 @@
 namespace sql {
 
 /// Collects writes into groups, each with one commit: after so many writes, or so long after the
-/// first. A power cut costs the group that is open, whole, and what the file's settings let it cost.
+/// first. A power cut costs the group that is open, whole, and what the file's settings let it
+/// cost.
 ///
 ///     sql::GroupCommit group(database, 100, std::chrono::seconds(5));
 ///     sql::Statement add(database, "insert into product (name) values (?)");
@@ -36,17 +37,18 @@ public:
     ~GroupCommit();
 
     /// Begins a group if none is open, runs `work` in it once, and commits if the group is complete
-    /// then. Returns true once the write is part of a group, also where the commit has failed and is
-    /// to be tried again. Returns false if `work` did, or on failure: all that `work` has written is
-    /// undone then. An exception of `work` undoes likewise and passes through.
+    /// then. Returns true once the write is part of a group, also where the commit has failed and
+    /// is to be tried again. Returns false if `work` did, or on failure: all that `work` has written
+    /// is undone then. An exception of `work` undoes likewise and passes through.
     template <typename Work> [[nodiscard]] bool write(Work&& work)
     {
         Write one(*this);
         return one.isOpen() && one.end(static_cast<bool>(work()));
     }
 
-    /// Returns in how many milliseconds to call flush(), at most what an int holds; 0 if it is time,
-    /// nothing while no group is open. After a commit that failed it is time again a little later.
+    /// Returns in how many milliseconds to call flush(), at most what an int holds; 0 if it is
+    /// time, nothing while no group is open. After a commit that failed it is time again a little
+    /// later.
     std::optional<std::chrono::milliseconds> due() const;
 
     /// Commits the group that is open, if any. Returns false on failure. The group is still open

@@ -69,8 +69,8 @@ std::optional<string> textOf(const std::optional<JournalMode>& mode)
 
 } // namespace
 
-// A pragma that runs under the name of an operation, and whose failures are told by failed() alone. It
-// is compiled when it runs: SQLite sets some settings then already.
+// A pragma that runs under the name of an operation, and whose failures are told by failed() alone.
+// It is compiled when it runs: SQLite sets some settings then already.
 class Pragma {
 public:
     Pragma(Database& database, string text) : _database(database), _text(std::move(text))
