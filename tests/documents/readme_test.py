@@ -69,7 +69,7 @@ CALL = """
 # The libraries with the standard includes of their examples; sqlprepared where SQLite is recent enough.
 LIBRARIES = {"sqlwrapper": ""}
 if os.environ["PREPARED"] == "1":
-    LIBRARIES["sqlprepared"] = ('#include "SqlBlob.h"\n#include "SqlGroupCommit.h"\n'
+    LIBRARIES["sqlprepared"] = ('#include "SqlBackup.h"\n#include "SqlBlob.h"\n#include "SqlGroupCommit.h"\n'
                                 '#include "SqlMigration.h"\n'
                                 '#include "SqlPreparedTable.h"\n#include "SqlSettings.h"\n'
                                 '#include "SqlStopFlag.h"\n'

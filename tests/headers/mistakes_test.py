@@ -13,6 +13,7 @@ COMPILER = os.environ["COMPILER"].split(";")
 PROGRAM = """
 #include "SqlBlob.h"
 #include "SqlGroupCommit.h"
+#include "SqlBackup.h"
 #include "SqlLiteral.h"
 #include "SqlMigration.h"
 #include "SqlPreparedTable.h"
@@ -142,6 +143,7 @@ class MistakesTest(unittest.TestCase):
             "sql::Transaction t(database, sql::begin_immediate); t.commit()",
             "sql::Savepoint s(database); s.commit()",
             "sql::inTransaction(database, [] { return true; })",
+            'sql::backupDatabase(database, "")', 'sql::restoreDatabase(database, "")',
             'const sql::MigrationStep steps[] = {{1, ""}}; sql::migrate(database, steps)',
             "sql::Settings().apply(database)", "sql::checkIntegrity(database, sql::check_full)",
             "sql::checkpoint(database, sql::checkpoint_full)", "sql::optimize(database)",

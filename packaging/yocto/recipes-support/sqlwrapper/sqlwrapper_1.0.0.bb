@@ -33,6 +33,7 @@ FILES:${PN}-trace = "${libdir}/libtrace.so"
 FILES:${PN}-framework = "${libdir}/libframework.so"
 FILES:sqlprepared = "${libdir}/libsqlprepared.so.*"
 FILES:sqlprepared-dev = "\
+    ${includedir}/sqlwrapper/SqlBackup.h \
     ${includedir}/sqlwrapper/SqlBinder.h \
     ${includedir}/sqlwrapper/SqlBlob.h \
     ${includedir}/sqlwrapper/SqlGroupCommit.h \
