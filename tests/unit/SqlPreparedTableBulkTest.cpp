@@ -850,6 +850,17 @@ TEST_F(CopyBetweenFilesTest, AllOrNone)
     expectUnlocked();
 }
 
+TEST_F(CopyBetweenFilesTest, SourceThatFailsOnTheWayIsTheReason)
+{
+    run("alter table product rename to base; create view product as"
+        " select id, name, abs((id = 2) * -9223372036854775807 - (id = 2)) as price from base");
+    openOther(_directory.file("other.db"));
+    test::run(_other.getHandle(), test::product_definition);
+    EXPECT_FALSE(_otherProduct.copyRecords(_fast));
+    expectFailure(_otherProduct, "copyRecords", "1=SQLITE_ERROR: integer overflow");
+    EXPECT_EQ(test::rows(_other.getHandle(), "select * from product"), "");
+}
+
 TEST_F(CopyBetweenFilesTest, TemporaryTableOfTheSameNameIsAnother)
 {
     openOther(_file);
