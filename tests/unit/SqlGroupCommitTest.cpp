@@ -508,6 +508,33 @@ TEST_P(GroupCommitTest, WhileAStopIsAskedForNothingIsCommittedAndNothingLost)
     EXPECT_EQ(there(), "1");
 }
 
+TEST_P(GroupCommitTest, StopAtItsEndLosesTheGroup)
+{
+    sql::StopFlag stop(_database);
+    {
+        GroupCommit group(_database, 3, forever);
+        EXPECT_TRUE(write(group, 1));
+        stop.set();
+    }
+    expectReport(joined(
+        {report::statementFailed("~GroupCommit", "commit", "9=SQLITE_INTERRUPT: interrupted"),
+         lost(1)}));
+    stop.clear();
+    EXPECT_EQ(there(), "NULL");
+    EXPECT_TRUE(othersCanWrite());
+}
+
+TEST_P(GroupCommitTest, WhatIsWrittenOutsideIsInTheGroupAndNotCounted)
+{
+    GroupCommit group(_database, 3, forever);
+    EXPECT_TRUE(write(group, 1));
+    EXPECT_TRUE(_add->run(2));
+    expectOpen(group, 1);
+    EXPECT_EQ(there(), "NULL");
+    EXPECT_TRUE(group.flush());
+    EXPECT_EQ(there(), "1,2");
+}
+
 // --- Losses
 
 TEST_P(GroupCommitTest, GroupThatSqliteRollsBackIsLostAndTheNextOneBegins)

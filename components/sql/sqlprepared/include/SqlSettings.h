@@ -54,7 +54,7 @@ struct Settings {
     std::optional<integer> mmapSize;    ///< How many bytes of the file are mapped into memory.
     std::optional<TempStore> tempStore; ///< A change removes the temporary tables that there are.
     std::optional<int> pageSize; ///< In bytes, a power of two from 512; for a file yet empty.
-    std::optional<JournalMode> journalMode;
+    std::optional<JournalMode> journalMode;     ///< How the file is kept whole.
     std::optional<SynchronousMode> synchronous; ///< Left alone if the journal mode is not taken.
 
     /// Sets them one after the other, in the order of the members, and reads each back. Returns
