@@ -12,7 +12,8 @@ namespace sql {
 /// cost.
 ///
 ///     sql::GroupCommit group(database, 100, std::chrono::seconds(5));
-///     sql::Statement add(database, "insert into product (name) values (?)");
+///     sql::Statement add(
+///         database, "insert into product (name) values (?)");
 ///     if (!group.write([&] { return add.run("tea"); }))
 ///         std::puts(group.error().text().c_str());
 ///     const auto due = group.due(); // how long the program's loop may wait

@@ -42,7 +42,7 @@ enum TempStore : std::int32_t {
 ///     settings.synchronous = sql::synchronous_full;
 ///     const sql::Result<bool> applied = settings.apply(database);
 ///     if (!applied)
-///         std::puts(applied.error().text().c_str()); // journal_mode is memory, not wal
+///         std::puts(applied.error().text().c_str());
 ///
 /// A plain value. The page size and journal_wal stay with the file, all others end with the
 /// connection.
