@@ -276,6 +276,38 @@ TEST_F(StopFlagTest, FlagIsThatOfItsConnectionAlone)
     EXPECT_EQ(sql::queryNumber(another.getHandle(), "select count(*) from product"), 1001);
 }
 
+TEST_F(StopFlagTest, RunOfAnotherConnectionGoesOn)
+{
+    sql::Database another;
+    EXPECT_TRUE(another.open(_file, sql::Database::access_read_only, false, 0));
+    const StopFlag stop(_database);
+    StopFlag other(another);
+    sql::Statement all(_database, "select id from product");
+    EXPECT_TRUE(all.next());
+    other.set();
+    EXPECT_TRUE(all.next());
+}
+
+TEST_F(StopFlagTest, FlagsOfSeveralConnectionsEndInAnyOrder)
+{
+    sql::Database databases[3];
+    std::optional<StopFlag> flags[3];
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(databases[i].open(":memory:", sql::Database::access_create, false, 0));
+        flags[i].emplace(databases[i]);
+        flags[i]->set();
+    }
+    for (const int ended : {1, 0, 2}) {
+        flags[ended].reset();
+        for (int i = 0; i < 3; ++i) {
+            sql::Statement statement(databases[i], "select 1 from sqlite_master");
+            EXPECT_EQ(statement.run(), !flags[i]) << i;
+            if (flags[i])
+                expectStopped(statement, "run");
+        }
+    }
+}
+
 TEST_F(StopFlagTest, FlagThatCannotAskForTheTimeoutIsNotAttached)
 {
     sql::Statement all(_database, "select * from product");
@@ -566,10 +598,12 @@ TEST_F(StopFlagTest, CopyIsWholeOrNotThereAtAll)
 
 // --- Transactions
 
+// Nothing is even tried, which the trace would tell.
 TEST_F(StopFlagTest, NoTransactionBegins)
 {
     StopFlag stop(_database);
     stop.set();
+    _diagnostics.setLevel(9);
     const char* const beginnings[] = {"begin deferred", "begin immediate", "begin exclusive"};
     for (const auto mode : {sql::begin_deferred, sql::begin_immediate, sql::begin_exclusive}) {
         const Transaction transaction(_database, mode);
@@ -588,6 +622,7 @@ TEST_F(StopFlagTest, NoTransactionBegins)
     const auto done = sql::inTransaction(_database, [&] { return hasRun = true; });
     expectStopped(done.error(), "begin", "begin immediate");
     EXPECT_FALSE(hasRun);
+    _diagnostics.setLevel(3);
     stop.clear();
     EXPECT_TRUE(Transaction(_database, sql::begin_deferred).isOpen());
 }
@@ -598,8 +633,10 @@ TEST_F(StopFlagTest, CommitWaitsUntilTheFlagIsCleared)
     Transaction transaction(_database, sql::begin_immediate);
     EXPECT_TRUE(add(2000));
     stop.set();
+    _diagnostics.setLevel(9);
     EXPECT_FALSE(transaction.commit());
     expectStopped(transaction.error(), "commit", "commit");
+    _diagnostics.setLevel(3);
     EXPECT_TRUE(transaction.isOpen());
     EXPECT_EQ(there(), all_there);
     stop.clear();
