@@ -32,6 +32,10 @@ static_assert(!std::is_copy_constructible_v<GroupCommit>);
 static_assert(!std::is_move_constructible_v<GroupCommit>);
 static_assert(!std::is_default_constructible_v<GroupCommit>);
 
+// Long enough for any time, on machines of 32 bits, too.
+static_assert(sizeof(milliseconds::rep) == 8);
+static_assert(sizeof(std::chrono::steady_clock::rep) == 8);
+
 const milliseconds forever(60000); // longer than any of this takes
 const char busy[] = "5=SQLITE_BUSY: database is locked";
 const char taken[] = "1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: reading.id";
