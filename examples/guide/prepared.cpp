@@ -2,6 +2,7 @@
 //
 //     prepared DATABASE
 
+#include "SqlFunction.h"
 #include "SqlGroupCommit.h"
 #include "SqlLiteral.h"
 #include "SqlMigration.h"
@@ -9,6 +10,7 @@
 #include "SqlSettings.h"
 #include "SqlStopFlag.h"
 
+#include <cmath>
 #include <cstdio>
 #include <optional>
 #include <thread>
@@ -234,6 +236,19 @@ bool migrateFile(sql::Database& database, sql::Database&)
     return true;
 }
 
+bool callFunctions(sql::Database& database, sql::Database&)
+{
+    const auto distance = [](double x, double y) {
+        return std::sqrt(x * x + y * y);
+    };
+    const sql::Result<bool> added = sql::addFunction(database, "distance", distance);
+    if (!added)
+        return report(added.error());
+    sql::Statement ask(database, "select distance(3, 4)");
+    std::printf("%.1f\n", ask.one<double>().valueOr(0));
+    return true;
+}
+
 bool lookForTexts(sql::Database& database, sql::Database&)
 {
     return find(database, "n's t") && find(database, "%");
@@ -440,6 +455,7 @@ const Task tasks[] = {
     {"Several programs at once", shareFile},
     {"Stop what is running", stopRun},
     {"From version to version", migrateFile},
+    {"Functions of your own", callFunctions},
     {"Look for texts", lookForTexts},
     {"Names from outside", quoteNames},
     {"Times as texts", tellTimes},

@@ -70,7 +70,7 @@ CALL = """
 LIBRARIES = {"sqlwrapper": ""}
 if os.environ["PREPARED"] == "1":
     LIBRARIES["sqlprepared"] = ('#include "SqlBackup.h"\n#include "SqlBlob.h"\n#include "SqlGroupCommit.h"\n'
-                                '#include "SqlMigration.h"\n'
+                                '#include "SqlFunction.h"\n#include "SqlMigration.h"\n'
                                 '#include "SqlPreparedTable.h"\n#include "SqlSettings.h"\n'
                                 '#include "SqlStopFlag.h"\n'
                                 "#include <thread>\n")

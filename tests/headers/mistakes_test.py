@@ -15,6 +15,7 @@ PROGRAM = """
 #include "SqlGroupCommit.h"
 #include "SqlBackup.h"
 #include "SqlLiteral.h"
+#include "SqlFunction.h"
 #include "SqlMigration.h"
 #include "SqlPreparedTable.h"
 #include "SqlSettings.h"
@@ -144,6 +145,8 @@ class MistakesTest(unittest.TestCase):
             "sql::Savepoint s(database); s.commit()",
             "sql::inTransaction(database, [] { return true; })",
             'sql::backupDatabase(database, "")', 'sql::restoreDatabase(database, "")',
+            'sql::addFunction(database, "one", [] { return 1; })',
+            'sql::removeFunction(database, "one", 0)',
             'const sql::MigrationStep steps[] = {{1, ""}}; sql::migrate(database, steps)',
             "sql::Settings().apply(database)", "sql::checkIntegrity(database, sql::check_full)",
             "sql::checkpoint(database, sql::checkpoint_full)", "sql::optimize(database)",

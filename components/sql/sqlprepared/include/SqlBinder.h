@@ -66,6 +66,7 @@ public:
     }
 
 private:
+    friend struct FunctionCall;
     friend class Statement; // binds it
     friend class PreparedTable;
     friend struct RecordAccess;
@@ -114,11 +115,15 @@ public:
     const char* read(std::vector<unsigned char>& bytes) const; ///< Stores a copy of the block.
 
 private:
-    friend class Statement; // stands at its row
+    friend struct FunctionCall; // whose arguments are cells without a statement
+    friend class Statement;     // stands at its row
 
     SQLWRAPPER_LOCAL const char* readOther(integer& number) const;
     SQLWRAPPER_LOCAL const char* readOther(double& number) const;
 
+    explicit Column(sqlite3_value* value) : _statement(nullptr), _value(value)
+    {
+    }
     Column(Statement& statement, sqlite3_value* value) : _statement(&statement), _value(value)
     {
     }

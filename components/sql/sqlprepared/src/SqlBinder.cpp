@@ -72,7 +72,7 @@ string Column::asString() const
 std::string_view Column::asText() const
 {
     std::string_view text;
-    if (!isNull() && read(text) != nullptr)
+    if (!isNull() && read(text) != nullptr && _statement != nullptr)
         _statement->keepFailure("column", Statement::State::broken, SQLITE_NOMEM, no_memory);
     return text;
 }
@@ -80,7 +80,7 @@ std::string_view Column::asText() const
 Bytes Column::asBytes() const
 {
     Bytes bytes;
-    if (!isNull() && read(bytes) != nullptr)
+    if (!isNull() && read(bytes) != nullptr && _statement != nullptr)
         _statement->keepFailure("column", Statement::State::broken, SQLITE_NOMEM, no_memory);
     return bytes;
 }
@@ -164,7 +164,9 @@ const char* Column::read(std::string_view& text) const
         return is_null;
     const void* const bytes = sqlite3_value_text(_value);
     if (bytes == nullptr) // a cell that there is no memory for is NULL from then on
-        return sqlite3_errcode(_statement->_connection) == SQLITE_NOMEM ? no_memory : is_null;
+        return _statement != nullptr && sqlite3_errcode(_statement->_connection) == SQLITE_NOMEM
+                   ? no_memory
+                   : is_null;
     text = std::string_view(static_cast<const char*>(bytes), sqlite3_value_bytes(_value));
     return nullptr;
 }

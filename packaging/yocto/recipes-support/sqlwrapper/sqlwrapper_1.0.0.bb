@@ -37,6 +37,7 @@ FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlBinder.h \
     ${includedir}/sqlwrapper/SqlBlob.h \
     ${includedir}/sqlwrapper/SqlGroupCommit.h \
+    ${includedir}/sqlwrapper/SqlFunction.h \
     ${includedir}/sqlwrapper/SqlLiteral.h \
     ${includedir}/sqlwrapper/SqlMigration.h \
     ${includedir}/sqlwrapper/SqlPreparedTable.h \
