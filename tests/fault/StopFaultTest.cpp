@@ -2,6 +2,7 @@
 // SQLite's own steps: what is said to be done is there, all of it, nothing else is, and the same work
 // is done once the flag is cleared.
 
+#include "SqlBackup.h"
 #include "SqlGroupCommit.h"
 #include "SqlMigration.h"
 #include "SqlPreparedTable.h"
@@ -21,6 +22,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -190,6 +192,30 @@ bool commitsAGroup(Shop& shop)
     return group.flush();
 }
 
+std::string beside(Shop& shop, const std::string& name)
+{
+    return std::string(sqlite3_db_filename(shop.handle(), "main")) + name;
+}
+
+bool backsUp(Shop& shop)
+{
+    const std::string file = beside(shop, "-backup");
+    std::filesystem::remove(file);
+    const bool isDone = static_cast<bool>(sql::backupDatabase(shop.database, file));
+    EXPECT_EQ(std::filesystem::exists(file), isDone);
+    EXPECT_FALSE(std::filesystem::exists(file + "-unfinished"));
+    EXPECT_TRUE(!isDone || test::contents(file) == test::contents(beside(shop, "")));
+    return isDone;
+}
+
+bool restores(Shop& shop)
+{
+    const std::string file = beside(shop, "-other");
+    if (!std::filesystem::exists(file))
+        test::Connection(file).run("create table other (id); insert into other values (1), (2)");
+    return static_cast<bool>(sql::restoreDatabase(shop.database, file));
+}
+
 const Work works[] = {
     byStatement("Update", "update product set price = price + 1, name = name || '!'"),
     byStatement("Insert", "insert into archive select * from product"),
@@ -208,6 +234,8 @@ const Work works[] = {
     {"Copy", copies},
     {"Transaction", changesTogether},
     {"Script", runsScript},
+    {"Backup", backsUp},
+    {"Restore", restores},
     {"Migration", migrates},
     {"GroupCommit", commitsAGroup},
     {"TransactionOfTheDatabase", changesByTheDatabase},
