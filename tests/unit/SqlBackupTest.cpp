@@ -103,7 +103,7 @@ protected:
 
 TEST_F(SqlBackupTest, NewFileHasAllThereIsAndStandsAlone)
 {
-    for (const sql::BackupCheck check : {sql::check_none, sql::check_quick, sql::check_full}) {
+    for (const sql::IntegrityCheck check : {sql::check_none, sql::check_quick, sql::check_full}) {
         BackupOptions options;
         options.check = check;
         const auto pages = sql::backupDatabase(_database, _copy, options);

@@ -1,21 +1,13 @@
 #ifndef SQLPREPARED_SQLBACKUP_H
 #define SQLPREPARED_SQLBACKUP_H
 
-#include "SqlResult.h"
+#include "SqlSettings.h"
 
-#include <chrono>
 #include <functional>
 
 #pragma GCC visibility push(default)
 
 namespace sql {
-
-/// How a copy is checked before it takes the place of what was there.
-enum BackupCheck {
-    check_none,  ///< not at all
-    check_quick, ///< by SQLite's quick_check: the pages and rows
-    check_full   ///< by its integrity_check: the indexes against their tables, too
-};
 
 /// How a backup or a restore is done.
 ///
@@ -29,7 +21,7 @@ enum BackupCheck {
 ///     if (!pages)
 ///         std::puts(pages.error().text().c_str());
 struct BackupOptions {
-    BackupCheck check = check_quick; ///< How the copy is checked.
+    IntegrityCheck check = check_quick; ///< How the copy is checked before it takes its place.
 
     /// Is told after every few pages how many are copied, of how many. Returns false to stop. Onto
     /// an existing file all pages are copied twice, and told once more from the beginning. It does
