@@ -2,6 +2,7 @@
 //
 //     prepared DATABASE
 
+#include "SqlBackup.h"
 #include "SqlFunction.h"
 #include "SqlGroupCommit.h"
 #include "SqlLiteral.h"
@@ -439,6 +440,22 @@ bool lookAfter(sql::Database& database, sql::Database&)
     return true;
 }
 
+bool backUp(sql::Database& database, sql::Database&)
+{
+    sql::BackupOptions options;
+    options.patience = std::chrono::seconds(2);
+    options.progress = [](sql::integer done, sql::integer total) {
+        return done <= total; // false stops
+    };
+    for (const auto& job : {sql::backupDatabase, sql::restoreDatabase}) {
+        const sql::Result<sql::integer> pages = job(database, "backup.db", options);
+        if (!pages)
+            return report(pages.error());
+    }
+    std::printf("backed up, and restored\n");
+    return true;
+}
+
 struct Task {
     const char* heading;
     bool (*run)(sql::Database& database, sql::Database& other);
@@ -468,6 +485,7 @@ const Task tasks[] = {
     {"Many small writes", collectWrites},
     {"Settings of a connection", applySettings},
     {"Look after a file", lookAfter},
+    {"Backup and restore", backUp},
 };
 
 int fail(const char* what)

@@ -46,17 +46,19 @@ BAD_FILES = {
     "scan": (NOT_OPENED, f"{UNREADABLE}: {NO_DATABASE}"),
     "settings": ("cannot open a.db", "cannot open a.db"),
     "sharing": ("cannot prepare the database", "cannot prepare the database"),
+    "snapshot": (NOT_OPENED, f"cannot back up: FOLDER/a.db: {NO_DATABASE}"),
     "transaction": (UNOPENED, UNREADABLE),
     "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
 # What is only built where there is sqlprepared.
-OF_STATEMENTS = {"care", "cleanup", "config", "import", "logger", "meter", "migrate", "queue", "scan"}
+OF_STATEMENTS = {"care", "cleanup", "config", "import", "logger", "meter", "migrate", "queue", "scan", "snapshot"}
 if not PREPARED:
     BAD_FILES = {name: errors for name, errors in BAD_FILES.items() if name not in OF_STATEMENTS}
 KEY = "secret\n"
 USAGES = {"encryption": "DATABASE <KEY", "import": "DATABASE <LINES", "logger": "DATABASE <READINGS",
           "meter": "DATABASE <READINGS",
-          "noexceptions": "DATABASE <LINES", "scan": "DATABASE [ROWS]"}
+          "noexceptions": "DATABASE <LINES", "scan": "DATABASE [ROWS]",
+          "snapshot": "DATABASE [restore]"}
 
 
 def words_of(session):
@@ -121,7 +123,7 @@ class BadFileTest(Test):
         self.write("a.db", content)
         for name, (_, error) in BAD_FILES.items():
             with self.subTest(name):
-                self.assert_fails(error, name, "a.db", given=KEY)
+                self.assert_fails(error.replace("FOLDER", str(self.folder)), name, "a.db", given=KEY)
         self.assertEqual((self.files(), self.bytes()), (["a.db"], content))
 
 
@@ -315,6 +317,25 @@ class PreparedTest(Test):
             status = pathlib.Path(f"/proc/{program.pid}/status").read_text(encoding="utf-8")
             caught = int(re.search(r"^SigCgt:\s(\w+)$", status, re.MULTILINE)[1], 16)
             time.sleep(0.01)
+
+    def test_snapshot_goes_back_to_what_was(self):
+        self.make("create table t (a); insert into t values ('tea')")
+        for mode in ("delete", "wal"):
+            self.query(f"pragma journal_mode = {mode}")
+            self.assert_prints("2 pages backed up\n", "snapshot", "a.db")
+            self.query("delete from t")
+            self.assert_prints("2 pages restored\n", "snapshot", "a.db", "restore")
+            self.assertEqual(self.query("select * from t"), [("tea",)])
+        self.assertEqual(self.query("select * from t", "a.db.bak"), [("tea",)])
+        self.assertEqual(self.files(), ["a.db", "a.db.bak"])
+
+    def test_snapshot_is_not_restored_from_what_is_none(self):
+        self.make("create table t (a)")
+        before = self.bytes("a.db")
+        self.assert_fails("cannot restore: a.db.bak: unable to open database file", "snapshot", "a.db", "restore")
+        self.write("a.db.bak", b"This is no database.\n" * 100)
+        self.assert_fails(f"cannot restore: a.db.bak: {NO_DATABASE}", "snapshot", "a.db", "restore")
+        self.assertEqual(self.bytes("a.db"), before)
 
     FIRST = ("create table customer (id integer primary key, name text);"
              "create table visit (id integer primary key, customer references customer, day text);"

@@ -12,21 +12,20 @@ namespace sql {
 /// How a backup or a restore is done.
 ///
 ///     sql::BackupOptions options;
-///     options.check = sql::check_full;
 ///     options.progress = [](sql::integer done, sql::integer total) {
 ///         std::printf("%lld of %lld pages\n", done, total);
 ///         return true; // false stops
 ///     };
 ///     const auto pages = sql::backupDatabase(database, "backup.db", options);
-///     if (!pages)
-///         std::puts(pages.error().text().c_str());
+///     if (pages)
+///         std::puts("backed up"); // backed up
 struct BackupOptions {
     IntegrityCheck check = check_quick; ///< How the copy is checked before it takes its place.
 
     /// Is told after every few pages how many are copied, of how many. Returns false to stop. Onto
     /// an existing file all pages are copied twice, and told once more from the beginning. It does
     /// not throw, and leaves the database alone.
-    std::function<bool(integer done, integer total)> progress;
+    std::function<bool(integer done, integer total)> progress{};
 
     /// How long other connections' locks are waited for, at each place.
     std::chrono::milliseconds patience{0};
