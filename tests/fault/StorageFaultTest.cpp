@@ -4,6 +4,7 @@
 
 #include "Cases.h"
 #include "Diagnostics.h"
+#include "Disk.h"
 #include "Environment.h"
 #include "FaultVfs.h"
 #include "Sqlite.h"
@@ -17,9 +18,12 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <new>
+#include <random>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace {
 
@@ -169,13 +173,14 @@ const Work works[] = {{"Store", store}, {"Overwrite", overwrite}, {"Fetch", fetc
 struct Figures : testing::Environment {
     void TearDown() override
     {
-        std::printf("faults: %d, %d of them without effect, %d told too late\n", faults, harmless,
-                    late);
+        std::printf("faults: %d, %d of them without effect, %d told too late; power cuts: %d\n",
+                    faults, harmless, late, cuts);
     }
 
     int faults = 0;
     int harmless = 0;
     int late = 0;
+    int cuts = 0;
 };
 
 Figures& figures = *new Figures;
@@ -264,5 +269,107 @@ std::string nameOfCase(const testing::TestParamInfo<StorageFaultTest::ParamType>
 
 INSTANTIATE_TEST_SUITE_P(Works, StorageFaultTest, Combine(ValuesIn(works), ValuesIn(causes)),
                          nameOfCase);
+
+// --- Power cuts
+
+struct Journal : test::Case {
+    std::string setting;
+};
+
+class BlobCutTest : public testing::TestWithParam<std::tuple<Work, Journal>> {
+protected:
+    static bool work(const std::string& file)
+    {
+        sql::Database database;
+        if (!database.open(file, sql::Database::access_create, false, 0))
+            return false;
+        test::run(database.getHandle(), "pragma cache_size = 10; " + setting());
+        return std::get<0>(GetParam()).run(database);
+    }
+
+    void removeFiles() const
+    {
+        for (const auto& entry : std::filesystem::directory_iterator(_directory.path()))
+            std::filesystem::remove(entry.path());
+    }
+
+    // What is left when the power fails before each call that changes something, and in the end.
+    std::vector<test::Files> lossesOf(unsigned int seed) const
+    {
+        removeFiles();
+        std::vector<test::Files> losses;
+        test::Disk disk({"", 512, true});
+        std::mt19937 random(seed);
+        bool isFilled = false;
+        test::FaultVfs vfs;
+        vfs.pretendDisk(512, SQLITE_IOCAP_POWERSAFE_OVERWRITE);
+        vfs.before = [&](const test::FileAccess& access) {
+            if (isFilled && test::changesDisk(access))
+                losses.push_back(disk.afterPowerLoss(random));
+            return SQLITE_OK;
+        };
+        vfs.after = [&](const test::FileAccess& access) {
+            disk.take(access);
+        };
+        test::Connection(_file).run(
+            setting()
+            + "; create table file (id integer primary key, content);"
+              "insert into file values (1, cast(replace(hex(zeroblob(10000)), '0', 'a') as blob))");
+        isFilled = true;
+        EXPECT_TRUE(work(_file));
+        losses.push_back(disk.afterPowerLoss(random));
+        return losses;
+    }
+
+    std::string contents() const
+    {
+        test::Connection db(_file);
+        EXPECT_EQ(db.rows("pragma integrity_check"), "ok");
+        return db.rows("select id, length(content), cast(content as text) from file");
+    }
+
+    const test::TemporaryDirectory _directory;
+    const std::string _file = _directory.file("files.db");
+
+private:
+    static const std::string& setting()
+    {
+        return std::get<1>(GetParam()).setting;
+    }
+};
+
+TEST_P(BlobCutTest, PowerCutAtEveryWriteLeavesTheOldBlobsOrTheNew)
+{
+    const unsigned int seeds = test::longRun() ? 10 : 1;
+    for (unsigned int seed = 1; seed <= seeds && !HasFailure(); ++seed) {
+        const std::vector<test::Files> losses = lossesOf(seed);
+        EXPECT_GT(losses.size(), 20U);
+        const std::string after = contents();
+        std::string before;
+        const std::size_t stride = losses.size() > 100 ? test::stride(5) : 1;
+        for (std::size_t i = 0; i < losses.size() && !HasFailure(); i += stride) {
+            removeFiles();
+            for (const auto& [path, bytes] : losses[i])
+                test::writeFile(path, bytes);
+            const std::string there = contents();
+            if (i == 0)
+                before = there;
+            EXPECT_THAT(there, testing::AnyOf(before, after)) << "before call " << i;
+            ++figures.cuts;
+        }
+        EXPECT_NE(before, after);
+    }
+}
+
+const Journal journals[] = {
+    {"RemovedAndSyncedJournal", "pragma synchronous = extra"},
+    {"WriteAheadLog", "pragma journal_mode = wal; pragma synchronous = full"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Journals, BlobCutTest,
+                         Combine(testing::Values(works[0], works[1]), ValuesIn(journals)),
+                         [](const auto& chosen) {
+                             return std::get<0>(chosen.param).name + std::get<1>(chosen.param).name;
+                         });
 
 } // namespace
