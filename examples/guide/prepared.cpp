@@ -3,6 +3,7 @@
 //     prepared DATABASE
 
 #include "SqlBackup.h"
+#include "SqlBlob.h"
 #include "SqlFunction.h"
 #include "SqlGroupCommit.h"
 #include "SqlLiteral.h"
@@ -13,6 +14,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <optional>
 #include <thread>
 #include <tuple>
@@ -250,6 +252,34 @@ bool callFunctions(sql::Database& database, sql::Database&)
     return true;
 }
 
+bool storePieces(sql::Database& database, sql::Database&)
+{
+    if (!sql::runScript(database, "create table if not exists picture (content blob)"))
+        return false;
+
+    sql::Transaction transaction(database, sql::begin_immediate);
+    sql::Statement add(database, "insert into picture (content) values (zeroblob(?))");
+    if (!transaction.isOpen() || !add.run(200000))
+        return report(sql::lastError(database));
+    const sql::integer key = *add.lastKey();
+    sql::Blob blob(database, "picture", "content", key, sql::blob_write);
+    const auto camera = [](void* buffer, std::size_t size) {
+        std::memset(buffer, 7, size);
+        return true;
+    };
+    if (!blob.writeAll(camera) || !blob.release())
+        return report(blob.error());
+    if (!transaction.commit())
+        return report(transaction.error());
+
+    sql::Blob stored(database, "picture", "content", key, sql::blob_read);
+    unsigned char header[2] = {};
+    if (!stored.read(0, header, sizeof header))
+        return report(stored.error());
+    std::printf("%lld bytes, the first %d\n", stored.size(), header[0]);
+    return true;
+}
+
 bool lookForTexts(sql::Database& database, sql::Database&)
 {
     return find(database, "n's t") && find(database, "%");
@@ -473,6 +503,7 @@ const Task tasks[] = {
     {"Stop what is running", stopRun},
     {"From version to version", migrateFile},
     {"Functions of your own", callFunctions},
+    {"Blobs in pieces", storePieces},
     {"Look for texts", lookForTexts},
     {"Names from outside", quoteNames},
     {"Times as texts", tellTimes},

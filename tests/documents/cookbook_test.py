@@ -36,6 +36,7 @@ BAD_FILES = {
     "config": (NOT_OPENED, f"cannot change the settings: {NO_DATABASE}"),
     "encryption": (UNOPENED, "not with this key, or no database" if ENCRYPTS else NO_ENCRYPTION),
     "events": (UNOPENED, UNREADABLE),
+    "files": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "import": (NOT_OPENED, f"{UNREADABLE}: {NO_DATABASE}"),
     "logger": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "meter": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
@@ -51,11 +52,13 @@ BAD_FILES = {
     "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
 # What is only built where there is sqlprepared.
-OF_STATEMENTS = {"care", "cleanup", "config", "import", "logger", "meter", "migrate", "queue", "scan", "snapshot"}
+OF_STATEMENTS = {"care", "cleanup", "config", "files", "import", "logger", "meter", "migrate", "queue", "scan",
+                 "snapshot"}
 if not PREPARED:
     BAD_FILES = {name: errors for name, errors in BAD_FILES.items() if name not in OF_STATEMENTS}
 KEY = "secret\n"
-USAGES = {"encryption": "DATABASE <KEY", "import": "DATABASE <LINES", "logger": "DATABASE <READINGS",
+USAGES = {"encryption": "DATABASE <KEY", "files": "DATABASE <FILE >COPY",
+          "import": "DATABASE <LINES", "logger": "DATABASE <READINGS",
           "meter": "DATABASE <READINGS",
           "noexceptions": "DATABASE <LINES", "scan": "DATABASE [ROWS]",
           "snapshot": "DATABASE [restore]"}
@@ -367,6 +370,16 @@ class PreparedTest(Test):
             self.assert_fails(f"cannot upgrade the file: {error}", "migrate", file)
             self.assertEqual(self.bytes(file), before)
         self.assertEqual(self.files(), ["0.db", "1.db", "2.db"])
+
+    def test_files_are_stored_and_fetched(self):
+        contents = ["", "a line\n", "0123456789abcde\n" * 20000]
+        for content in contents:
+            self.write("input", content)
+            with open(self.folder / "input", encoding="utf-8") as file:
+                self.assert_ends(self.start("files", "a.db", stdin=file), 0, content)
+        self.assertEqual(self.query("select typeof(content), length(content) from file"),
+                         [("blob", len(content)) for content in contents])
+        self.assert_fails("the input is no file", "files", "a.db")
 
     def test_jobs_are_taken_once_by_whomever(self):
         jobs = [f"thing {number}" for number in range(50)]

@@ -81,8 +81,8 @@ public:
     }
 
     /// Closes it. Outside a transaction that commits what was written; returns false if that fails,
-    /// or SQLite could not read or write before, and nothing is stored then. A transaction can be committed only
-    /// after it. Does nothing if it is not open.
+    /// or SQLite could not read or write before, and nothing is stored then. A transaction can be
+    /// committed only after it. Does nothing if it is not open.
     [[nodiscard]] bool release();
 
     /// Returns why the latest operation failed; no failure if it did not. Lives as long as this.

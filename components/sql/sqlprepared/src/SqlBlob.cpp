@@ -82,6 +82,8 @@ bool Blob::open(const string& table, const string& column, integer rowid, int mo
 // no longer be what it is made of.
 int Blob::findGenerated(const string& table, bool& found) const
 {
+    if (sqlite3_libversion_number() < 3031000) // which has none
+        return SQLITE_OK;
     sqlite3_stmt* statement = nullptr;
     const char text[] = "select 1 from pragma_table_xinfo(?, 'main') where hidden > 1";
     const int rc = sqlite3_prepare_v2(_connection, text, sizeof text, &statement, nullptr);
