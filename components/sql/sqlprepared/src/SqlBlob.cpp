@@ -173,7 +173,7 @@ bool Blob::forEachPiece(const char* operation, bool writes, const Piece& piece)
     const integer end = size();
     const std::unique_ptr<char[]> buffer(new char[std::min(end, piece_size)]);
     for (integer offset = 0; offset < end; offset += piece_size) {
-        const std::size_t count = std::min(end - offset, piece_size);
+        const auto count = static_cast<std::size_t>(std::min(end - offset, piece_size));
         const auto transferred = [&] {
             return isUsable(operation, writes)
                    && transfer(operation, writes, offset, buffer.get(), count);
