@@ -197,13 +197,15 @@ TEST_F(SqlBackupTest, WriterInAnotherThreadDoesNotKeepItFromItsEnd)
     std::atomic<bool> ends(false);
     std::thread writer([this, &ends] {
         test::Connection own(_file);
-        own.run("pragma synchronous = off");
+        own.run("pragma busy_timeout = 60000; pragma synchronous = off");
         while (!ends)
             own.run("begin; delete from product where id = 1;"
                     "insert into product values (1, printf('%0400d', 1)); commit");
     });
+    BackupOptions options;
+    options.patience = milliseconds(60000);
     for (int i = 0; i < 5; ++i) {
-        EXPECT_TRUE(sql::backupDatabase(_database, _copy));
+        EXPECT_TRUE(sql::backupDatabase(_database, _copy, options));
         EXPECT_EQ(contents(_copy), std::string(all) + " ok delete");
     }
     ends = true;

@@ -13,9 +13,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <clocale>
 #include <cstdio>
+#include <cstring>
 #include <memory>
-#include <system_error>
 
 namespace sql {
 
@@ -58,9 +59,15 @@ const char* reasonOf(int rc)
     return sqlite3_errstr(rc);
 }
 
-string reasonOf(const std::error_code& error)
+// In the same words wherever it runs.
+string reasonOfSystem(int error)
 {
-    return error.message();
+    const locale_t plain = ::newlocale(LC_ALL_MASK, "C", nullptr);
+    if (plain == nullptr)
+        return "error " + intToStr(error) + " of the system";
+    const string reason = ::strerror_l(error, plain);
+    ::freelocale(plain);
+    return reason;
 }
 
 int codeOfSystem(int error, int otherwise)
@@ -73,8 +80,7 @@ int codeOfSystem(int error, int otherwise)
 Error failedAsSystem(const Work& work, int otherwise, const string& file)
 {
     const int error = errno;
-    return failed(work.operation, codeOfSystem(error, otherwise), file,
-                  reasonOf(std::error_code(error, std::generic_category())));
+    return failed(work.operation, codeOfSystem(error, otherwise), file, reasonOfSystem(error));
 }
 
 Error stopped(const Work& work)
