@@ -48,10 +48,14 @@ STANDARD_TYPES = (
     (r"std::vector<unsigned char, std::allocator<unsigned char> ?>", "std::vector<unsigned char>"),
     (r"std::chrono::duration<long(?: long)?, std::ratio<1l+, 1000l+> ?>", "std::chrono::milliseconds"),
     (r"std::chrono::time_point<std::chrono::_V2::system_clock, [^()]*?1000000000l+> ?> ?>",
-     "std::chrono::system_clock::time_point"))
+     "std::chrono::system_clock::time_point"),
+    (r"(?<=void\*, )unsigned (int|long)\b", "std::size_t"))
 
 # What only the templates in the headers call, by its class's name.
-INTERNAL = {"sql::GroupCommit::Write": {"Write", "~Write", "end"},
+INTERNAL = {"sql": {"migrateSteps"},
+            "sql::Blob": {"readPieces", "writePieces"},
+            "sql::FunctionCall": {"argumentAt", "isRead"},
+            "sql::GroupCommit::Write": {"Write", "~Write", "end"},
             "sql::PreparedTable": {"deleteByKey", "hasKey", "readByKey", "selectWith"},
             "sql::PreparedTable::Bulk": {"Bulk", "~Bulk", "add", "addRest", "finish", "stop"},
             "sql::RecordCursor": {"nextOwn"},
@@ -156,6 +160,7 @@ class HtmlTest(unittest.TestCase):
     def test_does_not_show_marks_that_were_not_understood(self):
         for file in sorted(HTML.glob("*.html")):
             text = re.sub(r"<(script|pre)\b.*?</\1>", "", file.read_text(encoding="utf-8"), flags=re.S)
+            text = re.sub(r'<div class="line">.*', "", text) # of code
             with self.subTest(file.name):
                 marks = re.findall(r"ilinebr|%%|&lt;/?t[dtr]\b|\{#\w+\}|\]\([^)]", text)
                 self.assertEqual(marks, [])

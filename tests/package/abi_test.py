@@ -89,10 +89,11 @@ SQLPREPARED = {
     "a parameter of a function that a member points at": (
         [(STATEMENT, "const char* (*read)(const Column& column, void* variable);",
           "const char* (*read)(const Column& column, void* variable, int more);"),
+         (STATEMENT, "[](const Column& column, void* target)", "[](const Column& column, void* target, int)"),
          ("src/SqlStatement.cpp", "variables[i].variable)", "variables[i].variable, 0)")], BROKEN),
     "another type that a template's result holds": (
-        [(STATEMENT, "Result<int> runScript", "Result<integer> runScript"),
-         ("src/SqlStatement.cpp", "Result<int> runScript", "Result<integer> runScript")], BROKEN),
+        [("include/SqlSettings.h", "Result<bool> optimize", "Result<int> optimize"),
+         ("src/SqlSettings.cpp", "Result<bool> optimize", "Result<int> optimize")], BROKEN),
 }
 CHANGES = {("sqlwrapper", what): change for what, change in SQLWRAPPER.items()}
 CHANGES.update({("sqlprepared", what): change for what, change in SQLPREPARED.items()})

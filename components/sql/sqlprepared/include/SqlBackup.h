@@ -16,8 +16,7 @@ namespace sql {
 ///         std::printf("%lld of %lld pages\n", done, total);
 ///         return true; // false stops
 ///     };
-///     const auto pages = sql::backupDatabase(database, "backup.db", options);
-///     if (pages)
+///     if (sql::backupDatabase(database, "backup.db", options))
 ///         std::puts("backed up"); // backed up
 struct BackupOptions {
     IntegrityCheck check = check_quick; ///< How the copy is checked before it takes its place.

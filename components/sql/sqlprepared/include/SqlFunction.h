@@ -18,7 +18,7 @@ namespace sql {
 ///
 ///     sql::FunctionOptions options;
 ///     options.isDeterministic = true;
-///     const auto area = [](double width, double height) { return width * height; };
+///     const auto area = [](double a, double b) { return a * b; };
 ///     if (!sql::addFunction(database, "area", area, options))
 ///         return 1;
 ///     sql::Statement ask(database, "select area(2, 1.5)");
@@ -33,10 +33,10 @@ struct FunctionCall;
 
 /// What SQLite owns of a function: the object, and what works on it.
 struct FunctionObject {
-    void* object;
-    void (*call)(void* object, FunctionCall& call);
-    void (*destroy)(void* object);
-    int argumentCount;
+    void* object;                                   ///< A copy of the callable.
+    void (*call)(void* object, FunctionCall& call); ///< Calls it.
+    void (*destroy)(void* object);                  ///< Deletes it.
+    int argumentCount;                              ///< How many arguments it has.
 };
 
 /// One call of a C++ function by SQL: what addFunction() makes its thunks of.
@@ -58,10 +58,7 @@ struct FunctionCall {
     void giveNoMemory();                   ///< Makes the statement fail for want of memory.
 
 private:
-    friend Result<bool> addFunctionObject(Database& database, const string& name,
-                                          FunctionObject function, FunctionOptions options);
-
-    SQLWRAPPER_LOCAL static void run(sqlite3_context* context, int, sqlite3_value** arguments);
+    friend struct FunctionAccess; // what SQLite calls
 
     FunctionCall(sqlite3_context* context, sqlite3_value** arguments)
         : _context(context), _arguments(arguments)
@@ -85,9 +82,11 @@ Result<bool> addFunctionObject(Database& database, const string& name, FunctionO
 template <typename Callable, typename Signature = decltype(&Callable::operator())>
 struct FunctionThunk;
 
+/// How SQL calls a callable with these arguments and this result.
 template <typename Callable, typename Returned, typename... Arguments> struct FunctionThunkOf {
-    static constexpr int argument_count = sizeof...(Arguments);
+    static constexpr int argument_count = sizeof...(Arguments); ///< How many arguments it has.
 
+    /// Calls it, and lets no exception out.
     static void call(void* object, FunctionCall& call)
     {
 #ifdef __cpp_exceptions
@@ -105,6 +104,7 @@ template <typename Callable, typename Returned, typename... Arguments> struct Fu
 #endif
     }
 
+    /// Deletes the copy of it.
     static void destroy(void* object)
     {
         delete static_cast<Callable*>(object);
@@ -140,10 +140,12 @@ private:
     }
 };
 
+/// How SQL calls one that stays as it is.
 template <typename Callable, typename Returned, typename... Arguments>
 struct FunctionThunk<Callable, Returned (Callable::*)(Arguments...) const>
     : FunctionThunkOf<Callable, Returned, Arguments...> {
 };
+/// How SQL calls one that changes itself.
 template <typename Callable, typename Returned, typename... Arguments>
 struct FunctionThunk<Callable, Returned (Callable::*)(Arguments...)>
     : FunctionThunkOf<Callable, Returned, Arguments...> {

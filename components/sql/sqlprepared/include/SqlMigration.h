@@ -17,10 +17,11 @@ class SQLWRAPPER_LOCAL Migration; // which is the library's own
 /// What takes a file to a version: statements, or a function.
 ///
 ///     const auto name = [](sql::Database& file) {
-///         return sql::Statement(file, "insert into sensor (name) values ('hall')").run();
+///         sql::Statement add(file, "insert into sensor values ('hall')");
+///         return add.run();
 ///     };
 ///     const sql::MigrationStep steps[] = {
-///         {1, "create table sensor (name); create index by_name on sensor (name)"}, {2, name}};
+///         {1, "create table sensor (name)"}, {2, name}};
 ///     const sql::Result<int> version = sql::migrate(database, steps);
 ///     if (version)
 ///         std::printf("%d\n", *version); // 2

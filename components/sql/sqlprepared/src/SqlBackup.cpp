@@ -65,7 +65,7 @@ string reasonOfSystem(int error)
     const locale_t plain = ::newlocale(LC_ALL_MASK, "C", nullptr);
     if (plain == nullptr)
         return "error " + intToStr(error) + " of the system";
-    const string reason = ::strerror_l(error, plain);
+    string reason = ::strerror_l(error, plain);
     ::freelocale(plain);
     return reason;
 }
@@ -128,9 +128,8 @@ public:
         int rc = sqlite3_prepare_v2(get(), statement, -1, &prepared, nullptr);
         if (rc == SQLITE_OK)
             rc = sqlite3_step(prepared);
-        const Error error = rc == SQLITE_ROW || rc == SQLITE_DONE
-                                ? Error()
-                                : failedAsSqlite(work, get(), rc, file);
+        Error error = rc == SQLITE_ROW || rc == SQLITE_DONE ? Error()
+                                                            : failedAsSqlite(work, get(), rc, file);
         const unsigned char* const text = rc == SQLITE_ROW ? sqlite3_column_text(prepared, 0)
                                                            : nullptr;
         if (text != nullptr)
@@ -270,7 +269,8 @@ Error checkName(const Work& work)
     const string& file = work.file;
     if (file.empty() || file[0] == ':' || file.compare(0, 5, "file:") == 0
         || file.find('\0') != string::npos)
-        return failed(work.operation, SQLITE_MISUSE, file.c_str(), "is no plain name of a file");
+        return failed(work.operation, SQLITE_MISUSE, file.substr(0, file.find('\0')),
+                      "is no plain name of a file");
     return Error();
 }
 
@@ -307,7 +307,7 @@ Error syncFolder(const Work& work)
     const string folder = slash == string::npos ? "." : work.file.substr(0, slash + 1);
     const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const bool isSynced = descriptor >= 0 && ::fsync(descriptor) == 0;
-    const Error error = isSynced ? Error() : failedAsSystem(work, SQLITE_IOERR_DIR_FSYNC, folder);
+    Error error = isSynced ? Error() : failedAsSystem(work, SQLITE_IOERR_DIR_FSYNC, folder);
     if (descriptor >= 0)
         ::close(descriptor);
     return error;

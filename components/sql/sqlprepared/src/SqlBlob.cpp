@@ -12,7 +12,7 @@ namespace sql {
 
 namespace {
 
-constexpr integer piece_size = 64 * 1024;
+constexpr integer piece_size = 65536;
 
 constexpr const char* row_changed = "the row was changed since the blob was opened";
 constexpr const char* has_generated = "a table with generated columns has no blobs in pieces";

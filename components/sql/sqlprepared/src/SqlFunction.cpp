@@ -13,10 +13,13 @@ namespace {
 
 constexpr const char* unknown_exception = "an exception of no known type";
 
+using Object = std::unique_ptr<void, void (*)(void*)>;
+
 // What SQLite keeps for a function.
 struct Kept {
     FunctionObject function;
     string name;
+    Object object;
 };
 
 const Kept& keptOf(sqlite3_context* context)
@@ -27,7 +30,6 @@ const Kept& keptOf(sqlite3_context* context)
 void destroyKept(void* kept)
 {
     const std::unique_ptr<Kept> owner(static_cast<Kept*>(kept));
-    owner->function.destroy(owner->function.object);
 }
 
 // SQLite would take a null pointer for NULL.
@@ -40,13 +42,15 @@ const char* addressOf(Bytes bytes)
 
 // --- Calls ---------------------------------------------------------------------------------------
 
-// For SQLite. The thunk lets no exception out.
-void FunctionCall::run(sqlite3_context* context, int, sqlite3_value** arguments)
-{
-    const FunctionObject& function = keptOf(context).function;
-    FunctionCall call(context, arguments);
-    function.call(function.object, call);
-}
+// The thunk lets no exception out.
+struct SQLWRAPPER_LOCAL FunctionAccess {
+    static void run(sqlite3_context* context, int, sqlite3_value** arguments)
+    {
+        const FunctionObject& function = keptOf(context).function;
+        FunctionCall call(context, arguments);
+        function.call(function.object, call);
+    }
+};
 
 Column FunctionCall::argumentAt(int index)
 {
@@ -98,10 +102,10 @@ void FunctionCall::giveReal(double real)
     sqlite3_result_double(_context, real);
 }
 
-void FunctionCall::giveError(const Error& reason)
+void FunctionCall::giveError(const Error& error)
 {
-    sqlite3_result_error(_context, reason.text().c_str(), -1);
-    sqlite3_result_error_code(_context, reason.extendedCode());
+    sqlite3_result_error(_context, error.text().c_str(), -1);
+    sqlite3_result_error_code(_context, error.extendedCode());
 }
 
 // Throws nothing itself.
@@ -143,16 +147,15 @@ const char* whyNotNamed(const sqlite3* db, const string& name)
 Result<bool> addFunctionObject(Database& database, const string& name, FunctionObject function,
                                FunctionOptions options)
 {
-    std::unique_ptr<void, void (*)(void*)> object(function.object, function.destroy);
+    Object object(function.object, function.destroy);
     sqlite3* const db = database.getHandle();
     if (const char* const why = whyNotNamed(db, name))
         return failed("addFunction", db, name, SQLITE_MISUSE, why);
-    auto kept = std::make_unique<Kept>(Kept{function, name});
-    object.release();
+    auto kept = std::make_unique<Kept>(Kept{function, name, std::move(object)});
     const int flags = SQLITE_UTF8 | (options.isDeterministic ? SQLITE_DETERMINISTIC : 0);
     // SQLite destroys what it does not keep.
     const int rc = sqlite3_create_function_v2(db, name.c_str(), function.argumentCount, flags,
-                                              kept.release(), FunctionCall::run, nullptr, nullptr,
+                                              kept.release(), FunctionAccess::run, nullptr, nullptr,
                                               destroyKept);
     if (rc != SQLITE_OK)
         return failed("addFunction", db, name, extendedCodeOf(db, rc), reasonOf(db, rc));
