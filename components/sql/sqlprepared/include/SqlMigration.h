@@ -22,9 +22,8 @@ class SQLWRAPPER_LOCAL Migration; // which is the library's own
 ///     };
 ///     const sql::MigrationStep steps[] = {
 ///         {1, "create table sensor (name)"}, {2, name}};
-///     const sql::Result<int> version = sql::migrate(database, steps);
-///     if (version)
-///         std::printf("%d\n", *version); // 2
+///     if (sql::migrate(database, steps))
+///         std::puts("version 2"); // version 2
 ///
 /// Borrows texts and function objects, which must outlive it.
 class MigrationStep {

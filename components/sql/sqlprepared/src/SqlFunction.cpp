@@ -43,7 +43,7 @@ const char* addressOf(Bytes bytes)
 // --- Calls ---------------------------------------------------------------------------------------
 
 // The thunk lets no exception out.
-struct SQLWRAPPER_LOCAL FunctionAccess {
+struct FunctionAccess {
     static void run(sqlite3_context* context, int, sqlite3_value** arguments)
     {
         const FunctionObject& function = keptOf(context).function;
