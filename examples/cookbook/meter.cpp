@@ -125,7 +125,7 @@ int main(int argc, char** argv)
     }
     const sql::Result<int> made = sql::runScript(
         database, "create table if not exists reading (id integer primary key, value real not null"
-                  " constraint number check (typeof(value) = 'real'))");
+                  " constraint number check (value + 0 = value))");
     if (!made) {
         fail("make the table", made.error());
         return 1;

@@ -642,7 +642,7 @@ TEST_F(MigrationTest, StopAtAnyPointLeavesTheFileAsItWas)
             ++stopped;
         EXPECT_EQ(there(), former);
     }
-    EXPECT_GT(stopped, 100);
+    EXPECT_GT(stopped, 40);
 }
 
 TEST_F(MigrationTest, NothingBeginsWhileAStopIsAskedFor)
@@ -652,7 +652,12 @@ TEST_F(MigrationTest, NothingBeginsWhileAStopIsAskedFor)
     sql::StopFlag stop(_database);
     stop.set();
     EXPECT_TRUE(migrate(_database, steps).error().isStopped());
+#if SQLITE_VERSION_NUMBER >= 3040000
     expectReport(failed(ask_version, "9=SQLITE_INTERRUPT: interrupted"));
+#else // which does not look whether to stop there
+    expectReport(
+        report::statementFailed("begin", "begin immediate", "9=SQLITE_INTERRUPT: interrupted"));
+#endif
     stop.clear();
     EXPECT_EQ(rows("pragma foreign_keys"), "1");
     EXPECT_EQ(*migrate(_database, steps), 1);

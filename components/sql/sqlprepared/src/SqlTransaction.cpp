@@ -226,8 +226,6 @@ bool TransactionScope::commit()
         return false;
     if (const char* const why = whyNotOpen())
         return fail("commit", sqlite3_sql(_commit), SQLITE_ABORT_ROLLBACK, why);
-    if (isStopRequested(_connection))
-        return failAsSqlite("commit", _commit, SQLITE_INTERRUPT);
     const int rc = commitAs("commit");
     if (rc != SQLITE_DONE)
         return failAsSqlite("commit", _commit, rc);
@@ -238,6 +236,8 @@ bool TransactionScope::commit()
 
 int TransactionScope::commitAs(const char* operation)
 {
+    if (isStopRequested(_connection))
+        return SQLITE_INTERRUPT;
     _committing = true;
     const int rc = run(operation, _commit);
     _committing = false;
