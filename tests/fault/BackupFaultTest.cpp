@@ -2,6 +2,7 @@
 
 #include "Cases.h"
 #include "Diagnostics.h"
+#include "Disk.h"
 #include "Environment.h"
 #include "FaultVfs.h"
 #include "Sqlite.h"
@@ -9,15 +10,87 @@
 
 #include <gmock/gmock.h>
 
+#include <dlfcn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <functional>
-#include <ostream>
+#include <random>
 #include <string>
 #include <vector>
+
+namespace {
+
+// A call by which the library itself changes files: a power cut comes before it, or it fails.
+struct SystemCall {
+    const char* name;
+    std::string path;
+    std::string other; // to which it gives another name
+};
+
+// What an answer other than 0 is becomes the call's failure.
+std::function<int(const SystemCall&)> onCall;
+
+bool fails(const SystemCall& call)
+{
+    errno = onCall ? onCall(call) : 0;
+    return errno != 0;
+}
+
+std::string pathOf(int descriptor)
+{
+    return "/proc/self/fd/" + std::to_string(descriptor);
+}
+
+std::string nameOf(int descriptor)
+{
+    std::error_code ignored;
+    return std::filesystem::read_symlink(pathOf(descriptor), ignored);
+}
+
+template <typename Function> Function* next(const char* name)
+{
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+// In place of the system's. Nothing waits for the disk.
+extern "C" {
+int fsync(int descriptor)
+{
+    return fails({"fsync", nameOf(descriptor), ""}) ? -1 : 0;
+}
+
+int ftruncate(int descriptor, off_t size) noexcept
+{
+    if (fails({"ftruncate", nameOf(descriptor), ""}))
+        return -1;
+    return ::truncate(pathOf(descriptor).c_str(), size);
+}
+
+int renameat2(int fromFolder, const char* from, int toFolder, const char* to,
+              unsigned int flags) noexcept
+{
+    static auto* const real = next<decltype(renameat2)>("renameat2");
+    return fails({"renameat2", from, to}) ? -1 : real(fromFolder, from, toFolder, to, flags);
+}
+
+int link(const char* from, const char* to) noexcept
+{
+    static auto* const real = next<decltype(link)>("link");
+    return fails({"link", from, to}) ? -1 : real(from, to);
+}
+
+int rename(const char* from, const char* to) noexcept
+{
+    static auto* const real = next<decltype(rename)>("rename");
+    return fails({"rename", from, to}) ? -1 : real(from, to);
+}
+}
 
 namespace {
 
@@ -43,12 +116,14 @@ const Job jobs[] = {
 struct Figures : testing::Environment {
     void TearDown() override
     {
-        std::printf("faults: %d, %d of them without effect; kills: %d\n", faults, harmless, kills);
+        std::printf("faults: %d, %d of them without effect; kills: %d; power cuts: %d\n", faults,
+                    harmless, kills, cuts);
     }
 
     int faults = 0;
     int harmless = 0;
     int kills = 0;
+    int cuts = 0;
 };
 
 Figures& figures = *new Figures;
@@ -58,19 +133,29 @@ class BackupFaultTest : public testing::TestWithParam<Job> {
 protected:
     BackupFaultTest()
     {
-        make(_source, "new", 60, "delete");
-        if (GetParam().targetMode != nullptr)
-            make(_target, "old", 90, GetParam().targetMode);
+        makeFiles();
         _sourceBytes = test::readFile(_source);
         _targetBytes = hasTarget() ? test::readFile(_target) : "";
         _new = contents(_source);
         _old = hasTarget() ? contents(_target) : "";
     }
 
-    void setUp() const
+    void clear() const
     {
         for (const auto& entry : std::filesystem::directory_iterator(_directory.path()))
             std::filesystem::remove(entry.path());
+    }
+
+    void makeFiles() const
+    {
+        make(_source, "new", 60, "delete");
+        if (hasTarget())
+            make(_target, "old", 90, GetParam().targetMode);
+    }
+
+    void setUp() const
+    {
+        clear();
         test::writeFile(_source, _sourceBytes);
         if (hasTarget())
             test::writeFile(_target, _targetBytes);
@@ -123,7 +208,10 @@ protected:
     static std::string contents(const std::string& file)
     {
         test::Connection reader(file);
-        return reader.rows("pragma integrity_check") + reader.rows("select * from product");
+        return reader.rows("pragma integrity_check") + " "
+               + reader.rows(
+                   "select count(*), sum(id), sum(substr(name, 4) = printf('%0200d', id)),"
+                   " min(substr(name, 1, 3)), max(substr(name, 1, 3)) from product");
     }
 
     bool hasTarget() const
@@ -268,6 +356,96 @@ TEST_P(BackupFaultTest, KilledProgramLeavesTheOldFileOrTheNew)
             std::printf("at call %d\n", nth);
     }
 }
+
+// --- Power cuts
+
+class BackupCutTest : public BackupFaultTest {
+protected:
+    // What is left when the power fails before each nth call that changes something, and in the end.
+    std::vector<test::Files> lossesOf(const test::DiskKind& kind, unsigned int seed, int stride)
+    {
+        clear();
+        std::vector<test::Files> losses;
+        test::Disk disk(kind);
+        std::mt19937 random(seed);
+        int calls = 0;
+        const auto cut = [&] {
+            if (++calls % stride == 0)
+                losses.push_back(disk.afterPowerLoss(random));
+        };
+        test::FaultVfs vfs;
+        vfs.pretendDisk(kind.sectorSize,
+                        kind.sparesNeighbours ? SQLITE_IOCAP_POWERSAFE_OVERWRITE : 0);
+        vfs.after = [&disk](const FileAccess& access) {
+            if (access.call == FileCall::open && isUnfinished(access.path))
+                disk.make(access.path); // which the library has made
+            else
+                disk.take(access);
+        };
+        makeFiles();
+        disk.syncNames();
+        vfs.before = [&](const FileAccess& access) {
+            if (test::changesDisk(access))
+                cut();
+            return SQLITE_OK;
+        };
+        onCall = [&](const SystemCall& call) {
+            cut();
+            note(call, disk);
+            return 0;
+        };
+        EXPECT_TRUE(run());
+        onCall = nullptr;
+        losses.push_back(disk.afterPowerLoss(random));
+        return losses;
+    }
+
+    void putBack(const test::Files& files) const
+    {
+        clear();
+        for (const auto& [path, bytes] : files)
+            test::writeFile(path, bytes);
+    }
+
+private:
+    static bool isUnfinished(const std::string& path)
+    {
+        const std::string ending = "-unfinished";
+        return path.size() > ending.size()
+               && path.compare(path.size() - ending.size(), ending.size(), ending) == 0;
+    }
+
+    // SQLite's own calls are in what the file system tells.
+    static void note(const SystemCall& call, test::Disk& disk)
+    {
+        if (!call.other.empty())
+            disk.rename(call.path, call.other);
+        else if (std::string(call.name) == "fsync" && isUnfinished(call.path))
+            disk.sync(call.path);
+        else if (std::filesystem::is_directory(call.path))
+            disk.syncNames();
+    }
+};
+
+TEST_P(BackupCutTest, PowerCutAtEveryWriteLeavesTheOldFileOrTheNew)
+{
+    const unsigned int seeds = test::longRun() ? 20 : 1;
+    for (const test::DiskKind& kind : test::disks) {
+        for (unsigned int seed = 1; seed <= seeds && !HasFailure(); ++seed) {
+            const std::vector<test::Files> losses = lossesOf(kind, seed, test::stride(3));
+            for (std::size_t i = 0; i < losses.size() && !HasFailure(); ++i) {
+                putBack(losses[i]);
+                expectWhole(i + 1 == losses.size(), true);
+                expectDoneNextTime();
+                ++figures.cuts;
+                if (HasFailure())
+                    std::printf("%s, seed %u, before call %zu\n", kind.name.c_str(), seed, i);
+            }
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Jobs, BackupCutTest, testing::ValuesIn(jobs), test::NameOfCase());
 
 INSTANTIATE_TEST_SUITE_P(Jobs, BackupFaultTest, testing::ValuesIn(jobs), test::NameOfCase());
 

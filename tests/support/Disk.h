@@ -58,6 +58,35 @@ public:
         }
     }
 
+    // What happens without SQLite: a file is made, renamed, synced, and names are.
+    void make(const std::string& path)
+    {
+        const auto found = _names.find(path);
+        if (found != _names.end() && found->second != no_file)
+            return;
+        _files.emplace_back();
+        rename(path, static_cast<int>(_files.size()) - 1);
+    }
+    void rename(const std::string& from, const std::string& to)
+    {
+        rename(to, _names.at(from));
+        rename(from, no_file);
+    }
+    void sync(const std::string& path)
+    {
+        File& file = fileOf(path);
+        for (const Change& change : file.pending)
+            make(change, file.synced);
+        file.pending.clear();
+        if (_nameToSync.erase(path) > 0)
+            syncNames();
+    }
+    void syncNames()
+    {
+        _syncedNames = _names;
+        _pendingNames.clear();
+    }
+
     bool hasRemovalsPending() const
     {
         return std::any_of(_pendingNames.begin(), _pendingNames.end(),
@@ -113,11 +142,7 @@ private:
         // As SQLite's own file systems do, with the first sync of such a file.
         if ((flags & (SQLITE_OPEN_MAIN_JOURNAL | SQLITE_OPEN_WAL)) != 0)
             _nameToSync.insert(path);
-        const auto found = _names.find(path);
-        if (found != _names.end() && found->second != no_file)
-            return;
-        _files.emplace_back();
-        rename(path, static_cast<int>(_files.size()) - 1);
+        make(path);
     }
 
     void rename(const std::string& path, int number)
@@ -129,22 +154,6 @@ private:
     File& fileOf(const std::string& path)
     {
         return _files.at(_names.at(path));
-    }
-
-    void sync(const std::string& path)
-    {
-        File& file = fileOf(path);
-        for (const Change& change : file.pending)
-            make(change, file.synced);
-        file.pending.clear();
-        if (_nameToSync.erase(path) > 0)
-            syncNames();
-    }
-
-    void syncNames()
-    {
-        _syncedNames = _names;
-        _pendingNames.clear();
     }
 
     static void put(const char* from, std::size_t count, std::size_t offset, std::string& bytes)

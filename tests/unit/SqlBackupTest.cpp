@@ -359,6 +359,33 @@ TEST_F(SqlBackupTest, StoppedRestoreLeavesTheDatabaseAsItWas)
     EXPECT_EQ(contents(_file), std::string(all) + " ok delete");
 }
 
+TEST_F(SqlBackupTest, RestoreGivesTheSynchronousModeBack)
+{
+    ASSERT_TRUE(sql::backupDatabase(_database, _copy));
+    const auto synchronous = [this] {
+        return test::rows(_database.getHandle(), "pragma synchronous");
+    };
+    test::run(_database.getHandle(), "pragma synchronous = normal");
+    sql::StopFlag stop(_database);
+    std::string meanwhile;
+    BackupOptions options;
+    options.progress = [&](sql::integer, sql::integer) {
+        meanwhile = synchronous();
+        return true;
+    };
+    EXPECT_TRUE(sql::restoreDatabase(_database, _copy, options));
+    EXPECT_EQ(meanwhile, "3");
+    EXPECT_EQ(synchronous(), "1");
+    options.progress = [&stop](sql::integer, sql::integer) {
+        stop.set();
+        return true;
+    };
+    expectFailure(sql::restoreDatabase(_database, _copy, options), "restoreDatabase", _copy,
+                  "9=SQLITE_INTERRUPT", "interrupted");
+    stop.clear();
+    EXPECT_EQ(synchronous(), "1");
+}
+
 TEST_F(SqlBackupTest, RestoreWaitsForReaders)
 {
     ASSERT_TRUE(sql::backupDatabase(_database, _copy));

@@ -90,6 +90,25 @@ Error stopped(const Work& work)
 
 // --- Connections ----------------------------------------------------------------------------------
 
+// Runs a statement to its first row, of which `cell` becomes the first one.
+Error run(const Work& work, sqlite3* connection, const char* statement, const string& file,
+          string& cell)
+{
+    TRACE_DEBUG2_AS(work.operation, "stmt='%s'", statement);
+    sqlite3_stmt* prepared = nullptr;
+    int rc = sqlite3_prepare_v2(connection, statement, -1, &prepared, nullptr);
+    if (rc == SQLITE_OK)
+        rc = sqlite3_step(prepared);
+    Error error = rc == SQLITE_ROW || rc == SQLITE_DONE
+                      ? Error()
+                      : failedAsSqlite(work, connection, rc, file);
+    const unsigned char* const text = rc == SQLITE_ROW ? sqlite3_column_text(prepared, 0) : nullptr;
+    if (text != nullptr)
+        cell = reinterpret_cast<const char*>(text);
+    sqlite3_finalize(prepared);
+    return error;
+}
+
 struct Close {
     void operator()(sqlite3* connection) const
     {
@@ -120,31 +139,13 @@ public:
         return _connection.get();
     }
 
-    // Runs a statement to its first row, of which `cell` becomes the first one.
-    Error run(const Work& work, const char* statement, const string& file, string& cell) const
-    {
-        TRACE_DEBUG2_AS(work.operation, "stmt='%s'", statement);
-        sqlite3_stmt* prepared = nullptr;
-        int rc = sqlite3_prepare_v2(get(), statement, -1, &prepared, nullptr);
-        if (rc == SQLITE_OK)
-            rc = sqlite3_step(prepared);
-        Error error = rc == SQLITE_ROW || rc == SQLITE_DONE ? Error()
-                                                            : failedAsSqlite(work, get(), rc, file);
-        const unsigned char* const text = rc == SQLITE_ROW ? sqlite3_column_text(prepared, 0)
-                                                           : nullptr;
-        if (text != nullptr)
-            cell = reinterpret_cast<const char*>(text);
-        sqlite3_finalize(prepared);
-        return error;
-    }
-
     // From now on it sees one state of the file.
     Error beginReading(const Work& work, const string& file) const
     {
         string cell;
-        if (Error error = run(work, "begin", file, cell))
+        if (Error error = run(work, get(), "begin", file, cell))
             return error;
-        return run(work, read_something, file, cell);
+        return run(work, get(), read_something, file, cell);
     }
 
 private:
@@ -167,12 +168,43 @@ Error check(const Work& work, const Own& own, const string& file)
     const bool isFull = work.options.check == check_full;
     const char* const statement = isFull ? "pragma main.integrity_check(1)"
                                          : "pragma main.quick_check(1)";
-    if (Error error = own.run(work, statement, file, answer))
+    if (Error error = run(work, own.get(), statement, file, answer))
         return error;
     if (answer != "ok")
         return failed(work.operation, SQLITE_CORRUPT, file, "the check says: " + answer);
     return Error();
 }
+
+// SQLite cuts a file that becomes smaller behind its commit. Should the power fail then, a journal that
+// comes back would find pages missing: the removal of the journal is synced meanwhile, too.
+class SyncedRemoval {
+public:
+    SyncedRemoval() = default;
+    SyncedRemoval(const SyncedRemoval&) = delete;
+    SyncedRemoval& operator=(const SyncedRemoval&) = delete;
+    ~SyncedRemoval()
+    {
+        if (!_former.empty())
+            sqlite3_exec(_connection, ("pragma main.synchronous = " + _former).c_str(), nullptr,
+                         nullptr, nullptr);
+    }
+
+    Error begin(const Work& work, sqlite3* connection, const string& file)
+    {
+        string former;
+        if (Error error = run(work, connection, "pragma main.synchronous", file, former))
+            return error;
+        if (Error error = run(work, connection, "pragma main.synchronous = extra", file, _former))
+            return error;
+        _connection = connection;
+        _former = std::move(former);
+        return Error();
+    }
+
+private:
+    sqlite3* _connection = nullptr;
+    string _former;
+};
 
 // --- Copying --------------------------------------------------------------------------------------
 
@@ -449,7 +481,7 @@ Error settle(const Work& work, const string& copy)
     string mode;
     if (Error error = own.open(work, copy, SQLITE_OPEN_READWRITE))
         return error;
-    if (Error error = own.run(work, "pragma main.journal_mode = delete", copy, mode))
+    if (Error error = run(work, own.get(), "pragma main.journal_mode = delete", copy, mode))
         return error;
     if (mode != "delete")
         return failed(work.operation, SQLITE_ERROR, copy, "the journal mode stays " + mode);
@@ -463,6 +495,9 @@ Result<integer> copyInto(const Work& work, const string& copy)
     if (Error error = source.open(work, copy, SQLITE_OPEN_READONLY))
         return error;
     if (Error error = target.open(work, work.file, SQLITE_OPEN_READWRITE))
+        return error;
+    SyncedRemoval synced;
+    if (Error error = synced.begin(work, target.get(), work.file))
         return error;
     return Copy(target.get(), source.get()).run(work, work.file);
 }
@@ -520,6 +555,9 @@ Result<integer> restore(const Work& work)
     if (Error error = source.beginReading(work, work.file))
         return error;
     if (Error error = check(work, source, work.file))
+        return error;
+    SyncedRemoval synced;
+    if (Error error = synced.begin(work, work.connection, work.file))
         return error;
     return Copy(work.connection, source.get()).run(work, work.file);
 }
