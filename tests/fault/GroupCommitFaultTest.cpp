@@ -13,10 +13,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <map>
 #include <optional>
 #include <random>
-#include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -33,7 +31,6 @@ using test::Cause;
 using test::FileAccess;
 using test::FileCall;
 using test::Shop;
-using test::Target;
 using test::Trouble;
 using testing::IsEmpty;
 
@@ -153,10 +150,9 @@ private:
 
 // --- Faults
 
-class GroupCommitFaultTest : public testing::TestWithParam<std::tuple<Cause, bool, const char*>> {
+class GroupCommitFaultTest : public test::TroubleTest {
 protected:
-    // True when the cause has struck.
-    bool workWithTrouble(int nth)
+    bool workWithTrouble(int nth) override
     {
         const auto& [cause, lasts, journal] = GetParam();
         test::Diagnostics diagnostics;
@@ -222,16 +218,12 @@ private:
     // What is lost is told; a failure has its reason; without one there is silence.
     static void expectReports(test::Diagnostics& diagnostics, bool struck, const Account& account)
     {
-        std::set<int> codes = std::get<0>(GetParam()).codes;
-        codes.insert({SQLITE_ABORT, SQLITE_CONSTRAINT}); // after a loss
+        expectReasons(diagnostics.errors());
         std::size_t lost = 0;
         const std::string words = "Writes of a group that are lost: ";
         for (const std::string& error : diagnostics.errors()) {
             if (error.compare(0, words.size(), words) == 0)
                 lost += static_cast<std::size_t>(std::stoi(error.substr(words.size())));
-            if (error.compare(0, 5, "  rc=") == 0) {
-                EXPECT_EQ(codes.count(std::stoi(error.substr(5)) & 0xff), 1U) << error;
-            }
         }
         EXPECT_EQ(lost, account.lost.size());
         EXPECT_TRUE(struck || (account.committed == keysTo(14) && diagnostics.events().empty()));
@@ -243,19 +235,7 @@ private:
 
 TEST_P(GroupCommitFaultTest, WhatIsNotLostIsThereAndWhatIsLostIsCounted)
 {
-    const Target target = std::get<0>(GetParam()).target;
-    const std::map<Target, int> usual = {
-        {Target::instruction, 13}, {Target::sqlite_memory, 7}, {Target::statement, 1}};
-    const int stride = test::stride(usual.count(target) != 0 ? usual.at(target) : 3);
-    int nth = 1;
-    for (long blocks = 0; nth < test::most_points && workWithTrouble(nth) && !HasFailure();) {
-        EXPECT_TRUE(nth == 1 || test::heapInUse() == blocks) << test::heapInUse() - blocks;
-        blocks = test::heapInUse();
-        nth += stride;
-    }
-    EXPECT_LT(nth, test::most_points);
-    if (HasFailure())
-        std::printf("at %d\n", nth);
+    tryAllPoints();
 }
 
 void violate(sqlite3* db)
@@ -264,47 +244,16 @@ void violate(sqlite3* db)
                  nullptr, nullptr);
 }
 
-void fillUp(sqlite3* db)
-{
-    sqlite3_exec(db, "pragma max_page_count = 1", nullptr, nullptr,
-                 nullptr); // no more than there are
-}
-
-const Cause other_causes[] = {
-    {"NoMemory", Target::sqlite_memory, {SQLITE_NOMEM, SQLITE_IOERR}},
-#ifdef TEST_HEAP
-    {"NoHeap", Target::heap, {}},
-#endif
-    {"Interrupt", Target::instruction, {SQLITE_INTERRUPT}},
-    {"Stop",
-     Target::statement,
-     {SQLITE_INTERRUPT},
-     FileCall::open,
-     SQLITE_OK,
-     sqlite3_interrupt,
-     true},
-    {"Conflict", Target::statement, {}, FileCall::open, SQLITE_OK, violate},
-    {"FullFile", Target::statement, {SQLITE_FULL}, FileCall::open, SQLITE_OK, fillUp},
-};
-
-std::string nameOfCase(const testing::TestParamInfo<GroupCommitFaultTest::ParamType>& chosen)
-{
-    const auto& [cause, lasts, journal] = chosen.param;
-    return cause.name + (lasts ? "Lasting" : "Once") + (journal == std::string("wal") ? "Wal" : "");
-}
-
-INSTANTIATE_TEST_SUITE_P(File, GroupCommitFaultTest,
-                         testing::Combine(testing::ValuesIn(test::file_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+INSTANTIATE_TEST_SUITE_P(File, GroupCommitFaultTest, test::everyWay(test::file_causes),
+                         test::NameOfWay());
 INSTANTIATE_TEST_SUITE_P(Journal, GroupCommitFaultTest,
-                         testing::Combine(testing::ValuesIn(test::journal_causes), testing::Bool(),
-                                          testing::Values("delete")),
-                         nameOfCase);
-INSTANTIATE_TEST_SUITE_P(Other, GroupCommitFaultTest,
-                         testing::Combine(testing::ValuesIn(other_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+                         test::everyWayWithoutALog(test::journal_causes), test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Memory, GroupCommitFaultTest, test::everyWay(test::memory_causes),
+                         test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Interrupt, GroupCommitFaultTest,
+                         test::everyWay(std::vector{test::interrupt_cause}), test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Statement, GroupCommitFaultTest,
+                         test::everyWay(test::statementCauses(violate)), test::NameOfWay());
 
 // A commit that is lost takes the write with it that asked for it, which is told and not counted.
 TEST(GroupCommitLossTest, WriteWhoseCommitIsLostIsNotCounted)

@@ -20,7 +20,6 @@
 #include <random>
 #include <set>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
@@ -134,10 +133,9 @@ const Versions& versions()
 
 // --- Faults
 
-class MigrationFaultTest : public testing::TestWithParam<std::tuple<Cause, bool, const char*>> {
+class MigrationFaultTest : public test::TroubleTest {
 protected:
-    // True when the cause has struck.
-    bool migrateWithTrouble(int nth)
+    bool workWithTrouble(int nth) override
     {
         const auto& [cause, lasts, journal] = GetParam();
         test::Diagnostics diagnostics;
@@ -189,49 +187,20 @@ private:
 TEST_P(MigrationFaultTest, LeavesTheOldFileOrTheNewAndTheNextOneSucceeds)
 {
     versions();
-    const Target target = std::get<0>(GetParam()).target;
-    const int stride = test::stride(target == Target::instruction     ? 61
-                                    : target == Target::sqlite_memory ? 23
-                                                                      : 5);
-    int nth = 1;
-    for (long blocks = 0; nth < test::most_points && migrateWithTrouble(nth) && !HasFailure();) {
-        EXPECT_TRUE(nth == 1 || test::heapInUse() == blocks) << test::heapInUse() - blocks;
-        blocks = test::heapInUse();
-        nth += stride;
-    }
-    EXPECT_GT(nth, 1);
-    EXPECT_LT(nth, test::most_points);
-    if (HasFailure())
-        std::printf("at %d\n", nth);
+    tryAllPoints({61, 23, 5});
 }
 
-const Cause other_causes[] = {
-    {"NoMemory", Target::sqlite_memory, {SQLITE_NOMEM, SQLITE_IOERR}},
-#ifdef TEST_HEAP
-    {"NoHeap", Target::heap, {}},
-#endif
-    // What "alter table" asks by itself fails of an interrupt without its code.
-    {"Interrupt", Target::instruction, {SQLITE_INTERRUPT, SQLITE_ERROR}},
-};
+// What "alter table" asks by itself fails of an interrupt without its code.
+const Cause interrupt_cause = {"Interrupt", Target::instruction, {SQLITE_INTERRUPT, SQLITE_ERROR}};
 
-std::string nameOfCase(const testing::TestParamInfo<MigrationFaultTest::ParamType>& chosen)
-{
-    const auto& [cause, lasts, journal] = chosen.param;
-    return cause.name + (lasts ? "Lasting" : "") + (journal == std::string("wal") ? "Wal" : "");
-}
-
-INSTANTIATE_TEST_SUITE_P(File, MigrationFaultTest,
-                         testing::Combine(testing::ValuesIn(test::file_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+INSTANTIATE_TEST_SUITE_P(File, MigrationFaultTest, test::everyWay(test::file_causes),
+                         test::NameOfWay());
 INSTANTIATE_TEST_SUITE_P(Journal, MigrationFaultTest,
-                         testing::Combine(testing::ValuesIn(test::journal_causes), testing::Bool(),
-                                          testing::Values("delete")),
-                         nameOfCase);
-INSTANTIATE_TEST_SUITE_P(Other, MigrationFaultTest,
-                         testing::Combine(testing::ValuesIn(other_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+                         test::everyWayWithoutALog(test::journal_causes), test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Memory, MigrationFaultTest, test::everyWay(test::memory_causes),
+                         test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Interrupt, MigrationFaultTest,
+                         test::everyWay(std::vector{interrupt_cause}), test::NameOfWay());
 
 // --- Power cuts and kills
 

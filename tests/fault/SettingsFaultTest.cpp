@@ -9,7 +9,6 @@
 
 #include <cstdio>
 #include <iterator>
-#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -19,7 +18,6 @@
 
 namespace {
 
-using test::Cause;
 using test::FileCall;
 using test::Shop;
 using test::Target;
@@ -48,10 +46,9 @@ Figures& figures = *new Figures;
 testing::Environment* const printFigures = testing::AddGlobalTestEnvironment(&figures);
 
 // From the journal that the file has to the other one.
-class SettingsFaultTest : public testing::TestWithParam<std::tuple<Cause, bool, const char*>> {
+class SettingsFaultTest : public test::TroubleTest {
 protected:
-    // True when the cause has struck.
-    bool workWithTrouble(int nth)
+    bool workWithTrouble(int nth) override
     {
         const auto& [cause, lasts, journal] = GetParam();
         test::Diagnostics diagnostics;
@@ -193,52 +190,24 @@ private:
 
 TEST_P(SettingsFaultTest, WhatIsSaidToBeAppliedIsAndWhatFailedIsReported)
 {
-    const Target target = std::get<0>(GetParam()).target;
-    const std::map<Target, int> usual = {{Target::instruction, 13}, {Target::sqlite_memory, 7}};
-    const int stride = test::stride(usual.count(target) != 0 ? usual.at(target) : 3);
-    int nth = 1;
-    for (long blocks = 0; nth < test::most_points && workWithTrouble(nth) && !HasFailure();) {
-        EXPECT_TRUE(nth == 1 || test::heapInUse() == blocks) << test::heapInUse() - blocks;
-        blocks = test::heapInUse();
-        nth += stride;
-    }
-    EXPECT_LT(nth, test::most_points);
-    if (HasFailure())
-        std::printf("at %d\n", nth);
+    tryAllPoints();
 }
 
-const Cause other_causes[] = {
-    {"NoMemory", Target::sqlite_memory, {SQLITE_NOMEM, SQLITE_IOERR}},
-#ifdef TEST_HEAP
-    {"NoHeap", Target::heap, {}},
-#endif
-    {"Interrupt", Target::instruction, {SQLITE_INTERRUPT}},
-};
-
-std::string nameOfCase(const testing::TestParamInfo<SettingsFaultTest::ParamType>& chosen)
-{
-    const auto& [cause, lasts, journal] = chosen.param;
-    return cause.name + (lasts ? "Lasting" : "Once") + (journal == std::string("wal") ? "Wal" : "");
-}
-
-INSTANTIATE_TEST_SUITE_P(File, SettingsFaultTest,
-                         testing::Combine(testing::ValuesIn(test::file_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+INSTANTIATE_TEST_SUITE_P(File, SettingsFaultTest, test::everyWay(test::file_causes),
+                         test::NameOfWay());
 INSTANTIATE_TEST_SUITE_P(Journal, SettingsFaultTest,
-                         testing::Combine(testing::ValuesIn(std::begin(test::journal_causes) + 1,
-                                                            std::end(test::journal_causes)),
-                                          testing::Bool(), testing::Values("delete", "wal")),
-                         nameOfCase);
+                         test::everyWay(std::vector(std::begin(test::journal_causes) + 1,
+                                                    std::end(test::journal_causes))),
+                         test::NameOfWay());
 // Once only: a log that stays locked is tried again for ten seconds.
 INSTANTIATE_TEST_SUITE_P(Lock, SettingsFaultTest,
                          testing::Combine(testing::Values(test::journal_causes[0]),
                                           testing::Values(false), testing::Values("delete", "wal")),
-                         nameOfCase);
-INSTANTIATE_TEST_SUITE_P(Other, SettingsFaultTest,
-                         testing::Combine(testing::ValuesIn(other_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+                         test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Memory, SettingsFaultTest, test::everyWay(test::memory_causes),
+                         test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Interrupt, SettingsFaultTest,
+                         test::everyWay(std::vector{test::interrupt_cause}), test::NameOfWay());
 
 // --- Two at once
 

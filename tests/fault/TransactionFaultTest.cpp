@@ -10,20 +10,15 @@
 
 #include <cstdio>
 #include <map>
-#include <set>
 #include <sstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
 
 using sql::Savepoint;
 using sql::Transaction;
-using test::Cause;
-using test::FileCall;
 using test::Shop;
-using test::Target;
 using test::Trouble;
 using testing::IsEmpty;
 
@@ -203,10 +198,9 @@ struct Figures : testing::Environment {
 Figures& figures = *new Figures;
 testing::Environment* const printFigures = testing::AddGlobalTestEnvironment(&figures);
 
-class TransactionFaultTest : public testing::TestWithParam<std::tuple<Cause, bool, const char*>> {
+class TransactionFaultTest : public test::TroubleTest {
 protected:
-    // True when the cause has struck.
-    bool workWithTrouble(int nth)
+    bool workWithTrouble(int nth) override
     {
         const auto& [cause, lasts, journal] = GetParam();
         test::Diagnostics diagnostics;
@@ -274,13 +268,7 @@ private:
     static void expectReports(test::Diagnostics& diagnostics, bool returned, bool struck,
                               bool committed)
     {
-        std::set<int> codes = std::get<0>(GetParam()).codes;
-        codes.insert({SQLITE_ABORT, SQLITE_CONSTRAINT}); // after a loss
-        for (const std::string& error : diagnostics.errors()) {
-            if (error.compare(0, 5, "  rc=") != 0)
-                continue;
-            EXPECT_EQ(codes.count(std::stoi(error.substr(5)) & 0xff), 1U) << error;
-        }
+        expectReasons(diagnostics.errors());
         EXPECT_TRUE(committed || !returned || !diagnostics.errors().empty());
         EXPECT_TRUE(struck || (committed && diagnostics.errors().empty()));
         EXPECT_THAT(diagnostics.assertions(), IsEmpty());
@@ -289,20 +277,7 @@ private:
 
 TEST_P(TransactionFaultTest, NothingOfALostOneStaysAndNothingAfterItIsCommitted)
 {
-    const Target target = std::get<0>(GetParam()).target;
-    const std::map<Target, int> usual = {
-        {Target::instruction, 13}, {Target::sqlite_memory, 7}, {Target::statement, 1}};
-    const int stride = test::stride(usual.count(target) != 0 ? usual.at(target) : 3);
-    int nth = 1;
-    for (long blocks = 0; nth < test::most_points && workWithTrouble(nth) && !HasFailure();) {
-        EXPECT_TRUE(nth == 1 || test::heapInUse() == blocks) << test::heapInUse() - blocks;
-        blocks = test::heapInUse();
-        nth += stride;
-    }
-    EXPECT_GT(nth, 1);
-    EXPECT_LT(nth, test::most_points);
-    if (HasFailure())
-        std::printf("at %d\n", nth);
+    tryAllPoints();
 }
 
 void violate(sqlite3* db)
@@ -311,46 +286,15 @@ void violate(sqlite3* db)
                  nullptr);
 }
 
-void fillUp(sqlite3* db)
-{
-    sqlite3_exec(db, "pragma max_page_count = 1", nullptr, nullptr,
-                 nullptr); // no more than there are
-}
-
-const Cause other_causes[] = {
-    {"NoMemory", Target::sqlite_memory, {SQLITE_NOMEM, SQLITE_IOERR}},
-#ifdef TEST_HEAP
-    {"NoHeap", Target::heap, {}},
-#endif
-    {"Interrupt", Target::instruction, {SQLITE_INTERRUPT}},
-    {"Stop",
-     Target::statement,
-     {SQLITE_INTERRUPT},
-     FileCall::open,
-     SQLITE_OK,
-     sqlite3_interrupt,
-     true},
-    {"Conflict", Target::statement, {}, FileCall::open, SQLITE_OK, violate},
-    {"FullFile", Target::statement, {SQLITE_FULL}, FileCall::open, SQLITE_OK, fillUp},
-};
-
-std::string nameOfCase(const testing::TestParamInfo<TransactionFaultTest::ParamType>& chosen)
-{
-    const auto& [cause, lasts, journal] = chosen.param;
-    return cause.name + (lasts ? "Lasting" : "Once") + (journal == std::string("wal") ? "Wal" : "");
-}
-
-INSTANTIATE_TEST_SUITE_P(File, TransactionFaultTest,
-                         testing::Combine(testing::ValuesIn(test::file_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+INSTANTIATE_TEST_SUITE_P(File, TransactionFaultTest, test::everyWay(test::file_causes),
+                         test::NameOfWay());
 INSTANTIATE_TEST_SUITE_P(Journal, TransactionFaultTest,
-                         testing::Combine(testing::ValuesIn(test::journal_causes), testing::Bool(),
-                                          testing::Values("delete")),
-                         nameOfCase);
-INSTANTIATE_TEST_SUITE_P(Other, TransactionFaultTest,
-                         testing::Combine(testing::ValuesIn(other_causes), testing::Bool(),
-                                          testing::Values("delete", "wal")),
-                         nameOfCase);
+                         test::everyWayWithoutALog(test::journal_causes), test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Memory, TransactionFaultTest, test::everyWay(test::memory_causes),
+                         test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Interrupt, TransactionFaultTest,
+                         test::everyWay(std::vector{test::interrupt_cause}), test::NameOfWay());
+INSTANTIATE_TEST_SUITE_P(Statement, TransactionFaultTest,
+                         test::everyWay(test::statementCauses(violate)), test::NameOfWay());
 
 } // namespace

@@ -6,17 +6,24 @@
 // too.
 
 #include "Cases.h"
+#include "Diagnostics.h"
+#include "Environment.h"
 #include "FaultVfs.h"
 #include "SqliteMemory.h"
 #ifdef TEST_HEAP
 #include "Heap.h"
 #endif
 
+#include <gmock/gmock.h>
 #include <sqlite3.h>
 
+#include <cstdio>
 #include <functional>
 #include <new>
 #include <set>
+#include <string>
+#include <tuple>
+#include <vector>
 
 namespace test {
 
@@ -154,6 +161,111 @@ inline const Cause journal_causes[] = {
     {"AccessError", Target::file, io_codes, FileCall::access, SQLITE_IOERR_ACCESS},
     {"RemoveError", Target::file, io_codes, FileCall::remove, SQLITE_IOERR_DELETE},
     {"SizeError", Target::file, io_codes, FileCall::size, SQLITE_IOERR_FSTAT},
+};
+
+inline const Cause memory_causes[] = {
+    {"NoMemory", Target::sqlite_memory, {SQLITE_NOMEM, SQLITE_IOERR}},
+#ifdef TEST_HEAP
+    {"NoHeap", Target::heap, {}},
+#endif
+};
+
+inline const Cause interrupt_cause = {"Interrupt", Target::instruction, {SQLITE_INTERRUPT}};
+
+inline void fillUp(sqlite3* db)
+{
+    sqlite3_exec(db, "pragma max_page_count = 1", nullptr, nullptr,
+                 nullptr); // no more than there are
+}
+
+// What ends a transaction between two statements: `violate` by a conflict that rolls it back.
+inline std::vector<Cause> statementCauses(void (*violate)(sqlite3* db))
+{
+    const auto at = [](const char* name, const std::set<int>& codes, void (*strike)(sqlite3*)) {
+        return Cause{name, Target::statement, codes, FileCall::open, SQLITE_OK, strike};
+    };
+    Cause stop = at("Stop", {SQLITE_INTERRUPT}, sqlite3_interrupt);
+    stop.standsAtARow = true;
+    return {stop, at("Conflict", {}, violate), at("FullFile", {SQLITE_FULL}, fillUp)};
+}
+
+// How far it is from one point that is tried to the next, where not all are.
+struct Strides {
+    int instruction = 13;
+    int sqliteMemory = 7;
+    int other = 3;
+};
+
+// Work on a file with one of the journals, that a cause strikes at its points, once or lasting.
+class TroubleTest : public testing::TestWithParam<std::tuple<Cause, bool, const char*>> {
+protected:
+    // True when the cause has struck at its nth target.
+    virtual bool workWithTrouble(int nth) = 0;
+
+    // Whatever strikes where, no memory stays behind.
+    void tryAllPoints(const Strides& strides = {})
+    {
+        const int stride = test::stride(usual(strides));
+        int nth = 1;
+        for (long blocks = 0; nth < most_points && workWithTrouble(nth) && !HasFailure();) {
+            EXPECT_TRUE(nth == 1 || heapInUse() == blocks) << heapInUse() - blocks;
+            blocks = heapInUse();
+            nth += stride;
+        }
+        EXPECT_GT(nth, 1);
+        EXPECT_LT(nth, most_points);
+        if (HasFailure())
+            std::printf("at %d\n", nth);
+    }
+
+    // Each reason that was reported is of the cause, or what a loss brings with it.
+    static void expectReasons(const std::vector<std::string>& errors)
+    {
+        std::set<int> codes = std::get<0>(GetParam()).codes;
+        codes.insert({SQLITE_ABORT, SQLITE_CONSTRAINT});
+        for (const std::string& error : errors) {
+            const bool isReason = error.compare(0, 5, "  rc=") == 0;
+            EXPECT_TRUE(!isReason || codes.count(std::stoi(error.substr(5)) & 0xff) == 1) << error;
+        }
+    }
+
+private:
+    static int usual(const Strides& strides)
+    {
+        switch (std::get<0>(GetParam()).target) {
+        case Target::instruction:
+            return strides.instruction;
+        case Target::sqlite_memory:
+            return strides.sqliteMemory;
+        case Target::statement:
+            return 1;
+        case Target::file:
+        case Target::heap:
+            break;
+        }
+        return strides.other;
+    }
+};
+
+// The cases of a TroubleTest, which test::NameOfWay() names.
+template <typename Causes> auto everyWay(const Causes& causes)
+{
+    return testing::Combine(testing::ValuesIn(causes), testing::Bool(),
+                            testing::Values("delete", "wal"));
+}
+
+template <typename Causes> auto everyWayWithoutALog(const Causes& causes)
+{
+    return testing::Combine(testing::ValuesIn(causes), testing::Bool(), testing::Values("delete"));
+}
+
+struct NameOfWay {
+    template <typename Any> std::string operator()(const testing::TestParamInfo<Any>& info) const
+    {
+        const auto& [cause, lasts, journal] = info.param;
+        return cause.name + (lasts ? "Lasting" : "Once")
+               + (journal == std::string("wal") ? "Wal" : "");
+    }
 };
 
 } // namespace test
