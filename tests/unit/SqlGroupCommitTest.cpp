@@ -352,6 +352,7 @@ TEST_P(GroupCommitTest, WriteWithinAWriteIsRefused)
         expectReport(misused("flush", "a write of the group is under way"));
         return _add->run(2);
     }));
+    EXPECT_FALSE(group.error());
     EXPECT_TRUE(group.flush());
     EXPECT_EQ(there(), "2");
 }
@@ -452,6 +453,20 @@ TEST_P(BusyCommitTest, WritesTryAgainWhenThereAreAsManyMore)
     expectOpen(group, 1);
 }
 
+TEST_P(BusyCommitTest, GroupOfOneTriesAgainWithEachWrite)
+{
+    GroupCommit group(_database, 1, forever);
+    read();
+    for (const int id : {1, 2}) {
+        EXPECT_TRUE(write(group, id));
+        expectBusy();
+        expectOpen(group, id);
+    }
+    letGo();
+    EXPECT_TRUE(write(group, 3));
+    EXPECT_EQ(there(), "1,2,3");
+}
+
 TEST_P(BusyCommitTest, WritesTryAgainALittleLater)
 {
     GroupCommit group(_database, 4, milliseconds(50));
@@ -459,8 +474,10 @@ TEST_P(BusyCommitTest, WritesTryAgainALittleLater)
     EXPECT_TRUE(write(group, 1));
     std::this_thread::sleep_for(milliseconds(51));
     EXPECT_FALSE(group.flush());
+    const auto due = group.due();
+    EXPECT_GT(due, milliseconds(0));
+    EXPECT_LE(due, milliseconds(50)) << "no later than any other group";
     expectBusy();
-    EXPECT_LE(group.due(), milliseconds(50)) << "no later than any other group";
     letGo();
     std::this_thread::sleep_for(milliseconds(51));
     EXPECT_EQ(group.due(), milliseconds(0));
@@ -478,6 +495,29 @@ TEST_P(BusyCommitTest, AtItsEndTheWritesAreLostAndTheLogTells)
     }
     expectReport(joined({report::statementFailed("~GroupCommit", "commit", busy), lost(2)}));
     letGo();
+    EXPECT_EQ(there(), "NULL");
+    EXPECT_TRUE(othersCanWrite());
+}
+
+// The interrupt lasts until the rollback, which it must not stop.
+TEST_P(BusyCommitTest, StopOfTheWaitAtItsEndLosesTheGroup)
+{
+    test::run(_database.getHandle(), "pragma busy_timeout = 60000");
+    sql::StopFlag stop(_database);
+    std::optional<GroupCommit> group(std::in_place, _database, 3, forever);
+    EXPECT_TRUE(write(*group, 1));
+    read();
+    std::thread other([&stop] {
+        std::this_thread::sleep_for(milliseconds(5));
+        stop.set();
+    });
+    group.reset();
+    other.join();
+    expectReport(joined(
+        {report::statementFailed("~GroupCommit", "commit", "9=SQLITE_INTERRUPT: interrupted"),
+         lost(1)}));
+    letGo();
+    EXPECT_NE(sqlite3_get_autocommit(_database.getHandle()), 0);
     EXPECT_EQ(there(), "NULL");
     EXPECT_TRUE(othersCanWrite());
 }
@@ -506,6 +546,46 @@ TEST_P(GroupCommitTest, WhileAStopIsAskedForNothingIsCommittedAndNothingLost)
     EXPECT_FALSE(group.flush());
     EXPECT_TRUE(group.error().isStopped());
     expectReport(report::statementFailed("commit", "commit", "9=SQLITE_INTERRUPT: interrupted"));
+    expectOpen(group, 1);
+    stop.clear();
+    EXPECT_TRUE(group.flush());
+    EXPECT_EQ(there(), "1");
+}
+
+TEST_P(GroupCommitTest, WhileAStopIsAskedForNoWriteBegins)
+{
+    sql::StopFlag stop(_database);
+    GroupCommit group(_database, 3, forever);
+    EXPECT_TRUE(write(group, 1));
+    stop.set();
+    EXPECT_FALSE(group.write([] {
+        ADD_FAILURE() << "it has begun";
+        return true;
+    }));
+    EXPECT_TRUE(group.error().isStopped());
+    expectReport(report::statementFailed("begin", group.error().statement(),
+                                         "9=SQLITE_INTERRUPT: interrupted"));
+    expectOpen(group, 1);
+    stop.clear();
+    EXPECT_TRUE(write(group, 2));
+    EXPECT_FALSE(group.error());
+    EXPECT_TRUE(group.flush());
+    EXPECT_EQ(there(), "1,2");
+}
+
+TEST_P(GroupCommitTest, StopInAWriteUndoesThatAlone)
+{
+    sql::StopFlag stop(_database);
+    GroupCommit group(_database, 3, forever);
+    EXPECT_TRUE(write(group, 1));
+    EXPECT_FALSE(group.write([&] {
+        EXPECT_TRUE(_add->run(2));
+        stop.set();
+        return true;
+    }));
+    EXPECT_TRUE(group.error().isStopped());
+    expectReport(report::statementFailed("commit", group.error().statement(),
+                                         "9=SQLITE_INTERRUPT: interrupted"));
     expectOpen(group, 1);
     stop.clear();
     EXPECT_TRUE(group.flush());

@@ -573,8 +573,35 @@ TEST_F(MigrationTest, OtherConnectionThatWritesIsAFailureWithoutPatience)
     EXPECT_EQ(*migrate(_database, steps), 1);
 }
 
+TEST_F(MigrationTest, FileThatCannotBeReadHasNoKnownVersion)
+{
+    const std::vector<MigrationStep> none;
+    _other.run("begin exclusive");
+    EXPECT_TRUE(migrate(_database, none).error().isBusy());
+    expectReport(report::statementFailed("begin", "begin immediate", locked));
+    _other.run("rollback");
+    EXPECT_EQ(*migrate(_database, none), 0);
+}
+
+// As a program may forbid it, by SQLite's authorizer.
+TEST_F(MigrationTest, VersionThatCannotBeReadInTheTransactionIsAFailure)
+{
+    int asked = 0;
+    const auto forbidSecond = [](void* count, int action, const char* name, const char*,
+                                 const char*, const char*) {
+        const bool isVersion = action == SQLITE_PRAGMA && std::string(name) == "user_version";
+        return isVersion && ++*static_cast<int*>(count) == 2 ? SQLITE_DENY : SQLITE_OK;
+    };
+    sqlite3_set_authorizer(_database.getHandle(), forbidSecond, &asked);
+    expectFailure({{1, "create table t (a)"}}, ask_version, "23=SQLITE_AUTH: not authorized");
+    EXPECT_EQ(asked, 2);
+    sqlite3_set_authorizer(_database.getHandle(), nullptr, nullptr);
+}
+
+// What it has left is its own affair, a reference to nothing, too.
 TEST_F(MigrationTest, OtherConnectionThatMigratesIsWaitedForAndNothingDoneTwice)
 {
+    _other.run("insert into sensor values (8, 9)");
     for (const int further : {0, 1}) {
         _other.run("pragma user_version = 0; begin exclusive; pragma user_version = "
                    + std::to_string(1 + further));

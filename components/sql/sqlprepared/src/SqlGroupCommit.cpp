@@ -36,7 +36,6 @@ GroupCommit::~GroupCommit()
     else
         reportFailure("~GroupCommit", "commit", extendedCodeOf(_connection, rc),
                       reasonOf(_connection, rc));
-    sqlite3_reset(_transaction->_commit);
     drop();
 }
 
@@ -56,7 +55,6 @@ GroupCommit::Write::~Write()
 {
     if (!_part)
         return;
-    _part.reset();
     _group._isWriting = false;
     if (_group.isOpen() && _group._pending == 0)
         _group.drop();
@@ -83,7 +81,6 @@ bool GroupCommit::Write::end(bool isGood)
 
 bool GroupCommit::begin()
 {
-    _error = Error();
     if (!isUsable("write"))
         return false;
     if (isOpen())
@@ -141,7 +138,7 @@ bool GroupCommit::commit(integer writes)
     _error = _transaction->error();
     _since = Clock::now();
     _wait = std::min(_longest, retry_pause);
-    _goal = writes + std::max(_count, 1);
+    _goal = writes + _count;
     isOpen();
     return false;
 }
