@@ -276,6 +276,54 @@ TEST_F(SqlBackupTest, OneCopyAtATimeIsMadeAndThatOfAKilledOneIsTakenOver)
     EXPECT_EQ(contents(_copy), std::string(all) + " ok delete");
 }
 
+// As a kill leaves it where the file system knows no other way to give a new name.
+TEST_F(SqlBackupTest, SecondNameThatAFormerOneHasLeftIsNotWrittenTo)
+{
+    ASSERT_TRUE(sql::backupDatabase(_database, _copy));
+    std::filesystem::create_hard_link(_copy, _unfinished);
+    _other.run("drop index by_name; delete from product");
+    const std::string former = test::readFile(_copy);
+    BackupOptions options;
+    options.progress = [](sql::integer, sql::integer) {
+        return false;
+    };
+    expectFailure(sql::backupDatabase(_database, _copy, options), "backupDatabase", _copy,
+                  "9=SQLITE_INTERRUPT", "stopped by its progress");
+    EXPECT_EQ(test::readFile(_copy), former);
+    EXPECT_EQ(files(), (std::set<std::string>{"copy.db", "shop.db"}));
+}
+
+TEST_F(SqlBackupTest, DatabaseWhoseNameIsThatOfTheCopyOnItsWayIsNotWrittenTo)
+{
+    const std::string misuse = "21=SQLITE_MISUSE";
+    std::filesystem::create_hard_link(_file, _unfinished);
+    expectNoBackup(_copy, _unfinished, misuse, "is the database itself");
+    std::filesystem::remove(_unfinished);
+    std::filesystem::create_symlink(_file, _unfinished);
+    expectNoBackup(_copy, _unfinished, misuse, "is a symbolic link");
+    std::filesystem::remove(_unfinished);
+    std::filesystem::create_directory(_unfinished);
+    expectNoBackup(_copy, _unfinished, misuse, "is no regular file");
+    EXPECT_EQ(contents(_file), std::string(all) + " ok delete");
+}
+
+TEST_F(SqlBackupTest, FileMayHaveMoreThanTwoGigabytes)
+{
+    test::writeFile(_copy, std::string(100, 'x'));
+    std::filesystem::resize_file(_copy, 3ULL << 30);
+    expectNoBackup(_copy, _copy, "26=SQLITE_NOTADB", "file is not a database");
+    EXPECT_EQ(std::filesystem::file_size(_copy), 3ULL << 30);
+}
+
+TEST_F(SqlBackupTest, FileInTheWorkingFolderNeedsNoPath)
+{
+    const std::filesystem::path former = std::filesystem::current_path();
+    std::filesystem::current_path(_directory.path());
+    EXPECT_TRUE(sql::backupDatabase(_database, "copy.db"));
+    std::filesystem::current_path(former);
+    EXPECT_EQ(contents(_copy), std::string(all) + " ok delete");
+}
+
 TEST_F(SqlBackupTest, DamageIsFoundBeforeTheFileIsTouched)
 {
     _other.run("pragma writable_schema = on;"

@@ -16,6 +16,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
 
 namespace sql {
@@ -77,9 +78,8 @@ int codeOfSystem(int error, int otherwise)
     return error == EROFS ? SQLITE_READONLY : otherwise;
 }
 
-Error failedAsSystem(const Work& work, int otherwise, const string& file)
+Error failedAsSystem(const Work& work, int error, int otherwise, const string& file)
 {
-    const int error = errno;
     return failed(work.operation, codeOfSystem(error, otherwise), file, reasonOfSystem(error));
 }
 
@@ -97,16 +97,16 @@ Error run(const Work& work, sqlite3* connection, const char* statement, const st
     TRACE_DEBUG2_AS(work.operation, "stmt='%s'", statement);
     sqlite3_stmt* prepared = nullptr;
     int rc = sqlite3_prepare_v2(connection, statement, -1, &prepared, nullptr);
+    const std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)> owner(prepared,
+                                                                           sqlite3_finalize);
     if (rc == SQLITE_OK)
         rc = sqlite3_step(prepared);
-    Error error = rc == SQLITE_ROW || rc == SQLITE_DONE
-                      ? Error()
-                      : failedAsSqlite(work, connection, rc, file);
+    if (rc != SQLITE_ROW && rc != SQLITE_DONE)
+        return failedAsSqlite(work, connection, rc, file);
     const unsigned char* const text = rc == SQLITE_ROW ? sqlite3_column_text(prepared, 0) : nullptr;
     if (text != nullptr)
         cell = reinterpret_cast<const char*>(text);
-    sqlite3_finalize(prepared);
-    return error;
+    return Error();
 }
 
 struct Close {
@@ -184,26 +184,25 @@ public:
     SyncedRemoval& operator=(const SyncedRemoval&) = delete;
     ~SyncedRemoval()
     {
-        if (!_former.empty())
-            sqlite3_exec(_connection, ("pragma main.synchronous = " + _former).c_str(), nullptr,
-                         nullptr, nullptr);
+        if (_connection != nullptr)
+            sqlite3_exec(_connection, _ending.c_str(), nullptr, nullptr, nullptr);
     }
 
     Error begin(const Work& work, sqlite3* connection, const string& file)
     {
-        string former;
-        if (Error error = run(work, connection, "pragma main.synchronous", file, former))
+        string cell;
+        if (Error error = run(work, connection, "pragma main.synchronous", file, cell))
             return error;
-        if (Error error = run(work, connection, "pragma main.synchronous = extra", file, _former))
+        _ending = "pragma main.synchronous = " + cell;
+        if (Error error = run(work, connection, "pragma main.synchronous = extra", file, cell))
             return error;
         _connection = connection;
-        _former = std::move(former);
         return Error();
     }
 
 private:
     sqlite3* _connection = nullptr;
-    string _former;
+    string _ending; // it ends without memory, too
 };
 
 // --- Copying --------------------------------------------------------------------------------------
@@ -313,9 +312,8 @@ Result<bool> findFile(const Work& work)
     const int error = look(work.file, found);
     if (error == ENOENT)
         return false;
-    errno = error;
     if (error != 0)
-        return failedAsSystem(work, SQLITE_CANTOPEN, work.file);
+        return failedAsSystem(work, error, SQLITE_CANTOPEN, work.file);
     if (const char* const why = whyNotUsable(work.connection, found))
         return failed(work.operation, SQLITE_MISUSE, work.file, why);
     return true;
@@ -338,11 +336,10 @@ Error syncFolder(const Work& work)
     const std::size_t slash = work.file.rfind('/');
     const string folder = slash == string::npos ? "." : work.file.substr(0, slash + 1);
     const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const bool isSynced = descriptor >= 0 && ::fsync(descriptor) == 0;
-    Error error = isSynced ? Error() : failedAsSystem(work, SQLITE_IOERR_DIR_FSYNC, folder);
+    const int error = descriptor >= 0 && ::fsync(descriptor) == 0 ? 0 : errno;
     if (descriptor >= 0)
         ::close(descriptor);
-    return error;
+    return error == 0 ? Error() : failedAsSystem(work, error, SQLITE_IOERR_DIR_FSYNC, folder);
 }
 
 // Gives the file its name, which nobody else has taken meanwhile. Not all file systems can.
@@ -352,18 +349,24 @@ int renameToNew(const char* from, const char* to)
         return 0;
     if (errno != EINVAL && errno != ENOSYS)
         return -1;
-    if (::link(from, to) == 0)
-        return ::unlink(from);
+    if (::link(from, to) == 0) {
+        ::unlink(from); // a name that is left, the next one removes
+        return 0;
+    }
     struct stat found = {};
-    if (errno == EEXIST || look(to, found) != ENOENT)
+    if (errno == EEXIST)
         return -1;
-    return ::rename(from, to);
+    const int error = look(to, found);
+    errno = error == 0 ? EEXIST : error;
+    return error == ENOENT ? ::rename(from, to) : -1;
 }
 
 // The copy on its way, which one job at a time makes. Removed in the end, unless it has its name.
 class Unfinished {
 public:
-    explicit Unfinished(const string& target) : _name(target + "-unfinished")
+    explicit Unfinished(const string& target)
+        : _name(target + "-unfinished"), _leftovers{_name + leftovers[0], _name + leftovers[1],
+                                                    _name + leftovers[2]}
     {
     }
     ~Unfinished()
@@ -382,26 +385,16 @@ public:
         return _name;
     }
 
-    // Who has removed it before the lock was there leaves a file without a name: then once more.
     Error take(const Work& work)
     {
+        if (Error error = checkPlace(work))
+            return error;
         while (_descriptor < 0) {
-            const int descriptor = ::open(_name.c_str(),
-                                          O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
-                                          modeOf(work.connection));
-            if (descriptor < 0)
-                return failedAsSystem(work, SQLITE_CANTOPEN, _name);
-            if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
-                ::close(descriptor);
-                return failed(work.operation, SQLITE_BUSY, _name, "another backup is being made");
-            }
-            if (hasName(descriptor))
-                _descriptor = descriptor;
-            else
-                ::close(descriptor);
+            if (Error error = tryToTake(work))
+                return error;
         }
         if (::ftruncate(_descriptor, 0) != 0)
-            return failedAsSystem(work, SQLITE_IOERR_TRUNCATE, _name);
+            return failedAsSystem(work, errno, SQLITE_IOERR_TRUNCATE, _name);
         removeLeftovers();
         return Error();
     }
@@ -409,13 +402,16 @@ public:
     Error finish(const Work& work)
     {
         if (::fsync(_descriptor) != 0)
-            return failedAsSystem(work, SQLITE_IOERR_FSYNC, _name);
+            return failedAsSystem(work, errno, SQLITE_IOERR_FSYNC, _name);
         if (Error error = checkNoLeftovers(work))
             return error;
         if (renameToNew(_name.c_str(), work.file.c_str()) != 0)
-            return failedAsSystem(work, SQLITE_CANTOPEN, work.file);
+            return failedAsSystem(work, errno, SQLITE_CANTOPEN, work.file);
         _isFinished = true;
-        return syncFolder(work);
+        Error error = syncFolder(work);
+        if (error)
+            ::unlink(work.file.c_str());
+        return error;
     }
 
 private:
@@ -427,12 +423,50 @@ private:
         return ::stat(source.c_str(), &found) == 0 ? found.st_mode & 0666 : 0644;
     }
 
-    bool hasName(int descriptor) const
+    // Neither the database is there nor the target, whose second name a former job may have left.
+    Error checkPlace(const Work& work) const
+    {
+        struct stat found = {};
+        struct stat target = {};
+        if (look(_name, found) != 0)
+            return Error();
+        if (const char* const why = whyNotUsable(work.connection, found))
+            return failed(work.operation, SQLITE_MISUSE, _name, why);
+        const bool isTarget = look(work.file, target) == 0 && isSame(found, target);
+        if (isTarget && ::unlink(_name.c_str()) != 0)
+            return failedAsSystem(work, errno, SQLITE_CANTOPEN, _name);
+        return Error();
+    }
+
+    // Who has removed it before the lock was there leaves a file without a name: then not yet.
+    Error tryToTake(const Work& work)
+    {
+        const int descriptor = ::open(_name.c_str(),
+                                      O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK,
+                                      modeOf(work.connection));
+        if (descriptor < 0)
+            return failedAsSystem(work, errno, SQLITE_CANTOPEN, _name);
+        const int error = lock(descriptor);
+        if (error == 0)
+            _descriptor = descriptor;
+        else
+            ::close(descriptor);
+        if (error == EWOULDBLOCK)
+            return failed(work.operation, SQLITE_BUSY, _name, "another backup is being made");
+        if (error != 0 && error != ENOENT)
+            return failedAsSystem(work, error, SQLITE_IOERR_LOCK, _name);
+        return Error();
+    }
+
+    // Zero if the file is locked and has its name, or what the system says.
+    int lock(int descriptor) const
     {
         struct stat opened = {};
         struct stat named = {};
-        return ::fstat(descriptor, &opened) == 0 && look(_name, named) == 0
-               && isSame(opened, named);
+        if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0 || ::fstat(descriptor, &opened) != 0)
+            return errno;
+        const int error = look(_name, named);
+        return error != 0 || isSame(opened, named) ? error : ENOENT;
     }
 
     void removeAll() const
@@ -442,11 +476,12 @@ private:
     }
     void removeLeftovers() const
     {
-        for (const char* const ending : leftovers)
-            ::unlink((_name + ending).c_str());
+        for (const string& name : _leftovers)
+            ::unlink(name.c_str());
     }
 
     const string _name;
+    const string _leftovers[std::size(leftovers)]; // as above
     int _descriptor = -1;
     bool _isFinished = false;
 };
