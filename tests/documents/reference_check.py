@@ -58,6 +58,8 @@ INTERNAL = {"sql": {"migrateSteps"},
             "sql::GroupCommit::Write": {"Write", "~Write", "end"},
             "sql::PreparedTable": {"deleteByKey", "hasKey", "readByKey", "selectWith"},
             "sql::PreparedTable::Bulk": {"Bulk", "~Bulk", "add", "addRest", "finish", "stop"},
+            "sql::PreparedTable::RecordBulk": {"RecordBulk", "~RecordBulk", "add"},
+            "sql::TableStatements::Bulk": {"addRest", "finish", "stop"},
             "sql::RecordCursor": {"nextOwn"},
             "sql::Statement": {"bindArgument", "positionOf", "readOne", "readRow", "runWith"},
             "sql::TransactionScope": {"TransactionScope", "~TransactionScope"}}

@@ -50,10 +50,14 @@ static_assert(has<bool(Rows, Rows, Going)>(&PreparedTable::addRecords<Rows, Goin
 static_assert(has<bool(PreparedTable&)>(&PreparedTable::copyRecords));
 static_assert(has<sql::RecordCursor(std::string_view, const int&)>(&PreparedTable::select<int>));
 static_assert(has<sql::Result<std::vector<sql::string>>()>(&PreparedTable::checkDeclaration));
-static_assert(has<sql::integer() const>(&PreparedTable::changes));
-static_assert(has<std::optional<sql::integer>() const>(&PreparedTable::lastKey));
-static_assert(has<const sql::Error&() const>(&PreparedTable::error));
-static_assert(has<void()>(&PreparedTable::release));
+template <typename Signature> constexpr bool shares(Signature sql::TableStatements::*)
+{
+    return true;
+}
+static_assert(shares<sql::integer() const>(&PreparedTable::changes));
+static_assert(shares<std::optional<sql::integer>() const>(&PreparedTable::lastKey));
+static_assert(shares<const sql::Error&() const>(&PreparedTable::error));
+static_assert(shares<void()>(&PreparedTable::release));
 
 const std::string taken = "1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: product.id";
 const std::string other_columns = "21=SQLITE_MISUSE: the record has other columns than the table";

@@ -152,7 +152,7 @@ class PreparedTablePrinter(PreparedPrinter):
         return [f"{changes} changed" if changes else "", reason(self.value["_error"])]
 
     def title(self):
-        return f"{super().title()} {plain(self.value['_table'].dereference()['_name'])}"
+        return f"{super().title()} {plain(self.value['_name'])}"
 
 
 class ScopePrinter(PreparedPrinter):

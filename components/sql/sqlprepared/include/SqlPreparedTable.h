@@ -1,11 +1,9 @@
 #ifndef SQLPREPARED_SQLPREPAREDTABLE_H
 #define SQLPREPARED_SQLPREPAREDTABLE_H
 
-#include "SqlStatement.h"
 #include "SqlTable.h"
-#include "SqlTransaction.h"
+#include "SqlTableStatements.h"
 
-#include <forward_list>
 #include <iterator>
 
 #pragma GCC visibility push(default)
@@ -133,7 +131,7 @@ private:
 /// Compiles a statement when it is first needed; release() lets go of them before the database
 /// closes. An operation that fails changes nothing, keeps the reason in error() and reports it once.
 /// Records need the table's columns: the same names in the same order. One thread at a time.
-class PreparedTable {
+class PreparedTable : public TableStatements {
 public:
     PreparedTable(Database& database, const Table& table);           ///< Does not look at the file.
     PreparedTable(Database& database, const Table&& table) = delete; ///< The table has to last.
@@ -201,78 +199,25 @@ public:
     /// does not.
     Result<std::vector<string>> checkDeclaration();
 
-    integer changes() const; ///< Returns how many rows the latest operation has changed.
-
-    /// Returns the integer key of the row that the latest operation added, or nothing.
-    std::optional<integer> lastKey() const;
-
-    const Error& error() const; ///< Returns why the latest operation failed; no failure if not.
-
-    void release(); ///< Lets go of the statements. The next operation compiles anew.
-
 private:
-    enum class Listed { all, keys, others };
-    using Item = string (*)(const string& name, int position);
-
-    enum Work { insert_one, insert_many, update, upsert, remove, exists, read, work_count };
-
-    // Records on their way into a table, in a transaction of its own or a part of the caller's: several a
-    // statement, where there are enough of them. Records that end before the next one are copied.
-    class Bulk : private TransactionScope {
+    // Records that end before the next one are copied.
+    class RecordBulk : public Bulk {
     public:
-        Bulk(const char* operation, PreparedTable& table, bool stays, integer count);
-        Bulk(const Bulk&) = delete;
-        Bulk& operator=(const Bulk&) = delete;
-        ~Bulk();
+        RecordBulk(const char* operation, PreparedTable& table, bool stays, integer count);
+        ~RecordBulk();
 
-        bool isReady() const // compiled, and begun
-        {
-            return _isReady;
-        }
         bool add(const Record& record);
-        bool addRest();
-
-        // After each statement's rows, and so many single ones.
-        template <typename Progress> bool report(Progress& progress)
-        {
-            if (_count < _nextReport)
-                return true;
-            _nextReport = _count + _reportStep;
-            return progress(_count) || stop();
-        }
-        bool finish();
 
     private:
         friend class PreparedTable;
 
-        bool stop();
-        SQLWRAPPER_LOCAL bool compile(integer count);
-        SQLWRAPPER_LOCAL bool start();
         SQLWRAPPER_LOCAL const Record& lasting(const Record& record);
         SQLWRAPPER_LOCAL bool failToTake(int index);
-        SQLWRAPPER_LOCAL bool flush();
-        SQLWRAPPER_LOCAL bool runTogether(int& done);
-        SQLWRAPPER_LOCAL bool failTogether();
-        SQLWRAPPER_LOCAL bool run(Statement& statement, const Argument* cells, int count);
         SQLWRAPPER_LOCAL bool copyAll(Statement& rows);
-        SQLWRAPPER_LOCAL Argument* cellsOf(int row);
 
-        const char* _operation;
         PreparedTable& _table;
-        Statement* _one = nullptr;          // inserts a row
-        Statement* _many = nullptr;         // inserts several
-        const Statement* _latest = nullptr; // that has run
         bool _stays;
-        bool _isReady = false;
-        int _rows = 1;      // that go in together
-        int _pending = 0;   // of them
-        integer _count = 0; // of records that went in
-        integer _added = 0; // of rows that they became
-        integer _reportStep = 0;
-        integer _nextReport = 0;
         std::vector<Record> _records;
-        std::vector<Argument> _cells;
-        std::forward_list<string> _texts;
     };
 
     bool deleteByKey(const Argument& key);
@@ -280,21 +225,7 @@ private:
     Result<bool> readByKey(const Argument& key, Record& record);
     RecordCursor selectWith(std::string_view condition, const Argument* values, int count);
 
-    SQLWRAPPER_LOCAL int columnCount() const;
-    SQLWRAPPER_LOCAL string listed(Listed columns, Item item, const char* between) const;
-    SQLWRAPPER_LOCAL int firstOf(std::string_view name) const;
-    SQLWRAPPER_LOCAL string selectionFrom(const Table& table) const;
-    SQLWRAPPER_LOCAL string insertion() const;
-    SQLWRAPPER_LOCAL string insertionOf(int rows) const;
-    SQLWRAPPER_LOCAL string updating() const;
-    SQLWRAPPER_LOCAL string upserting() const;
-    SQLWRAPPER_LOCAL int rowsAtOnce() const;
-    SQLWRAPPER_LOCAL string textOf(Work work) const;
-
-    SQLWRAPPER_LOCAL void forget();
-    SQLWRAPPER_LOCAL Statement* prepared(const char* operation, Work work);
-    SQLWRAPPER_LOCAL Statement* compiled(const char* operation, Work work);
-    SQLWRAPPER_LOCAL string whyNotCompiled(Work work) const;
+    SQLWRAPPER_LOCAL static Declared declared(const TableStatements& table, int index);
     SQLWRAPPER_LOCAL bool store(const char* operation, Work work, const Record& record);
     SQLWRAPPER_LOCAL bool failToTake(const char* operation, Statement& statement, int index);
     SQLWRAPPER_LOCAL bool failToFind(const char* operation, Statement& statement, const char* why);
@@ -305,23 +236,11 @@ private:
                                               const Argument& given);
     SQLWRAPPER_LOCAL Presence find(const char* operation, Work work, const Argument& key,
                                    const Statement::Variable* variables, int count);
-    SQLWRAPPER_LOCAL bool keep(const Statement& statement, bool isDone);
-    SQLWRAPPER_LOCAL bool fail(const char* operation, const string& text, int rc,
-                               const string& why);
     SQLWRAPPER_LOCAL Error whyNotCopied(const PreparedTable& source) const;
 
-    Database* _database;
-    const Table* _table;
     const FieldSet* _fields;
     std::vector<field_type> _types; // of the columns
     int _keyIndex = -1;             // of the first column of the key
-    int _keyCount = 0;
-    std::optional<Statement> _statements[work_count];
-    std::vector<Argument> _cells;     // of a record
-    std::forward_list<string> _texts; // that some of the cells borrow
-    integer _changes = 0;
-    std::optional<integer> _key;
-    Error _error;
 };
 
 template <typename Iterator, typename Progress>
@@ -331,7 +250,7 @@ bool PreparedTable::addRecords(Iterator begin, Iterator end, Progress&& progress
     constexpr bool again =
         std::is_base_of_v<std::forward_iterator_tag, typename Traits::iterator_category>;
     constexpr bool stays = again && std::is_lvalue_reference_v<typename Traits::reference>;
-    Bulk bulk("addRecords", *this, stays, again ? std::distance(begin, end) : -1);
+    RecordBulk bulk("addRecords", *this, stays, again ? std::distance(begin, end) : -1);
     if (!bulk.isReady())
         return false;
     for (; begin != end; ++begin) {

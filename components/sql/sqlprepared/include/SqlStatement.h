@@ -152,8 +152,9 @@ public:
     string columnName(int index) const;
 
 private:
-    friend class Column;        // a cell that cannot be converted is a failure of the statement's
-    friend class PreparedTable; // runs statements under the names of its own operations
+    friend class Column;          // a cell that cannot be converted is a failure of the statement's
+    friend class TableStatements; // runs statements under the names of its own operations
+    friend class PreparedTable;
     friend class RecordCursor;
     friend class Pragma; // likewise
 

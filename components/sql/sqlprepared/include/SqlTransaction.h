@@ -54,8 +54,8 @@ protected:
     ~TransactionScope();
 
 private:
-    friend class PreparedTable; // begins one when its statements are compiled
-    friend class GroupCommit;   // commits one that ends, without memory
+    friend class TableStatements; // begins one when its statements are compiled
+    friend class GroupCommit;     // commits one that ends, without memory
 
     // Lost: SQLite has rolled back.
     enum class State { unbegun, open, undoing, lost, ended };

@@ -45,6 +45,7 @@ FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlSettings.h \
     ${includedir}/sqlwrapper/SqlStatement.h \
     ${includedir}/sqlwrapper/SqlStopFlag.h \
+    ${includedir}/sqlwrapper/SqlTableStatements.h \
     ${includedir}/sqlwrapper/SqlTransaction.h \
     ${libdir}/cmake/sqlwrapper/sqlpreparedTargets* \
     ${libdir}/libsqlprepared.so \

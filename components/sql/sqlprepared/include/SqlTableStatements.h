@@ -1,0 +1,155 @@
+#ifndef SQLPREPARED_SQLTABLESTATEMENTS_H
+#define SQLPREPARED_SQLTABLESTATEMENTS_H
+
+#include "SqlStatement.h"
+#include "SqlTransaction.h"
+
+#include <forward_list>
+
+#pragma GCC visibility push(default)
+
+namespace sql {
+
+/// What tables with prepared statements have in common: what the latest operation did, and an end.
+///
+///     const auto tell = [](const sql::TableStatements& table) {
+///         if (table.error())
+///             std::puts(table.error().text().c_str());
+///     };
+///     sql::PreparedTable fast(database, products);
+///     if (!fast.addRecord(tea))
+///         tell(fast);
+///
+/// Compiles a statement when it is first needed. One thread at a time.
+class TableStatements {
+public:
+    TableStatements(const TableStatements&) = delete;            ///< One owner of the statements.
+    TableStatements& operator=(const TableStatements&) = delete; ///< One owner of the statements.
+
+    integer changes() const; ///< Returns how many rows the latest operation has changed.
+
+    /// Returns the integer key of the row that the latest operation added, or nothing.
+    std::optional<integer> lastKey() const;
+
+    /// Returns why the latest operation failed; no failure if not. Lives as long as the table.
+    const Error& error() const;
+
+    /// Lets go of the statements: before the database closes. The next operation compiles anew.
+    void release();
+
+private:
+    friend class PreparedTable; // which is one
+
+    enum class Listed { all, keys, others };
+    using Item = string (*)(const string& name, int position);
+
+    enum Work { insert_one, insert_many, update, upsert, remove, exists, read, work_count };
+
+    // A column as it is declared.
+    struct Declared {
+        string name;
+        string type;
+        bool isKey;
+        bool isNotNull;
+    };
+    using Declaration = Declared (*)(const TableStatements& table, int index);
+
+    // Rows on their way into a table, in a transaction of its own or a part of the caller's: several a
+    // statement, where there are enough of them.
+    class Bulk : private TransactionScope {
+    public:
+        Bulk(const Bulk&) = delete;
+        Bulk& operator=(const Bulk&) = delete;
+
+        bool isReady() const // compiled, and begun
+        {
+            return _isReady;
+        }
+        bool addRest();
+
+        // After each statement's rows, and so many single ones.
+        template <typename Progress> bool report(Progress& progress)
+        {
+            if (_count < _nextReport)
+                return true;
+            _nextReport = _count + _reportStep;
+            return progress(_count) || stop();
+        }
+        bool finish();
+
+    protected:
+        SQLWRAPPER_LOCAL Bulk(const char* operation, TableStatements& table, integer count);
+        SQLWRAPPER_LOCAL ~Bulk();
+
+        SQLWRAPPER_LOCAL Argument* nextCells();
+        SQLWRAPPER_LOCAL bool addNext();
+        SQLWRAPPER_LOCAL Statement* failing();
+        SQLWRAPPER_LOCAL bool run(Statement& statement, const Argument* cells, int count);
+
+        const char* _operation;
+        Statement* _one = nullptr;        // inserts a row
+        int _rows = 1;                    // that go in together
+        int _pending = 0;                 // of them
+        std::forward_list<string> _texts; // that some of their cells borrow
+
+    private:
+        bool stop();
+        SQLWRAPPER_LOCAL bool compile(integer count);
+        SQLWRAPPER_LOCAL bool start();
+        SQLWRAPPER_LOCAL Argument* cellsOf(int row);
+        SQLWRAPPER_LOCAL bool flush();
+        SQLWRAPPER_LOCAL bool runTogether(int& done);
+        SQLWRAPPER_LOCAL bool failTogether();
+
+        TableStatements& _table;
+        Statement* _many = nullptr;         // inserts several
+        const Statement* _latest = nullptr; // that has run
+        bool _isReady = false;
+        integer _count = 0; // of rows that went in
+        integer _added = 0; // of rows that they became
+        integer _reportStep = 0;
+        integer _nextReport = 0;
+        std::vector<Argument> _cells;
+    };
+
+    SQLWRAPPER_LOCAL TableStatements(Database& database, int columnCount, Declaration declared);
+    SQLWRAPPER_LOCAL ~TableStatements();
+
+    SQLWRAPPER_LOCAL string listed(Listed columns, Item item, const char* between) const;
+    SQLWRAPPER_LOCAL int firstOf(std::string_view name) const;
+    SQLWRAPPER_LOCAL string selectionFrom(const string& table) const;
+    SQLWRAPPER_LOCAL string insertion() const;
+    SQLWRAPPER_LOCAL string insertionOf(int rows) const;
+    SQLWRAPPER_LOCAL string updating() const;
+    SQLWRAPPER_LOCAL string upserting() const;
+    SQLWRAPPER_LOCAL int rowsAtOnce() const;
+    SQLWRAPPER_LOCAL string textOf(Work work) const;
+    SQLWRAPPER_LOCAL Statement* compiled(const char* operation, Work work);
+    SQLWRAPPER_LOCAL string whyNotCompiled(Work work) const;
+
+    SQLWRAPPER_LOCAL void forget();
+    SQLWRAPPER_LOCAL Statement* prepared(const char* operation, Work work);
+    SQLWRAPPER_LOCAL bool keep(const Statement& statement, bool isDone);
+    SQLWRAPPER_LOCAL bool fail(const char* operation, const string& text, int rc,
+                               const string& why);
+    SQLWRAPPER_LOCAL Result<std::vector<string>> differences(const char* operation);
+
+    Database* _database;
+    int _columnCount;
+    int _keyCount = 0;
+    int _mostKeys = 0; // columns that the operations by a key can have
+    Declaration _declared;
+    string _name;                     // of the table
+    std::vector<Argument> _cells;     // of a row
+    std::forward_list<string> _texts; // that some of the cells borrow
+    Error _error;
+    std::optional<Statement> _statements[work_count];
+    integer _changes = 0;
+    std::optional<integer> _key;
+};
+
+} // namespace sql
+
+#pragma GCC visibility pop
+
+#endif
