@@ -1,5 +1,6 @@
 #include "Diagnostics.h"
 #include "Environment.h"
+#include "Reports.h"
 #include "Shop.h"
 #include "SqlSettings.h"
 #include "Sqlite.h"
@@ -22,7 +23,6 @@ using test::FileCall;
 using test::Shop;
 using test::Target;
 using test::Trouble;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 typedef std::vector<std::pair<std::string, std::string>> Values; // of settings, by their names
@@ -229,9 +229,9 @@ TEST(CheckpointFaultTest, AnotherCheckpointMeanwhileIsBusy)
     EXPECT_EQ(sql::checkpoint(first.database, sql::checkpoint_full).valueOr(-1), 0);
     ASSERT_TRUE(meanwhile && meanwhile->error().isBusy());
     EXPECT_EQ(meanwhile->error().text(), "another checkpoint is under way");
-    EXPECT_THAT(diagnostics.errors(),
-                ElementsAre("SQL statement 'pragma main.wal_checkpoint(passive)' failed: ",
-                            "  rc=5=SQLITE_BUSY: another checkpoint is under way"));
+    EXPECT_EQ(diagnostics.take(),
+              test::report::statementFailed("checkpoint", "pragma main.wal_checkpoint(passive)",
+                                            "5=SQLITE_BUSY: another checkpoint is under way"));
 }
 
 } // namespace

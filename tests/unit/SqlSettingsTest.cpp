@@ -14,7 +14,9 @@
 #include <sqlite3.h>
 
 #include <chrono>
+#include <climits>
 #include <functional>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -388,17 +390,37 @@ TEST_F(SettingsTest, BusyTimeoutOfAConnectionThatHeedsAFlagIsTheFlags)
 {
     test::Connection other(_file);
     other.run("begin exclusive");
-    sql::StopFlag stop(_database);
-    expectApplied(with(&Settings::busyTimeout, milliseconds(30)));
+    std::optional<sql::StopFlag> stop(std::in_place, _database);
+    expectApplied(with(&Settings::busyTimeout, milliseconds(INT_MAX)));
     expectNotApplied(with(&Settings::busyTimeout, milliseconds(-1)), "busy_timeout = -1",
                      "1=SQLITE_ERROR: busy_timeout is 0, not -1");
+    expectNotApplied(with(&Settings::busyTimeout, milliseconds((1LL << 32) + 5)),
+                     "busy_timeout = 4294967301",
+                     "1=SQLITE_ERROR: busy_timeout is 0, not 4294967301");
     Settings settings = withJournal(sql::journal_wal);
     settings.busyTimeout = milliseconds(30);
     const auto start = std::chrono::steady_clock::now();
     expectNotApplied(settings, "journal_mode = wal",
                      "5=SQLITE_BUSY: journal_mode = wal: database is locked");
     EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(30));
+    EXPECT_EQ(rows("pragma busy_timeout"), "0") << "one of SQLite's, which heeds no flag";
+    stop.reset();
+    EXPECT_EQ(rows("pragma busy_timeout"), "30");
     other.run("commit");
+}
+
+// As a program may forbid it, by SQLite's authorizer.
+TEST_F(SettingsTest, ThatCannotBeReadBackAreAFailure)
+{
+    const auto forbidQuestions = [](void*, int action, const char*, const char* value, const char*,
+                                    const char*) {
+        return action == SQLITE_PRAGMA && value == nullptr ? SQLITE_DENY : SQLITE_OK;
+    };
+    sqlite3_set_authorizer(_database.getHandle(), forbidQuestions, nullptr);
+    expectNotApplied(with(&Settings::cacheSize, 50), "cache_size",
+                     "23=SQLITE_AUTH: cache_size = 50: not authorized");
+    sqlite3_set_authorizer(_database.getHandle(), nullptr, nullptr);
+    EXPECT_EQ(rows("pragma cache_size"), "50");
 }
 
 TEST_F(SettingsTest, OfADatabaseThatIsNotOpenAreRefused)
@@ -561,6 +583,17 @@ TEST_F(CheckpointTest, SaysHowManyFramesAReaderKeepsFromBeingCopied)
     }
     reader.run("commit");
     EXPECT_EQ(sql::checkpoint(_database, sql::checkpoint_full).valueOr(-1), 0);
+}
+
+TEST_F(CheckpointTest, WriterKeepsItFromTakingTheLogAlsoWhenThatIsEmpty)
+{
+    EXPECT_EQ(sql::checkpoint(_database, sql::checkpoint_truncate).valueOr(-1), 0);
+    test::Connection writer(_file);
+    writer.run("begin immediate");
+    expectFailure(sql::checkpoint(_database, sql::checkpoint_full), "checkpoint",
+                  "pragma main.wal_checkpoint(full)",
+                  "5=SQLITE_BUSY: the log is in use: 0 frames are left");
+    writer.run("commit");
 }
 
 TEST_F(CheckpointTest, IsRefusedInATransactionThatHasWritten)
