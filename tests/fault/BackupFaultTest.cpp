@@ -5,6 +5,9 @@
 #include "Disk.h"
 #include "Environment.h"
 #include "FaultVfs.h"
+#ifdef TEST_HEAP
+#include "Heap.h"
+#endif
 #include "Reports.h"
 #include "Sqlite.h"
 #include "SqliteMemory.h"
@@ -17,11 +20,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -261,6 +267,51 @@ TEST_P(BackupFaultTest, WithoutMemoryTheFileIsTheOldOneOrTheNew)
     }
 }
 
+#ifdef TEST_HEAP
+TEST_P(BackupFaultTest, WithoutHeapTheFileIsTheOldOneOrTheNew)
+{
+    for (const bool lasts : {false, true}) {
+        bool hasStruck = true;
+        long blocks = 0;
+        for (int nth = 1; hasStruck && !HasFailure(); ++nth) {
+            setUp();
+            {
+                const test::Diagnostics diagnostics;
+                test::MemoryShortage heap(nth, lasts);
+                heap.watch(false);
+                _starts = [&heap] {
+                    heap.watch(true);
+                };
+                _ends = [&heap] {
+                    heap.watch(false);
+                };
+                bool isDone = false;
+                bool hasThrown = false;
+                try {
+                    isDone = run();
+                } catch (const std::bad_alloc&) {
+                    heap.watch(false);
+                    hasThrown = true;
+                }
+                hasStruck = heap.hasStruck();
+                _starts = _ends = [] {
+                };
+                EXPECT_EQ(hasThrown, hasStruck);
+                EXPECT_EQ(isDone, !hasStruck);
+                expectWhole(isDone, false);
+                figures.faults += hasStruck;
+            }
+            expectDoneNextTime();
+            EXPECT_TRUE(nth == 1 || test::heapBlocksInUse() == blocks)
+                << test::heapBlocksInUse() - blocks;
+            blocks = test::heapBlocksInUse();
+            if (HasFailure())
+                std::printf("at allocation %d%s\n", nth, lasts ? " and all behind it" : "");
+        }
+    }
+}
+#endif
+
 // At each call into the file system: what is in the file then is what others find.
 TEST_P(BackupFaultTest, KilledProgramLeavesTheOldFileOrTheNew)
 {
@@ -273,10 +324,16 @@ TEST_P(BackupFaultTest, KilledProgramLeavesTheOldFileOrTheNew)
             const test::Diagnostics diagnostics;
             test::FaultVfs vfs;
             int left = nth;
+            test::SystemCalls calls;
             vfs.before = [&left](const FileAccess&) {
                 if (--left == 0)
                     ::_exit(9);
                 return SQLITE_OK;
+            };
+            calls.before = [&left](const test::SystemCall&) {
+                if (--left == 0)
+                    ::_exit(9);
+                return 0;
             };
             ::_exit(run() ? 0 : 1);
         }
@@ -600,5 +657,177 @@ TEST(BackupNameTest, NameThatIsTakenMeanwhileIsNotOverwritten)
         EXPECT_FALSE(std::filesystem::exists(target + "-unfinished"));
     }
 }
+
+// --- Other processes
+
+// A program that goes on until its parent ends it.
+class Program {
+public:
+    explicit Program(const std::function<void(int pipe)>& work)
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(::pipe(ends), 0);
+        _id = ::fork();
+        if (_id == 0) {
+            ::close(ends[0]);
+            work(ends[1]);
+            ::_exit(1);
+        }
+        ::close(ends[1]);
+        _pipe = ends[0];
+    }
+    ~Program()
+    {
+        EXPECT_EQ(_id > 0 ? ::kill(_id, SIGKILL) : -1, 0);
+        int status = 0;
+        EXPECT_EQ(::waitpid(_id, &status, 0), _id);
+        EXPECT_TRUE(WIFSIGNALED(status)) << "it has ended by itself";
+        ::close(_pipe);
+    }
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+
+    // Waits until it tells something.
+    void wait() const
+    {
+        char byte = 0;
+        EXPECT_EQ(::read(_pipe, &byte, 1), 1);
+    }
+
+private:
+    ::pid_t _id = -1;
+    int _pipe = -1;
+};
+
+class BackupProcessTest : public testing::TestWithParam<const char*> {
+protected:
+    static constexpr char ask_sum[] = "select sum(balance), sum(moves) - 2 * n from account, done";
+
+    BackupProcessTest()
+    {
+        makeAccounts(_file, "delete");
+        test::Connection(_file).run(std::string("pragma journal_mode = ") + GetParam());
+        _options.patience = std::chrono::milliseconds(60000);
+    }
+
+    // About 500 pages.
+    static void makeAccounts(const std::string& file, const std::string& name)
+    {
+        test::Connection(file).run(
+            "create table account (id integer primary key, balance, moves, name);"
+            "create table done (n); insert into done values (0);"
+            "insert into account with recursive n (i) as (select 1 union all"
+            " select i + 1 from n limit 500) select i, 100, 0, printf('%04000d', 7) || '"
+            + name + "' from n");
+    }
+
+    // Moves money from one account to another every few milliseconds, and tells each time.
+    static void moveMoney(const std::string& file, int pipe)
+    {
+        test::Connection own(file);
+        own.run("pragma busy_timeout = 60000; pragma synchronous = off");
+        for (int i = 1; ::write(pipe, ".", 1) == 1; ++i) {
+            own.run("begin immediate;"
+                    "update account set balance = balance - 7, moves = moves + 1 where id = 1 + "
+                    + std::to_string(i * 7 % 500)
+                    + ";"
+                      "update account set balance = balance + 7, moves = moves + 1 where id = 1 + "
+                    + std::to_string(i * 311 % 500) + "; update done set n = n + 1; commit");
+            ::usleep(2000);
+        }
+    }
+
+    // Reads the file over and over, which always is wholly one of the two.
+    static void readNames(const std::string& file, int pipe)
+    {
+        test::Connection own(file);
+        own.run("pragma busy_timeout = 60000");
+        const std::string ask = "select count(*), min(substr(name, 4001)), max(substr(name, 4001))"
+                                " from account";
+        for (;;) {
+            const std::string names = own.rows(ask);
+            if ((names != "500|old|old" && names != "500|new|new") || ::write(pipe, ".", 1) != 1)
+                return;
+            ::usleep(1000);
+        }
+    }
+
+    static void open(sql::Database& database, const std::string& file)
+    {
+        EXPECT_TRUE(database.open(file, sql::Database::access_read_write, false, 60000));
+    }
+
+    static void expectWhole(const std::string& file)
+    {
+        test::Connection copy(file);
+        EXPECT_EQ(copy.rows("pragma integrity_check"), "ok");
+        EXPECT_EQ(copy.rows(ask_sum), "50000|0");
+    }
+
+    const test::TemporaryDirectory _directory;
+    const std::string _file = _directory.file("shop.db");
+    const std::string _copy = _directory.file("copy.db");
+    const test::Diagnostics _diagnostics;
+    sql::BackupOptions _options;
+    sql::Database _database;
+};
+
+// It does not begin anew, and has all changes of one moment. With a log nobody waits.
+TEST_P(BackupProcessTest, AnotherOneWritesMeanwhile)
+{
+    const bool isLog = GetParam() == std::string("wal");
+    const Program writer([this](int pipe) { moveMoney(_file, pipe); });
+    open(_database, _file);
+    test::Connection look(_file);
+    for (int i = 0; i < 4; ++i) {
+        std::vector<sql::integer> told;
+        _options.progress = [&](sql::integer done, sql::integer) {
+            told.push_back(done);
+            const std::string former = isLog ? look.rows("select n from done") : "";
+            while (isLog && look.rows("select n from done") == former)
+                ::usleep(500);
+            return true;
+        };
+        writer.wait();
+        const auto pages = sql::backupDatabase(_database, _copy, _options);
+        ASSERT_TRUE(pages);
+        std::vector<sql::integer> expected;
+        for (sql::integer done = 64; done < *pages; done += 64)
+            expected.push_back(done);
+        if (i > 0) // twice onto an existing file
+            expected.insert(expected.end(), expected.begin(), expected.end());
+        EXPECT_EQ(told, expected);
+        expectWhole(_copy);
+    }
+    EXPECT_THAT(_diagnostics.events(), testing::IsEmpty());
+}
+
+TEST_P(BackupProcessTest, ReadersOfTheTargetFindTheOldFileOrTheNew)
+{
+    const std::string old = _directory.file("old.db");
+    const std::string fresh = _directory.file("new.db");
+    makeAccounts(old, "old");
+    makeAccounts(fresh, "new");
+    std::filesystem::copy_file(old, _copy);
+    test::Connection(_copy).run(std::string("pragma journal_mode = ") + GetParam());
+    const Program first([this](int pipe) { readNames(_copy, pipe); });
+    const Program second([this](int pipe) { readNames(_copy, pipe); });
+    sql::Database target;
+    open(target, _copy);
+    for (int i = 0; i < 8; ++i) {
+        const std::string& source = i % 2 == 0 ? fresh : old;
+        open(_database, source);
+        EXPECT_TRUE(i % 4 < 2 ? sql::backupDatabase(_database, _copy, _options)
+                              : sql::restoreDatabase(target, source, _options));
+        _database.close();
+        expectWhole(_copy);
+        first.wait();
+        second.wait();
+    }
+    EXPECT_THAT(_diagnostics.events(), testing::IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Journals, BackupProcessTest, testing::Values("delete", "wal"),
+                         [](const auto& chosen) { return std::string(chosen.param); });
 
 } // namespace

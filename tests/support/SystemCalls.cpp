@@ -33,6 +33,20 @@ bool isSqlite(void* caller)
            && place.dli_fbase == sqlite.dli_fbase;
 }
 
+// As it is made: a call that nobody watches takes no memory.
+struct Call {
+    const char* name;
+    const char* path; // null for that of the descriptor
+    const char* newPath;
+    int flags;
+    int descriptor;
+};
+
+Call callOn(int descriptor, const char* name)
+{
+    return {name, nullptr, "", 0, descriptor};
+}
+
 std::string pathOf(int descriptor)
 {
     const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
@@ -42,16 +56,19 @@ std::string pathOf(int descriptor)
 }
 
 // Makes a call unless it is to fail.
-template <typename Call> int attempt(void* caller, const test::SystemCall& description, Call call)
+template <typename Make> int attempt(void* caller, const Call& call, Make make)
 {
     if (current == nullptr || isSqlite(caller))
-        return call();
+        return make();
+    const test::SystemCall description = {
+        call.name, call.path != nullptr ? call.path : pathOf(call.descriptor), call.newPath,
+        call.flags};
     const int refusal = current->before ? current->before(description) : 0;
     if (refusal != 0) {
         errno = refusal;
         return -1;
     }
-    const int result = call();
+    const int result = make();
     const int error = errno;
     if (result >= 0 && current->after)
         current->after(description);
@@ -71,64 +88,64 @@ int open(const char* path, int flags, ...)
     va_start(arguments, flags);
     const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned) : 0;
     va_end(arguments);
-    return attempt(CALLER, {"open", path, "", flags},
+    return attempt(CALLER, {"open", path, "", flags, -1},
                    [&] { return ::openat(AT_FDCWD, path, flags, mode); });
 }
 
 int lstat(const char* path, struct stat* found) noexcept
 {
-    return attempt(CALLER, {"lstat", path, "", 0},
+    return attempt(CALLER, {"lstat", path, "", 0, -1},
                    [&] { return ::fstatat(AT_FDCWD, path, found, AT_SYMLINK_NOFOLLOW); });
 }
 
 int fstat(int descriptor, struct stat* found) noexcept
 {
-    return attempt(CALLER, {"fstat", pathOf(descriptor), "", 0},
+    return attempt(CALLER, callOn(descriptor, "fstat"),
                    [&] { return ::fstatat(descriptor, "", found, AT_EMPTY_PATH); });
 }
 
 int flock(int descriptor, int operation) noexcept
 {
-    return attempt(CALLER, {"flock", pathOf(descriptor), "", 0},
+    return attempt(CALLER, callOn(descriptor, "flock"),
                    [&] { return static_cast<int>(::syscall(SYS_flock, descriptor, operation)); });
 }
 
 int ftruncate(int descriptor, off_t size) noexcept
 {
     static auto* const real = original<int(int, off_t)>("ftruncate64");
-    return attempt(CALLER, {"ftruncate", pathOf(descriptor), "", 0},
-                   [&] { return real(descriptor, size); });
+    return attempt(CALLER, callOn(descriptor, "ftruncate"), [&] { return real(descriptor, size); });
 }
 
 // Nothing waits for the disk.
 int fsync(int descriptor)
 {
-    return attempt(CALLER, {"fsync", pathOf(descriptor), "", 0}, [] { return 0; });
+    return attempt(CALLER, callOn(descriptor, "fsync"), [] { return 0; });
 }
 
 int link(const char* from, const char* to) noexcept
 {
-    return attempt(CALLER, {"link", from, to, 0},
+    return attempt(CALLER, {"link", from, to, 0, -1},
                    [&] { return ::linkat(AT_FDCWD, from, AT_FDCWD, to, 0); });
 }
 
 int rename(const char* from, const char* to) noexcept
 {
-    return attempt(CALLER, {"rename", from, to, 0},
+    return attempt(CALLER, {"rename", from, to, 0, -1},
                    [&] { return ::renameat(AT_FDCWD, from, AT_FDCWD, to); });
 }
 
 int renameat2(int fromFolder, const char* from, int toFolder, const char* to,
               unsigned flags) noexcept
 {
-    return attempt(CALLER, {"renameat2", from, to, 0}, [&] {
+    return attempt(CALLER, {"renameat2", from, to, 0, -1}, [&] {
         return static_cast<int>(::syscall(SYS_renameat2, fromFolder, from, toFolder, to, flags));
     });
 }
 
 int unlink(const char* path) noexcept
 {
-    return attempt(CALLER, {"unlink", path, "", 0}, [&] { return ::unlinkat(AT_FDCWD, path, 0); });
+    return attempt(CALLER, {"unlink", path, "", 0, -1},
+                   [&] { return ::unlinkat(AT_FDCWD, path, 0); });
 }
 
 } // extern "C"
