@@ -154,7 +154,7 @@ protected:
             EXPECT_EQ(returned, version || version.failed());
             expectReports(diagnostics, version, trouble.hasStruck());
             EXPECT_EQ(test::rows(shop.handle(), "pragma foreign_keys"), "1");
-            // The tables have changed: SQLite compiles a rollback anew, which no memory is left for.
+            // There is a new index: SQLite compiles a rollback anew, which no memory is left for.
             if (cause.target == Target::sqlite_memory && lasts && shop.inTransaction())
                 shop.query("rollback");
             EXPECT_EQ(file.contents(), version ? versions().after : versions().before);

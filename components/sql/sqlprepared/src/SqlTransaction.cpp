@@ -86,8 +86,8 @@ Savepoint::Savepoint(Database& database) : TransactionScope(database, nullptr, m
 {
 }
 
-// What ends it is prepared before it begins: then a rollback takes no memory, and the connection
-// outlives the scope, whoever closes it.
+// What ends it is prepared before it begins: then a rollback takes no memory, unless SQLite has to
+// compile it anew, and the connection outlives the scope, whoever closes it.
 bool TransactionScope::begin(const char* text)
 {
     const string name = text == nullptr ? savepointName() : string();
