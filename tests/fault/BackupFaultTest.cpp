@@ -1,5 +1,7 @@
 #include "SqlBackup.h"
 
+#include "SqlStopFlag.h"
+
 #include "Cases.h"
 #include "Diagnostics.h"
 #include "Disk.h"
@@ -19,18 +21,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <new>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -829,5 +836,189 @@ TEST_P(BackupProcessTest, ReadersOfTheTargetFindTheOldFileOrTheNew)
 
 INSTANTIATE_TEST_SUITE_P(Journals, BackupProcessTest, testing::Values("delete", "wal"),
                          [](const auto& chosen) { return std::string(chosen.param); });
+
+// --- Large files
+
+struct LargeJob : test::Case {
+    bool restores;
+    const char* targetMode; // null for no target
+    sql::IntegrityCheck check;
+};
+
+const LargeJob large_jobs[] = {
+    {"NewFile", false, nullptr, sql::check_quick},
+    {"NewFileCheckedInFull", false, nullptr, sql::check_full},
+    {"ExistingFile", false, "delete", sql::check_quick},
+    {"ExistingFileWithALog", false, "wal", sql::check_quick},
+    {"Restore", true, "delete", sql::check_quick},
+    {"RestoreWithALog", true, "wal", sql::check_full},
+};
+
+using Clock = std::chrono::steady_clock;
+
+double inMilliseconds(Clock::duration time)
+{
+    return std::chrono::duration<double, std::milli>(time).count();
+}
+
+class LargeBackupTest : public testing::TestWithParam<LargeJob> {
+protected:
+    // A megabyte has 256 pages, nearly one for each row.
+    static void make(const std::string& file, const std::string& name, int megabytes,
+                     const std::string& mode = "delete")
+    {
+        std::filesystem::remove(file);
+        test::Connection(file).run(
+            "pragma synchronous = off; create table part (id integer primary key, name, bytes);"
+            "insert into part with recursive n (i) as (select 1 union all select i + 1 from n limit "
+            + std::to_string(megabytes * 256) + ") select i, '" + name
+            + "', randomblob(3900) from n; create index by_name on part (name, id);"
+              "pragma journal_mode = "
+            + mode);
+    }
+
+    void makeFiles(int megabytes) const
+    {
+        make(_source, "new", megabytes);
+        if (GetParam().targetMode != nullptr)
+            make(_pattern, "old", megabytes, GetParam().targetMode);
+    }
+
+    void putTarget() const
+    {
+        std::filesystem::remove(_target);
+        if (GetParam().targetMode != nullptr)
+            std::filesystem::copy_file(_pattern, _target);
+    }
+
+    sql::Result<sql::integer> run(const std::function<void(sql::Database&)>& begins)
+    {
+        sql::Database database;
+        EXPECT_TRUE(database.open(GetParam().restores ? _target : _source,
+                                  sql::Database::access_read_write, false, 0));
+        _options.check = GetParam().check;
+        begins(database);
+        return GetParam().restores ? sql::restoreDatabase(database, _source, _options)
+                                   : sql::backupDatabase(database, _target, _options);
+    }
+
+    // From a moment of the run, nothing where that was over by then; from its beginning without one.
+    std::optional<Clock::duration> timeToStop(std::optional<Clock::duration> moment)
+    {
+        putTarget();
+        std::optional<sql::StopFlag> stop;
+        std::atomic<Clock::time_point> start(Clock::now());
+        std::thread other;
+        const auto pages = run([&](sql::Database& database) {
+            stop.emplace(database);
+            start = Clock::now();
+            other = std::thread([&] {
+                std::this_thread::sleep_for(moment.value_or(Clock::duration::zero()));
+                if (!moment)
+                    return;
+                start = Clock::now();
+                stop->set();
+            });
+        });
+        const Clock::time_point end = Clock::now();
+        other.join();
+        EXPECT_TRUE(pages || pages.error().isStopped());
+        expectWhole(static_cast<bool>(pages));
+        if (end < start.load())
+            return std::nullopt;
+        return end - start.load();
+    }
+
+    void expectWhole(bool isNew) const
+    {
+        EXPECT_FALSE(std::filesystem::exists(_target + "-unfinished"));
+        if (!isNew && GetParam().targetMode == nullptr) {
+            EXPECT_FALSE(std::filesystem::exists(_target));
+            return;
+        }
+        test::Connection target(_target);
+        const std::string name = isNew ? "new" : "old";
+        EXPECT_EQ(target.rows("pragma integrity_check"), "ok");
+        EXPECT_EQ(target.rows("select min(name), max(name) from part"), name + "|" + name);
+    }
+
+    const test::TemporaryDirectory _directory;
+    const std::string _source = _directory.file("source.db");
+    const std::string _pattern = _directory.file("pattern.db");
+    const std::string _target = _directory.file("target.db");
+    sql::BackupOptions _options;
+    test::Diagnostics _diagnostics;
+};
+
+// Of the process, in kilobytes, since the last time.
+long peakOfMemory()
+{
+    std::ifstream status("/proc/self/status");
+    long peak = 0;
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, 6, "VmHWM:") == 0)
+            peak = std::stol(line.substr(6));
+    }
+    std::ofstream("/proc/self/clear_refs") << 5;
+    return peak;
+}
+
+TEST_P(LargeBackupTest, TakesNoMoreMemoryForALargeFile)
+{
+    sqlite3_int64 least = 0;
+    for (const int megabytes : {6, test::longRun() ? 1024 : test::briefRun() ? 12 : 30}) {
+        makeFiles(megabytes);
+        putTarget();
+        sql::integer last = 0;
+        sql::integer told = 0;
+        _options.progress = [&](sql::integer done, sql::integer total) {
+            ++told;
+            last = done;
+            return done <= total && total > megabytes * 250;
+        };
+        peakOfMemory();
+        sqlite3_int64 used = 0;
+        const Clock::time_point start = Clock::now();
+        const auto pages = run([&used](sql::Database&) {
+            used = sqlite3_memory_used();
+            sqlite3_memory_highwater(1);
+        });
+        const Clock::duration time = Clock::now() - start;
+        const sqlite3_int64 peak = sqlite3_memory_highwater(0) - used;
+        const long processPeak = peakOfMemory();
+        ASSERT_TRUE(pages);
+        const bool isCopiedTwice = !GetParam().restores && GetParam().targetMode != nullptr;
+        EXPECT_EQ(told, (*pages - 1) / 64 * (isCopiedTwice ? 2 : 1));
+        EXPECT_EQ(last, (*pages - 1) / 64 * 64);
+        std::printf("%s of %d MB: %.0f ms, %lld kB of SQLite's, %ld kB of the process\n",
+                    GetParam().name.c_str(), megabytes, inMilliseconds(time),
+                    static_cast<long long>(peak / 1024), processPeak);
+        expectWhole(true);
+        // SQLite marks each page that it may have to undo.
+        EXPECT_TRUE(least == 0 || peak < least + (100 << 10) + 8 * *pages) << peak - least;
+        least = peak;
+    }
+    EXPECT_THAT(_diagnostics.events(), testing::IsEmpty());
+}
+
+// The machine may be busy with something else: once is enough.
+TEST_P(LargeBackupTest, StopIsHeededSoonAndLeavesTheOldFileOrTheNew)
+{
+    makeFiles(test::longRun() ? 200 : test::briefRun() ? 1 : 4);
+    const Clock::duration whole = *timeToStop(std::nullopt);
+    std::printf("%s of %.1f ms, stopped within", GetParam().name.c_str(), inMilliseconds(whole));
+    std::vector<Clock::duration> times;
+    for (int i = 1; i <= 8; ++i) {
+        if (const auto time = timeToStop(whole * i / 9)) {
+            times.push_back(*time);
+            std::printf(" %.1f", inMilliseconds(*time));
+        }
+    }
+    std::printf(" ms\n");
+    EXPECT_TRUE(times.empty()
+                || *std::min_element(times.begin(), times.end()) < std::chrono::milliseconds(50));
+}
+
+INSTANTIATE_TEST_SUITE_P(Jobs, LargeBackupTest, testing::ValuesIn(large_jobs), test::NameOfCase());
 
 } // namespace
