@@ -162,8 +162,9 @@ class Mutations:
         elif token.kind == "number":
             number = token.text.rstrip("uUlL")
             suffix = token.text[len(number):]
-            yield token.start, token.end, f"{int(number, 0) + 1}{suffix}"
-            yield token.start, token.end, f"({int(number, 0) - 1}{suffix})"
+            value = int(number, 8 if re.fullmatch("0[0-7]+", number) else 0)
+            yield token.start, token.end, f"{value + 1}{suffix}"
+            yield token.start, token.end, f"({value - 1}{suffix})"
 
     def texts(self, i, token):
         if token.kind == "char":
