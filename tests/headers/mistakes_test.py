@@ -34,6 +34,8 @@ FUNCTION = "[[maybe_unused]] static bool use%d(sql::Database& database, sql::Sta
     " { (void)database; (void)statement; (void)fast; (void)record; %s; return true; }\n"
 
 NOT_BOUND = "no value of this type can be bound"
+NO_PARAMETER = "no argument can be read into a parameter of this type"
+NOT_GIVEN = "no result of this type can be given to SQL"
 NOT_READ = "no cell can be read into a variable of this type"
 NO_VIEW = "one() lets go of the row: read a sql::string or a vector, no view"
 
@@ -136,6 +138,19 @@ class MistakesTest(unittest.TestCase):
         self.assert_compiles([f"return statement.one<{value}>(7).failed()" for value in (
             "sql::string", "std::vector<unsigned char>", "std::optional<sql::string>",
             "int, sql::string")])
+
+    def test_functions_that_sql_cannot_call(self):
+        adding = 'return sql::addFunction(database, "f", %s).failed()'
+        self.assert_mistaken(NO_PARAMETER, [adding % f"[]({parameter}) {{ return 1; }}" for parameter in (
+            "const char*", "char", "Own", "const std::wstring&", "int, long double",
+            "std::optional<void*>")])
+        self.assert_mistaken(NOT_GIVEN, [adding % f"[] {{ return {result}; }}" for result in (
+            "'a'", "Own()", 'L"tea"', "std::optional<char>()", "sql::Result<long double>(7.0L)")])
+        self.assert_compiles([adding % function for function in (
+            "[](const std::string&, std::string_view, sql::Bytes) { return 1; }", '[] { return "tea"; }',
+            "[](std::optional<int> number) noexcept { return number; }", "[](double) {}",
+            "[] { return sql::Result<double>(1.5); }", "[i = 0](int n) mutable noexcept { return i += n; }",
+            "static_cast<int (*)() noexcept>([]() noexcept { return 1; })")])
 
     def test_results_that_are_ignored(self):
         self.assert_mistaken("nodiscard", (

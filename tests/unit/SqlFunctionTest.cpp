@@ -113,6 +113,50 @@ TEST_F(FunctionTest, NumbersOfArgumentsAreFunctionsOfTheirOwn)
     EXPECT_EQ(rows("select f(0), f(0, 0)"), "1|2");
 }
 
+double third(double number) noexcept
+{
+    return number / 3;
+}
+
+struct Counter {
+    int operator()(int step) noexcept
+    {
+        return count += step;
+    }
+    int count = 0;
+};
+
+struct Derived : Counter {};
+
+struct Constant {
+    int operator()() const noexcept
+    {
+        return 7;
+    }
+};
+
+TEST_F(FunctionTest, WhatThrowsNothingIsCalledLikewise)
+{
+    EXPECT_TRUE(addFunction(_database, "third", third));
+    EXPECT_TRUE(addFunction(_database, "third_of", &third));
+    EXPECT_TRUE(addFunction(_database, "lambda", [](int a, int b) noexcept { return a - b; }));
+    EXPECT_TRUE(addFunction(_database, "counted", [i = 0]() mutable noexcept { return ++i; }));
+    EXPECT_TRUE(addFunction(_database, "constant", Constant()));
+    EXPECT_EQ(rows("select third(6), third_of(3), lambda(7, 2), counted(), counted(), constant()"),
+              "2.0|1.0|5|1|2|7");
+}
+
+TEST_F(FunctionTest, ObjectChangesACopyOfItself)
+{
+    Counter counter;
+    EXPECT_TRUE(addFunction(_database, "count", counter));
+    EXPECT_TRUE(addFunction(_database, "derived", Derived()));
+    EXPECT_TRUE(addFunction(_database, "mutable", [i = 0](int step) mutable { return i += step; }));
+    EXPECT_EQ(rows("select count(1), count(2), derived(5), derived(5), mutable(3), mutable(3)"),
+              "1|3|5|10|3|6");
+    EXPECT_EQ(counter.count, 0);
+}
+
 // --- Failures
 
 TEST_F(FunctionTest, FailureOfTheFunctionIsThatOfTheStatement)

@@ -48,8 +48,12 @@ struct FunctionCall {
     /// has failed then, with the function's name and the argument's number.
     template <typename T> bool read(int index, T& variable)
     {
+        static_assert(is_readable<T>, "no argument can be read into a parameter of this type");
         const Column column = argumentAt(index);
-        return isRead(index, Binder<T>::read(column, variable));
+        if constexpr (is_readable<T>)
+            return isRead(index, Binder<T>::read(column, variable));
+        else
+            return false;
     }
 
     void give(const Argument& result);     ///< Gives a copy of the value to SQL.
@@ -127,7 +131,9 @@ private:
 
     template <typename Value> static void give(FunctionCall& call, const Value& value)
     {
-        call.give(Binder<Value>::argument(value));
+        static_assert(is_bindable<Value>, "no result of this type can be given to SQL");
+        if constexpr (is_bindable<Value>)
+            call.give(Binder<Value>::argument(value));
     }
     template <typename Value> static void give(FunctionCall& call, const Result<Value>& result)
     {
@@ -141,13 +147,15 @@ private:
 };
 
 /// How SQL calls one that stays as it is.
-template <typename Callable, typename Returned, typename... Arguments>
-struct FunctionThunk<Callable, Returned (Callable::*)(Arguments...) const>
+template <typename Callable, typename Class, typename Returned, typename... Arguments,
+          bool throws_nothing>
+struct FunctionThunk<Callable, Returned (Class::*)(Arguments...) const noexcept(throws_nothing)>
     : FunctionThunkOf<Callable, Returned, Arguments...> {
 };
 /// How SQL calls one that changes itself.
-template <typename Callable, typename Returned, typename... Arguments>
-struct FunctionThunk<Callable, Returned (Callable::*)(Arguments...)>
+template <typename Callable, typename Class, typename Returned, typename... Arguments,
+          bool throws_nothing>
+struct FunctionThunk<Callable, Returned (Class::*)(Arguments...) noexcept(throws_nothing)>
     : FunctionThunkOf<Callable, Returned, Arguments...> {
 };
 
@@ -168,8 +176,9 @@ Result<bool> addFunction(Database& database, const string& name, Callable callab
 }
 
 /// Adds a function likewise.
-template <typename Returned, typename... Arguments>
-Result<bool> addFunction(Database& database, const string& name, Returned (*function)(Arguments...),
+template <typename Returned, typename... Arguments, bool throws_nothing>
+Result<bool> addFunction(Database& database, const string& name,
+                         Returned (*function)(Arguments...) noexcept(throws_nothing),
                          FunctionOptions options = FunctionOptions())
 {
     return addFunction(
