@@ -515,7 +515,7 @@ protected:
     {
         test::Connection(_file).run("create table product (id, name)");
         EXPECT_TRUE(_database.open(_file, sql::Database::access_read_write, false, 0));
-        _calls.before = [this](const test::SystemCall& call) {
+        _calls.before = [](const test::SystemCall& call) {
             const bool isFolder = std::filesystem::is_directory(call.path);
             const auto found = GetParam().errors.find(call.name + (isFolder ? " /" : ""));
             return found != GetParam().errors.end() ? found->second : 0;
