@@ -250,7 +250,7 @@ TEST_F(SqlBackupTest, FileThatIsNoDatabaseStaysAsItIs)
 TEST_F(SqlBackupTest, TargetThatIsLockedIsWaitedFor)
 {
     test::Connection holder(_copy);
-    holder.run("create table old (a); begin immediate");
+    holder.run("pragma busy_timeout = 60000; create table old (a); begin immediate");
     expectNoBackup(_copy, _copy, "5=SQLITE_BUSY", "database is locked");
     std::thread other([&holder] {
         std::this_thread::sleep_for(milliseconds(5));
