@@ -1,6 +1,7 @@
 // What the debugger looks at when the program has reached inspect(): objects of sqlprepared, each with
 // the text that it is shown as where gdb can call functions of the process.
 
+#include "SqlBlob.h"
 #include "SqlGroupCommit.h"
 #include "SqlPreparedTable.h"
 #include "SqlStopFlag.h"
@@ -20,6 +21,8 @@ sql::Database other;
 // sql::Database, open, handle = 0x?
 sql::Database metered;
 // sql::Database, open, handle = 0x?
+sql::Database pictures;
+// sql::Database, open, handle = 0x?
 
 // Memory of an object's size that holds none.
 template <class Object> const Object& filled(int byte)
@@ -37,7 +40,10 @@ bool open(sql::Database& one)
 }
 
 const bool isOpen = open(database) && open(closed) && open(metered)
-                    && other.open(":memory:", sql::Database::access_create, false, 0);
+                    && other.open(":memory:", sql::Database::access_create, false, 0)
+                    && open(pictures)
+                    && sql::runScript(pictures, "create table picture (content);"
+                                                "insert into picture values (zeroblob(3))");
 
 // clang-format off
 sql::Statement ready(database, "select id from product where name = ?");
@@ -123,6 +129,14 @@ sql::StopFlag still(closed);
 // sql::StopFlag, not set
 sql::StopFlag stopping(closed);
 // sql::StopFlag, set, rc=21=SQLITE_MISUSE: the connection has a stop flag already
+sql::Blob written(pictures, "picture", "content", 1, sql::blob_write);
+// sql::Blob, to be written = {cell = "select `content` from main.`picture` where rowid = ?"}
+sql::Blob beyond(pictures, "picture", "content", 1, sql::blob_read);
+// sql::Blob, to be read, rc=25=SQLITE_RANGE: the piece is not within the blob = {cell = "select
+// `content` from main.`picture` where rowid = ?"}
+sql::Blob missing(pictures, "picture", "content", 2, sql::blob_read);
+// sql::Blob, not open, rc=1=SQLITE_ERROR: no such rowid: 2 = {cell = "select `content` from
+// main.`picture` where rowid = ?"}
 sql::GroupCommit idle(metered, 10, std::chrono::seconds(5));
 // sql::GroupCommit, none open
 sql::GroupCommit writing(metered, 10, std::chrono::seconds(5));
@@ -130,6 +144,9 @@ sql::GroupCommit writing(metered, 10, std::chrono::seconds(5));
 sql::GroupCommit kept(metered, 10, std::chrono::seconds(5));
 // sql::GroupCommit, none open, rc=1=SQLITE_ERROR: cannot start a transaction within a transaction
 
+const sql::Blob& zeroBlob = filled<sql::Blob>(0); // <error: not a text>
+const sql::Blob& noiseBlob = filled<sql::Blob>(0xa5);
+// <error: Cannot access memory at address NOISE>
 const sql::Statement& zeroStatement = filled<sql::Statement>(0); // <error: not a text>
 const sql::Error& zeroError = filled<sql::Error>(0);             // <error: not a text>
 const sql::Result<sql::integer>& zeroResult = filled<sql::Result<sql::integer>>(0);
@@ -183,6 +200,8 @@ int main()
         return true;
     };
     worked = worked && writing.write(good) && !kept.write(good);
+    char piece = 0;
+    worked = worked && written.isOpen() && !beyond.read(3, &piece, 1) && missing.error();
     inspect();
     closed.close();
     return worked ? 0 : 1;

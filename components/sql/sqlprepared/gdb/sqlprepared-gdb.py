@@ -1,5 +1,5 @@
 """Shows the objects of sqlprepared in gdb: a Statement by its text with the values, and by where it
-stands, a PreparedTable by its name, a StopFlag by whether it is set.
+stands, a PreparedTable by its name, a StopFlag by whether it is set, a Blob by its cell.
 
 gdb loads this file with the library; "source" loads it by hand, after sqlwrapper-gdb.py, whose
 functions it uses. The library's objects are read from memory. The text of a statement SQLite alone
@@ -174,6 +174,16 @@ class StopFlagPrinter(PreparedPrinter):
         return ["set" if state else "not set", error]
 
 
+class BlobPrinter(PreparedPrinter):
+    def parts(self):
+        error = reason(self.value["_error"])
+        self.found = (("cell", quoted(plain(self.value["_statement"]))),)
+        mode = "to be written" if self.value["_writes"] else "to be read"
+        pointer = gdb.lookup_type("void").pointer().pointer()
+        handle = self.value["_blob"].address.cast(pointer).dereference()
+        return [mode if int(handle) else "not open", error]
+
+
 class GroupPrinter(PreparedPrinter):
     def parts(self):
         error = reason(self.value["_error"])
@@ -187,7 +197,7 @@ class GroupPrinter(PreparedPrinter):
 
 def prepared_printers():
     collection = gdb.printing.RegexpCollectionPrettyPrinter("sqlprepared")
-    for name, printer in (("Error", ErrorPrinter), ("GroupCommit", GroupPrinter),
+    for name, printer in (("Blob", BlobPrinter), ("Error", ErrorPrinter), ("GroupCommit", GroupPrinter),
                           ("PreparedTable", PreparedTablePrinter),
                           ("RecordCursor", CursorPrinter), ("Result<.*>", ResultPrinter),
                           ("Savepoint", ScopePrinter), ("Statement", StatementPrinter),
