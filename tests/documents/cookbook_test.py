@@ -41,6 +41,7 @@ BAD_FILES = {
     "logger": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "meter": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "migrate": (NOT_OPENED, f"cannot upgrade the file: {NO_DATABASE}"),
+    "nearest": (NOT_OPENED, f"cannot make the table: statement 1: {NO_DATABASE}"),
     "noexceptions": (UNOPENED, UNREADABLE),
     "pages": (UNOPENED, UNREADABLE),
     "queue": (NOT_OPENED, f"cannot fill the queue: {NO_DATABASE}"),
@@ -52,14 +53,14 @@ BAD_FILES = {
     "upgrade": ("a.db: cannot be opened", "a.db: cannot be read"),
 }
 # What is only built where there is sqlprepared.
-OF_STATEMENTS = {"care", "cleanup", "config", "files", "import", "logger", "meter", "migrate", "queue", "scan",
-                 "snapshot"}
+OF_STATEMENTS = {"care", "cleanup", "config", "files", "import", "logger", "meter", "migrate", "nearest",
+                 "queue", "scan", "snapshot"}
 if not PREPARED:
     BAD_FILES = {name: errors for name, errors in BAD_FILES.items() if name not in OF_STATEMENTS}
 KEY = "secret\n"
 USAGES = {"encryption": "DATABASE <KEY", "files": "DATABASE <FILE >COPY",
           "import": "DATABASE <LINES", "logger": "DATABASE <READINGS",
-          "meter": "DATABASE <READINGS",
+          "meter": "DATABASE <READINGS", "nearest": "DATABASE <POSITIONS",
           "noexceptions": "DATABASE <LINES", "scan": "DATABASE [ROWS]",
           "snapshot": "DATABASE [restore]"}
 
@@ -394,6 +395,17 @@ class PreparedTest(Test):
         jobs += 2 * [f"job {number}" for number in range(1, 6)]
         self.assertEqual(sorted(done), sorted(f"{job} done" for job in jobs))
         self.assertEqual(self.query("select * from queue"), [])
+
+    def test_places_are_sorted_by_a_function_of_the_program(self):
+        self.assert_prints("mill 56 km\nharbour 161 km\nharbour 4054 km\nmill 4223 km\n",
+                           "nearest", "a.db", given="52.5 8.3\n90 0\n")
+        self.make("update place set north = 'far' where name = 'mill'")
+        self.assert_fails("cannot find places: argument 3 of distance is no number", "nearest", "a.db",
+                          given="52.5 8.3\n")
+
+    def test_line_that_is_no_position_is_told_and_left_out(self):
+        self.assert_ends(self.start("nearest", "a.db"), 0, "station 0 km\nmill 162 km\n",
+                         "nearest: left out what is no position: here\n", "here\n50.94 6.96\n")
 
     def test_file_that_is_cared_for_has_its_settings(self):
         for start in (1, 2):
