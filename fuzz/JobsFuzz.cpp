@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -190,31 +191,57 @@ private:
         database.close();
     }
 
-    // What is read is what a statement reads.
-    void tryBlobs(const char* table)
+    void tryBlobs(const std::string& table)
     {
         putBack();
         sql::Database database;
         open(database, _file);
-        for (const sql::integer key : {1, 2, 3}) {
-            sql::Blob blob(database, table, "name", key, sql::blob_write);
-            if (!isDone("Blob", blob.isOpen(), blob.error()))
-                continue;
-            std::string bytes;
-            const bool isRead = blob.readAll([&bytes](sql::Bytes piece) {
-                bytes.append(static_cast<const char*>(piece.data), piece.size);
-                return true;
-            });
-            if (isDone("readAll", isRead, blob.error()))
-                fuzz::expectEqual("the size", blob.size(), static_cast<sql::integer>(bytes.size()));
-            const bool isWritten = blob.writeAll([](void* piece, std::size_t size) {
-                std::memset(piece, 'x', size);
-                return true;
-            });
-            isDone("writeAll", isWritten, blob.error());
-            isDone("release", blob.release(), blob.error(), !isRead || !isWritten);
-        }
+        const auto faults = sql::checkIntegrity(database, sql::check_full);
+        const bool isSound = isDone("checkIntegrity", faults) && faults->empty();
+        for (const sql::integer key : {1, 2, 3})
+            tryBlob(database, table, key, isSound);
         database.close();
+    }
+
+    // What is read is what a statement reads; and so is what was written, in a sound file.
+    void tryBlob(sql::Database& database, const std::string& table, sql::integer key, bool isSound)
+    {
+        const auto before = cellOf(database, table, key);
+        sql::Blob blob(database, table, "name", key, sql::blob_write);
+        if (!isDone("Blob", blob.isOpen(), blob.error()))
+            return;
+        std::vector<unsigned char> bytes;
+        const bool isRead = blob.readAll([&bytes](sql::Bytes piece) {
+            const auto* const begin = static_cast<const unsigned char*>(piece.data);
+            bytes.insert(bytes.end(), begin, begin + piece.size);
+            return true;
+        });
+        if (isDone("readAll", isRead, blob.error()))
+            expectSame("what is read", !before || *before == bytes);
+        const bool isWritten = blob.writeAll([](void* piece, std::size_t size) {
+            std::memset(piece, 'x', size);
+            return true;
+        });
+        isDone("writeAll", isWritten, blob.error());
+        const bool isKept = blob.release();
+        isDone("release", isKept, blob.error(), !isRead || !isWritten);
+        if (!isSound)
+            return;
+        expectSame("success in a sound file", isRead && isWritten && isKept && before);
+        const auto after = cellOf(database, table, key);
+        expectSame("what was written",
+                   after && *after == std::vector<unsigned char>(bytes.size(), 'x'));
+    }
+
+    // Its bytes, as they are stored.
+    sql::Result<std::vector<unsigned char>> cellOf(sql::Database& database,
+                                                   const std::string& table, sql::integer key)
+    {
+        sql::Statement cell(database, "select cast(name as blob) from main." + table
+                                          + " where rowid = ? and name is not null");
+        const auto bytes = cell.one<std::vector<unsigned char>>(key);
+        _diagnostics.clear();
+        return bytes;
     }
 
     test::Diagnostics _diagnostics;
