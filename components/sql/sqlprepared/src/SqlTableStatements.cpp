@@ -157,7 +157,7 @@ string TableStatements::textOf(Work work) const
 
 // --- Statements -----------------------------------------------------------------------------------
 
-inline void TableStatements::forget()
+void TableStatements::forget()
 {
     if (_error)
         _error = Error();
