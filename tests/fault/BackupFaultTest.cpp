@@ -503,8 +503,9 @@ INSTANTIATE_TEST_SUITE_P(Jobs, BackupCutTest, testing::ValuesIn(jobs), test::Nam
 // --- What the system refuses
 
 struct Refusal : test::Case {
-    std::map<std::string, int> errors; // of calls: "renameat2", or "fsync /" for that of a folder
-    std::string where;                 // behind the target's name; "/" for the folder
+    // Of calls: "renameat2", "fsync /" for that of a folder, "lstat 2" for the second one.
+    std::map<std::string, int> errors;
+    std::string where; // behind the target's name; "/" for the folder
     std::string code;
     std::string reason;
 };
@@ -515,10 +516,14 @@ protected:
     {
         test::Connection(_file).run("create table product (id, name)");
         EXPECT_TRUE(_database.open(_file, sql::Database::access_read_write, false, 0));
-        _calls.before = [](const test::SystemCall& call) {
+        _calls.before = [this](const test::SystemCall& call) {
             const bool isFolder = std::filesystem::is_directory(call.path);
-            const auto found = GetParam().errors.find(call.name + (isFolder ? " /" : ""));
-            return found != GetParam().errors.end() ? found->second : 0;
+            const std::string which = call.name + (isFolder ? " /" : "");
+            const std::map<std::string, int>& errors = GetParam().errors;
+            auto found = errors.find(which + " " + std::to_string(++_counts[which]));
+            if (found == errors.end())
+                found = errors.find(which);
+            return found != errors.end() ? found->second : 0;
         };
     }
 
@@ -540,6 +545,7 @@ protected:
     const std::string _target = _directory.file("copy.db");
     test::Diagnostics _diagnostics;
     sql::Database _database;
+    std::map<std::string, int> _counts;
     test::SystemCalls _calls;
 };
 
@@ -603,6 +609,11 @@ const Refusal refusals[] = {
      "",
      not_opened,
      no_access},
+    {"LookForAnother",
+     {{"renameat2", ENOSYS}, {"link", EPERM}, {"lstat 10", EIO}},
+     "",
+     not_opened,
+     "Input/output error"},
     {"OpenFolder", {{"open /", EMFILE}}, "/", "1290=SQLITE_IOERR_DIR_FSYNC", "Too many open files"},
     {"SyncFolder", {{"fsync /", EIO}}, "/", "1290=SQLITE_IOERR_DIR_FSYNC", "Input/output error"},
 };
@@ -636,6 +647,61 @@ const Refusal other_ways[] = {
 
 INSTANTIATE_TEST_SUITE_P(Ways, BackupOtherWayTest, testing::ValuesIn(other_ways),
                          test::NameOfCase());
+
+// Another one, which has had the lock, removes the copy on its way, or makes one of its own.
+TEST(BackupNameTest, CopyThatHasLostItsNameBeforeItIsLockedIsMadeAnew)
+{
+    for (const bool isReplaced : {false, true}) {
+        const test::Diagnostics diagnostics;
+        const test::TemporaryDirectory directory;
+        const std::string target = directory.file("copy.db");
+        test::Connection(directory.file("shop.db")).run("create table product (id, name)");
+        sql::Database database;
+        ASSERT_TRUE(
+            database.open(directory.file("shop.db"), sql::Database::access_read_write, false, 0));
+        int locks = 0;
+        test::SystemCalls calls;
+        calls.before = [&](const test::SystemCall& call) {
+            if (call.name != "flock" || ++locks > 1)
+                return 0;
+            std::filesystem::remove(target + "-unfinished");
+            if (isReplaced)
+                test::writeFile(target + "-unfinished", "");
+            return 0;
+        };
+        EXPECT_TRUE(sql::backupDatabase(database, target));
+        EXPECT_EQ(locks, 2);
+        EXPECT_EQ(test::Connection(target).rows("select count(*) from product"), "0");
+        EXPECT_FALSE(std::filesystem::exists(target + "-unfinished"));
+        EXPECT_THAT(diagnostics.events(), testing::IsEmpty());
+    }
+}
+
+// A program that only reads the database goes on only reading it.
+TEST(BackupNameTest, SourceIsOpenedAsTheDatabaseIs)
+{
+    for (const bool isReadOnly : {false, true}) {
+        const test::TemporaryDirectory directory;
+        const std::string source = directory.file("shop.db");
+        test::Connection(source).run("create table product (id, name)");
+        sql::Database database;
+        test::FaultVfs vfs;
+        ASSERT_TRUE(database.open(
+            source, isReadOnly ? sql::Database::access_read_only : sql::Database::access_read_write,
+            false, 0));
+        int opens = 0;
+        vfs.before = [&](const FileAccess& access) {
+            if (access.call == FileCall::open && access.path == source) {
+                EXPECT_EQ((access.flags & SQLITE_OPEN_READONLY) != 0, isReadOnly);
+                ++opens;
+            }
+            return SQLITE_OK;
+        };
+        EXPECT_TRUE(sql::backupDatabase(database, directory.file("copy.db")));
+        EXPECT_EQ(opens, 1);
+        database.close();
+    }
+}
 
 // Somebody else makes a file of that name at the last moment.
 TEST(BackupNameTest, NameThatIsTakenMeanwhileIsNotOverwritten)

@@ -191,6 +191,35 @@ TEST_F(SqlBackupTest, StopFlagStopsCopyAndCheck)
     EXPECT_TRUE(sql::backupDatabase(_database, _copy));
 }
 
+TEST_F(SqlBackupTest, StatementsAreTraced)
+{
+    _diagnostics.setLevel(9);
+    BackupOptions options;
+    const auto ran = [](const std::string& operation, const std::vector<std::string>& statements) {
+        std::vector<std::string> events;
+        for (const std::string& statement : statements)
+            events.push_back("[DEBUG2] SqlBackup.cpp (" + operation + ") - stmt='" + statement
+                             + "'");
+        return events;
+    };
+    EXPECT_TRUE(sql::backupDatabase(_database, _copy, options));
+    expectReport(
+        ran("backupDatabase", {"begin", "pragma main.schema_version",
+                               "pragma main.journal_mode = delete", "pragma main.quick_check(1)"}));
+    options.check = sql::check_full;
+    EXPECT_TRUE(sql::backupDatabase(_database, _copy, options));
+    expectReport(ran("backupDatabase",
+                     {"begin", "pragma main.schema_version", "pragma main.journal_mode = delete",
+                      "pragma main.integrity_check(1)", "pragma main.synchronous",
+                      "pragma main.synchronous = extra"}));
+    EXPECT_TRUE(sql::restoreDatabase(_database, _copy, options));
+    expectReport(ran("restoreDatabase",
+                     {"begin", "pragma main.schema_version", "pragma main.integrity_check(1)",
+                      "pragma main.synchronous", "pragma main.synchronous = extra"}));
+    _database.close();
+    _diagnostics.clear();
+}
+
 TEST_F(SqlBackupTest, WriterInAnotherThreadDoesNotKeepItFromItsEnd)
 {
     _other.run("pragma journal_mode = wal");
@@ -217,8 +246,9 @@ TEST_F(SqlBackupTest, WriterInAnotherThreadDoesNotKeepItFromItsEnd)
 TEST_F(SqlBackupTest, NamesAndFilesThatAreNoTargetAreRefused)
 {
     const std::string misuse = "21=SQLITE_MISUSE";
-    for (const std::string name : {"", ":memory:", "file:a.db"})
+    for (const std::string name : {"", ":memory:", "file:x.db"})
         expectNoBackup(name, name, misuse, "is no plain name of a file");
+    expectNoBackup(_copy + '\0' + "x", _copy, misuse, "is no plain name of a file");
     expectNoBackup(_file, _file, misuse, "is the database itself");
     std::filesystem::create_hard_link(_file, _copy);
     expectNoBackup(_copy, _copy, misuse, "is the database itself");
@@ -232,9 +262,15 @@ TEST_F(SqlBackupTest, NamesAndFilesThatAreNoTargetAreRefused)
 
 TEST_F(SqlBackupTest, NewFileIsNotMadeBesideTheLeftoversOfAnother)
 {
+    BackupOptions options;
+    options.progress = [](sql::integer, sql::integer) {
+        ADD_FAILURE() << "it is copied all the same";
+        return true;
+    };
     for (const char* const ending : {"-journal", "-wal", "-shm"}) {
         test::writeFile(_copy + ending, "");
-        expectNoBackup(_copy, _copy + ending, "14=SQLITE_CANTOPEN", "is left of another database");
+        expectNoBackup(_copy, _copy + ending, "14=SQLITE_CANTOPEN", "is left of another database",
+                       options);
         std::filesystem::remove(_copy + ending);
     }
 }
