@@ -17,6 +17,7 @@
 
 #include <gmock/gmock.h>
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -39,6 +41,20 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+namespace {
+
+bool hasLocales = true;
+
+} // namespace
+
+// Found before the C library's own.
+extern "C" ::locale_t newlocale(int mask, const char* name, ::locale_t base) noexcept
+{
+    static auto* const real = reinterpret_cast<decltype(newlocale)*>(
+        ::dlsym(RTLD_NEXT, "newlocale"));
+    return hasLocales ? real(mask, name, base) : nullptr;
+}
 
 namespace {
 
@@ -648,86 +664,192 @@ const Refusal other_ways[] = {
 INSTANTIATE_TEST_SUITE_P(Ways, BackupOtherWayTest, testing::ValuesIn(other_ways),
                          test::NameOfCase());
 
+// --- What others do at the wrong moment
+
+class BackupMomentTest : public testing::Test {
+protected:
+    BackupMomentTest()
+    {
+        test::Connection(_file).run("create table product (id, name)");
+        EXPECT_TRUE(_database.open(_file, sql::Database::access_read_write, false, 0));
+    }
+
+    // What happens before the first call of a name; its answer is that call's errno.
+    void before(const std::string& name, const std::function<int()>& happens)
+    {
+        _calls.before = [=, isDone = false](const test::SystemCall& call) mutable {
+            const bool isMeant = (call.name == name && !isDone)
+                                 || call.name + " " + call.path == name;
+            isDone = isDone || isMeant;
+            return isMeant ? happens() : 0;
+        };
+    }
+
+    void expectBackup()
+    {
+        EXPECT_TRUE(sql::backupDatabase(_database, _target));
+        EXPECT_EQ(test::Connection(_target).rows("select count(*) from product"), "0");
+        EXPECT_THAT(_diagnostics.events(), testing::IsEmpty());
+    }
+
+    void expectFailure(const std::string& where, int code, const std::string& reason)
+    {
+        const auto pages = sql::backupDatabase(_database, _target);
+        ASSERT_TRUE(pages.failed());
+        EXPECT_EQ(pages.error().text(), where + ": " + reason);
+        EXPECT_EQ(pages.error().extendedCode(), code);
+        EXPECT_EQ(_diagnostics.errors().size(), 2U);
+    }
+
+    std::set<std::string> files() const
+    {
+        std::set<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(_directory.path()))
+            names.insert(entry.path().filename());
+        return names;
+    }
+
+    const test::TemporaryDirectory _directory;
+    const std::string _file = _directory.file("shop.db");
+    const std::string _target = _directory.file("copy.db");
+    const std::string _unfinished = _target + "-unfinished";
+    test::Diagnostics _diagnostics;
+    sql::Database _database;
+    test::SystemCalls _calls;
+};
+
 // Another one, which has had the lock, removes the copy on its way, or makes one of its own.
-TEST(BackupNameTest, CopyThatHasLostItsNameBeforeItIsLockedIsMadeAnew)
+TEST_F(BackupMomentTest, CopyThatHasLostItsNameBeforeItIsLockedIsMadeAnew)
 {
     for (const bool isReplaced : {false, true}) {
-        const test::Diagnostics diagnostics;
-        const test::TemporaryDirectory directory;
-        const std::string target = directory.file("copy.db");
-        test::Connection(directory.file("shop.db")).run("create table product (id, name)");
-        sql::Database database;
-        ASSERT_TRUE(
-            database.open(directory.file("shop.db"), sql::Database::access_read_write, false, 0));
         int locks = 0;
-        test::SystemCalls calls;
-        calls.before = [&](const test::SystemCall& call) {
+        _calls.before = [&](const test::SystemCall& call) {
             if (call.name != "flock" || ++locks > 1)
                 return 0;
-            std::filesystem::remove(target + "-unfinished");
+            std::filesystem::remove(_unfinished);
             if (isReplaced)
-                test::writeFile(target + "-unfinished", "");
+                test::writeFile(_unfinished, "");
             return 0;
         };
-        EXPECT_TRUE(sql::backupDatabase(database, target));
+        expectBackup();
         EXPECT_EQ(locks, 2);
-        EXPECT_EQ(test::Connection(target).rows("select count(*) from product"), "0");
-        EXPECT_FALSE(std::filesystem::exists(target + "-unfinished"));
-        EXPECT_THAT(diagnostics.events(), testing::IsEmpty());
+        EXPECT_EQ(files(), (std::set<std::string>{"copy.db", "shop.db"}));
+        std::filesystem::remove(_target);
     }
 }
 
-// A program that only reads the database goes on only reading it.
-TEST(BackupNameTest, SourceIsOpenedAsTheDatabaseIs)
+TEST_F(BackupMomentTest, NameThatIsTakenMeanwhileIsNotOverwritten)
 {
+    for (const bool knowsLinks : {true, false}) {
+        _calls.before = [&](const test::SystemCall& call) {
+            if (call.name == "renameat2")
+                test::writeFile(_target, "mine");
+            if (knowsLinks)
+                return 0;
+            return call.name == "renameat2" ? EINVAL : call.name == "link" ? EPERM : 0;
+        };
+        expectFailure(_target, SQLITE_CANTOPEN, "File exists");
+        EXPECT_EQ(test::readFile(_target), "mine");
+        std::filesystem::remove(_target);
+        EXPECT_EQ(files(), std::set<std::string>{"shop.db"});
+        _diagnostics.clear();
+    }
+}
+
+TEST_F(BackupMomentTest, LeftoversThatCameMeanwhileAreSeen)
+{
+    before("fsync", [this] {
+        test::writeFile(_target + "-wal", "");
+        return 0;
+    });
+    expectFailure(_target + "-wal", SQLITE_CANTOPEN, "is left of another database");
+    EXPECT_EQ(files(), (std::set<std::string>{"copy.db-wal", "shop.db"}));
+}
+
+// The name of the copy on its way is free as soon as that has its own.
+TEST_F(BackupMomentTest, NextCopyIsNotRemoved)
+{
+    before("open " + _directory.file(""), [this] {
+        test::writeFile(_unfinished, "next");
+        return 0;
+    });
+    expectBackup();
+    EXPECT_EQ(test::readFile(_unfinished), "next");
+}
+
+TEST_F(BackupMomentTest, WhatAKilledOneHasLeftIsRemovedInAnyCase)
+{
+    for (const char* const ending : {"", "-journal", "-wal", "-shm"})
+        test::writeFile(_unfinished + ending, "x");
+    before("ftruncate", [] { return EIO; });
+    expectFailure(_unfinished, SQLITE_IOERR_TRUNCATE, "Input/output error");
+    EXPECT_EQ(files(), std::set<std::string>{"shop.db"});
+}
+
+// For programs that are started meanwhile.
+TEST_F(BackupMomentTest, FilesAreNotInheritedNorLinksFollowed)
+{
+    std::map<std::string, int> flags;
+    _calls.after = [&](const test::SystemCall& call) {
+        if (call.name == "open")
+            flags[call.path] = call.flags;
+    };
+    expectBackup();
+    const int ofCopy = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    const int ofFolder = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    EXPECT_EQ(flags,
+              (std::map<std::string, int>{{_unfinished, ofCopy}, {_directory.file(""), ofFolder}}));
+}
+
+TEST_F(BackupMomentTest, FaultIsToldThoughAStopIsAskedFor)
+{
+    _database.close();
+    test::FaultVfs vfs;
+    ASSERT_TRUE(_database.open(_file, sql::Database::access_read_write, false, 0));
+    {
+        sql::StopFlag stop(_database);
+        vfs.before = [&stop](const FileAccess& access) {
+            if (access.call != FileCall::write)
+                return SQLITE_OK;
+            stop.set();
+            return SQLITE_IOERR_WRITE;
+        };
+        expectFailure(_unfinished, SQLITE_IOERR_WRITE, "disk I/O error");
+    }
+    _database.close();
+}
+
+TEST_F(BackupMomentTest, ReasonIsANumberWhereNoLocaleIsLeft)
+{
+    before("fsync", [] {
+        hasLocales = false;
+        return EIO;
+    });
+    expectFailure(_unfinished, SQLITE_IOERR_FSYNC, "error 5 of the system");
+    hasLocales = true;
+}
+
+// A program that only reads the database goes on only reading it.
+TEST_F(BackupMomentTest, SourceIsOpenedAsTheDatabaseIs)
+{
+    _database.close();
     for (const bool isReadOnly : {false, true}) {
-        const test::TemporaryDirectory directory;
-        const std::string source = directory.file("shop.db");
-        test::Connection(source).run("create table product (id, name)");
-        sql::Database database;
         test::FaultVfs vfs;
-        ASSERT_TRUE(database.open(
-            source, isReadOnly ? sql::Database::access_read_only : sql::Database::access_read_write,
+        ASSERT_TRUE(_database.open(
+            _file, isReadOnly ? sql::Database::access_read_only : sql::Database::access_read_write,
             false, 0));
         int opens = 0;
         vfs.before = [&](const FileAccess& access) {
-            if (access.call == FileCall::open && access.path == source) {
+            if (access.call == FileCall::open && access.path == _file) {
                 EXPECT_EQ((access.flags & SQLITE_OPEN_READONLY) != 0, isReadOnly);
                 ++opens;
             }
             return SQLITE_OK;
         };
-        EXPECT_TRUE(sql::backupDatabase(database, directory.file("copy.db")));
+        expectBackup();
         EXPECT_EQ(opens, 1);
-        database.close();
-    }
-}
-
-// Somebody else makes a file of that name at the last moment.
-TEST(BackupNameTest, NameThatIsTakenMeanwhileIsNotOverwritten)
-{
-    for (const bool knowsLinks : {true, false}) {
-        test::Diagnostics diagnostics;
-        const test::TemporaryDirectory directory;
-        const std::string target = directory.file("copy.db");
-        test::Connection(directory.file("shop.db")).run("create table product (id, name)");
-        sql::Database database;
-        ASSERT_TRUE(
-            database.open(directory.file("shop.db"), sql::Database::access_read_write, false, 0));
-        test::SystemCalls calls;
-        calls.before = [&](const test::SystemCall& call) {
-            if (call.name == "renameat2")
-                test::writeFile(target, "mine");
-            if (knowsLinks)
-                return 0;
-            return call.name == "renameat2" ? EINVAL : call.name == "link" ? EPERM : 0;
-        };
-        const auto pages = sql::backupDatabase(database, target);
-        ASSERT_TRUE(pages.failed());
-        EXPECT_EQ(pages.error().text(), target + ": File exists");
-        EXPECT_EQ(diagnostics.errors().size(), 2U);
-        EXPECT_EQ(test::readFile(target), "mine");
-        EXPECT_FALSE(std::filesystem::exists(target + "-unfinished"));
+        vfs.before = nullptr;
+        _database.close();
     }
 }
 

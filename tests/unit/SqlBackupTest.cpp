@@ -216,6 +216,13 @@ TEST_F(SqlBackupTest, StatementsAreTraced)
     expectReport(ran("restoreDatabase",
                      {"begin", "pragma main.schema_version", "pragma main.integrity_check(1)",
                       "pragma main.synchronous", "pragma main.synchronous = extra"}));
+    sql::Database memory;
+    EXPECT_TRUE(memory.open(":memory:", sql::Database::access_create, false, 0));
+    _diagnostics.clear();
+    options.check = sql::check_none;
+    EXPECT_TRUE(sql::backupDatabase(memory, _directory.file("memory.db"), options));
+    expectReport(ran("backupDatabase", {"pragma main.journal_mode = delete"}));
+    memory.close();
     _database.close();
     _diagnostics.clear();
 }
@@ -302,7 +309,8 @@ TEST_F(SqlBackupTest, TargetThatIsLockedIsWaitedFor)
 TEST_F(SqlBackupTest, OneCopyAtATimeIsMadeAndThatOfAKilledOneIsTakenOver)
 {
     test::writeFile(_unfinished, std::string(100000, 'x'));
-    test::writeFile(_unfinished + "-journal", "x");
+    for (const char* const ending : {"-journal", "-wal", "-shm"})
+        test::writeFile(_unfinished + ending, "x");
     const int descriptor = ::open(_unfinished.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(::flock(descriptor, LOCK_EX), 0);
     expectNoBackup(_copy, _unfinished, "5=SQLITE_BUSY", "another backup is being made");
@@ -419,6 +427,18 @@ TEST_F(SqlBackupTest, RestoreIsRefusedWhereItCannotBe)
     expectFailure(sql::restoreDatabase(_database, none), "restoreDatabase", none,
                   "26=SQLITE_NOTADB", "file is not a database");
     EXPECT_EQ(contents(_file), std::string(all) + " ok delete");
+}
+
+TEST_F(SqlBackupTest, RestoreIsRefusedWhileAStatementStandsAtARow)
+{
+    ASSERT_TRUE(sql::backupDatabase(_database, _copy));
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(_database.getHandle(), "select * from product", -1, &statement, nullptr);
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_ROW);
+    expectFailure(sql::restoreDatabase(_database, _copy), "restoreDatabase", _copy,
+                  "1=SQLITE_ERROR", "destination database is in use");
+    sqlite3_finalize(statement);
+    EXPECT_TRUE(sql::restoreDatabase(_database, _copy));
 }
 
 TEST_F(SqlBackupTest, RestoreIntoALogNeedsTheSamePageSize)

@@ -126,7 +126,6 @@ public:
         _connection.reset(connection);
         if (rc != SQLITE_OK)
             return failedAsSqlite(work, connection, rc, file);
-        sqlite3_extended_result_codes(connection, 1);
         const int patience = static_cast<int>(
             std::clamp<milliseconds::rep>(work.options.patience.count(), 0, INT_MAX));
         sqlite3_busy_timeout(connection, patience);
