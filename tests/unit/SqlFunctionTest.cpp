@@ -25,15 +25,16 @@ using sql::Result;
 
 class FunctionTest : public test::PreparedTest {
 protected:
-    // That the statement fails with this error.
-    void expectFailure(const std::string& statement, const std::string& reason)
+    // That the statement fails with this error, by default when it runs.
+    void expectFailure(const std::string& statement, const std::string& reason,
+                       const std::string& operation = "run")
     {
         sql::Statement failing(_database, statement);
         EXPECT_FALSE(failing.run());
         EXPECT_EQ(std::to_string(failing.error().extendedCode()) + "=" + failing.error().name()
                       + ": " + failing.error().text(),
                   reason);
-        expectReport(report::statementFailed("run", statement, reason));
+        expectReport(report::statementFailed(operation, statement, reason));
     }
 };
 
@@ -256,6 +257,27 @@ TEST_F(FunctionTest, OneThatIsDeterministicMayStandInAnIndex)
     EXPECT_EQ(refused.error().text(),
               "non-deterministic functions prohibited in index expressions");
     _diagnostics.clear();
+}
+
+TEST_F(FunctionTest, TableWithAnIndexOverOneIsOnlyReadWithoutIt)
+{
+    sql::FunctionOptions options;
+    options.isDeterministic = true;
+    EXPECT_TRUE(addFunction(_database, "half", half, options));
+    run("create table t (a); create index by_half on t (half(a)); insert into t values (3)");
+    EXPECT_TRUE(sql::removeFunction(_database, "half", 1));
+    EXPECT_EQ(rows("select a from t"), "3");
+    const char unknown[] = "1=SQLITE_ERROR: unknown function: half()";
+    expectFailure("insert into t values (4)", unknown, "Statement");
+    expectFailure("pragma integrity_check", unknown, "Statement");
+    EXPECT_TRUE(addFunction(_database, "half", half, options));
+    EXPECT_EQ(rows("pragma integrity_check"), "ok");
+}
+
+TEST_F(FunctionTest, NameOfSqlitesOwnIsHidden)
+{
+    EXPECT_TRUE(addFunction(_database, "LOWER", [](std::string_view) { return "mine"; }));
+    EXPECT_EQ(rows("select lower('TEA')"), "mine");
 }
 
 } // namespace
