@@ -373,6 +373,26 @@ TEST_P(BackupFaultTest, KilledProgramLeavesTheOldFileOrTheNew)
     }
 }
 
+TEST_P(BackupFaultTest, KilledAtAnyMomentTheProgramLeavesTheOldFileOrTheNew)
+{
+    std::mt19937 random(5);
+    const int count = test::longRun() ? 200 : test::briefRun() ? 2 : 10;
+    for (int i = 0; i < count && !HasFailure(); ++i) {
+        setUp();
+        const ::pid_t child = ::fork();
+        if (child == 0)
+            ::_exit(run() ? 0 : 1);
+        ::usleep(static_cast<::useconds_t>(random() % 5000));
+        EXPECT_EQ(child > 0 ? ::kill(child, SIGKILL) : -1, 0);
+        int status = 0;
+        ASSERT_EQ(::waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status) || status == 0) << "it has failed";
+        figures.kills += WIFSIGNALED(status) ? 1 : 0;
+        expectWhole(!WIFSIGNALED(status), WIFSIGNALED(status));
+        expectDoneNextTime();
+    }
+}
+
 // Without them it is not known to be the job's own, or cannot be removed.
 const std::set<std::string> leavesTheCopy = {"flock", "fstat", "lstat", "unlink"};
 
@@ -827,6 +847,25 @@ TEST_F(BackupMomentTest, ReasonIsANumberWhereNoLocaleIsLeft)
     });
     expectFailure(_unfinished, SQLITE_IOERR_FSYNC, "error 5 of the system");
     hasLocales = true;
+}
+
+TEST_F(BackupMomentTest, FilesAreOpenedByTheFileSystemOfTheDatabase)
+{
+    _database.close();
+    sqlite3_vfs* const usual = sqlite3_vfs_find(nullptr);
+    test::FaultVfs vfs;
+    ASSERT_TRUE(_database.open(_file, sql::Database::access_read_write, false, 0));
+    sqlite3_vfs_register(usual, 1);
+    std::set<std::string> opened;
+    vfs.before = [&opened](const FileAccess& access) {
+        if (access.call == FileCall::open)
+            opened.insert(access.path);
+        return SQLITE_OK;
+    };
+    expectBackup();
+    EXPECT_EQ(opened.count(_file) + opened.count(_unfinished), 2U);
+    vfs.before = nullptr;
+    _database.close();
 }
 
 // A program that only reads the database goes on only reading it.
