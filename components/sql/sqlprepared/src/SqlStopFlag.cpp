@@ -67,7 +67,7 @@ bool pause(const std::atomic<bool>& flag, milliseconds time)
     return false;
 }
 
-int readNumber(sqlite3* connection, const char* question, int& number)
+int askNumber(sqlite3* connection, const char* question, int& number)
 {
     sqlite3_stmt* statement = nullptr;
     int rc = sqlite3_prepare_v2(connection, question, -1, &statement, nullptr);
@@ -223,7 +223,7 @@ StopFlag::StopFlag(Database& database)
     int busyTimeout = 0;
     if (const char* const why = whyNotAttached(connection))
         fail(SQLITE_MISUSE, why);
-    else if (const int rc = readNumber(connection, ask_timeout, busyTimeout); rc != SQLITE_ROW)
+    else if (const int rc = askNumber(connection, ask_timeout, busyTimeout); rc != SQLITE_ROW)
         fail(extendedCodeOf(connection, rc), reasonOf(connection, rc));
     else
         _hook = std::make_unique<StopHook>(connection, &_isSet, busyTimeout);
