@@ -3,9 +3,11 @@
 // is done once the flag is cleared.
 
 #include "SqlBackup.h"
+#include "SqlBlob.h"
 #include "SqlGroupCommit.h"
 #include "SqlMigration.h"
 #include "SqlPreparedTable.h"
+#include "SqlSettings.h"
 #include "SqlStopFlag.h"
 
 #include "Cases.h"
@@ -22,6 +24,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -46,6 +49,7 @@ using testing::ValuesIn;
 using Clock = std::chrono::steady_clock;
 
 const int row_count = 400;
+const int photo_size = 300000; // in several pieces
 
 // --- What is done
 
@@ -192,6 +196,69 @@ bool commitsAGroup(Shop& shop)
     return group.flush();
 }
 
+bool readsABlob(Shop& shop)
+{
+    sql::Blob photo(shop.database, "photo", "data", 1, sql::blob_read);
+    std::size_t size = 0;
+    const bool isRead = photo.isOpen() && photo.readAll([&size](sql::Bytes bytes) {
+        size += bytes.size;
+        return true;
+    });
+    EXPECT_TRUE(!isRead || size == photo_size);
+    return isRead;
+}
+
+// What was written stays, but for the transaction.
+bool writesABlob(Shop& shop)
+{
+    return static_cast<bool>(sql::inTransaction(shop.database, [&] {
+        sql::Blob photo(shop.database, "photo", "data", 1, sql::blob_write);
+        const auto fill = [](void* data, std::size_t size) {
+            std::memset(data, 'x', size);
+            return true;
+        };
+        return photo.isOpen() && photo.writeAll(fill) && photo.release();
+    }));
+}
+
+// Those before the one that was stopped are applied, which no file tells.
+bool appliesSettings(Shop& shop)
+{
+    sql::Settings settings;
+    settings.busyTimeout = milliseconds(1);
+    settings.foreignKeys = true;
+    settings.cacheSize = -77;
+    settings.pageSize = 4096;
+    settings.journalMode = sql::journal_wal;
+    settings.synchronous = sql::synchronous_normal;
+    return static_cast<bool>(settings.apply(shop.database));
+}
+
+bool checksIntegrity(Shop& shop)
+{
+    const auto complaints = sql::checkIntegrity(shop.database, sql::check_full);
+    EXPECT_TRUE(!complaints || complaints->empty());
+    return static_cast<bool>(complaints);
+}
+
+// A log that was not copied is as good as one that was.
+bool copiesTheLog(Shop& shop)
+{
+    sql::Settings settings;
+    settings.journalMode = sql::journal_wal;
+    if (!settings.apply(shop.database) || !shop.query("update product set price = price"))
+        return false;
+    const auto left = sql::checkpoint(shop.database, sql::checkpoint_truncate);
+    EXPECT_EQ(left.valueOr(0), 0);
+    return static_cast<bool>(left);
+}
+
+bool optimizes(Shop& shop)
+{
+    return shop.query("select * from product where code = 7")
+           && static_cast<bool>(sql::optimize(shop.database));
+}
+
 std::string beside(Shop& shop, const std::string& name)
 {
     return std::string(sqlite3_db_filename(shop.handle(), "main")) + name;
@@ -238,6 +305,12 @@ const Work works[] = {
     {"Restore", restores},
     {"Migration", migrates},
     {"GroupCommit", commitsAGroup},
+    {"ReadBlob", readsABlob},
+    {"WriteBlob", writesABlob},
+    {"Settings", appliesSettings},
+    {"CheckIntegrity", checksIntegrity},
+    {"Checkpoint", copiesTheLog},
+    {"Optimize", optimizes},
     {"TransactionOfTheDatabase", changesByTheDatabase},
 };
 
@@ -337,6 +410,11 @@ protected:
                   " (select 1 union all select i + 1 from n limit "
                       + std::to_string(row_count)
                       + ") select i, 'product ' || (i * 7 % 400), i, i from n");
+        test::run(shop.handle(), "create table photo (id integer primary key, data);"
+                                 "insert into photo values (1, zeroblob("
+                                     + std::to_string(photo_size) + "))");
+        // What is known of the table is of when it was small.
+        test::run(shop.handle(), "analyze product; update sqlite_stat1 set stat = '10 1'");
         shop.close();
         _before = test::contents(_pattern);
         test::writeFile(_file, test::readFile(_pattern));

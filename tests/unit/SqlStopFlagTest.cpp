@@ -482,6 +482,43 @@ TEST_F(StopFlagTest, ScriptEndsAtTheStatementThatIsStopped)
     EXPECT_EQ(there(), "999|4500.0");
 }
 
+// One that comes while a table-valued function is made known. The statement at a row lets it last.
+TEST_F(StopFlagTest, StopThatSqliteTellsAsAnErrorIsAStop)
+{
+    StopFlag stop(_database);
+    sql::Statement all(_database, "select * from product");
+    EXPECT_TRUE(all.next());
+    const auto setInSelect = [](void* flag, int action, const char*, const char*, const char*,
+                                const char*) {
+        if (action == SQLITE_SELECT)
+            static_cast<StopFlag*>(flag)->set();
+        return SQLITE_OK;
+    };
+    sqlite3_set_authorizer(_database.getHandle(), setInSelect, &stop);
+    const std::string text = "select name from pragma_table_info('product')";
+    expectStopped(sql::Statement(_database, text).error(), "Statement", text);
+    sqlite3_set_authorizer(_database.getHandle(), nullptr, nullptr);
+    stop.clear();
+    EXPECT_TRUE(all.reset());
+    EXPECT_TRUE(sql::Statement(_database, text).run());
+}
+
+TEST_F(StopFlagTest, ChangeOfATableThatIsStoppedAnywhereIsAStop)
+{
+    StopFlag stop(_database);
+    const std::string text = "alter table product rename to goods";
+    bool isDone = false;
+    int nth = 0;
+    for (; !isDone; stop.clear()) {
+        sql::Statement change(_database, text);
+        const Moment moment(_database, stop, ++nth);
+        isDone = change.run();
+        if (!isDone)
+            expectStopped(change, "run");
+    }
+    EXPECT_GT(nth, 10);
+}
+
 TEST_F(StopFlagTest, TablesFailAndChangeNothing)
 {
     StopFlag stop(_database);

@@ -14,10 +14,20 @@ bool isOf(int code, int extendedCode)
     return (code & 0xff) == (extendedCode & 0xff);
 }
 
-// A wait for another connection that a stop has ended is a stop.
-bool isStoppedWait(const sqlite3* db, int rc)
+bool endsWith(std::string_view text, std::string_view end)
 {
-    return isOf(rc, SQLITE_BUSY) && isStopRequested(db);
+    return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
+}
+
+// A wait for another connection that a stop has ended is a stop. So is what fails of one in a
+// statement of SQLite's own: it tells that as an error, such as "error in table t: interrupted".
+bool isStopped(sqlite3* db, int rc)
+{
+    if (!isStopRequested(db))
+        return false;
+    return isOf(rc, SQLITE_BUSY)
+           || (rc == SQLITE_ERROR
+               && endsWith(sqlite3_errmsg(db), sqlite3_errstr(SQLITE_INTERRUPT)));
 }
 
 // None where SQLite is too old to tell it, or the failure is not SQLite's.
@@ -42,7 +52,7 @@ string joined(std::initializer_list<std::string_view> parts)
 
 int extendedCodeOf(sqlite3* db, int rc)
 {
-    if (isStoppedWait(db, rc))
+    if (isStopped(db, rc))
         return SQLITE_INTERRUPT;
     const int extended = sqlite3_extended_errcode(db);
     return isOf(rc, extended) ? extended : rc;
@@ -50,7 +60,7 @@ int extendedCodeOf(sqlite3* db, int rc)
 
 const char* reasonOf(sqlite3* db, int rc)
 {
-    if (isStoppedWait(db, rc))
+    if (isStopped(db, rc))
         return sqlite3_errstr(SQLITE_INTERRUPT);
     return isOf(rc, sqlite3_errcode(db)) ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
 }

@@ -3,7 +3,6 @@
 #include "SqlFailure.h"
 #include "SqlNumber.h"
 #include "SqlScript.h"
-#include "SqlStop.h"
 #include "SqlToken.h"
 #include "SqlTrace.h"
 
@@ -682,12 +681,6 @@ bool Statement::failToRun(const char* operation, int rc)
 
 namespace {
 
-// What "alter table" asks by itself fails of an interrupt without its code.
-int codeOf(sqlite3* db, int rc)
-{
-    return rc == SQLITE_ERROR && isStopRequested(db) ? SQLITE_INTERRUPT : extendedCodeOf(db, rc);
-}
-
 // Statements that end the transaction of a migration, that do not work in one, or that it cannot undo.
 const char* whyNotInStep(std::string_view statement)
 {
@@ -740,7 +733,7 @@ Result<int> runStatements(const char* operation, sqlite3* db, int version, const
         if (rc != SQLITE_DONE) {
             const char* const own = sqlite3_sql(statement);
             const string text = own != nullptr ? own : firstStatement(sql);
-            return failed(operation, db, version, text.c_str(), codeOf(db, rc),
+            return failed(operation, db, version, text.c_str(), extendedCodeOf(db, rc),
                           "statement " + intToStr(count) + ": " + reasonOf(db, rc));
         }
     }
