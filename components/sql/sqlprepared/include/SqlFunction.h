@@ -75,7 +75,6 @@ private:
 
     sqlite3_context* _context;
     sqlite3_value** _arguments;
-    bool _wasNull = false;
 };
 
 /// Does what addFunction() does with an object that it owns from then on, failure or not.

@@ -54,20 +54,14 @@ struct FunctionAccess {
 
 Column FunctionCall::argumentAt(int index)
 {
-    sqlite3_value* const value = _arguments[index];
-    _wasNull = sqlite3_value_type(value) == SQLITE_NULL;
-    return Column(value);
+    return Column(_arguments[index]);
 }
 
-// An argument that there is no memory for is NULL from then on.
+// Where there is no memory for an argument, SQLite tells that instead.
 bool FunctionCall::isRead(int index, const char* why)
 {
     if (why == nullptr)
         return true;
-    if (!_wasNull && sqlite3_value_type(_arguments[index]) == SQLITE_NULL) {
-        giveNoMemory();
-        return false;
-    }
     const string& name = keptOf(_context).name;
     const string number = intToStr(index + 1);
     fail("argument " + number + " of " + name + " " + why);
