@@ -839,6 +839,22 @@ TEST_F(BackupMomentTest, FaultIsToldThoughAStopIsAskedFor)
     _database.close();
 }
 
+// All that follows is the sync, and the name.
+TEST_F(BackupMomentTest, StopIsHeededUntilTheCopyIsChecked)
+{
+    sql::StopFlag stop(_database);
+    test::SqliteCalls sqlite;
+    int closes = 0;
+    sqlite.close = [&](sqlite3* connection) {
+        if (++closes == 3) // source, copy, and that which has checked it
+            stop.set();
+        return test::closeConnection(connection);
+    };
+    expectFailure(_target, SQLITE_INTERRUPT, "interrupted");
+    EXPECT_EQ(closes, 3);
+    EXPECT_EQ(files(), std::set<std::string>{"shop.db"});
+}
+
 TEST_F(BackupMomentTest, ReasonIsANumberWhereNoLocaleIsLeft)
 {
     before("fsync", [] {

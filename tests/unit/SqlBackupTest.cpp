@@ -125,11 +125,16 @@ TEST_F(SqlBackupTest, CopyOfAFileWithALogHasNone)
 
 TEST_F(SqlBackupTest, CopyMayBeReadByWhoMayReadTheDatabase)
 {
-    ::chmod(_file.c_str(), 0600);
-    ASSERT_TRUE(sql::backupDatabase(_database, _copy));
-    struct stat found = {};
-    ASSERT_EQ(::stat(_copy.c_str(), &found), 0);
-    EXPECT_EQ(found.st_mode & 0777, 0600U);
+    const ::mode_t mask = ::umask(0);
+    for (const ::mode_t mode : {0600, 0777}) {
+        ::chmod(_file.c_str(), mode);
+        EXPECT_TRUE(sql::backupDatabase(_database, _copy));
+        struct stat found = {};
+        EXPECT_EQ(::stat(_copy.c_str(), &found), 0);
+        EXPECT_EQ(found.st_mode & 0777, mode & 0666);
+        std::filesystem::remove(_copy);
+    }
+    ::umask(mask);
 }
 
 TEST_F(SqlBackupTest, ExistingFileIsOverwrittenAndKeepsItsLog)
@@ -304,6 +309,28 @@ TEST_F(SqlBackupTest, TargetThatIsLockedIsWaitedFor)
     EXPECT_TRUE(sql::backupDatabase(_database, _copy, options));
     other.join();
     EXPECT_EQ(contents(_copy), std::string(all) + " ok delete");
+}
+
+TEST_F(SqlBackupTest, StopEndsTheWaitForALock)
+{
+    test::Connection holder(_copy);
+    holder.run("create table old (a); begin immediate");
+    sql::StopFlag stop(_database);
+    std::thread other([&stop] {
+        std::this_thread::sleep_for(milliseconds(5));
+        stop.set();
+    });
+    BackupOptions options;
+    options.patience = milliseconds(60000);
+    expectNoBackup(_copy, _copy, "9=SQLITE_INTERRUPT", "interrupted", options);
+    other.join();
+}
+
+TEST_F(SqlBackupTest, SourceThatIsLockedIsNamed)
+{
+    _other.run("begin exclusive");
+    expectNoBackup(_copy, _file, "5=SQLITE_BUSY", "database is locked");
+    _other.run("commit");
 }
 
 TEST_F(SqlBackupTest, OneCopyAtATimeIsMadeAndThatOfAKilledOneIsTakenOver)
@@ -497,13 +524,20 @@ TEST_F(SqlBackupTest, RestoreWaitsForReaders)
     expectFailure(sql::restoreDatabase(_database, _copy), "restoreDatabase", _copy, "5=SQLITE_BUSY",
                   "database is locked");
     std::thread other([this] {
-        std::this_thread::sleep_for(milliseconds(5));
+        std::this_thread::sleep_for(milliseconds(20));
         _other.run("commit");
     });
+    int told = 0;
     BackupOptions options;
-    options.patience = milliseconds(60000);
-    EXPECT_TRUE(sql::restoreDatabase(_database, _copy, options));
+    options.patience = milliseconds::max();
+    options.progress = [&told](sql::integer, sql::integer) {
+        ++told;
+        return true;
+    };
+    const auto pages = sql::restoreDatabase(_database, _copy, options);
     other.join();
+    ASSERT_TRUE(pages);
+    EXPECT_EQ(told, (*pages - 1) / 64);
     EXPECT_EQ(_other.rows("select count(*) from sqlite_master"), "2");
 }
 

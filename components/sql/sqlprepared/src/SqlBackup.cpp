@@ -40,6 +40,12 @@ struct Work {
     const BackupOptions& options;
 };
 
+// As far as SQLite's goes.
+milliseconds patienceOf(const Work& work)
+{
+    return std::clamp(work.options.patience, milliseconds(0), milliseconds(INT_MAX));
+}
+
 // --- Failures -------------------------------------------------------------------------------------
 
 Error failed(const char* operation, int rc, const string& file, const string& cause)
@@ -126,8 +132,7 @@ public:
         _connection.reset(connection);
         if (rc != SQLITE_OK)
             return failedAsSqlite(work, connection, rc, file);
-        const int patience = static_cast<int>(
-            std::clamp<milliseconds::rep>(work.options.patience.count(), 0, INT_MAX));
+        const int patience = static_cast<int>(patienceOf(work).count());
         sqlite3_busy_timeout(connection, patience);
         _hook = std::make_unique<StopHook>(connection, StopHook::flagOf(work.connection), patience);
         return Error();
@@ -224,7 +229,7 @@ public:
     {
         if (_backup == nullptr)
             return failedAsSqlite(work, _target, sqlite3_errcode(_target), file);
-        const Clock::time_point end = Clock::now() + work.options.patience;
+        const Clock::time_point end = Clock::now() + patienceOf(work);
         for (;;) {
             if (isStopRequested(work.connection))
                 return stopped(work);
@@ -251,8 +256,6 @@ private:
     // SQLite keeps no words for what a step returns.
     static Error failedStep(const Work& work, int rc, const string& file)
     {
-        if (rc == SQLITE_BUSY && isStopRequested(work.connection))
-            return stopped(work);
         if (rc == SQLITE_READONLY)
             return failed(work.operation, rc, file,
                           "cannot be written, or has a write-ahead log and another page size");
