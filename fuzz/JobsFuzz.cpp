@@ -239,7 +239,7 @@ private:
     {
         sql::Statement cell(database, "select cast(name as blob) from main." + table
                                           + " where rowid = ? and name is not null");
-        const auto bytes = cell.one<std::vector<unsigned char>>(key);
+        auto bytes = cell.one<std::vector<unsigned char>>(key);
         _diagnostics.clear();
         return bytes;
     }

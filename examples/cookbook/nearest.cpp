@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 namespace {
@@ -65,6 +66,15 @@ bool show(sql::Statement& nearest, double north, double east)
     return nearest.finished() || fail("find places", nearest.error());
 }
 
+bool readPosition(const char* line, double& north, double& east)
+{
+    char* middle = nullptr;
+    char* end = nullptr;
+    north = std::strtod(line, &middle);
+    east = std::strtod(middle, &end);
+    return middle != line && end != middle;
+}
+
 bool showAll(sql::Database& database)
 {
     sql::Statement nearest(database, "select name, distance(?1, ?2, north, east) as kilometres"
@@ -73,7 +83,7 @@ bool showAll(sql::Database& database)
     while (std::fgets(line, sizeof line, stdin) != nullptr) {
         double north = 0;
         double east = 0;
-        if (std::sscanf(line, "%lf %lf", &north, &east) != 2)
+        if (!readPosition(line, north, east))
             std::fprintf(stderr, "nearest: left out what is no position: %s", line);
         else if (!show(nearest, north, east))
             return false;

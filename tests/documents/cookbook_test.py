@@ -405,7 +405,8 @@ class PreparedTest(Test):
 
     def test_line_that_is_no_position_is_told_and_left_out(self):
         self.assert_ends(self.start("nearest", "a.db"), 0, "station 0 km\nmill 162 km\n",
-                         "nearest: left out what is no position: here\n", "here\n50.94 6.96\n")
+                         "nearest: left out what is no position: here\n"
+                         "nearest: left out what is no position: 7\n", "here\n7\n50.94 6.96\n")
 
     def test_file_that_is_cared_for_has_its_settings(self):
         for start in (1, 2):
