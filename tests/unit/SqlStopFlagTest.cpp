@@ -61,13 +61,13 @@ public:
         action.sa_handler = [](int) {
             flag.load()->set();
         };
-        ::sigaction(SIGALRM, &action, &_former);
+        ::sigaction(SIGALRM, &action, nullptr);
         start(wait * 1000);
     }
     ~Alarm()
     {
         start(0);
-        ::sigaction(SIGALRM, &_former, nullptr);
+        std::signal(SIGALRM, SIG_IGN); // one may be on its way
     }
     Alarm(const Alarm&) = delete;
     Alarm& operator=(const Alarm&) = delete;
@@ -82,7 +82,6 @@ private:
     }
 
     static std::atomic<StopFlag*> flag;
-    struct sigaction _former;
 };
 
 std::atomic<StopFlag*> Alarm::flag(nullptr);
