@@ -33,6 +33,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <new>
 #include <optional>
@@ -40,6 +41,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -546,6 +548,12 @@ struct Refusal : test::Case {
     std::string reason;
 };
 
+long openFiles()
+{
+    const std::filesystem::directory_iterator files("/proc/self/fd");
+    return std::distance(begin(files), end(files));
+}
+
 class BackupRefusalTest : public testing::TestWithParam<Refusal> {
 protected:
     BackupRefusalTest()
@@ -587,7 +595,9 @@ protected:
 
 TEST_P(BackupRefusalTest, IsSaidAndLeavesNoFile)
 {
+    const long open = openFiles();
     const auto pages = sql::backupDatabase(_database, _target);
+    EXPECT_EQ(openFiles(), open);
     ASSERT_TRUE(pages.failed());
     const std::string text = where() + ": " + GetParam().reason;
     EXPECT_EQ(pages.error().text(), text);
@@ -595,7 +605,8 @@ TEST_P(BackupRefusalTest, IsSaidAndLeavesNoFile)
               test::visibleAt(3, test::report::statementFailed("backupDatabase", "backupDatabase",
                                                                GetParam().code + ": " + text)));
     std::set<std::string> expected = {"shop.db"};
-    if (GetParam().errors.count("flock") + GetParam().errors.count("fstat") != 0)
+    const std::map<std::string, int>& errors = GetParam().errors;
+    if (errors.count("flock") + errors.count("fstat") + errors.count("lstat 6") != 0)
         expected.insert("copy.db-unfinished"); // which the next one takes over
     EXPECT_EQ(files(), expected);
 }
@@ -650,6 +661,11 @@ const Refusal refusals[] = {
      "",
      not_opened,
      "Input/output error"},
+    {"LookAtLocked",
+     {{"lstat 6", EIO}},
+     "-unfinished",
+     "3850=SQLITE_IOERR_LOCK",
+     "Input/output error"},
     {"OpenFolder", {{"open /", EMFILE}}, "/", "1290=SQLITE_IOERR_DIR_FSYNC", "Too many open files"},
     {"SyncFolder", {{"fsync /", EIO}}, "/", "1290=SQLITE_IOERR_DIR_FSYNC", "Input/output error"},
 };
@@ -661,7 +677,9 @@ class BackupOtherWayTest : public BackupRefusalTest {};
 
 TEST_P(BackupOtherWayTest, IsTakenWhereTheFileSystemKnowsNoBetter)
 {
+    const long open = openFiles();
     EXPECT_TRUE(sql::backupDatabase(_database, _target));
+    EXPECT_EQ(openFiles(), open);
     EXPECT_EQ(test::Connection(_target).rows("pragma integrity_check"), "ok");
     _calls.before = nullptr;
     std::set<std::string> expected = {"copy.db", "shop.db"};
@@ -786,6 +804,16 @@ TEST_F(BackupMomentTest, LeftoversThatCameMeanwhileAreSeen)
     EXPECT_EQ(files(), (std::set<std::string>{"copy.db-wal", "shop.db"}));
 }
 
+TEST_F(BackupMomentTest, SecondNameThatCannotBeRemovedIsNotWrittenTo)
+{
+    expectBackup();
+    std::filesystem::create_hard_link(_target, _unfinished);
+    const std::string former = test::readFile(_target);
+    before("unlink", [] { return EIO; });
+    expectFailure(_unfinished, SQLITE_CANTOPEN, "Input/output error");
+    EXPECT_EQ(test::readFile(_target), former);
+}
+
 // The name of the copy on its way is free as soon as that has its own.
 TEST_F(BackupMomentTest, NextCopyIsNotRemoved)
 {
@@ -880,6 +908,32 @@ TEST_F(BackupMomentTest, FilesAreOpenedByTheFileSystemOfTheDatabase)
     };
     expectBackup();
     EXPECT_EQ(opened.count(_file) + opened.count(_unfinished), 2U);
+    vfs.before = nullptr;
+    _database.close();
+}
+
+TEST_F(BackupMomentTest, WhatIsOnlyReadIsOpenedOnlyForThat)
+{
+    _database.close();
+    test::FaultVfs vfs;
+    ASSERT_TRUE(_database.open(_file, sql::Database::access_read_write, false, 0));
+    std::vector<std::pair<std::string, bool>> opened;
+    vfs.before = [&opened](const FileAccess& access) {
+        if (access.call == FileCall::open && (access.flags & SQLITE_OPEN_MAIN_DB) != 0)
+            opened.emplace_back(access.path, (access.flags & SQLITE_OPEN_READONLY) != 0);
+        return SQLITE_OK;
+    };
+    EXPECT_TRUE(sql::backupDatabase(_database, _target));
+    opened.clear();
+    EXPECT_TRUE(sql::backupDatabase(_database, _target));
+    EXPECT_EQ(opened, (std::vector<std::pair<std::string, bool>>{{_file, false},
+                                                                 {_unfinished, false},
+                                                                 {_unfinished, false},
+                                                                 {_unfinished, true},
+                                                                 {_target, false}}));
+    opened.clear();
+    EXPECT_TRUE(sql::restoreDatabase(_database, _target));
+    EXPECT_EQ(opened, (std::vector<std::pair<std::string, bool>>{{_target, true}}));
     vfs.before = nullptr;
     _database.close();
 }

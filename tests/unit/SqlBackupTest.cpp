@@ -134,6 +134,12 @@ TEST_F(SqlBackupTest, CopyMayBeReadByWhoMayReadTheDatabase)
         EXPECT_EQ(found.st_mode & 0777, mode & 0666);
         std::filesystem::remove(_copy);
     }
+    sql::Database memory;
+    EXPECT_TRUE(memory.open(":memory:", sql::Database::access_create, false, 0));
+    EXPECT_TRUE(sql::backupDatabase(memory, _copy));
+    struct stat found = {};
+    EXPECT_EQ(::stat(_copy.c_str(), &found), 0);
+    EXPECT_EQ(found.st_mode & 0777, 0644U);
     ::umask(mask);
 }
 
@@ -341,6 +347,9 @@ TEST_F(SqlBackupTest, OneCopyAtATimeIsMadeAndThatOfAKilledOneIsTakenOver)
     const int descriptor = ::open(_unfinished.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(::flock(descriptor, LOCK_EX), 0);
     expectNoBackup(_copy, _unfinished, "5=SQLITE_BUSY", "another backup is being made");
+    test::writeFile(_copy, "");
+    expectNoBackup(_copy, _unfinished, "5=SQLITE_BUSY", "another backup is being made");
+    std::filesystem::remove(_copy);
     ::close(descriptor);
     EXPECT_TRUE(sql::backupDatabase(_database, _copy));
     EXPECT_EQ(files(), (std::set<std::string>{"copy.db", "shop.db"}));
