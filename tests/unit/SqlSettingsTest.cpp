@@ -587,6 +587,7 @@ TEST_F(CheckpointTest, SaysHowManyFramesAReaderKeepsFromBeingCopied)
 
 TEST_F(CheckpointTest, WriterKeepsItFromTakingTheLogAlsoWhenThatIsEmpty)
 {
+    add("gin");
     EXPECT_EQ(sql::checkpoint(_database, sql::checkpoint_truncate).valueOr(-1), 0);
     test::Connection writer(_file);
     writer.run("begin immediate");
