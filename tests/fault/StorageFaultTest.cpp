@@ -270,6 +270,29 @@ std::string nameOfCase(const testing::TestParamInfo<StorageFaultTest::ParamType>
 INSTANTIATE_TEST_SUITE_P(Works, StorageFaultTest, Combine(ValuesIn(works), ValuesIn(causes)),
                          nameOfCase);
 
+#if SQLITE_VERSION_NUMBER >= 3031000 // there are generated columns
+TEST(BlobMemoryTest, GeneratedColumnsAreNotOverlookedForWantOfMemory)
+{
+    test::SqliteMemory memory;
+    int nth = 0;
+    do {
+        test::Diagnostics diagnostics;
+        sql::Database database;
+        EXPECT_TRUE(database.open(":memory:", sql::Database::access_create, false, 0));
+        test::run(database.getHandle(),
+                  "create table made (content, first as (substr(content, 1, 1)));"
+                  "insert into made values ('text')");
+        memory.refuse(++nth, false);
+        memory.watch(true);
+        const Blob blob(database, "made", "content", 1, sql::blob_read);
+        memory.watch(false);
+        EXPECT_FALSE(blob.isOpen());
+        EXPECT_TRUE(blob.error());
+    } while (memory.hasRefused() && nth < most_points && !HasFailure());
+    EXPECT_GT(nth, 5);
+}
+#endif
+
 // --- Power cuts
 
 struct Journal : test::Case {

@@ -200,6 +200,8 @@ TEST_F(SqlBlobTest, FunctionMayReleaseIt)
     blob = open(sql::blob_write);
     EXPECT_FALSE(blob.writeAll([&](void*, std::size_t) { return blob.release(); }));
     expectFailed(blob, "writeAll", not_open);
+    blob = open(sql::blob_read, 2); // which has one piece
+    EXPECT_TRUE(blob.readAll([&](sql::Bytes) { return blob.release(); }));
 }
 
 // --- Beyond the end
@@ -507,10 +509,26 @@ TEST_F(SqlBlobTest, MovedOneTakesAllAndTheOtherIsReleased)
     EXPECT_EQ(pieceOf(first, 0, 6), "abcdef");
 }
 
+TEST_F(SqlBlobTest, OneOfAnotherDatabaseTakesItsPlace)
+{
+    sql::Database other;
+    ASSERT_TRUE(other.open(":memory:", sql::Database::access_create, false, 0));
+    test::run(other.getHandle(), "create table file (content); insert into file values ('other')");
+    Blob blob = open(sql::blob_read);
+    blob = Blob(other, "file", "content", 1, sql::blob_write);
+    EXPECT_EQ(pieceOf(blob, 0, 5), "other");
+    EXPECT_TRUE(blob.write(0, {"O", 1}));
+    EXPECT_TRUE(blob.release());
+    EXPECT_EQ(test::rows(other.getHandle(), "select content from file"), "Other");
+}
+
 TEST_F(SqlBlobTest, ReleaseMayBeRepeated)
 {
     Blob blob = open(sql::blob_read);
+    EXPECT_FALSE(blob.write(0, {"A", 1}));
+    expectFailed(blob, "write", "21=SQLITE_MISUSE: the blob was opened to be read");
     EXPECT_TRUE(blob.release());
+    EXPECT_FALSE(blob.error());
     EXPECT_TRUE(blob.release());
     EXPECT_FALSE(blob.error());
 }
@@ -651,6 +669,35 @@ TEST_F(BlobFileTest, BusyFileIsNotWritten)
     EXPECT_TRUE(blob.error().isBusy());
     expectReported("Blob", "5=SQLITE_BUSY: database is locked");
     _other.run("commit");
+}
+
+TEST_F(BlobFileTest, LockedFileIsNotRead)
+{
+    _other.run("begin exclusive");
+    const Blob blob(_database, "file", "content", 1, sql::blob_read);
+    EXPECT_FALSE(blob.isOpen());
+    expectReported("Blob", "5=SQLITE_BUSY: database is locked");
+    _other.run("commit");
+}
+
+TEST_F(BlobFileTest, WhatCouldNotBeReadFailsOnceMoreAtTheEndAndIsReportedOnce)
+{
+    const std::string reason = "database disk image is malformed";
+    _other.run("update file set content = zeroblob(20000)");
+    std::string bytes = test::readFile(_file);
+    bytes.replace(8192, 4, "\x7f\xff\xff\xff"); // where the second page of the blob is
+    test::writeFile(_file, bytes);
+    for (const bool releases : {true, false}) {
+        Blob blob(_database, "file", "content", 1, sql::blob_read);
+        EXPECT_FALSE(blob.readAll([](sql::Bytes) { return true; }));
+        expectReported("readAll", "11=SQLITE_CORRUPT: " + reason);
+        if (!releases)
+            break;
+        EXPECT_FALSE(blob.release());
+        EXPECT_TRUE(blob.error().isCorrupt());
+        EXPECT_EQ(blob.error().text(), reason);
+        EXPECT_EQ(blob.error().statement(), content);
+    }
 }
 
 TEST_F(BlobFileTest, ReadOnlyFileIsReadAndNotWritten)
