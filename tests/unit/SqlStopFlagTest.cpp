@@ -506,6 +506,25 @@ TEST_F(StopFlagTest, StopThatSqliteTellsAsAnErrorIsAStop)
 
 #endif
 
+TEST_F(StopFlagTest, ErrorOfAnotherCauseIsNoStop)
+{
+    StopFlag stop(_database);
+    const auto setAndFail = [](sqlite3_context* context, int, sqlite3_value**) {
+        static_cast<StopFlag*>(sqlite3_user_data(context))->set();
+        sqlite3_result_error(context, "no", -1);
+    };
+    EXPECT_EQ(sqlite3_create_function(_database.getHandle(), "refuse", 0, SQLITE_UTF8, &stop,
+                                      setAndFail, nullptr, nullptr),
+              SQLITE_OK);
+    sql::Statement refused(_database, "select refuse()");
+    EXPECT_FALSE(refused.run());
+    EXPECT_TRUE(stop.isSet());
+    expectReport(report::statementFailed("run", "select refuse()", "1=SQLITE_ERROR: no"));
+    const sql::Statement missing(_database, "select * from missing");
+    expectReport(report::statementFailed("Statement", "select * from missing",
+                                         "1=SQLITE_ERROR: no such table: missing"));
+}
+
 TEST_F(StopFlagTest, ChangeOfATableThatIsStoppedAnywhereIsAStop)
 {
     StopFlag stop(_database);
