@@ -69,14 +69,13 @@ using testing::Eq;
 struct Job : test::Case {
     bool restores;
     const char* targetMode; // null for no target
+    const char* sourceMode = "delete";
 };
 
 const Job jobs[] = {
-    {"NewFile", false, nullptr},
-    {"ExistingFile", false, "delete"},
-    {"ExistingFileWithALog", false, "wal"},
-    {"Restore", true, "delete"},
-    {"RestoreWithALog", true, "wal"},
+    {"NewFile", false, nullptr},       {"NewFileOfALog", false, nullptr, "wal"},
+    {"ExistingFile", false, "delete"}, {"ExistingFileWithALog", false, "wal"},
+    {"Restore", true, "delete"},       {"RestoreWithALog", true, "wal"},
 };
 
 struct Figures : testing::Environment {
@@ -114,7 +113,7 @@ protected:
 
     void makeFiles() const
     {
-        make(_source, "new", 60, "delete");
+        make(_source, "new", 60, GetParam().sourceMode);
         if (hasTarget())
             make(_target, "old", 90, GetParam().targetMode);
     }
@@ -150,6 +149,9 @@ protected:
         EXPECT_EQ(contents(_source), _new);
         const std::string now = std::filesystem::exists(_target) ? contents(_target) : "";
         EXPECT_THAT(now, AnyOf(Eq(_new), Eq(isDone ? _new : _old)));
+        if (now == _new && !hasTarget()) { // and stands alone
+            EXPECT_EQ(test::readFile(_target).substr(18, 2), "\1\1");
+        }
         EXPECT_TRUE(wasKilled || !std::filesystem::exists(_target + "-unfinished"));
     }
 

@@ -96,7 +96,7 @@ Error stopped(const Work& work)
 
 // --- Connections ----------------------------------------------------------------------------------
 
-// Runs a statement to its first row, of which `cell` becomes the first one.
+// Runs a statement to its end, which may be a commit; `cell` becomes what its only row begins with.
 Error run(const Work& work, sqlite3* connection, const char* statement, const string& file,
           string& cell)
 {
@@ -107,12 +107,12 @@ Error run(const Work& work, sqlite3* connection, const char* statement, const st
                                                                            sqlite3_finalize);
     if (rc == SQLITE_OK)
         rc = sqlite3_step(prepared);
-    if (rc != SQLITE_ROW && rc != SQLITE_DONE)
-        return failedAsSqlite(work, connection, rc, file);
-    const unsigned char* const text = rc == SQLITE_ROW ? sqlite3_column_text(prepared, 0) : nullptr;
-    if (text != nullptr)
-        cell = reinterpret_cast<const char*>(text);
-    return Error();
+    if (rc == SQLITE_ROW) {
+        const unsigned char* const text = sqlite3_column_text(prepared, 0);
+        cell = text != nullptr ? reinterpret_cast<const char*>(text) : "";
+        rc = sqlite3_step(prepared);
+    }
+    return rc == SQLITE_DONE ? Error() : failedAsSqlite(work, connection, rc, file);
 }
 
 struct Close {
