@@ -509,6 +509,22 @@ TEST_F(SqlBlobTest, MovedOneTakesAllAndTheOtherIsReleased)
     EXPECT_EQ(pieceOf(first, 0, 6), "abcdef");
 }
 
+TEST_F(SqlBlobTest, FailureIsMovedToo)
+{
+    const std::string reason = std::string("4=SQLITE_ABORT: ") + changed;
+    Blob first = open(sql::blob_read, 2);
+    Blob second = open(sql::blob_read);
+    run("update file set name = 'new' where id = 1");
+    char byte = '?';
+    EXPECT_FALSE(second.read(0, &byte, 1));
+    expectFailed(second, "read", reason);
+    first = std::move(second);
+    EXPECT_EQ(first.error().text(), changed);
+    EXPECT_FALSE(first.read(0, &byte, 1));
+    expectFailed(first, "read", reason);
+    EXPECT_TRUE(first.release());
+}
+
 TEST_F(SqlBlobTest, OneOfAnotherDatabaseTakesItsPlace)
 {
     sql::Database other;
