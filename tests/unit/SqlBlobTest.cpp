@@ -512,7 +512,7 @@ TEST_F(SqlBlobTest, MovedOneTakesAllAndTheOtherIsReleased)
 TEST_F(SqlBlobTest, FailureIsMovedToo)
 {
     const std::string reason = std::string("4=SQLITE_ABORT: ") + changed;
-    Blob first = open(sql::blob_read, 2);
+    Blob first(_database, "file", "name", 2, sql::blob_read);
     Blob second = open(sql::blob_read);
     run("update file set name = 'new' where id = 1");
     char byte = '?';
