@@ -49,7 +49,7 @@ using testing::ValuesIn;
 using Clock = std::chrono::steady_clock;
 
 const int row_count = 400;
-const int photo_size = 300000; // in several pieces
+const int photo_size = 70000; // in two pieces
 
 // --- What is done
 
