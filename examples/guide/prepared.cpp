@@ -11,6 +11,7 @@
 #include "SqlPreparedTable.h"
 #include "SqlSettings.h"
 #include "SqlStopFlag.h"
+#include "SqlTypedTable.h"
 
 #include <cmath>
 #include <cstdio>
@@ -37,6 +38,20 @@ template <> struct sql::Binder<Money> {
 };
 
 namespace {
+
+struct Reading {
+    sql::integer id = 0;
+    sql::string sensor;
+    double value = 0;
+    std::optional<sql::string> note;
+    std::chrono::system_clock::time_point at;
+};
+
+constexpr auto reading = sql::mapping<Reading>(
+    "reading", sql::autoKey<&Reading::id>("id"), // 0: SQLite chooses
+    sql::column<&Reading::sensor>("sensor", sql::flag_not_null),
+    sql::column<&Reading::value>("value"), sql::column<&Reading::note>("note"),
+    sql::column<&Reading::at>("at", sql::indexed));
 
 constexpr int busy_timeout_ms = 100;
 
@@ -413,6 +428,76 @@ bool checkDeclaration(sql::Database& database, sql::Database&)
     return true;
 }
 
+bool useObjects(sql::Database& database, sql::Database&)
+{
+    sql::TypedTable readings(database, reading);
+    if (!readings.create())
+        return report(readings.error());
+    Reading warm;
+    warm.sensor = "hall";
+    warm.value = 21.5;
+    if (!readings.add(warm)) // sets the key
+        return report(readings.error());
+    warm.value = 22;
+    if (!readings.update(warm))
+        return report(readings.error());
+
+    const sql::Result<Reading> found = readings.find(warm.id);
+    if (found)
+        std::printf("%s: %.1f\n", found->sensor.c_str(), found->value);
+    else if (found.failed())
+        return report(found.error());
+    return true;
+}
+
+bool selectObjects(sql::Database& database, sql::Database&)
+{
+    sql::TypedTable readings(database, reading);
+    std::vector<Reading> many(3);
+    for (Reading& each : many) {
+        each.sensor = "attic";
+        each.value = 30.0 + static_cast<double>(&each - many.data());
+    }
+    if (!readings.add(many.begin(), many.end())) // all or none
+        return report(readings.error());
+
+    auto hot = readings.select("where sensor = ? and value > ? order by id", "attic", 30.5);
+    Reading row;
+    while (hot.next(row))
+        std::printf("%lld: %.1f\n", row.id, row.value);
+    if (!hot.finished())
+        return report(hot.error());
+
+    std::vector<Reading> all;
+    if (!readings.load(all, "order by id limit 100"))
+        return report(readings.error());
+    const auto values = readings.values<double>("value", "where sensor = ?", "hall");
+    const sql::Result<sql::integer> count = readings.count("where value > ?", 31);
+    if (!values || !count)
+        return report(readings.error());
+    std::printf("%zu loaded, %zu of the hall, %lld above 31\n", all.size(), values->size(), *count);
+    return true;
+}
+
+struct Day {
+    sql::string sensor;
+    double highest = 0;
+};
+
+constexpr auto day = sql::mapping<Day>("", sql::column<&Day::sensor>("sensor"),
+                                       sql::column<&Day::highest>("highest"));
+
+bool queryObjects(sql::Database& database, sql::Database&)
+{
+    auto days = sql::query<Day>(database, day,
+                                "select sensor, max(value) as highest from reading"
+                                " where value > ? group by sensor",
+                                0);
+    for (const Day& each : days)
+        std::printf("%s: %.1f\n", each.sensor.c_str(), each.highest);
+    return days.finished() || report(days.error());
+}
+
 bool collectWrites(sql::Database& database, sql::Database&)
 {
     sql::Statement weigh(database, "update product set weight = ? where name = 'Mug'");
@@ -513,6 +598,9 @@ const Task tasks[] = {
     {"Records one by one", selectRecords},
     {"Many records at once", addManyRecords},
     {"What differs from the declaration", checkDeclaration},
+    {"Structs in place of records", useObjects},
+    {"Objects by a condition", selectObjects},
+    {"Any query into a struct", queryObjects},
     {"Many small writes", collectWrites},
     {"Settings of a connection", applySettings},
     {"Look after a file", lookAfter},

@@ -72,7 +72,7 @@ if os.environ["PREPARED"] == "1":
     LIBRARIES["sqlprepared"] = ('#include "SqlBackup.h"\n#include "SqlBlob.h"\n#include "SqlGroupCommit.h"\n'
                                 '#include "SqlFunction.h"\n#include "SqlMigration.h"\n'
                                 '#include "SqlPreparedTable.h"\n#include "SqlSettings.h"\n'
-                                '#include "SqlStopFlag.h"\n'
+                                '#include "SqlStopFlag.h"\n#include "SqlTypedTable.h"\n'
                                 "#include <thread>\n")
 
 # The examples of the headers, made a program that runs the one it is told; those that do not stand in
@@ -125,6 +125,8 @@ ROWS = {"RecordSet": ["1|rum|null"], "Settings": ["journal_mode is memory, not w
 # What is reported of an example that fails.
 REPORTS = {"Error": ["SQL statement 'insert into product (id) values (?)' failed: ",
                      "  rc=1555=SQLITE_CONSTRAINT_PRIMARYKEY: UNIQUE constraint failed: product.id"],
+           "MappedCursor": ["SQL statement 'select name from nowhere' failed: ",
+                            "  rc=1=SQLITE_ERROR: no such table: nowhere"],
            "Settings": ["SQL statement 'pragma main.journal_mode = wal' failed: ",
                         "  rc=1=SQLITE_ERROR: journal_mode is memory, not wal"],
            "StopFlag": ["SQL statement 'select * from product' failed: ",

@@ -21,6 +21,7 @@ PROGRAM = """
 #include "SqlSettings.h"
 #include "SqlStopFlag.h"
 #include "SqlTransaction.h"
+#include "SqlTypedTable.h"
 
 #include <array>
 
@@ -28,6 +29,18 @@ enum class Size : int { small, large };
 
 struct Own {
 };
+
+struct Product {
+    sql::integer id = 0;
+    sql::string name;
+    Own own;
+    void setId(sql::integer);
+    sql::integer getId() const;
+};
+constexpr auto mapped = sql::mapping<Product>("product", sql::autoKey<&Product::id>("id"));
+constexpr auto named = sql::mapping<Product>("product", sql::key<&Product::name>("name"));
+constexpr auto keyless = sql::mapping<Product>("product", sql::column<&Product::name>("name"));
+constexpr auto both = sql::mapping<Product>("product", sql::key<&Product::id>("id"), sql::key<&Product::name>("name"));
 """
 FUNCTION = "[[maybe_unused]] static bool use%d(sql::Database& database, sql::Statement& statement," \
     " sql::PreparedTable& fast, sql::Record& record)" \
@@ -76,6 +89,55 @@ class MistakesTest(unittest.TestCase):
             for i, use in enumerate(part):
                 self.assertIn(f"<stdin>:{first + i}:", told, use)
 
+    def test_mappings(self):
+        self.assert_compiles((
+            "sql::TypedTable products(database, mapped); return products.find(7).failed()",
+            'sql::TypedTable products(database, named); return products.remove("tea")',
+            'sql::TypedTable products(database, both); return products.remove(7, "tea")',
+            'sql::TypedTable products(database, keyless); return products.add(Product())',
+            "sql::TypedTable<Product, sql::integer> products(database, mapped)",
+            'const auto lasting = sql::mapping<Product>("product", sql::key<&Product::getId, &Product::setId>("id"));'
+            " sql::TypedTable products(database, lasting)"))
+
+    def test_member_without_a_binder(self):
+        for kind in ("column", "key"):
+            self.assert_mistaken("there is no Binder for the type of this member", (
+                f'sql::mapping<Product>("product", sql::{kind}<&Product::own>("own"))',), once=False)
+
+    def test_keys_that_the_table_does_not_have(self):
+        for use in ("products.find(7).failed()", "products.remove(7)", "products.update(Product())",
+                    "products.addOrUpdate(Product())", "products.has(7) == sql::Presence::absent"):
+            self.assert_mistaken("the mapping has no key", (
+                f"sql::TypedTable products(database, keyless); return {use}",))
+
+    def test_keys_of_another_type(self):
+        for table, key in (("mapped", '"tea"'), ("mapped", "nullptr"), ("mapped", "2.5"), ("mapped", "true"),
+                           ("mapped", "Size::small"), ("mapped", "sql::string()"), ("named", "7"),
+                           ("named", "nullptr"), ("both", '"tea", 7')):
+            self.assert_mistaken("a key of this type does not fit the table", (
+                f"sql::TypedTable products(database, {table}); return products.find({key}).failed()",),
+                once=False)
+
+    def test_keys_of_another_number_of_columns(self):
+        for table, key in (("mapped", "7, 8"), ("mapped", ""), ("both", "7")):
+            self.assert_mistaken("the key has another number of columns", (
+                f"sql::TypedTable products(database, {table}); return products.find({key}).failed()",))
+
+    def test_keys_that_sqlite_cannot_choose(self):
+        for members in ("&Product::name", "&Product::getId, &Product::setId"):
+            self.assert_mistaken("SQLite chooses integers alone, and sets members alone", (
+                f'sql::mapping<Product>("product", sql::autoKey<{members}>("id"))',))
+
+    def test_members_that_hold_no_time(self):
+        self.assert_mistaken("only a time_point can be held in milliseconds", (
+            'sql::mapping<Product>("product", sql::column<&Product::name>("name", sql::milliseconds))',), once=False)
+
+    def test_mappings_that_do_not_last(self):
+        self.assert_mistaken("deleted", (
+            "sql::TypedTable<Product, sql::integer> products(database, std::move(mapped))",
+            'sql::TypedTable<Product, sql::integer> products(database,'
+            ' sql::mapping<Product>("product", sql::key<&Product::id>("id")))'))
+
     def test_values_that_cannot_be_bound(self):
         self.assert_mistaken(NOT_BOUND, used((
             "char value = 'a'", "wchar_t value = 'a'", "char16_t value = 'a'", "char32_t value = 'a'",
@@ -83,7 +145,7 @@ class MistakesTest(unittest.TestCase):
             'const wchar_t* value = L"tea"', 'auto value = u"tea"', 'auto value = U"tea"',
             "const unsigned char* value = nullptr", "std::wstring value", "Own value",
             "std::optional<char> value", "std::optional<void*> value", "std::vector<char> value",
-            "std::array<unsigned char, 3> value{}", "const char** value = nullptr", "Own* value = nullptr",
+            "std::array<char, 3> value{}", "const char** value = nullptr", "Own* value = nullptr",
             "auto value = std::nullopt", "std::chrono::seconds value(7)",
             "std::chrono::steady_clock::time_point value",
             "std::chrono::time_point<std::chrono::system_clock, std::chrono::hours> value",

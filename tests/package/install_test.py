@@ -49,8 +49,8 @@ BOTH = {
         "consumer", "c++11", "Captain's tea, 86400\n"),
     "sqlprepared": Library(
         "0.1.0", ("SqlBackup", "SqlBinder", "SqlBlob", "SqlFunction", "SqlGroupCommit", "SqlLiteral",
-                  "SqlMigration", "SqlPreparedTable", "SqlResult", "SqlSettings", "SqlStatement", "SqlStopFlag",
-                  "SqlTableStatements", "SqlTransaction"),
+                  "SqlMapping", "SqlMigration", "SqlPreparedTable", "SqlResult", "SqlSettings", "SqlStatement", "SqlStopFlag",
+                  "SqlTableStatements", "SqlTransaction", "SqlTypedTable"),
         {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so", "libsqlwrapper.so.1"}, "sql::Statement::run()",
         "prepared", "c++17", "`tea`: 3.5, 1970-01-02T00:00:00Z, SQLITE_CONSTRAINT_PRIMARYKEY\n"),
 }

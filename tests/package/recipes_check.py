@@ -31,8 +31,8 @@ HEADERS = ["SqlCommon.h", "SqlDatabase.h", "SqlField.h", "SqlFieldSet.h", "SqlRe
 CMAKE = ["sqlwrapperConfig.cmake", "sqlwrapperConfigVersion.cmake",
          "sqlwrapperTargets-relwithdebinfo.cmake", "sqlwrapperTargets.cmake"]
 PREPARED_HEADERS = ["SqlBackup.h", "SqlBinder.h", "SqlBlob.h", "SqlFunction.h", "SqlGroupCommit.h",
-                    "SqlLiteral.h", "SqlMigration.h", "SqlPreparedTable.h", "SqlResult.h", "SqlSettings.h",
-                    "SqlStatement.h", "SqlStopFlag.h", "SqlTableStatements.h", "SqlTransaction.h"]
+                    "SqlLiteral.h", "SqlMapping.h", "SqlMigration.h", "SqlPreparedTable.h", "SqlResult.h", "SqlSettings.h",
+                    "SqlStatement.h", "SqlStopFlag.h", "SqlTableStatements.h", "SqlTransaction.h", "SqlTypedTable.h"]
 PREPARED_CMAKE = ["sqlpreparedTargets-relwithdebinfo.cmake", "sqlpreparedTargets.cmake"]
 # Each file of an installation, by the package that it belongs to.
 FILES = {

@@ -199,6 +199,7 @@ def prepared_printers():
     collection = gdb.printing.RegexpCollectionPrettyPrinter("sqlprepared")
     for name, printer in (("Blob", BlobPrinter), ("Error", ErrorPrinter), ("GroupCommit", GroupPrinter),
                           ("PreparedTable", PreparedTablePrinter),
+                          ("ObjectCursor<.*>", CursorPrinter), ("TypedTable<.*>", PreparedTablePrinter),
                           ("RecordCursor", CursorPrinter), ("Result<.*>", ResultPrinter),
                           ("Savepoint", ScopePrinter), ("Statement", StatementPrinter),
                           ("StopFlag", StopFlagPrinter),

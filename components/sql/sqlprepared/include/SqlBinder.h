@@ -3,6 +3,7 @@
 
 #include "SqlCommon.h"
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <optional>
@@ -69,6 +70,8 @@ private:
     friend struct FunctionCall;
     friend class Statement; // binds it
     friend class PreparedTable;
+    friend class MappedTable;
+    friend struct MemberAccess;
     friend struct RecordAccess;
 
     enum class Kind { null, number, real, text, block, unfit };
@@ -112,11 +115,13 @@ public:
     const char* read(std::string_view& text) const; ///< Stores a view, as asText().
     const char* read(Bytes& bytes) const;           ///< Stores a view, as asBytes().
     const char* read(string& text) const;           ///< Stores a copy of the text.
-    const char* read(std::vector<unsigned char>& bytes) const; ///< Stores a copy of the block.
+    const char* read(std::vector<unsigned char>& bytes) const;      ///< Stores a copy of the block.
+    const char* read(unsigned char* bytes, std::size_t size) const; ///< Copies one of this size.
 
 private:
     friend struct FunctionCall; // whose arguments are cells without a statement
     friend class Statement;     // stands at its row
+    friend struct MemberAccess;
 
     SQLWRAPPER_LOCAL const char* readOther(integer& number) const;
     SQLWRAPPER_LOCAL const char* readOther(double& number) const;
@@ -267,6 +272,18 @@ template <> struct Binder<std::vector<unsigned char>> {
     static const char* read(const Column& column, std::vector<unsigned char>& bytes)
     {
         return column.read(bytes);
+    }
+};
+
+/// A block of this many bytes, no fewer and no more.
+template <std::size_t size> struct Binder<std::array<unsigned char, size>> {
+    static Argument argument(const std::array<unsigned char, size>& bytes)
+    {
+        return Bytes{bytes.data(), size};
+    }
+    static const char* read(const Column& column, std::array<unsigned char, size>& bytes)
+    {
+        return column.read(bytes.data(), size);
     }
 };
 

@@ -156,6 +156,10 @@ private:
     friend class TableStatements; // runs statements under the names of its own operations
     friend class PreparedTable;
     friend class RecordCursor;
+    friend class MappedTable;
+    friend class MappedCursor;
+    template <typename T, typename... Keys> friend class TypedTable;
+    template <typename T> friend class ObjectCursor;
     friend class Pragma; // likewise
 
     // Broken: at a row that could not be read. Unbound: a value could not be bound. Released: or
@@ -167,8 +171,9 @@ private:
         void* variable;
     };
 
-    // In place of a number of variables: the one given takes all cells, or none.
+    // In place of a number of variables: the one given is a record, or an object, which takes all cells.
     static constexpr int whole_row = 1 << 20;
+    static constexpr int whole_object = whole_row + 1;
 
     template <typename T>
     static constexpr bool is_view = is_one_of<
@@ -231,6 +236,7 @@ private:
     SQLWRAPPER_LOCAL bool nextRow(const char* operation);
     SQLWRAPPER_LOCAL bool readCells(const char* operation, const Variable* variables, int count);
     SQLWRAPPER_LOCAL bool readRecord(const char* operation, const Variable& variable);
+    SQLWRAPPER_LOCAL bool readObject(const char* operation, const Variable& variable);
     SQLWRAPPER_LOCAL Column noColumn(const string& which);
     SQLWRAPPER_LOCAL int indexOf(std::string_view name);
     SQLWRAPPER_LOCAL void learnNames(int count);

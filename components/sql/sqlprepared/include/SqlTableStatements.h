@@ -39,6 +39,8 @@ public:
 
 private:
     friend class PreparedTable; // which is one
+    friend class MappedTable;   // likewise
+    friend class MappedCursor;  // gives its statement back
 
     enum class Listed { all, keys, others };
     using Item = string (*)(const string& name, int position);
@@ -133,6 +135,8 @@ private:
     SQLWRAPPER_LOCAL bool fail(const char* operation, const string& text, int rc,
                                const string& why);
     SQLWRAPPER_LOCAL Result<std::vector<string>> differences(const char* operation);
+    SQLWRAPPER_LOCAL Statement taken(const char* operation, const string& text);
+    SQLWRAPPER_LOCAL void giveBack(Statement& statement, int releases);
 
     Database* _database;
     int _columnCount;
@@ -144,6 +148,8 @@ private:
     std::forward_list<string> _texts; // that some of the cells borrow
     Error _error;
     std::optional<Statement> _statements[work_count];
+    std::vector<Statement> _conditions; // that nobody uses, the latest at the end
+    int _releases = 0;
     integer _changes = 0;
     std::optional<integer> _key;
 };

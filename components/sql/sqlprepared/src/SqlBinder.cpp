@@ -7,6 +7,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 
@@ -16,6 +17,7 @@ namespace {
 
 const char is_null[] = "is NULL";
 const char is_no_integer[] = "is no integer";
+const char is_of_another_size[] = "is of another size than the variable";
 
 bool isInRange(double number)
 {
@@ -201,6 +203,17 @@ const char* Column::read(std::vector<unsigned char>& bytes) const
     if (why == nullptr)
         bytes.assign(first, first + view.size);
     return why;
+}
+
+const char* Column::read(unsigned char* bytes, std::size_t size) const
+{
+    Bytes view;
+    if (const char* const why = read(view))
+        return why;
+    if (view.size != size)
+        return is_of_another_size;
+    std::copy_n(static_cast<const unsigned char*>(view.data), size, bytes);
+    return nullptr;
 }
 
 } // namespace sql

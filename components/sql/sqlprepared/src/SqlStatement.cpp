@@ -495,6 +495,8 @@ bool Statement::readNext(const char* operation, const Variable* variables, int c
 inline bool Statement::readCells(const char* operation, const Variable* variables, int count)
 {
     sqlite3_stmt* const statement = _handle.statement;
+    if (count == whole_object)
+        return readObject(operation, *variables);
     if (count != sqlite3_data_count(statement))
         return count == whole_row ? readRecord(operation, *variables)
                                   : failToFill(operation, count);

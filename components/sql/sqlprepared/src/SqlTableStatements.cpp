@@ -13,9 +13,10 @@ namespace sql {
 
 namespace {
 
-constexpr int most_rows = 32;           // of a statement: more gain nothing
-constexpr int fewest_rows = 8;          // that gain anything
-constexpr integer fewest_records = 280; // that repay its compilation
+constexpr std::size_t most_conditions = 8; // whose statements are kept
+constexpr int most_rows = 32;              // of a statement: more gain nothing
+constexpr int fewest_rows = 8;             // that gain anything
+constexpr integer fewest_records = 280;    // that repay its compilation
 
 constexpr const char* no_columns = "the table has no columns";
 constexpr const char* no_key = "there is no PRIMARY KEY column";
@@ -69,6 +70,8 @@ void TableStatements::release()
 {
     for (std::optional<Statement>& statement : _statements)
         statement.reset();
+    _conditions.clear();
+    ++_releases;
 }
 
 // --- Texts of statements --------------------------------------------------------------------------
@@ -240,6 +243,37 @@ int TableStatements::rowsAtOnce() const
     const int limit = sqlite3_limit(_database->getHandle(), SQLITE_LIMIT_VARIABLE_NUMBER, -1);
     const int rows = std::min(limit / _columnCount, most_rows);
     return rows >= fewest_rows ? rows : 1;
+}
+
+// One that is kept, or a new one.
+Statement TableStatements::taken(const char* operation, const string& text)
+{
+    forget();
+    for (auto kept = _conditions.end(); kept != _conditions.begin();) {
+        if ((--kept)->text() != text)
+            continue;
+        Statement statement = std::move(*kept);
+        _conditions.erase(kept);
+        return statement;
+    }
+    _conditions.reserve(most_conditions); // so that it is given back without memory
+    return Statement(operation, *_database, text);
+}
+
+// Without its values, row and failure, unless it belongs to another connection by now.
+void TableStatements::giveBack(Statement& statement, int releases)
+{
+    if (!statement.isPrepared() || releases != _releases
+        || statement._connection != _database->getHandle())
+        return;
+    sqlite3_reset(statement._handle.statement);
+    sqlite3_clear_bindings(statement._handle.statement);
+    statement._handle.state = Statement::State::ready;
+    statement._stale = false;
+    statement.forgetError();
+    if (_conditions.size() == most_conditions)
+        _conditions.erase(_conditions.begin());
+    _conditions.push_back(std::move(statement));
 }
 
 // --- Many rows ------------------------------------------------------------------------------------

@@ -39,6 +39,7 @@ FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlGroupCommit.h \
     ${includedir}/sqlwrapper/SqlFunction.h \
     ${includedir}/sqlwrapper/SqlLiteral.h \
+    ${includedir}/sqlwrapper/SqlMapping.h \
     ${includedir}/sqlwrapper/SqlMigration.h \
     ${includedir}/sqlwrapper/SqlPreparedTable.h \
     ${includedir}/sqlwrapper/SqlResult.h \
@@ -47,6 +48,7 @@ FILES:sqlprepared-dev = "\
     ${includedir}/sqlwrapper/SqlStopFlag.h \
     ${includedir}/sqlwrapper/SqlTableStatements.h \
     ${includedir}/sqlwrapper/SqlTransaction.h \
+    ${includedir}/sqlwrapper/SqlTypedTable.h \
     ${libdir}/cmake/sqlwrapper/sqlpreparedTargets* \
     ${libdir}/libsqlprepared.so \
     ${libdir}/pkgconfig/sqlprepared.pc \
