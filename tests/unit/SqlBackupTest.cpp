@@ -332,11 +332,18 @@ TEST_F(SqlBackupTest, StopEndsTheWaitForALock)
     other.join();
 }
 
-TEST_F(SqlBackupTest, SourceThatIsLockedIsNamed)
+TEST_F(SqlBackupTest, SourceThatIsLockedIsNamedAndWaitedFor)
 {
     _other.run("begin exclusive");
     expectNoBackup(_copy, _file, "5=SQLITE_BUSY", "database is locked");
-    _other.run("commit");
+    std::thread other([this] {
+        std::this_thread::sleep_for(milliseconds(20));
+        _other.run("commit");
+    });
+    BackupOptions options;
+    options.patience = milliseconds(60000);
+    EXPECT_TRUE(sql::backupDatabase(_database, _copy, options));
+    other.join();
 }
 
 TEST_F(SqlBackupTest, OneCopyAtATimeIsMadeAndThatOfAKilledOneIsTakenOver)
@@ -462,6 +469,20 @@ TEST_F(SqlBackupTest, RestoreIsRefusedWhereItCannotBe)
     test::writeFile(none, std::string(5000, 'x'));
     expectFailure(sql::restoreDatabase(_database, none), "restoreDatabase", none,
                   "26=SQLITE_NOTADB", "file is not a database");
+    EXPECT_EQ(contents(_file), std::string(all) + " ok delete");
+}
+
+TEST_F(SqlBackupTest, DamagedFileIsNotRestored)
+{
+    ASSERT_TRUE(sql::backupDatabase(_database, _copy));
+    test::Connection(_copy).run(
+        "pragma writable_schema = on;"
+        "update sqlite_master set sql = 'create index by_name on product (id)'"
+        " where name = 'by_name'");
+    BackupOptions options;
+    options.check = sql::check_full;
+    expectFailure(sql::restoreDatabase(_database, _copy, options), "restoreDatabase", _copy,
+                  "11=SQLITE_CORRUPT", "the check says: row 1 missing from index by_name");
     EXPECT_EQ(contents(_file), std::string(all) + " ok delete");
 }
 
