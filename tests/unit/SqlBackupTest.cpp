@@ -319,8 +319,8 @@ TEST_F(SqlBackupTest, TargetThatIsLockedIsWaitedFor)
 
 TEST_F(SqlBackupTest, StopEndsTheWaitForALock)
 {
-    test::Connection holder(_copy);
-    holder.run("create table old (a); begin immediate");
+    ASSERT_TRUE(sql::backupDatabase(_database, _copy));
+    _other.run("begin immediate");
     sql::StopFlag stop(_database);
     std::thread other([&stop] {
         std::this_thread::sleep_for(milliseconds(5));
@@ -328,8 +328,10 @@ TEST_F(SqlBackupTest, StopEndsTheWaitForALock)
     });
     BackupOptions options;
     options.patience = milliseconds(60000);
-    expectNoBackup(_copy, _copy, "9=SQLITE_INTERRUPT", "interrupted", options);
+    expectFailure(sql::restoreDatabase(_database, _copy, options), "restoreDatabase", _copy,
+                  "9=SQLITE_INTERRUPT", "interrupted");
     other.join();
+    _other.run("commit");
 }
 
 TEST_F(SqlBackupTest, SourceThatIsLockedIsNamedAndWaitedFor)
