@@ -157,6 +157,7 @@ std::unique_ptr<Contestant> makeFloor();
 std::unique_ptr<Contestant> makePrepared();
 std::unique_ptr<Contestant> makeStatement();
 std::unique_ptr<Contestant> makePreparedTable();
+std::unique_ptr<Contestant> makeTyped();
 std::unique_ptr<Contestant> makeSqliteCpp();
 std::unique_ptr<Contestant> makeSoci();
 std::unique_ptr<Contestant> makePoco();

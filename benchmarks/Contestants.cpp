@@ -48,6 +48,7 @@ const std::vector<Entry>& contestants()
         {"prepared", makePrepared},
         {"statement", makeStatement},
         {"prepared table", makePreparedTable},
+        {"typed", makeTyped},
 #ifdef BENCHMARKS_WITH_SQLITECPP
         {"SQLiteCpp", makeSqliteCpp},
 #endif

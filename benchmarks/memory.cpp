@@ -220,8 +220,26 @@ std::size_t needOf(int rows)
     return need;
 }
 
+// What a plain vector of them takes while it grows.
+std::size_t plainNeedOf(int rows)
+{
+    MemoryMeter meter;
+    meter.start();
+    std::vector<bench::Row> all;
+    for (int id = 1; id <= rows; ++id)
+        all.emplace_back() = bench::makeRow(id);
+    meter.stop();
+    return meter.most;
+}
+
 // Statements, names and what else does not depend on the number of rows.
 constexpr std::size_t rest = 4096;
+
+void checkPlainLoad(int rows, const MemoryMeter& meter)
+{
+    bench::require(meter.most <= plainNeedOf(rows) + rest,
+                   "objects held need no more than a vector");
+}
 
 void checkLoad(int rows, const MemoryMeter& meter)
 {
@@ -242,12 +260,17 @@ void check(const std::string& contestant, const std::string& operation, int rows
            const MemoryMeter& meter)
 {
     const bool ofTable = contestant == "prepared table";
+    const bool isTyped = contestant == "typed";
     const bool reads = operation.compare(0, 10, "load, read") == 0;
     if ((contestant == "library" || ofTable) && operation == "load")
         checkLoad(rows, meter);
-    if ((contestant == "statement" && reads) || (ofTable && (reads || operation == "copy")))
+    if (isTyped && operation == "load")
+        checkPlainLoad(rows, meter);
+    if (((contestant == "statement" || isTyped) && reads)
+        || (ofTable && (reads || operation == "copy")))
         checkStream(meter, 0);
-    if (ofTable && operation == "insert, all at once")
+    if ((ofTable && operation == "insert, all at once")
+        || (isTyped && (operation == "insert, all at once" || operation == "copy")))
         checkStream(meter, group);
 }
 
