@@ -28,6 +28,7 @@ FOR_TESTS = {
     "localedef for the tests' locale": ("libc-bin", "-DLOCALEDEF="),
     "pkg-config for the tests": ("pkgconf", "-DPKG_CONFIG="),
     "registry of address blocks for the tests": ("ieee-data", "-DVENDORS_REGISTRY_DIR="),
+    "gnuplot for the tests": ("gnuplot-nox", "-DGNUPLOT="),
 }
 if TOOLCHAIN:
     FOR_TESTS["emulator qemu-arm for the tests"] = ("qemu-user", "-DSQLWRAPPER_EMULATOR=")
@@ -35,7 +36,7 @@ else:
     FOR_TESTS["gdb for the tests"] = ("gdb", "-DGDB=")
     FOR_TESTS["strace for the tests"] = ("strace", "-DSTRACE=")
 FOR_EXAMPLES = {
-    "CLI11 for examples/vendors": ("libcli11-dev", "-DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON"),
+    "CLI11 for the example programs": ("libcli11-dev", "-DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON"),
     "libcsv for examples/vendors": ("libcsv-dev", "-DVENDORS_CSV_LIBRARY="),
 }
 WANTED = {**FOR_EXAMPLES, **FOR_TESTS}

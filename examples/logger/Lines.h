@@ -1,0 +1,32 @@
+#ifndef LOGGER_LINES_H
+#define LOGGER_LINES_H
+
+#include <csignal>
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+// Reads lines from standard input, and waits for each no longer than there is time. SIGINT and
+// SIGTERM are held back from its making on, but while it waits: they then end the input.
+class Lines {
+public:
+    Lines();
+
+    // A line without its end; nothing if the time, or the input, is over first. Without a time, it
+    // waits as long as it takes.
+    std::optional<std::string> next(std::optional<std::chrono::milliseconds> longest);
+
+    // Whether there are no more.
+    bool areOver() const;
+
+private:
+    bool fill(std::optional<std::chrono::milliseconds> longest);
+    std::string take(std::size_t size);
+
+    sigset_t _whileWaiting;
+    std::string _bytes; // read, but not yet taken
+    bool _over = false;
+};
+
+#endif
