@@ -498,6 +498,31 @@ bool queryObjects(sql::Database& database, sql::Database&)
     return days.finished() || report(days.error());
 }
 
+struct Sealed : Reading {
+    bool isSealed = false;
+    sql::string by;
+};
+
+// What the next release needs.
+constexpr auto sealed = sql::mapping<Sealed>(
+    "reading", sql::autoKey<&Sealed::id>("id"),
+    sql::column<&Sealed::sensor>("sensor", sql::flag_not_null),
+    sql::column<&Sealed::value>("value"), sql::column<&Sealed::note>("note"),
+    sql::column<&Sealed::at>("at", sql::indexed),
+    sql::column<&Sealed::isSealed>("sealed", sql::flag_not_null, sql::defaultsTo("0")),
+    sql::column<&Sealed::by>("sealed_by", sql::flag_not_null), sql::indexOver("sensor", "at"));
+
+bool syncObjects(sql::Database& database, sql::Database&)
+{
+    const auto left = sql::TypedTable(database, sealed).sync();
+    if (!left)
+        return report(left.error());
+    for (const sql::string& difference : *left)
+        std::printf("%s\n", difference.c_str());
+    const auto dropped = sql::runScript(database, "drop table reading");
+    return dropped || report(dropped.error());
+}
+
 bool collectWrites(sql::Database& database, sql::Database&)
 {
     sql::Statement weigh(database, "update product set weight = ? where name = 'Mug'");
@@ -601,6 +626,7 @@ const Task tasks[] = {
     {"Structs in place of records", useObjects},
     {"Objects by a condition", selectObjects},
     {"Any query into a struct", queryObjects},
+    {"Columns that a release adds", syncObjects},
     {"Many small writes", collectWrites},
     {"Settings of a connection", applySettings},
     {"Look after a file", lookAfter},

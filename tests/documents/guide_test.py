@@ -69,7 +69,7 @@ class PreparedTest(Test):
             self.assertEqual(self.query("select * from product"), [
                 (1, "Captain's tea", 200, 0.125), (2, "Tea pot", 1949, None), (3, "Mug", 389, None)])
             self.assertEqual(self.query("select name from sqlite_master where type = 'table' order by 1"),
-                             [("article",), ("picture",), ("product",), ("reading",)])
+                             [("article",), ("picture",), ("product",)])
 
     def test_tour_tells_wrong_use_and_a_file_that_is_no_database(self):
         self.assert_ends(self.start("prepared"), 2, "", "usage: prepared DATABASE\n")

@@ -41,7 +41,7 @@ inline Reading readingOf(sql::integer id, const sql::string& sensor, double valu
     made.id = id;
     made.sensor = sensor;
     made.value = value;
-    made.at = Clock::from_time_t(1000 + id);
+    made.at = Clock::time_point(std::chrono::seconds(1000 + id));
     return made;
 }
 

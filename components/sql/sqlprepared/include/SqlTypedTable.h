@@ -210,6 +210,16 @@ public:
     /// columns are. All or none.
     [[nodiscard]] bool create();
 
+    /// Returns in words how the table in the file and its indexes differ from the mapping; an empty
+    /// list if they do not. Compares names, types, nulls and keys, no other constraints. Hidden and
+    /// generated columns are told from SQLite 3.26 on.
+    Result<std::vector<string>> checkDeclaration();
+
+    /// Adds the columns and indexes that the file lacks, in one transaction, or creates the table.
+    /// Drops and changes nothing: returns in words what differs still, and why SQLite would not add
+    /// it, as checkDeclaration() does. That is left to a migration.
+    Result<std::vector<string>> sync();
+
     /// Returns the columns for a Table and its records: integers, enums and times as numbers, with
     /// no type for blocks of bytes and for what a Binder stores. Without a key of integers or texts
     /// its fields have no positions.
@@ -219,6 +229,11 @@ private:
     friend class MappedCursor;                                       // gives its statement back
     template <typename T, typename... Keys> friend class TypedTable; // which is one
 
+    struct IndexText {
+        string name;
+        string columns; // quoted
+        bool isUnique;
+    };
     using Reader = const char* (*)(const Column& column, void* list);
 
     class ObjectBulk : public Bulk {
@@ -256,7 +271,20 @@ private:
     MappedCursor selectRows(std::string_view condition, const Argument* values, int count);
 
     SQLWRAPPER_LOCAL static Declared declared(const TableStatements& table, int index);
+    SQLWRAPPER_LOCAL string columnDefinition(int index) const;
     SQLWRAPPER_LOCAL string definition() const;
+    SQLWRAPPER_LOCAL std::vector<IndexText> indexes() const;
+    SQLWRAPPER_LOCAL bool runAll(const char* operation);
+    SQLWRAPPER_LOCAL bool compareIndex(const char* operation, const IndexText& index,
+                                       std::vector<string>& remarks);
+    SQLWRAPPER_LOCAL Result<std::vector<string>> check(const char* operation);
+    SQLWRAPPER_LOCAL string indexDefinition(const IndexText& index) const;
+    SQLWRAPPER_LOCAL bool endOf(TransactionScope& whole);
+    SQLWRAPPER_LOCAL bool isOfNoTable(const std::vector<string>& remarks) const;
+    SQLWRAPPER_LOCAL bool isIncomplete(const std::vector<string>& remarks) const;
+    SQLWRAPPER_LOCAL bool addMissing(std::vector<string>& refusals);
+    SQLWRAPPER_LOCAL bool addOne(const string& text, const string& remark,
+                                 std::vector<string>& refusals);
     SQLWRAPPER_LOCAL int take(const void* object, Argument* cells,
                               std::forward_list<string>& texts) const;
     SQLWRAPPER_LOCAL void chooseKey(Argument* cells) const;

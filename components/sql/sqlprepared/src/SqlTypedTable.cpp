@@ -3,6 +3,7 @@
 #include "SqlFailure.h"
 #include "SqlLiteral.h"
 #include "SqlNumber.h"
+#include "SqlStop.h"
 #include "SqlTrace.h"
 
 #include <sqlite3.h>
@@ -286,38 +287,11 @@ bool isKey(const MappedColumn& column)
     return (column.flags & flag_primary_key) != 0;
 }
 
-string indexName(const MappingView& mapping, const std::string_view* columns, int count)
-{
-    string name(mapping.name);
-    for (int i = 0; i < count; ++i)
-        name.append(1, '_').append(columns[i]);
-    return name;
-}
+constexpr std::string_view behind_missing = " is missing";
 
-string indexDefinition(const MappingView& mapping, const std::string_view* columns, int count,
-                       bool isUnique)
+string missing(const char* what, std::string_view name)
 {
-    string list;
-    for (int i = 0; i < count; ++i)
-        list.append(i > 0 ? ", " : "").append(quoteIdentifier(string(columns[i])));
-    return joined({isUnique ? "create unique index" : "create index", " if not exists ",
-                   quoteIdentifier(indexName(mapping, columns, count)), " on ",
-                   quoteIdentifier(string(mapping.name)), " (", list, ")"});
-}
-
-std::vector<string> indexDefinitions(const MappingView& mapping)
-{
-    std::vector<string> texts;
-    for (int i = 0; i < mapping.columnCount; ++i) {
-        const MappedColumn& column = mapping.columns[i];
-        if (column.isIndexed)
-            texts.push_back(indexDefinition(mapping, &column.name, 1, false));
-    }
-    for (int i = 0; i < mapping.indexCount; ++i) {
-        const MappedIndex& index = mapping.indexes[i];
-        texts.push_back(indexDefinition(mapping, index.columns, index.count, index.isUnique));
-    }
-    return texts;
+    return joined({what, name, behind_missing});
 }
 
 // A transaction of its own, or a part of the caller's.
@@ -347,51 +321,222 @@ TableStatements::Declared MappedTable::declared(const TableStatements& table, in
     return {string(column.name), column.type, isKey(column), neverNull};
 }
 
+string MappedTable::columnDefinition(int index) const
+{
+    const MappedColumn& column = _mapping.columns[index];
+    const bool isUnique = (column.flags & flag_unique) != 0;
+    string text = joined({quoteIdentifier(string(column.name)), *column.type != '\0' ? " " : "",
+                          column.type, isKey(column) && _keyCount == 1 ? " PRIMARY KEY" : "",
+                          declared(*this, index).isNotNull ? " NOT NULL" : "",
+                          isUnique ? " UNIQUE" : ""});
+    if (column.defaultValue != nullptr)
+        text += joined({" DEFAULT ", column.defaultValue});
+    if (column.check != nullptr)
+        text += joined({" CHECK (", column.check, ")"});
+    if (column.references != nullptr)
+        text += joined({" REFERENCES ", column.references});
+    return text;
+}
+
 string MappedTable::definition() const
 {
-    const string keyNames = listed(
-        Listed::keys, [](const string& name, int) { return name; }, ", ");
-    const char* const alone = _keyCount == 1 ? " PRIMARY KEY" : "";
     string list;
-    for (int i = 0; i < _columnCount; ++i) {
-        const MappedColumn& column = _mapping.columns[i];
-        const bool isUnique = (column.flags & flag_unique) != 0;
-        list += joined({i > 0 ? ", " : "", quoteIdentifier(string(column.name)),
-                        *column.type != '\0' ? " " : "", column.type, isKey(column) ? alone : "",
-                        declared(*this, i).isNotNull ? " NOT NULL" : "",
-                        isUnique ? " UNIQUE" : ""});
-        if (column.defaultValue != nullptr)
-            list += joined({" DEFAULT ", column.defaultValue});
-        if (column.check != nullptr)
-            list += joined({" CHECK (", column.check, ")"});
-        if (column.references != nullptr)
-            list += joined({" REFERENCES ", column.references});
+    for (int i = 0; i < _columnCount; ++i)
+        list += joined({i > 0 ? ", " : "", columnDefinition(i)});
+    if (_keyCount > 1) {
+        const auto itsName = [](const string& name, int) {
+            return name;
+        };
+        list += joined({", PRIMARY KEY (", listed(Listed::keys, itsName, ", "), ")"});
     }
-    if (_keyCount > 1)
-        list += joined({", PRIMARY KEY (", keyNames, ")"});
     return joined({"create table if not exists ", quoteIdentifier(_name), " (", list, ")",
                    _mapping.hasRowid ? "" : " WITHOUT ROWID"});
+}
+
+std::vector<MappedTable::IndexText> MappedTable::indexes() const
+{
+    std::vector<IndexText> all;
+    const auto append = [&](const std::string_view* columns, int count, bool isUnique) {
+        IndexText index{_name, string(), isUnique};
+        for (int i = 0; i < count; ++i) {
+            index.name.append(1, '_').append(columns[i]);
+            index.columns.append(i > 0 ? ", " : "").append(quoteIdentifier(string(columns[i])));
+        }
+        all.push_back(index);
+    };
+    for (int i = 0; i < _mapping.columnCount; ++i) {
+        if (_mapping.columns[i].isIndexed)
+            append(&_mapping.columns[i].name, 1, false);
+    }
+    for (int i = 0; i < _mapping.indexCount; ++i)
+        append(_mapping.indexes[i].columns, _mapping.indexes[i].count,
+               _mapping.indexes[i].isUnique);
+    return all;
+}
+
+// Where there is none of its name.
+string MappedTable::indexDefinition(const IndexText& index) const
+{
+    return joined({index.isUnique ? "create unique index" : "create index", " if not exists ",
+                   quoteIdentifier(index.name), " on ", quoteIdentifier(_name), " (", index.columns,
+                   ")"});
+}
+
+bool MappedTable::runAll(const char* operation)
+{
+    std::vector<string> texts{definition()};
+    for (const IndexText& index : indexes())
+        texts.push_back(indexDefinition(index));
+    for (const string& text : texts) {
+        Statement statement(operation, *_database, text);
+        if (!statement.isPrepared() || !statement.runAs(operation, nullptr, 0))
+            return keep(statement, false);
+    }
+    return true;
 }
 
 bool MappedTable::create()
 {
     forget();
     Whole whole(*_database);
-    if (!whole.isOpen()) {
-        _error = whole.error();
+    if (whole.isOpen() && !runAll("create"))
         return false;
-    }
-    std::vector<string> texts = indexDefinitions(_mapping);
-    texts.insert(texts.begin(), definition());
-    for (const string& text : texts) {
-        Statement statement("create", *_database, text);
-        if (!statement.isPrepared() || !statement.runAs("create", nullptr, 0))
-            return keep(statement, false);
-    }
-    if (whole.commit())
+    return endOf(whole);
+}
+
+// Commits; a transaction that has not begun fails, too.
+bool MappedTable::endOf(TransactionScope& whole)
+{
+    if (whole.isOpen() && whole.commit())
         return true;
     _error = whole.error();
     return false;
+}
+
+// --- The file -------------------------------------------------------------------------------------
+
+Result<std::vector<string>> MappedTable::checkDeclaration()
+{
+    return check("checkDeclaration");
+}
+
+Result<std::vector<string>> MappedTable::check(const char* operation)
+{
+    Result<std::vector<string>> found = differences(operation);
+    if (!found || isOfNoTable(*found))
+        return found;
+    for (const IndexText& index : indexes()) {
+        if (!compareIndex(operation, index, *found))
+            return _error;
+    }
+    return found;
+}
+
+bool MappedTable::isOfNoTable(const std::vector<string>& remarks) const
+{
+    return remarks.size() == 1 && remarks[0] == "there is no table " + _name;
+}
+
+bool MappedTable::compareIndex(const char* operation, const IndexText& index,
+                               std::vector<string>& remarks)
+{
+    Statement list(operation, *_database,
+                   joined({"pragma index_list(", quoteIdentifier(_name), ")"}));
+    bool isThere = false;
+    bool isUnique = false;
+    while (list.nextAs(operation)) {
+        if (sqlite3_stricmp(list.column(1).asString().c_str(), index.name.c_str()) == 0) {
+            isThere = true;
+            isUnique = list.column(2).asBool();
+        }
+    }
+    Statement info(operation, *_database,
+                   joined({"pragma index_info(", quoteIdentifier(index.name), ")"}));
+    string columns;
+    while (info.nextAs(operation))
+        columns += joined(
+            {columns.empty() ? "" : ", ", quoteIdentifier(info.column(2).asString())});
+    if (!list.finished() || !info.finished())
+        return keep(list.finished() ? info : list, false);
+    if (!isThere)
+        remarks.push_back(missing("index ", index.name));
+    else if (sqlite3_stricmp(columns.c_str(), index.columns.c_str()) != 0)
+        remarks.push_back(joined({"index ", index.name, " is over ", columns}));
+    else if (isUnique != index.isUnique)
+        remarks.push_back(
+            joined({"index ", index.name, isUnique ? " is unique" : " is not unique"}));
+    return true;
+}
+
+Result<std::vector<string>> MappedTable::sync()
+{
+    Result<std::vector<string>> found = check("sync");
+    if (!found || !isIncomplete(*found))
+        return found;
+    std::vector<string> refusals;
+    Whole whole(*_database);
+    if (whole.isOpen() && !addMissing(refusals))
+        return _error;
+    if (!endOf(whole))
+        return _error;
+    found = check("sync");
+    for (const string& refusal : refusals) {
+        for (string& remark : *found) {
+            if (refusal.compare(0, remark.size() + 1, remark + ":") == 0)
+                remark = refusal;
+        }
+    }
+    return found;
+}
+
+bool MappedTable::isIncomplete(const std::vector<string>& remarks) const
+{
+    const auto isMissing = [](const string& remark) {
+        const std::size_t size = behind_missing.size();
+        return remark.size() > size
+               && remark.compare(remark.size() - size, size, behind_missing) == 0;
+    };
+    return isOfNoTable(remarks) || std::any_of(remarks.begin(), remarks.end(), isMissing);
+}
+
+// Looks again: another program may have done the same meanwhile.
+bool MappedTable::addMissing(std::vector<string>& refusals)
+{
+    const Result<std::vector<string>> found = check("sync");
+    if (!found)
+        return false;
+    if (isOfNoTable(*found))
+        return runAll("sync");
+    const auto add = [&](const string& remark, const string& text) {
+        const bool isMissing = std::find(found->begin(), found->end(), remark) != found->end();
+        return !isMissing || addOne(text, remark, refusals);
+    };
+    const string alter = joined({"alter table ", quoteIdentifier(_name), " add column "});
+    for (int i = 0; i < _columnCount; ++i) {
+        if (!add(missing("column ", _mapping.columns[i].name), alter + columnDefinition(i)))
+            return false;
+    }
+    for (const IndexText& index : indexes()) {
+        if (!add(missing("index ", index.name), indexDefinition(index)))
+            return false;
+    }
+    return true;
+}
+
+// What SQLite does not allow is no failure.
+bool MappedTable::addOne(const string& text, const string& remark, std::vector<string>& refusals)
+{
+    Statement statement("sync", *_database, text, -1);
+    if (statement.isPrepared() && statement.runAs("sync", nullptr, 0))
+        return true;
+    const Error& reason = statement._error;
+    sqlite3* const db = _database->getHandle();
+    if (isStopRequested(db))
+        return fail("sync", text, SQLITE_INTERRUPT, reasonOf(db, SQLITE_INTERRUPT));
+    if (reason.code() != SQLITE_ERROR && !reason.isConstraint())
+        return fail("sync", text, reason.extendedCode(), reason.text());
+    refusals.push_back(joined({remark, ": ", reason.text()}));
+    return true;
 }
 
 FieldSet MappedTable::fields() const
