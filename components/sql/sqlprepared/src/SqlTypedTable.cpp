@@ -475,11 +475,15 @@ Result<std::vector<string>> MappedTable::sync()
         return found;
     std::vector<string> refusals;
     Whole whole(*_database);
-    if (whole.isOpen() && !addMissing(refusals))
-        return _error;
+    if (whole.isOpen()) {
+        if (!addMissing(refusals))
+            return _error;
+        found = check("sync");
+        if (!found)
+            return found;
+    }
     if (!endOf(whole))
         return _error;
-    found = check("sync");
     for (const string& refusal : refusals) {
         for (string& remark : *found) {
             if (refusal.compare(0, remark.size() + 1, remark + ":") == 0)
