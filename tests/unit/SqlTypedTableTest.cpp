@@ -211,6 +211,17 @@ TEST_F(TypedTableTest, UpsertAddsOrUpdates)
                      "4|roof|9.0|NULL|1004|C");
 }
 
+TEST_F(TypedTableTest, UpsertChoosesTheKeyThatWasAddedLast)
+{
+    Reading made = readingOf(0, "hall", 2.5);
+    ASSERT_TRUE(_readings.add(made));
+    ASSERT_TRUE(_readings.remove(made.id));
+    made.id = 0;
+    EXPECT_TRUE(_readings.addOrUpdate(made));
+    EXPECT_EQ(made.id, 1);
+    EXPECT_EQ(_readings.lastKey(), 1);
+}
+
 TEST_F(TypedTableTest, RowIsRemovedByItsKey)
 {
     fill();

@@ -623,6 +623,8 @@ bool MappedTable::store(const char* operation, Work work, const void* object, vo
     const bool isChosen = _chosenKey >= 0 && MemberAccess::isNull(_cells[_chosenKey]);
     if (!keep(*statement, statement->runAs(operation, _cells.data(), _columnCount)))
         return false;
+    if (isChosen && changes() > 0) // always known, unlike that of other upserts
+        _key = sqlite3_last_insert_rowid(_database->getHandle());
     if (keyed == nullptr || !isChosen || !lastKey())
         return true;
     const char* const why = MemberAccess::setKey(_mapping.columns[_chosenKey], *lastKey(), keyed);
