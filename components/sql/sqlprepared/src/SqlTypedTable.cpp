@@ -21,12 +21,16 @@ struct MemberAccess {
     using Texts = std::forward_list<string>;
 
     SQLWRAPPER_LOCAL static Argument keptIn(Texts& texts, const Argument& argument);
-    SQLWRAPPER_LOCAL static Argument take(const MappedColumn& column, const void* object,
-                                          Texts& texts);
-    SQLWRAPPER_LOCAL static Argument takeValue(const MappedColumn& column, const void* value,
-                                               Texts& texts);
+    SQLWRAPPER_LOCAL static bool take(const MappedColumn& column, const void* object,
+                                      Argument& cell, Texts& texts);
+    SQLWRAPPER_LOCAL static bool takeValue(const MappedColumn& column, const void* value,
+                                           Argument& cell, Texts& texts);
+    SQLWRAPPER_LOCAL static void takeKey(const MappedColumn& column, const void* value,
+                                         Argument& cell, Texts& texts);
+    SQLWRAPPER_LOCAL static bool readPlain(const MappedColumn& column, sqlite3_value* cell,
+                                           void* member);
     SQLWRAPPER_LOCAL static const char* read(const MappedColumn& column, const Column& cell,
-                                             void* object);
+                                             void* member);
     SQLWRAPPER_LOCAL static const char* readValue(const MappedColumn& column, const Column& cell,
                                                   void* value);
     SQLWRAPPER_LOCAL static const char* whyUnfit(const Argument& argument);
@@ -42,6 +46,8 @@ struct MemberAccess {
                                                void* object);
 
 private:
+    SQLWRAPPER_LOCAL static Argument otherValue(const MappedColumn& column, const void* value,
+                                                Texts& texts);
     SQLWRAPPER_LOCAL static integer numberAt(const MappedColumn& column, const void* value);
     SQLWRAPPER_LOCAL static const char* setNumber(const MappedColumn& column, integer number,
                                                   void* value);
@@ -98,9 +104,13 @@ Argument MemberAccess::keptIn(Texts& texts, const Argument& argument)
 }
 
 // An integer of any type and size, whose bytes alone are looked at.
-integer MemberAccess::numberAt(const MappedColumn& column, const void* value)
+inline integer MemberAccess::numberAt(const MappedColumn& column, const void* value)
 {
     unsigned long long number = 0;
+    if (column.size == sizeof(number)) {
+        std::memcpy(&number, value, sizeof(number));
+        return static_cast<integer>(number);
+    }
     switch (column.size) {
     case 1:
         number = at<unsigned char>(value);
@@ -111,22 +121,23 @@ integer MemberAccess::numberAt(const MappedColumn& column, const void* value)
         number = half;
         break;
     }
-    case 4: {
+    default: {
         std::uint32_t word = 0;
         std::memcpy(&word, value, sizeof(word));
         number = word;
-        break;
     }
-    default:
-        std::memcpy(&number, value, sizeof(number));
     }
     const int unused = 64 - 8 * column.size;
     return column.isSigned ? static_cast<integer>(number << unused) >> unused
                            : static_cast<integer>(number);
 }
 
-const char* MemberAccess::setNumber(const MappedColumn& column, integer number, void* value)
+inline const char* MemberAccess::setNumber(const MappedColumn& column, integer number, void* value)
 {
+    if (column.size == sizeof(number) && column.isSigned) {
+        std::memcpy(value, &number, sizeof(number));
+        return nullptr;
+    }
     if (number < lowestOf(column) || number > highestOf(column))
         return is_out_of_range;
     const auto set = [&](auto narrow) {
@@ -148,59 +159,108 @@ const char* MemberAccess::setNumber(const MappedColumn& column, integer number, 
     return nullptr;
 }
 
-Argument MemberAccess::take(const MappedColumn& column, const void* object, Texts& texts)
+// Returns false for what cannot be bound, and the cell says why.
+inline bool MemberAccess::take(const MappedColumn& column, const void* object, Argument& cell,
+                               Texts& texts)
 {
     const void* member = column.place(object);
     if (column.optional != nullptr)
         member = column.optional->get(member);
-    if (member == nullptr)
-        return nullptr;
-    return column.kind == Kind::other ? column.operations->argument(member, texts)
-                                      : takeValue(column, member, texts);
+    if (member != nullptr)
+        return takeValue(column, member, cell, texts);
+    cell._kind = Argument::Kind::null;
+    return true;
 }
 
-Argument MemberAccess::takeValue(const MappedColumn& column, const void* value, Texts& texts)
+// Written piece by piece: copies of whole arguments cost more than all the rest.
+inline bool MemberAccess::takeValue(const MappedColumn& column, const void* value, Argument& cell,
+                                    Texts& texts)
 {
     switch (column.kind) {
     case Kind::truth:
-        return static_cast<integer>(at<bool>(value));
-    case Kind::number: {
-        const integer number = numberAt(column, value);
-        if (number < 0 && !column.isSigned)
-            return Argument::unfit(is_above);
-        return number;
-    }
+        cell._kind = Argument::Kind::number;
+        cell._number = at<bool>(value) ? 1 : 0;
+        return true;
+    case Kind::number:
+        cell._kind = Argument::Kind::number;
+        cell._number = numberAt(column, value);
+        if (cell._number >= 0 || column.isSigned)
+            return true;
+        cell = Argument::unfit(is_above);
+        return false;
     case Kind::real:
-        return at<double>(value);
+        cell._kind = Argument::Kind::real;
+        cell._real = at<double>(value);
+        return !std::isnan(cell._real);
+    case Kind::text:
+        cell._kind = Argument::Kind::text;
+        cell._bytes.data = at<string>(value).data();
+        cell._bytes.size = at<string>(value).size();
+        return true;
+    default:
+        cell = otherValue(column, value, texts);
+        return whyUnfit(cell) == nullptr;
+    }
+}
+
+Argument MemberAccess::otherValue(const MappedColumn& column, const void* value, Texts& texts)
+{
+    using TimePoint = std::chrono::system_clock::time_point;
+    switch (column.kind) {
     case Kind::small_real:
         return static_cast<double>(at<float>(value));
-    case Kind::text:
-        return std::string_view(at<string>(value));
     case Kind::block:
         return Binder<std::vector<unsigned char>>::argument(at<std::vector<unsigned char>>(value));
     case Kind::time:
         return at<Time>(value).asInteger();
     case Kind::in_seconds:
-        return Binder<std::chrono::system_clock::time_point>::argument(
-            at<std::chrono::system_clock::time_point>(value));
+        return Binder<TimePoint>::argument(at<TimePoint>(value));
     case Kind::in_milliseconds:
-        return inMilliseconds(at<std::chrono::system_clock::time_point>(value));
-    case Kind::other:
-        break;
+        return inMilliseconds(at<TimePoint>(value));
+    default:
+        return column.operations->argument(value, texts);
     }
-    const MemberOperations* const ofValue = column.operations->ofValue;
-    return (ofValue != nullptr ? ofValue : column.operations)->argument(value, texts);
 }
 
-const char* MemberAccess::read(const MappedColumn& column, const Column& cell, void* object)
+// The value itself, also where its member is an accessor.
+void MemberAccess::takeKey(const MappedColumn& column, const void* value, Argument& cell,
+                           Texts& texts)
 {
-    void* member = const_cast<void*>(column.place(object));
+    if (column.kind == Kind::other && column.operations->ofValue != nullptr)
+        cell = column.operations->ofValue->argument(value, texts);
+    else
+        takeValue(column, value, cell, texts);
+}
+
+// A cell of its member's own kind, which most are. Returns false for any other.
+inline bool MemberAccess::readPlain(const MappedColumn& column, sqlite3_value* cell, void* member)
+{
+    const int type = sqlite3_value_type(cell);
+    if (column.optional != nullptr) {
+        if (type != SQLITE_NULL)
+            return false;
+        column.optional->set(member, false);
+        return true;
+    }
+    if (column.kind == Kind::number && type == SQLITE_INTEGER)
+        return setNumber(column, sqlite3_value_int64(cell), member) == nullptr;
+    if (column.kind == Kind::real && type == SQLITE_FLOAT) {
+        *static_cast<double*>(member) = sqlite3_value_double(cell);
+        return true;
+    }
+    if (column.kind != Kind::text || type != SQLITE_TEXT)
+        return false;
+    const void* const text = sqlite3_value_text(cell);
+    if (text == nullptr)
+        return false;
+    static_cast<string*>(member)->assign(static_cast<const char*>(text), sqlite3_value_bytes(cell));
+    return true;
+}
+
+const char* MemberAccess::read(const MappedColumn& column, const Column& cell, void* member)
+{
     if (column.optional == nullptr)
         return readValue(column, cell, member);
-    if (cell.isNull()) {
-        column.optional->set(member, false);
-        return nullptr;
-    }
     const bool had = column.optional->get(member) != nullptr;
     const char* const why = readValue(column, cell, column.optional->set(member, true));
     if (why != nullptr && !had)
@@ -265,8 +325,11 @@ bool Statement::readObject(const char* operation, const Variable& variable)
     void* const object = place.make != nullptr ? place.make(place.list) : place.object;
     for (int i = 0; i < count; ++i) {
         const MappedColumn& column = place.columns[place.order != nullptr ? place.order[i] : i];
-        const Column cell(*this, sqlite3_column_value(_handle.statement, i));
-        if (const char* const why = MemberAccess::read(column, cell, object))
+        void* const member = const_cast<void*>(column.place(object));
+        sqlite3_value* const value = sqlite3_column_value(_handle.statement, i);
+        if (MemberAccess::readPlain(column, value, member))
+            continue;
+        if (const char* const why = MemberAccess::read(column, Column(*this, value), member))
             return failToRead(operation, i, why);
     }
     return true;
@@ -641,9 +704,9 @@ void MappedTable::chooseKey(Argument* cells) const
 // Returns the index of a column whose member cannot be bound, or -1.
 int MappedTable::take(const void* object, Argument* cells, std::forward_list<string>& texts) const
 {
-    for (int i = 0; i < _columnCount; ++i) {
-        cells[i] = MemberAccess::take(_mapping.columns[i], object, texts);
-        if (MemberAccess::whyUnfit(cells[i]) != nullptr)
+    const MappedColumn* column = _mapping.columns;
+    for (int i = 0; i < _columnCount; ++i, ++column) {
+        if (!MemberAccess::take(*column, object, cells[i], texts))
             return i;
     }
     return -1;
@@ -682,8 +745,10 @@ bool MappedTable::takeKeys(const char* operation, Statement& statement, const Ke
         const MappedColumn& column = _mapping.columns[i];
         if (!isKey(column))
             continue;
-        *cell = keys->value != nullptr ? MemberAccess::takeValue(column, keys->value, _texts)
-                                       : keys->argument;
+        if (keys->value != nullptr)
+            MemberAccess::takeKey(column, keys->value, *cell, _texts);
+        else
+            *cell = keys->argument;
         ++keys;
         const char* const why = MemberAccess::isNull(*cell) ? is_null
                                                             : MemberAccess::whyUnfit(*cell);
