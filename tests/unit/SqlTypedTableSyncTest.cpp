@@ -120,7 +120,7 @@ TEST_F(TypedSyncTest, TablesOfEveryKeyDoNotDiffer)
     const auto without = sql::mapping<Pair>("without", sql::key<&Pair::other>("other"),
                                             sql::column<&Pair::one>("one"), sql::without_rowid);
     const auto none = sql::mapping<Pair>("none", sql::column<&Pair::one>("one"));
-    const auto expectNone = [this](auto&& table) {
+    const auto expectNone = [](auto&& table) {
         ASSERT_TRUE(table.create());
         const auto found = table.checkDeclaration();
         ASSERT_TRUE(found);
