@@ -5,6 +5,7 @@
 #include "SqlGroupCommit.h"
 #include "SqlPreparedTable.h"
 #include "SqlStopFlag.h"
+#include "SqlTypedTable.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -86,6 +87,16 @@ sql::PreparedTable added(database, products);
 // sql::PreparedTable product, 1 changed
 sql::PreparedTable refusing(database, products);
 // sql::PreparedTable product, rc=1555=SQLITE_CONSTRAINT: UNIQUE constraint failed: product.id
+struct Product {
+    sql::integer id = 0;
+    sql::string name;
+};
+const auto mapped = sql::mapping<Product>("product", sql::autoKey<&Product::id>("id"),
+                                          sql::column<&Product::name>("name"));
+sql::TypedTable typed(database, mapped);
+// sql::TypedTable product
+sql::ObjectCursor<Product> objects = typed.select("where id < ?", 3);
+// sql::ObjectCursor, ready = {text = "select `id`, `name` from `product` where id < 3"}
 sql::RecordCursor cursor = added.select("where id < ?", 3);
 // sql::RecordCursor, at a row = {text = "select `id`, `name` from `product` where id < 3"}
 sql::RecordCursor drained = added.select("where id > 7");

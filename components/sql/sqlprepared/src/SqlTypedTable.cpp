@@ -583,11 +583,10 @@ bool MappedTable::addMissing(std::vector<string>& refusals)
         if (!add(missing("column ", _mapping.columns[i].name), alter + columnDefinition(i)))
             return false;
     }
-    for (const IndexText& index : indexes()) {
-        if (!add(missing("index ", index.name), indexDefinition(index)))
-            return false;
-    }
-    return true;
+    const std::vector<IndexText> all = indexes();
+    return std::all_of(all.begin(), all.end(), [&](const IndexText& index) {
+        return add(missing("index ", index.name), indexDefinition(index));
+    });
 }
 
 // What SQLite does not allow is no failure.
