@@ -740,7 +740,8 @@ bool MappedTable::takeKeys(const char* operation, Statement& statement, const Ke
     if (!_texts.empty())
         _texts.clear();
     Argument* cell = _cells.data();
-    for (int i = 0; i < _columnCount; ++i) {
+    const Argument* const end = cell + _keyCount;
+    for (int i = 0; cell != end; ++i) {
         const MappedColumn& column = _mapping.columns[i];
         if (!isKey(column))
             continue;
