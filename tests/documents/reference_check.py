@@ -49,7 +49,7 @@ STANDARD_TYPES = (
     (r"std::chrono::duration<long(?: long)?, std::ratio<1l+, 1000l+> ?>", "std::chrono::milliseconds"),
     (r"std::chrono::time_point<std::chrono::_V2::system_clock, [^()]*?1000000000l+> ?> ?>",
      "std::chrono::system_clock::time_point"),
-    (r"(?<=void\*, )unsigned (int|long)\b", "std::size_t"))
+    (r"(?<=void\*, |char\*, )unsigned (int|long)\b", "std::size_t"))
 
 # What only the templates in the headers call, by its class's name.
 INTERNAL = {"sql": {"migrateSteps"},
