@@ -3,9 +3,12 @@
 #include "SqlPreparedTable.h"
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
+#include "SqlTypedTable.h"
 
 #include <iterator>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace test {
 
@@ -159,6 +162,30 @@ bool addMany(Shop& shop, int rows)
     return fast.addRecords(records.begin(), records.end());
 }
 
+struct Product {
+    sql::integer id = 0;
+    std::string name;
+    std::optional<double> price;
+    std::optional<bool> sold;
+    std::optional<std::string> code;
+};
+
+const auto product = sql::mapping<Product>(
+    "product", sql::key<&Product::id>("id"), sql::column<&Product::name>("name"),
+    sql::column<&Product::price>("price"), sql::column<&Product::sold>("sold"),
+    sql::column<&Product::code>("code"));
+
+bool addObjects(Shop& shop, int rows)
+{
+    std::vector<Product> products(rows);
+    for (int i = 0; i < rows; ++i) {
+        products[i].id = 100 + i;
+        products[i].name = "one of many";
+    }
+    sql::TypedTable typed(shop.database, product);
+    return typed.add(products.begin(), products.end());
+}
+
 // Row by row, from a database of its own.
 bool copyFromAnother(Shop& shop, int rows)
 {
@@ -289,6 +316,10 @@ std::vector<Step> changingInBulk(int rows)
     return {
         told(
             "addRecords of many", [rows](Shop& shop) { return addMany(shop, rows); }, addPlainly),
+        removeThem,
+        told(
+            "add of many objects", [rows](Shop& shop) { return addObjects(shop, rows); },
+            addPlainly),
         removeThem,
         told(
             "copyRecords from another database",

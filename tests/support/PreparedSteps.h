@@ -13,7 +13,7 @@ namespace test {
 std::vector<Step> changingByStatements();
 std::vector<Step> changingInTransactions();
 
-// So many rows at once by prepared tables, once backingUp() has made the archive.
+// So many rows at once by prepared and typed tables, once backingUp() has made the archive.
 std::vector<Step> changingInBulk(int rows);
 
 } // namespace test
