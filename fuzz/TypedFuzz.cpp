@@ -576,9 +576,9 @@ private:
     // As somebody else may write it.
     void others()
     {
-        std::vector<test::Stored> cells;
-        for (std::size_t i = 0; i < _names.size(); ++i)
-            cells.push_back(anyStored());
+        std::vector<test::Stored> cells(_names.size());
+        for (test::Stored& cell : cells)
+            cell = anyStored();
         for (sql::Database* const database : {&_database, &_plain}) {
             sql::Statement statement(*database, "insert or replace into item (" + listed("%")
                                                     + ") values (" + listed("?") + ")");

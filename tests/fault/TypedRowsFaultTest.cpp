@@ -30,9 +30,9 @@ const int row_count = 300; // that go in several a statement
 
 std::vector<Sample> samples(sql::integer first)
 {
-    std::vector<Sample> all;
+    std::vector<Sample> all(row_count);
     for (int i = 0; i < row_count; ++i)
-        all.push_back({first + i, i / 2.0});
+        all[i] = {first + i, i / 2.0};
     return all;
 }
 
@@ -314,7 +314,7 @@ TEST_F(TypedRowsFaultTest, LoadThatIsStoppedLeavesNothing)
         std::vector<Sample> loaded(2);
         bool isLoaded = false;
         struck = stopper.strike(nth, [&] { isLoaded = _table.load(loaded, "order by value"); });
-        EXPECT_EQ(loaded.size(), isLoaded ? row_count + 1u : 0u);
+        EXPECT_EQ(loaded.size(), isLoaded ? row_count + 1U : 0U);
         if (isLoaded)
             continue;
         ++stopped;
