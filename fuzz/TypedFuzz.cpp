@@ -504,6 +504,7 @@ private:
             if (!expected.why.empty())
                 expected.all.clear();
             std::vector<std::string> found;
+            found.reserve(items.size());
             for (const Item& item : items)
                 found.push_back(cellsOf(item));
             expectEqual("whether they are loaded", loaded, expected.why.empty());
