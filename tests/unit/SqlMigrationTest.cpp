@@ -44,6 +44,8 @@ static_assert(std::is_trivially_copyable_v<MigrationStep>);
 static_assert(std::is_constructible_v<MigrationStep, int, const char*>);
 static_assert(std::is_constructible_v<MigrationStep, int, std::string&>);
 static_assert(!std::is_constructible_v<MigrationStep, int, std::string>); // it would be gone
+static_assert(!std::is_constructible_v<MigrationStep, int, const std::string>);
+static_assert(std::is_constructible_v<MigrationStep, int, const std::string&>);
 static_assert(std::is_constructible_v<MigrationStep, int, Function>);
 static_assert(!std::is_constructible_v<MigrationStep, int, void (*)(sql::Database&)>);
 static_assert(!std::is_constructible_v<MigrationStep, int, std::optional<int>&>);

@@ -51,7 +51,8 @@ public:
     }
 
     /// Does not compile: the text would be gone before it runs.
-    template <typename Text, typename = std::enable_if_t<std::is_same_v<Text, string>>>
+    template <typename Text,
+              typename = std::enable_if_t<std::is_same_v<std::remove_const_t<Text>, string>>>
     MigrationStep(int version, Text&& statements) = delete;
 
 private:
