@@ -53,6 +53,8 @@ bool Lines::fill(std::optional<std::chrono::milliseconds> longest)
     const int ready = ::ppoll(&input, 1, longest ? &wait : nullptr, &_whileWaiting);
     if (ready == 0)
         return false;
+    if (ready < 0)
+        _bytes.clear(); // a line that the signal cut off may say another value
     char block[4096];
     const ssize_t size = ready < 0 ? -1 : ::read(STDIN_FILENO, block, sizeof block);
     _over = size <= 0;

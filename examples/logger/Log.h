@@ -9,6 +9,11 @@
 #include <string>
 #include <vector>
 
+constexpr std::chrono::hours whole_day(24);
+
+// The beginning of the day of UTC that a time is in.
+TimePoint midnightOf(TimePoint time);
+
 // The database: readings, and what those of past days came to. Operations return false on failure,
 // which error() tells.
 class Log {

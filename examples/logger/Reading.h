@@ -47,9 +47,4 @@ struct Mean {
 inline constexpr auto mean_mapping = sql::mapping<Mean>("", sql::column<&Mean::minute>("minute"),
                                                         sql::column<&Mean::value>("value"));
 
-// The beginning of the day of UTC that a time is in.
-TimePoint midnightOf(TimePoint time);
-
-constexpr std::chrono::hours whole_day(24);
-
 #endif

@@ -124,6 +124,17 @@ class RecordTest(Test):
                 self.assertEqual(program.stdout.read(), "3\n3 stored, 0 lost\n")
             self.assertEqual(program.returncode, 0)
 
+    def test_line_that_a_signal_cuts_off_is_no_reading(self):
+        with self.start("record", "a.db", "--group", "1", "--acknowledge") as program:
+            program.stdin.write(lines(1) + f"{NOON} hall 2")
+            program.stdin.flush()
+            self.assertEqual(program.stdout.readline(), "1\n")
+            program.send_signal(signal.SIGTERM)
+            self.assertEqual(program.stdout.read(), "1 stored, 0 lost\n")
+
+    def test_last_line_needs_no_end(self):
+        self.assert_prints("1 stored, 0 lost\n", "record", "a.db", given=f"{NOON} hall 2")
+
     def test_kill_at_any_moment_costs_no_reading_that_was_acknowledged(self):
         generator = random.Random(1)
         stored = 0
