@@ -48,7 +48,7 @@ BOTH = {
         {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so"}, "sql::Table::exists()",
         "consumer", "c++11", "Captain's tea, 86400\n"),
     "sqlprepared": Library(
-        "0.1.0", ("SqlBackup", "SqlBinder", "SqlBlob", "SqlFunction", "SqlGroupCommit", "SqlLiteral",
+        "1.0.0", ("SqlBackup", "SqlBinder", "SqlBlob", "SqlFunction", "SqlGroupCommit", "SqlLiteral",
                   "SqlMapping", "SqlMigration", "SqlPreparedTable", "SqlResult", "SqlSettings", "SqlStatement", "SqlStopFlag",
                   "SqlTableStatements", "SqlTransaction", "SqlTypedTable"),
         {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so", "libsqlwrapper.so.1"}, "sql::Statement::run()",

@@ -23,9 +23,6 @@ YOCTO = ROOT / "packaging" / "yocto"
 RECIPE = next((YOCTO / "recipes-support" / "sqlwrapper").glob("*.bb"))
 VERSION = re.search(r"project\(\w+ VERSION (\S+)", (ROOT / "CMakeLists.txt").read_text())[1]
 
-PREPARED_VERSION = re.search(
-    r"\(sqlprepared (\S+)", (ROOT / "components/sql/sqlprepared/CMakeLists.txt").read_text())[1]
-
 HEADERS = ["SqlCommon.h", "SqlDatabase.h", "SqlField.h", "SqlFieldSet.h", "SqlRecord.h",
            "SqlRecordSet.h", "SqlTable.h", "SqlValue.h", "TraceLevel.h"]
 CMAKE = ["sqlwrapperConfig.cmake", "sqlwrapperConfigVersion.cmake",
@@ -41,11 +38,11 @@ FILES = {
                       + [f"lib/cmake/sqlwrapper/{name}" for name in CMAKE]
                       + ["lib/libsqlwrapper.so", "lib/pkgconfig/sqlwrapper.pc",
                          f"share/gdb/auto-load/usr/lib/libsqlwrapper.so.{VERSION}-gdb.py"],
-    "sqlprepared": ["lib/libsqlprepared.so.0", f"lib/libsqlprepared.so.{PREPARED_VERSION}"],
+    "sqlprepared": ["lib/libsqlprepared.so.1", f"lib/libsqlprepared.so.{VERSION}"],
     "sqlprepared-dev": [f"include/sqlwrapper/{name}" for name in PREPARED_HEADERS]
                        + [f"lib/cmake/sqlwrapper/{name}" for name in PREPARED_CMAKE]
                        + ["lib/libsqlprepared.so", "lib/pkgconfig/sqlprepared.pc",
-                          f"share/gdb/auto-load/usr/lib/libsqlprepared.so.{PREPARED_VERSION}-gdb.py"],
+                          f"share/gdb/auto-load/usr/lib/libsqlprepared.so.{VERSION}-gdb.py"],
     "sqlwrapper-trace": ["lib/libtrace.so"],
     "sqlwrapper-framework": ["lib/libframework.so"],
 }
@@ -55,7 +52,7 @@ C_LIBRARIES = {"libc.so.6", "libgcc_s.so.1", "libm.so.6"}
 LIBRARIES = {
     "libsqlwrapper1": ("libsqlwrapper.so.1", VERSION,
                        {"libsqlite3.so.0", "libtrace.so", "libframework.so", "libstdc++.so.6"}),
-    "libsqlprepared0": ("libsqlprepared.so.0", PREPARED_VERSION,
+    "libsqlprepared1": ("libsqlprepared.so.1", VERSION,
                         {"libsqlite3.so.0", "libtrace.so", "libframework.so", "libsqlwrapper.so.1",
                          "libstdc++.so.6"}),
 }
@@ -115,7 +112,7 @@ class Packages(unittest.TestCase):
     def test_share_the_installed_files_as_meant(self):
         """As those of Yocto share them, beside documents, with another build type."""
         names = {"libsqlwrapper1": "sqlwrapper", "libsqlwrapper-dev": "sqlwrapper-dev",
-                 "libsqlprepared0": "sqlprepared", "libsqlprepared-dev": "sqlprepared-dev"}
+                 "libsqlprepared1": "sqlprepared", "libsqlprepared-dev": "sqlprepared-dev"}
         for debian, name in names.items():
             for package in sorted((ROOT / "build" / "package").glob(f"*/{debian}_*.deb")):
                 with self.subTest(package.name):
