@@ -82,7 +82,8 @@ struct MappedColumn {
     enum class Kind : unsigned char {
         other,          ///< by its MemberOperations
         truth,          ///< bool
-        number,         ///< an integer, or an enum
+        whole,          ///< integer
+        number,         ///< an integer of another type, or an enum
         real,           ///< double
         small_real,     ///< float
         text,           ///< string
@@ -103,8 +104,10 @@ struct MappedColumn {
     Kind kind = Kind::other;                            ///< How it is read and bound.
     unsigned char size = 0;                             ///< The bytes of a number.
     bool isSigned = false;                              ///< Whether a number has a sign.
-    unsigned char flags = 0;       ///< flag_not_null, flag_unique, flag_primary_key.
-    bool isChosen = false;         ///< Whether SQLite chooses a key of 0 anew.
+    unsigned char cellType = 0; ///< SQLite's type of the cells that are read at once; 0 for none.
+    unsigned char flags = 0;    ///< flag_not_null, flag_unique, flag_primary_key.
+    bool isPlain = false;       ///< Whether it is never stored as NULL.
+    bool isChosen = false;      ///< Whether SQLite chooses a key of 0 anew.
     bool isInMilliseconds = false; ///< Whether it holds a time in milliseconds.
     bool isIndexed = false;        ///< Whether it has an index of its own.
 };
@@ -276,6 +279,8 @@ template <typename T, bool inMilliseconds> constexpr MappedColumn::Kind kindOf()
         return Kind::truth;
     else if constexpr (is_plain_enum<T>)
         return std::is_same_v<std::underlying_type_t<T>, bool> ? Kind::truth : Kind::number;
+    else if constexpr (std::is_same_v<T, integer>)
+        return Kind::whole;
     else if constexpr (is_number<T>)
         return Kind::number;
     else if constexpr (std::is_same_v<T, double>)
@@ -292,6 +297,17 @@ template <typename T, bool inMilliseconds> constexpr MappedColumn::Kind kindOf()
         return inMilliseconds ? Kind::in_milliseconds : Kind::in_seconds;
     else
         return Kind::other;
+}
+
+/// SQLite's type of the cells that are read into a member at once; 0 for none.
+constexpr unsigned char cellTypeOf(MappedColumn::Kind kind, bool isOptional)
+{
+    using Kind = MappedColumn::Kind;
+    if (kind == Kind::whole || (!isOptional && (kind == Kind::number || kind == Kind::truth)))
+        return 1;
+    if (kind == Kind::real)
+        return 2;
+    return kind == Kind::text ? 3 : 0;
 }
 
 /// Whether an integer, or the number of an enum, has a sign.
@@ -538,6 +554,7 @@ constexpr void Mapping<T, Keys, columnCount, indexCount>::append(
         MappedColumn& column = _columns[_appendedColumns++];
         column = spec.column;
         column.isInMilliseconds = inMilliseconds;
+        column.isPlain = !Held::is_optional && keyKind != KeyKind::chosen;
         if (column.type == nullptr)
             column.type = declaredType<Type>();
         column.place = [](const void* object) -> const void* {
@@ -549,10 +566,10 @@ constexpr void Mapping<T, Keys, columnCount, indexCount>::append(
                 &AccessorOf<Path, Owner, Given, BinderFor<Given, inMilliseconds>>::operations;
         } else {
             column.kind = kindOf<Type, inMilliseconds>();
+            column.cellType = cellTypeOf(column.kind, Held::is_optional);
             column.size = sizeof(Type);
-            if constexpr (kindOf<Type, false>() == MappedColumn::Kind::number)
-                column.isSigned = isSignedNumber<Type>();
-            else if constexpr (kindOf<Type, false>() == MappedColumn::Kind::other)
+            column.isSigned = isSignedNumber<Type>();
+            if constexpr (kindOf<Type, false>() == MappedColumn::Kind::other)
                 column.operations = &MemberOf<Type, BinderFor<Type, inMilliseconds>>::operations;
             if constexpr (Held::is_optional)
                 column.optional = &OptionalOf<Type>::operations;

@@ -240,6 +240,7 @@ private:
 
     const FieldSet* _fields;
     std::vector<field_type> _types; // of the columns
+    std::vector<Argument> _cells;   // of a row
     int _keyIndex = -1;             // of the first column of the key
 };
 

@@ -12,6 +12,8 @@ struct sqlite3_stmt;
 
 namespace sql {
 
+class MappedValues;
+
 /// One statement of SQL, compiled once. Values are bound to its parameters, rows read one by one.
 ///
 ///     sql::Statement cheap(
@@ -157,6 +159,7 @@ private:
     friend class PreparedTable;
     friend class RecordCursor;
     friend class MappedTable;
+    friend class MappedValues;
     friend class MappedCursor;
     template <typename T, typename... Keys> friend class TypedTable;
     template <typename T> friend class ObjectCursor;
@@ -211,6 +214,9 @@ private:
                                integer record = 0);
     SQLWRAPPER_LOCAL bool bindCopies(const char* operation, const Argument* arguments, int count);
     SQLWRAPPER_LOCAL bool runAs(const char* operation, const Argument* arguments, int count);
+    SQLWRAPPER_LOCAL bool runMapped(const char* operation, MappedValues& values);
+    SQLWRAPPER_LOCAL Presence readMapped(const char* operation, MappedValues& values,
+                                         const Variable* variables, int variableCount);
     SQLWRAPPER_LOCAL bool nextAs(const char* operation);
     SQLWRAPPER_LOCAL bool readNext(const char* operation, const Variable* variables, int count);
     SQLWRAPPER_LOCAL Presence readFirst(const char* operation, const Argument* arguments,
@@ -225,11 +231,15 @@ private:
     SQLWRAPPER_LOCAL void forgetStale();
     SQLWRAPPER_LOCAL bool bindFrom(const char* operation, int position, const Argument* arguments,
                                    int count, bool copied);
+    SQLWRAPPER_LOCAL int bindOne(int position, const Argument& argument, bool copied);
+    SQLWRAPPER_LOCAL int bindBorrowed(int position, const Argument& argument);
     SQLWRAPPER_LOCAL bool bindAll(const char* operation, const Argument* arguments, int count);
     SQLWRAPPER_LOCAL void forgetRun();
     SQLWRAPPER_LOCAL bool restart(const char* operation);
     SQLWRAPPER_LOCAL void begin(const char* operation);
+    SQLWRAPPER_LOCAL void traceRun(const char* operation) const;
     SQLWRAPPER_LOCAL bool step(const char* operation);
+    SQLWRAPPER_LOCAL Presence readStep(const char* operation, const Variable* variables, int count);
     SQLWRAPPER_LOCAL bool runToEnd(const char* operation);
     SQLWRAPPER_LOCAL bool end(const char* operation);
     SQLWRAPPER_LOCAL void noteChanges(int rc);

@@ -5,6 +5,7 @@
 #include "SqlTransaction.h"
 
 #include <forward_list>
+#include <list>
 
 #pragma GCC visibility push(default)
 
@@ -45,7 +46,20 @@ private:
     enum class Listed { all, keys, others };
     using Item = string (*)(const string& name, int position);
 
-    enum Work { insert_one, insert_many, update, upsert, remove, exists, read, work_count };
+    enum Work {
+        insert_one,
+        insert_many,
+        count_all,
+        update,
+        upsert,
+        remove,
+        exists,
+        read,
+        work_count
+    };
+
+    // Statements, one of which goes from list to list without memory.
+    using Held = std::list<Statement>;
 
     // A column as it is declared.
     struct Declared {
@@ -129,14 +143,36 @@ private:
     SQLWRAPPER_LOCAL Statement* compiled(const char* operation, Work work);
     SQLWRAPPER_LOCAL string whyNotCompiled(Work work) const;
 
-    SQLWRAPPER_LOCAL void forget();
-    SQLWRAPPER_LOCAL Statement* prepared(const char* operation, Work work);
-    SQLWRAPPER_LOCAL bool keep(const Statement& statement, bool isDone);
+    void forget()
+    {
+        if (_error)
+            _error = Error();
+        _changes = 0;
+        _key.reset();
+    }
+    // Null where it cannot be compiled.
+    Statement* prepared(const char* operation, Work work)
+    {
+        forget();
+        return _statements[work] ? &*_statements[work] : compiled(operation, work);
+    }
+    // Takes over what there is to know of a run.
+    bool keep(const Statement& statement, bool isDone)
+    {
+        if (isDone) {
+            _changes = statement._changes;
+            _key = statement._key;
+        } else {
+            _error = statement._error;
+        }
+        return isDone;
+    }
     SQLWRAPPER_LOCAL bool fail(const char* operation, const string& text, int rc,
                                const string& why);
     SQLWRAPPER_LOCAL Result<std::vector<string>> differences(const char* operation);
-    SQLWRAPPER_LOCAL Statement taken(const char* operation, const string& text);
-    SQLWRAPPER_LOCAL void giveBack(Statement& statement, int releases);
+    SQLWRAPPER_LOCAL Held taken(const char* operation, std::string_view start,
+                                std::string_view condition);
+    SQLWRAPPER_LOCAL void giveBack(Held& held, int releases);
 
     Database* _database;
     int _columnCount;
@@ -144,11 +180,10 @@ private:
     int _mostKeys = 0; // columns that the operations by a key can have
     Declaration _declared;
     string _name;                     // of the table
-    std::vector<Argument> _cells;     // of a row
-    std::forward_list<string> _texts; // that some of the cells borrow
+    std::forward_list<string> _texts; // that some of a row's values borrow
     Error _error;
     std::optional<Statement> _statements[work_count];
-    std::vector<Statement> _conditions; // that nobody uses, the latest at the end
+    Held _conditions; // statements that nobody uses, the latest at the end
     int _releases = 0;
     integer _changes = 0;
     std::optional<integer> _key;

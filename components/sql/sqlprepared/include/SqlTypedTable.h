@@ -51,7 +51,7 @@ private:
 
     MappedCursor(Database& database, const MappingView& mapping, const string& text,
                  const Argument* values, int count);
-    SQLWRAPPER_LOCAL MappedCursor(TableStatements& table, Statement statement,
+    SQLWRAPPER_LOCAL MappedCursor(TableStatements& table, std::list<Statement> held,
                                   const MappingView& mapping);
     MappedCursor(MappedCursor&& other) noexcept;
     MappedCursor& operator=(MappedCursor&& other) noexcept;
@@ -63,8 +63,9 @@ private:
     SQLWRAPPER_LOCAL int compilations() const;
 
     Statement _statement;
-    TableStatements* _table; // that gets the statement back; null where there is none
-    int _releases = 0;       // of the table until now
+    std::list<Statement> _held; // where it goes for the table to get it back; empty for a query
+    TableStatements* _table;
+    int _releases = 0; // of the table until now
     const MappedColumn* _columns;
     int _columnCount;
     std::vector<int> _order;       // of a query's columns
@@ -288,25 +289,20 @@ private:
     SQLWRAPPER_LOCAL int take(const void* object, Argument* cells,
                               std::forward_list<string>& texts) const;
     SQLWRAPPER_LOCAL void chooseKey(Argument* cells) const;
-    SQLWRAPPER_LOCAL bool failToTake(const char* operation, Statement& statement, int index,
-                                     const char* why);
-    SQLWRAPPER_LOCAL bool failToFind(const char* operation, Statement& statement, const char* why);
-    SQLWRAPPER_LOCAL bool hasWholeKey(const char* operation, Statement& statement);
     SQLWRAPPER_LOCAL bool store(const char* operation, Work work, const void* object, void* keyed);
-    SQLWRAPPER_LOCAL bool takeKeys(const char* operation, Statement& statement,
-                                   const KeyValue* keys);
     SQLWRAPPER_LOCAL Presence lookUp(const char* operation, Work work, const KeyValue* keys,
                                      const Statement::Variable* variables, int count);
     SQLWRAPPER_LOCAL const string& selection();
-    SQLWRAPPER_LOCAL Presence firstBy(const char* operation, const string& text,
-                                      const Argument* values, int count,
+    SQLWRAPPER_LOCAL Presence firstBy(const char* operation, const string& start,
+                                      std::string_view condition, const Argument* values, int count,
                                       const Statement::Variable* variables, int variableCount);
-    SQLWRAPPER_LOCAL bool readAll(const char* operation, const string& text, const Argument* values,
-                                  int count, const Statement::Variable& variable,
-                                  int variableCount);
+    SQLWRAPPER_LOCAL bool readAll(const char* operation, const string& start,
+                                  std::string_view condition, const Argument* values, int count,
+                                  const Statement::Variable& variable, int variableCount);
 
     MappingView _mapping;
     string _selection;   // of all columns; empty until it is needed
+    string _counting;    // likewise
     int _chosenKey = -1; // the column whose key SQLite chooses
 };
 
@@ -412,9 +408,9 @@ public:
     template <typename... Given> Result<T> find(const Given&... key)
     {
         const KeyValues keys = keysOf(key...);
-        T object{};
-        const Presence found = findByKey(keys.values, &object);
-        return result(found, object);
+        Result<T> found{T{}};
+        end(findByKey(keys.values, &*found), found);
+        return found;
     }
 
     /// Returns how many rows there are, by what follows the table's name in the statement.
@@ -430,9 +426,9 @@ public:
     Result<T> first(std::string_view condition = std::string_view(), const Values&... values)
     {
         const Argument arguments[] = {Statement::argumentOf(values)..., nullptr};
-        T object{};
-        const Presence found = firstRow(condition, arguments, sizeof...(Values), &object);
-        return result(found, object);
+        Result<T> found{T{}};
+        end(firstRow(condition, arguments, sizeof...(Values), &*found), found);
+        return found;
     }
 
     /// Puts the objects into the vector, in place of what it had. It is empty after a failure.
@@ -513,11 +509,10 @@ private:
         return why;
     }
 
-    Result<T> result(Presence found, T& object) const
+    void end(Presence presence, Result<T>& found) const
     {
-        if (found == Presence::unknown)
-            return error();
-        return found == Presence::present ? Result<T>(std::move(object)) : Result<T>();
+        if (presence != Presence::present)
+            found = presence == Presence::unknown ? Result<T>(error()) : Result<T>();
     }
 };
 

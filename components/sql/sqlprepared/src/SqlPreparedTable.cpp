@@ -22,7 +22,7 @@ constexpr const char* is_no_text = "is no text";
 
 PreparedTable::PreparedTable(Database& database, const Table& table)
     : TableStatements(database, table.fields()->count(), declared), _fields(table.fields()),
-      _types(_columnCount, type_undefined)
+      _types(_columnCount, type_undefined), _cells(_columnCount, nullptr)
 {
     _name = table.name();
     _mostKeys = 1;

@@ -1,4 +1,4 @@
-#include "SqlStatement.h"
+#include "SqlStatementRun.h"
 
 #include "SqlFailure.h"
 #include "SqlNumber.h"
@@ -41,48 +41,18 @@ int boundBlock(sqlite3_stmt* statement, int position, Bytes bytes, sqlite3_destr
     return sqlite3_bind_blob64(statement, position, bytes.data, bytes.size, copy);
 }
 
-// Each call of SQLite's takes the connection's lock, at less cost where it is taken already: five calls
-// are worth taking it around them.
-class Lock {
-public:
-    Lock(sqlite3* db, int calls) : _mutex(calls < 5 ? nullptr : sqlite3_db_mutex(db))
-    {
-        if (_mutex != nullptr)
-            sqlite3_mutex_enter(_mutex);
-    }
-    ~Lock()
-    {
-        if (_mutex != nullptr)
-            sqlite3_mutex_leave(_mutex);
-    }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
+} // namespace
 
-private:
-    sqlite3_mutex* _mutex;
-};
-
-integer latestChanges(sqlite3* db)
+void Statement::traceRun(const char* operation) const
 {
-#if SQLITE_VERSION_NUMBER >= 3037000
-    return sqlite3_changes64(db);
-#else
-    return sqlite3_changes(db);
-#endif
-}
-
-void traceRun(const char* operation, sqlite3_stmt* statement)
-{
-    TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(statement));
+    TRACE_DEBUG2_AS(operation, "stmt='%s'", sqlite3_sql(_handle.statement));
     if (!traceLevelAbove(8))
         return;
-    char* const text = sqlite3_expanded_sql(statement);
+    char* const text = sqlite3_expanded_sql(_handle.statement);
     if (text != nullptr)
         TRACE_DEBUG3_AS(operation, "%s", text);
     sqlite3_free(text);
 }
-
-} // namespace
 
 // --- From the text to the release -----------------------------------------------------------------
 
@@ -164,13 +134,6 @@ bool Statement::isPrepared() const
     return _handle.statement != nullptr;
 }
 
-// What fails is told elsewhere, so that the ways to it stay short.
-inline bool Statement::isUsable(const char* operation)
-{
-    return (_handle.statement != nullptr && _database->getHandle() == _connection)
-           || failToUse(operation);
-}
-
 bool Statement::failToUse(const char* operation)
 {
     if (_handle.state != State::unprepared)
@@ -205,33 +168,40 @@ void Statement::forgetStale()
     _stale = false;
 }
 
-inline bool Statement::bindFrom(const char* operation, int position, const Argument* arguments,
-                                int count, bool copied)
+// SQLITE_MISMATCH, which SQLite never returns here, for what it cannot store.
+inline int Statement::bindOne(int position, const Argument& argument, bool copied)
 {
     sqlite3_stmt* const statement = _handle.statement;
     const sqlite3_destructor_type owner = copied ? SQLITE_TRANSIENT : SQLITE_STATIC;
+    switch (argument._kind) {
+    case Argument::Kind::null:
+        return sqlite3_bind_null(statement, position);
+    case Argument::Kind::number:
+        return sqlite3_bind_int64(statement, position, argument._number);
+    case Argument::Kind::real:
+        return std::isnan(argument._real)
+                   ? SQLITE_MISMATCH // SQLite would take it for NULL
+                   : sqlite3_bind_double(statement, position, argument._real);
+    case Argument::Kind::text:
+        return boundText(statement, position, argument._bytes, owner);
+    case Argument::Kind::block:
+        return boundBlock(statement, position, argument._bytes, owner);
+    case Argument::Kind::unfit:
+        break;
+    }
+    return SQLITE_MISMATCH;
+}
+
+int Statement::bindBorrowed(int position, const Argument& argument)
+{
+    return bindOne(position, argument, false);
+}
+
+inline bool Statement::bindFrom(const char* operation, int position, const Argument* arguments,
+                                int count, bool copied)
+{
     for (const Argument* argument = arguments; argument != arguments + count; ++argument) {
-        int rc = SQLITE_MISMATCH; // which SQLite never returns here
-        switch (argument->_kind) {
-        case Argument::Kind::null:
-            rc = sqlite3_bind_null(statement, position);
-            break;
-        case Argument::Kind::number:
-            rc = sqlite3_bind_int64(statement, position, argument->_number);
-            break;
-        case Argument::Kind::real:
-            if (!std::isnan(argument->_real)) // SQLite would take it for NULL
-                rc = sqlite3_bind_double(statement, position, argument->_real);
-            break;
-        case Argument::Kind::text:
-            rc = boundText(statement, position, argument->_bytes, owner);
-            break;
-        case Argument::Kind::block:
-            rc = boundBlock(statement, position, argument->_bytes, owner);
-            break;
-        case Argument::Kind::unfit:
-            break;
-        }
+        const int rc = bindOne(position, *argument, copied);
         if (rc != SQLITE_OK)
             return failToBind(operation, position, *argument, rc);
         ++position;
@@ -252,12 +222,6 @@ bool Statement::failToBind(const char* operation, int position, const Argument& 
     return fail(operation, State::unbound, rc,
                 "the value of parameter " + intToStr(position) + " "
                     + (unfit ? argument._why : "is not a number"));
-}
-
-inline void Statement::forgetRun()
-{
-    _changes = 0;
-    _key.reset();
 }
 
 // The run has begun, even if it ends here.
@@ -311,76 +275,6 @@ void Statement::clearBindings()
 
 // --- Runs ----------------------------------------------------------------------------------------
 
-inline bool Statement::restart(const char* operation)
-{
-    if (!isUsable(operation))
-        return false;
-    if ((_handle.state == State::row || _handle.state == State::broken) && !end(operation))
-        return false;
-    _handle.state = State::ready;
-    return true;
-}
-
-inline void Statement::begin(const char* operation)
-{
-    if (traceLevelAbove(7))
-        traceRun(operation, _handle.statement);
-    if (_error)
-        forgetError();
-    _namesKnown = false;
-    forgetRun();
-    if (_inserts)
-        _keyBefore = sqlite3_last_insert_rowid(_connection);
-}
-
-inline bool Statement::step(const char* operation)
-{
-    const int rc = sqlite3_step(_handle.statement);
-    // All rows are inserted before the first comes back.
-    if (_inserts && _handle.state == State::ready) {
-        const integer key = sqlite3_last_insert_rowid(_connection);
-        if (key != _keyBefore || _givesKeys)
-            _key = key;
-    }
-    if (rc == SQLITE_ROW) {
-        _handle.state = State::row;
-        return true;
-    }
-    end(operation); // which fails as the step did
-    return false;
-}
-
-// Returns false if what was written cannot be committed, which a reset at a row does.
-inline bool Statement::end(const char* operation)
-{
-    const int rc = sqlite3_reset(_handle.statement);
-    noteChanges(rc);
-    if (rc != SQLITE_OK)
-        return failToRun(operation, rc);
-    _handle.state = State::ended;
-    return true;
-}
-
-// SQLite takes back what a statement did before it failed, but for `or fail`, which only constraints heed;
-// one that has not begun has left the count of another. Where nothing has changed, nothing was inserted.
-inline void Statement::noteChanges(int rc)
-{
-    if (!_writes)
-        return;
-    if (rc == SQLITE_OK || (rc & 0xff) == SQLITE_CONSTRAINT)
-        _changes = latestChanges(_connection);
-    if (_changes == 0)
-        _key.reset();
-}
-
-inline bool Statement::runToEnd(const char* operation)
-{
-    begin(operation);
-    while (step(operation)) {
-    }
-    return _handle.state == State::ended;
-}
-
 bool Statement::next()
 {
     return nextAs("next");
@@ -425,19 +319,6 @@ bool Statement::runAs(const char* operation, const Argument* arguments, int coun
     return bindAll(operation, arguments, count) && runToEnd(operation);
 }
 
-// Of the row and the values, should a binder throw.
-struct Statement::LettingGo {
-    ~LettingGo()
-    {
-        if (statement._handle.state != State::row)
-            return;
-        sqlite3_reset(statement._handle.statement);
-        statement._handle.state = State::failed;
-    }
-
-    Statement& statement;
-};
-
 Presence Statement::readOne(const Argument* arguments, int argumentCount, const Variable* variables,
                             int variableCount)
 {
@@ -455,12 +336,7 @@ Presence Statement::readFirst(const char* operation, const Argument* arguments, 
         forgetStale();
     else if (!bindAll(operation, arguments, argumentCount))
         return Presence::unknown;
-    begin(operation);
-    if (!step(operation))
-        return _handle.state == State::ended ? Presence::absent : Presence::unknown;
-    const LettingGo lettingGo{*this};
-    const bool isRead = variableCount == 0 || readCells(operation, variables, variableCount);
-    return isRead && end(operation) ? Presence::present : Presence::unknown;
+    return readStep(operation, variables, variableCount);
 }
 
 bool Statement::finished() const
@@ -490,22 +366,6 @@ bool Statement::readNext(const char* operation, const Variable* variables, int c
         return false;
     const Lock lock(_connection, count + 1);
     return nextRow(operation) && readCells(operation, variables, count);
-}
-
-inline bool Statement::readCells(const char* operation, const Variable* variables, int count)
-{
-    sqlite3_stmt* const statement = _handle.statement;
-    if (count == whole_object)
-        return readObject(operation, *variables);
-    if (count != sqlite3_data_count(statement))
-        return count == whole_row ? readRecord(operation, *variables)
-                                  : failToFill(operation, count);
-    for (int i = 0; i < count; ++i) {
-        const Column column(*this, sqlite3_column_value(statement, i));
-        if (const char* const why = variables[i].read(column, variables[i].variable))
-            return failToRead(operation, i, why);
-    }
-    return true;
 }
 
 bool Statement::failToFill(const char* operation, int count)

@@ -27,6 +27,16 @@ bool isSame(std::string_view name, std::string_view other)
            && sqlite3_strnicmp(name.data(), other.data(), static_cast<int>(name.size())) == 0;
 }
 
+// Whether a text is that of a statement's start and its condition.
+bool isJoined(std::string_view text, std::string_view start, std::string_view condition)
+{
+    if (condition.empty())
+        return text == start;
+    return text.size() == start.size() + 1 + condition.size()
+           && text.substr(0, start.size()) == start && text[start.size()] == ' '
+           && text.substr(start.size() + 1) == condition;
+}
+
 // What a list has for a column: of its quoted name, and its position as a value.
 
 string itsName(const string& name, int /*position*/)
@@ -59,8 +69,7 @@ string isExcluded(const string& name, int /*position*/)
 // --- From the declaration to the release ----------------------------------------------------------
 
 TableStatements::TableStatements(Database& database, int columnCount, Declaration declared)
-    : _database(&database), _columnCount(columnCount), _declared(declared),
-      _cells(columnCount, nullptr)
+    : _database(&database), _columnCount(columnCount), _declared(declared)
 {
 }
 
@@ -143,6 +152,8 @@ string TableStatements::textOf(Work work) const
     switch (work) {
     case insert_many:
         return insertionOf(rowsAtOnce());
+    case count_all:
+        return "select count(*)" + from;
     case update:
         return updating();
     case upsert:
@@ -159,21 +170,6 @@ string TableStatements::textOf(Work work) const
 }
 
 // --- Statements -----------------------------------------------------------------------------------
-
-void TableStatements::forget()
-{
-    if (_error)
-        _error = Error();
-    _changes = 0;
-    _key.reset();
-}
-
-// Null where it cannot be compiled.
-Statement* TableStatements::prepared(const char* operation, Work work)
-{
-    forget();
-    return _statements[work] ? &*_statements[work] : compiled(operation, work);
-}
 
 Statement* TableStatements::compiled(const char* operation, Work work)
 {
@@ -196,23 +192,11 @@ string TableStatements::whyNotCompiled(Work work) const
 {
     if (_columnCount == 0)
         return no_columns;
-    if (work > insert_many && _keyCount == 0)
+    if (work > count_all && _keyCount == 0)
         return no_key;
     if (work > upsert && _keyCount > _mostKeys)
         return joined({"the key has ", intToStr(_keyCount), " columns"});
     return string();
-}
-
-// Takes over what there is to know of a run.
-bool TableStatements::keep(const Statement& statement, bool isDone)
-{
-    if (isDone) {
-        _changes = statement._changes;
-        _key = statement._key;
-    } else {
-        _error = statement._error;
-    }
-    return isDone;
 }
 
 bool TableStatements::fail(const char* operation, const string& text, int rc, const string& why)
@@ -246,23 +230,26 @@ int TableStatements::rowsAtOnce() const
 }
 
 // One that is kept, or a new one.
-Statement TableStatements::taken(const char* operation, const string& text)
+TableStatements::Held TableStatements::taken(const char* operation, std::string_view start,
+                                             std::string_view condition)
 {
     forget();
-    for (auto kept = _conditions.end(); kept != _conditions.begin();) {
-        if ((--kept)->text() != text)
-            continue;
-        Statement statement = std::move(*kept);
-        _conditions.erase(kept);
-        return statement;
-    }
-    _conditions.reserve(most_conditions); // so that it is given back without memory
-    return Statement(operation, *_database, text);
+    Held held;
+    const auto kept = std::find_if(
+        _conditions.begin(), _conditions.end(),
+        [&](const Statement& statement) { return isJoined(statement.text(), start, condition); });
+    if (kept != _conditions.end())
+        held.splice(held.end(), _conditions, kept);
+    else
+        held.push_back(Statement(operation, *_database,
+                                 joined({start, condition.empty() ? "" : " ", condition})));
+    return held;
 }
 
 // Without its values, row and failure, unless it belongs to another connection by now.
-void TableStatements::giveBack(Statement& statement, int releases)
+void TableStatements::giveBack(Held& held, int releases)
 {
+    Statement& statement = held.front();
     if (!statement.isPrepared() || releases != _releases
         || statement._connection != _database->getHandle())
         return;
@@ -272,8 +259,8 @@ void TableStatements::giveBack(Statement& statement, int releases)
     statement._stale = false;
     statement.forgetError();
     if (_conditions.size() == most_conditions)
-        _conditions.erase(_conditions.begin());
-    _conditions.push_back(std::move(statement));
+        _conditions.pop_front();
+    _conditions.splice(_conditions.end(), held);
 }
 
 // --- Many rows ------------------------------------------------------------------------------------

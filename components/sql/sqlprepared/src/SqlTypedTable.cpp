@@ -3,6 +3,7 @@
 #include "SqlFailure.h"
 #include "SqlLiteral.h"
 #include "SqlNumber.h"
+#include "SqlStatementRun.h"
 #include "SqlStop.h"
 #include "SqlTrace.h"
 
@@ -16,21 +17,24 @@ namespace sql {
 
 // --- Members --------------------------------------------------------------------------------------
 
+using Texts = std::forward_list<string>;
+
 struct MemberAccess {
     using Kind = MappedColumn::Kind;
-    using Texts = std::forward_list<string>;
 
     SQLWRAPPER_LOCAL static Argument keptIn(Texts& texts, const Argument& argument);
     SQLWRAPPER_LOCAL static bool take(const MappedColumn& column, const void* object,
                                       Argument& cell, Texts& texts);
+    SQLWRAPPER_LOCAL static const void* valueAt(const MappedColumn& column, const void* object);
     SQLWRAPPER_LOCAL static bool takeValue(const MappedColumn& column, const void* value,
                                            Argument& cell, Texts& texts);
-    SQLWRAPPER_LOCAL static void takeKey(const MappedColumn& column, const void* value,
-                                         Argument& cell, Texts& texts);
+    SQLWRAPPER_LOCAL static Argument keyArgument(const MappedColumn& column, const KeyValue& key,
+                                                 Texts& texts);
     SQLWRAPPER_LOCAL static bool readPlain(const MappedColumn& column, sqlite3_value* cell,
                                            void* member);
-    SQLWRAPPER_LOCAL static const char* read(const MappedColumn& column, const Column& cell,
-                                             void* member);
+    SQLWRAPPER_LOCAL static bool readText(sqlite3_value* cell, string& member);
+    SQLWRAPPER_LOCAL static const char* read(const MappedColumn& column, Statement& statement,
+                                             sqlite3_value* value, void* member);
     SQLWRAPPER_LOCAL static const char* readValue(const MappedColumn& column, const Column& cell,
                                                   void* value);
     SQLWRAPPER_LOCAL static const char* whyUnfit(const Argument& argument);
@@ -42,16 +46,23 @@ struct MemberAccess {
     {
         return argument._kind == Argument::Kind::number && argument._number == 0;
     }
+    SQLWRAPPER_LOCAL static bool isNoKey(const MappedColumn& column, const void* value)
+    {
+        return value == nullptr || numberAt(column, value) == 0;
+    }
     SQLWRAPPER_LOCAL static const char* setKey(const MappedColumn& column, integer key,
                                                void* object);
 
-private:
     SQLWRAPPER_LOCAL static Argument otherValue(const MappedColumn& column, const void* value,
                                                 Texts& texts);
     SQLWRAPPER_LOCAL static integer numberAt(const MappedColumn& column, const void* value);
     SQLWRAPPER_LOCAL static const char* setNumber(const MappedColumn& column, integer number,
                                                   void* value);
 };
+
+static_assert(cellTypeOf(MappedColumn::Kind::whole, false) == SQLITE_INTEGER
+              && cellTypeOf(MappedColumn::Kind::real, false) == SQLITE_FLOAT
+              && cellTypeOf(MappedColumn::Kind::text, false) == SQLITE_TEXT);
 
 namespace {
 
@@ -76,6 +87,8 @@ template <typename T> const char* readAs(const Column& cell, void* value)
 
 integer highestOf(const MappedColumn& column)
 {
+    if (column.kind == MappedColumn::Kind::truth)
+        return 1;
     const int bits = 8 * column.size - (column.isSigned ? 1 : 0);
     return static_cast<integer>(~0ULL >> (bits < 63 ? 64 - bits : 1));
 }
@@ -132,7 +145,7 @@ inline integer MemberAccess::numberAt(const MappedColumn& column, const void* va
                            : static_cast<integer>(number);
 }
 
-inline const char* MemberAccess::setNumber(const MappedColumn& column, integer number, void* value)
+const char* MemberAccess::setNumber(const MappedColumn& column, integer number, void* value)
 {
     if (column.size == sizeof(number) && column.isSigned) {
         std::memcpy(value, &number, sizeof(number));
@@ -159,15 +172,20 @@ inline const char* MemberAccess::setNumber(const MappedColumn& column, integer n
     return nullptr;
 }
 
+// Null for none.
+inline const void* MemberAccess::valueAt(const MappedColumn& column, const void* object)
+{
+    const void* const member = column.place(object);
+    return column.optional != nullptr ? column.optional->get(member) : member;
+}
+
 // Returns false for what cannot be bound, and the cell says why.
 inline bool MemberAccess::take(const MappedColumn& column, const void* object, Argument& cell,
                                Texts& texts)
 {
-    const void* member = column.place(object);
-    if (column.optional != nullptr)
-        member = column.optional->get(member);
-    if (member != nullptr)
-        return takeValue(column, member, cell, texts);
+    const void* const value = valueAt(column, object);
+    if (value != nullptr)
+        return takeValue(column, value, cell, texts);
     cell._kind = Argument::Kind::null;
     return true;
 }
@@ -181,6 +199,7 @@ inline bool MemberAccess::takeValue(const MappedColumn& column, const void* valu
         cell._kind = Argument::Kind::number;
         cell._number = at<bool>(value) ? 1 : 0;
         return true;
+    case Kind::whole:
     case Kind::number:
         cell._kind = Argument::Kind::number;
         cell._number = numberAt(column, value);
@@ -207,6 +226,10 @@ Argument MemberAccess::otherValue(const MappedColumn& column, const void* value,
 {
     using TimePoint = std::chrono::system_clock::time_point;
     switch (column.kind) {
+    case Kind::number: {
+        const integer number = numberAt(column, value);
+        return number < 0 && !column.isSigned ? Argument::unfit(is_above) : Argument(number);
+    }
     case Kind::small_real:
         return static_cast<double>(at<float>(value));
     case Kind::block:
@@ -223,42 +246,64 @@ Argument MemberAccess::otherValue(const MappedColumn& column, const void* value,
 }
 
 // The value itself, also where its member is an accessor.
-void MemberAccess::takeKey(const MappedColumn& column, const void* value, Argument& cell,
-                           Texts& texts)
+Argument MemberAccess::keyArgument(const MappedColumn& column, const KeyValue& key, Texts& texts)
 {
+    if (key.value == nullptr)
+        return key.argument;
     if (column.kind == Kind::other && column.operations->ofValue != nullptr)
-        cell = column.operations->ofValue->argument(value, texts);
-    else
-        takeValue(column, value, cell, texts);
+        return column.operations->ofValue->argument(key.value, texts);
+    Argument cell = nullptr;
+    takeValue(column, key.value, cell, texts);
+    return cell;
 }
 
 // A cell of its member's own kind, which most are. Returns false for any other.
-inline bool MemberAccess::readPlain(const MappedColumn& column, sqlite3_value* cell, void* member)
+[[gnu::always_inline]] inline bool MemberAccess::readPlain(const MappedColumn& column,
+                                                           sqlite3_value* cell, void* member)
 {
     const int type = sqlite3_value_type(cell);
-    if (column.optional != nullptr) {
-        if (type != SQLITE_NULL)
+    if (type != column.cellType) {
+        if (type != SQLITE_NULL || column.optional == nullptr)
             return false;
         column.optional->set(member, false);
         return true;
     }
-    if (column.kind == Kind::number && type == SQLITE_INTEGER)
-        return setNumber(column, sqlite3_value_int64(cell), member) == nullptr;
-    if (column.kind == Kind::real && type == SQLITE_FLOAT) {
+    if (column.optional != nullptr)
+        member = column.optional->set(member, true);
+    switch (column.kind) {
+    case Kind::whole:
+        *static_cast<integer*>(member) = sqlite3_value_int64(cell);
+        return true;
+    case Kind::real:
         *static_cast<double*>(member) = sqlite3_value_double(cell);
         return true;
+    case Kind::text:
+        return readText(cell, *static_cast<string*>(member));
+    case Kind::truth: {
+        const integer number = sqlite3_value_int64(cell);
+        if (number != 0 && number != 1)
+            return false;
+        *static_cast<bool*>(member) = number == 1;
+        return true;
     }
-    if (column.kind != Kind::text || type != SQLITE_TEXT)
-        return false;
-    const void* const text = sqlite3_value_text(cell);
-    if (text == nullptr)
-        return false;
-    static_cast<string*>(member)->assign(static_cast<const char*>(text), sqlite3_value_bytes(cell));
-    return true;
+    default:
+        return setNumber(column, sqlite3_value_int64(cell), member) == nullptr;
+    }
 }
 
-const char* MemberAccess::read(const MappedColumn& column, const Column& cell, void* member)
+// Returns false without memory.
+inline bool MemberAccess::readText(sqlite3_value* cell, string& member)
 {
+    const void* const text = sqlite3_value_text(cell);
+    if (text != nullptr)
+        member.assign(static_cast<const char*>(text), sqlite3_value_bytes(cell));
+    return text != nullptr;
+}
+
+const char* MemberAccess::read(const MappedColumn& column, Statement& statement,
+                               sqlite3_value* value, void* member)
+{
+    const Column cell(statement, value);
     if (column.optional == nullptr)
         return readValue(column, cell, member);
     const bool had = column.optional->get(member) != nullptr;
@@ -273,6 +318,8 @@ const char* MemberAccess::readValue(const MappedColumn& column, const Column& ce
     switch (column.kind) {
     case Kind::truth:
         return readAs<bool>(cell, value);
+    case Kind::whole:
+        return readAs<integer>(cell, value);
     case Kind::number: {
         integer number = 0;
         const char* const why = cell.read(number, lowestOf(column), highestOf(column));
@@ -323,13 +370,16 @@ bool Statement::readObject(const char* operation, const Variable& variable)
     if (count != place.count)
         return failToFill(operation, place.count);
     void* const object = place.make != nullptr ? place.make(place.list) : place.object;
-    for (int i = 0; i < count; ++i) {
-        const MappedColumn& column = place.columns[place.order != nullptr ? place.order[i] : i];
-        void* const member = const_cast<void*>(column.place(object));
+    const int* const order = place.order;
+    const MappedColumn* column = place.columns;
+    for (int i = 0; i < count; ++i, ++column) {
+        if (order != nullptr)
+            column = place.columns + order[i];
         sqlite3_value* const value = sqlite3_column_value(_handle.statement, i);
-        if (MemberAccess::readPlain(column, value, member))
+        void* const member = const_cast<void*>(column->place(object));
+        if (MemberAccess::readPlain(*column, value, member))
             continue;
-        if (const char* const why = MemberAccess::read(column, Column(*this, value), member))
+        if (const char* const why = MemberAccess::read(*column, *this, value, member))
             return failToRead(operation, i, why);
     }
     return true;
@@ -633,6 +683,199 @@ FieldSet MappedTable::fields() const
     return FieldSet(fields.data());
 }
 
+// --- Values of statements -------------------------------------------------------------------------
+
+// What a statement of a table's is run with: the members of an object, or keys. Texts are not copied.
+class MappedValues {
+public:
+    // For an update the object has to have its key; otherwise SQLite may choose it.
+    MappedValues(const MappingView& mapping, Texts& texts, const void* object, bool isUpdate)
+        : _mapping(mapping), _texts(texts), _object(object), _isUpdate(isUpdate)
+    {
+    }
+    MappedValues(const MappingView& mapping, Texts& texts, const KeyValue* keys, int keyCount)
+        : _mapping(mapping), _texts(texts), _keys(keys), _keyCount(keyCount)
+    {
+    }
+
+    SQLWRAPPER_LOCAL bool bind(const char* operation, Statement& statement);
+    bool isKeyChosen() const
+    {
+        return _isKeyChosen;
+    }
+
+    SQLWRAPPER_LOCAL static bool failToTake(const char* operation, Statement& statement,
+                                            const MappedColumn& column, const char* why);
+
+private:
+    using Kind = MappedColumn::Kind;
+
+    SQLWRAPPER_LOCAL bool bindObject(const char* operation, Statement& statement);
+    SQLWRAPPER_LOCAL const void* valueOf(const MappedColumn& column, const void* member);
+    SQLWRAPPER_LOCAL int bindNull(Statement& statement, int position,
+                                  const MappedColumn& column) const;
+    SQLWRAPPER_LOCAL int bindValue(Statement& statement, int position, const MappedColumn& column,
+                                   const void* value);
+    SQLWRAPPER_LOCAL bool failToBind(const char* operation, Statement& statement, int position,
+                                     int rc);
+    SQLWRAPPER_LOCAL bool bindKeys(const char* operation, Statement& statement);
+    SQLWRAPPER_LOCAL int bindKey(Statement& statement, int position, const MappedColumn& column,
+                                 const KeyValue& key);
+    SQLWRAPPER_LOCAL bool failToBindKey(const char* operation, Statement& statement, int position,
+                                        const MappedColumn& column, const KeyValue& key, int rc);
+    SQLWRAPPER_LOCAL static bool failToFind(const char* operation, Statement& statement,
+                                            const char* why);
+
+    const MappingView& _mapping;
+    Texts& _texts;
+    const void* _object = nullptr;
+    const KeyValue* _keys = nullptr; // where there is no object
+    int _keyCount = 0;
+    bool _isUpdate = false;
+    bool _isKeyChosen = false;
+};
+
+inline bool MappedValues::bind(const char* operation, Statement& statement)
+{
+    if (!_texts.empty())
+        _texts.clear();
+    statement._stale = true;
+    return _object != nullptr ? bindObject(operation, statement) : bindKeys(operation, statement);
+}
+
+bool MappedValues::bindObject(const char* operation, Statement& statement)
+{
+    const MappedColumn* column = _mapping.columns;
+    const int count = _mapping.columnCount;
+    for (int position = 1; position <= count; ++position, ++column) {
+        const void* value = column->place(_object);
+        if (!column->isPlain)
+            value = valueOf(*column, value);
+        const int rc = value != nullptr ? bindValue(statement, position, *column, value)
+                                        : bindNull(statement, position, *column);
+        if (rc != SQLITE_OK)
+            return failToBind(operation, statement, position, rc);
+    }
+    return true;
+}
+
+// Null for none.
+const void* MappedValues::valueOf(const MappedColumn& column, const void* member)
+{
+    const void* const value = column.optional != nullptr ? column.optional->get(member) : member;
+    if (_isUpdate || !column.isChosen || !MemberAccess::isNoKey(column, value))
+        return value;
+    _isKeyChosen = true;
+    return nullptr;
+}
+
+int MappedValues::bindNull(Statement& statement, int position, const MappedColumn& column) const
+{
+    return _isUpdate && isKey(column) ? SQLITE_MISMATCH
+                                      : sqlite3_bind_null(statement._handle.statement, position);
+}
+
+inline int MappedValues::bindValue(Statement& statement, int position, const MappedColumn& column,
+                                   const void* value)
+{
+    sqlite3_stmt* const handle = statement._handle.statement;
+    switch (column.kind) {
+    case Kind::truth:
+        return sqlite3_bind_int64(handle, position, at<bool>(value));
+    case Kind::whole:
+        return sqlite3_bind_int64(handle, position, at<integer>(value));
+    case Kind::real:
+        return std::isnan(at<double>(value))
+                   ? SQLITE_MISMATCH
+                   : sqlite3_bind_double(handle, position, at<double>(value));
+    case Kind::text:
+        return sqlite3_bind_text64(handle, position, at<string>(value).data(),
+                                   at<string>(value).size(), SQLITE_STATIC, SQLITE_UTF8);
+    default:
+        return statement.bindBorrowed(position, MemberAccess::otherValue(column, value, _texts));
+    }
+}
+
+bool MappedValues::failToBind(const char* operation, Statement& statement, int position, int rc)
+{
+    if (rc != SQLITE_MISMATCH)
+        return statement.failToBind(operation, position, nullptr, rc);
+    const MappedColumn& column = _mapping.columns[position - 1];
+    Argument cell = nullptr;
+    MemberAccess::take(column, _object, cell, _texts);
+    return MemberAccess::isNull(cell)
+               ? failToFind(operation, statement, is_null)
+               : failToTake(operation, statement, column, MemberAccess::whyUnfit(cell));
+}
+
+bool MappedValues::bindKeys(const char* operation, Statement& statement)
+{
+    const KeyValue* key = _keys;
+    int position = 1;
+    for (const MappedColumn* column = _mapping.columns; position <= _keyCount; ++column) {
+        if (!isKey(*column))
+            continue;
+        const int rc = bindKey(statement, position, *column, *key);
+        if (rc != SQLITE_OK)
+            return failToBindKey(operation, statement, position, *column, *key, rc);
+        ++key;
+        ++position;
+    }
+    return true;
+}
+
+// The value itself, also where its member is an accessor.
+inline int MappedValues::bindKey(Statement& statement, int position, const MappedColumn& column,
+                                 const KeyValue& key)
+{
+    if (key.value != nullptr && column.kind != Kind::other)
+        return bindValue(statement, position, column, key.value);
+    const Argument argument = MemberAccess::keyArgument(column, key, _texts);
+    return MemberAccess::isNull(argument) ? SQLITE_MISMATCH
+                                          : statement.bindBorrowed(position, argument);
+}
+
+bool MappedValues::failToBindKey(const char* operation, Statement& statement, int position,
+                                 const MappedColumn& column, const KeyValue& key, int rc)
+{
+    if (rc != SQLITE_MISMATCH)
+        return statement.failToBind(operation, position, nullptr, rc);
+    const Argument argument = MemberAccess::keyArgument(column, key, _texts);
+    return failToFind(operation, statement,
+                      MemberAccess::isNull(argument) ? is_null : MemberAccess::whyUnfit(argument));
+}
+
+bool MappedValues::failToTake(const char* operation, Statement& statement,
+                              const MappedColumn& column, const char* why)
+{
+    return statement.fail(operation, Statement::State::failed, SQLITE_MISMATCH,
+                          joined({"column ", column.name, " ", why}));
+}
+
+bool MappedValues::failToFind(const char* operation, Statement& statement, const char* why)
+{
+    return statement.fail(operation, Statement::State::failed, SQLITE_MISMATCH,
+                          joined({"the key ", why}));
+}
+
+inline bool Statement::runMapped(const char* operation, MappedValues& values)
+{
+    if (!restart(operation))
+        return false;
+    const Lock lock(_connection, _parameterCount + 3);
+    return values.bind(operation, *this) && runToEnd(operation);
+}
+
+inline Presence Statement::readMapped(const char* operation, MappedValues& values,
+                                      const Variable* variables, int variableCount)
+{
+    if (!restart(operation))
+        return Presence::unknown;
+    const Lock lock(_connection, _parameterCount + variableCount + 2);
+    return values.bind(operation, *this) ? readStep(operation, variables, variableCount)
+                                         : Presence::unknown;
+}
+
 // --- Single objects -------------------------------------------------------------------------------
 
 MappedTable::MappedTable(Database& database, const MappingView& mapping)
@@ -670,27 +913,17 @@ bool MappedTable::store(const char* operation, Work work, const void* object, vo
     Statement* const statement = prepared(operation, work);
     if (statement == nullptr)
         return false;
-    if (!_texts.empty())
-        _texts.clear();
-    const int unfit = take(object, _cells.data(), _texts);
-    if (unfit >= 0)
-        return keep(*statement, failToTake(operation, *statement, unfit,
-                                           MemberAccess::whyUnfit(_cells[unfit])));
-    if (work == update) {
-        if (!hasWholeKey(operation, *statement))
-            return keep(*statement, false);
-    } else {
-        chooseKey(_cells.data());
-    }
-    const bool isChosen = _chosenKey >= 0 && MemberAccess::isNull(_cells[_chosenKey]);
-    if (!keep(*statement, statement->runAs(operation, _cells.data(), _columnCount)))
+    MappedValues values(_mapping, _texts, object, work == update);
+    if (!keep(*statement, statement->runMapped(operation, values)))
         return false;
-    if (isChosen && changes() > 0) // always known, unlike that of other upserts
+    if (values.isKeyChosen() && changes() > 0) // always known, unlike that of other upserts
         _key = sqlite3_last_insert_rowid(_database->getHandle());
-    if (keyed == nullptr || !isChosen || !lastKey())
+    if (keyed == nullptr || !values.isKeyChosen() || !lastKey())
         return true;
     const char* const why = MemberAccess::setKey(_mapping.columns[_chosenKey], *lastKey(), keyed);
-    return why == nullptr || keep(*statement, failToTake(operation, *statement, _chosenKey, why));
+    return why == nullptr
+           || keep(*statement, MappedValues::failToTake(operation, *statement,
+                                                        _mapping.columns[_chosenKey], why));
 }
 
 // Of a key of 0, which SQLite chooses anew.
@@ -711,61 +944,15 @@ int MappedTable::take(const void* object, Argument* cells, std::forward_list<str
     return -1;
 }
 
-bool MappedTable::failToTake(const char* operation, Statement& statement, int index,
-                             const char* why)
-{
-    return statement.fail(operation, Statement::State::failed, SQLITE_MISMATCH,
-                          joined({"column ", _mapping.columns[index].name, " ", why}));
-}
-
-bool MappedTable::failToFind(const char* operation, Statement& statement, const char* why)
-{
-    return statement.fail(operation, Statement::State::failed, SQLITE_MISMATCH,
-                          joined({"the key ", why}));
-}
-
-bool MappedTable::hasWholeKey(const char* operation, Statement& statement)
-{
-    for (int i = 0; i < _columnCount; ++i) {
-        if (isKey(_mapping.columns[i]) && MemberAccess::isNull(_cells[i]))
-            return failToFind(operation, statement, is_null);
-    }
-    return true;
-}
-
 // --- Keys -----------------------------------------------------------------------------------------
-
-bool MappedTable::takeKeys(const char* operation, Statement& statement, const KeyValue* keys)
-{
-    if (!_texts.empty())
-        _texts.clear();
-    Argument* cell = _cells.data();
-    const Argument* const end = cell + _keyCount;
-    for (int i = 0; cell != end; ++i) {
-        const MappedColumn& column = _mapping.columns[i];
-        if (!isKey(column))
-            continue;
-        if (keys->value != nullptr)
-            MemberAccess::takeKey(column, keys->value, *cell, _texts);
-        else
-            *cell = keys->argument;
-        ++keys;
-        const char* const why = MemberAccess::isNull(*cell) ? is_null
-                                                            : MemberAccess::whyUnfit(*cell);
-        if (why != nullptr)
-            return failToFind(operation, statement, why);
-        ++cell;
-    }
-    return true;
-}
 
 bool MappedTable::removeByKey(const KeyValue* keys)
 {
     Statement* const statement = prepared("remove", remove);
     if (statement == nullptr)
         return false;
-    return keep(*statement, takeKeys("remove", *statement, keys)
-                                && statement->runAs("remove", _cells.data(), _keyCount));
+    MappedValues values(_mapping, _texts, keys, _keyCount);
+    return keep(*statement, statement->runMapped("remove", values));
 }
 
 Presence MappedTable::hasKey(const KeyValue* keys)
@@ -786,25 +973,13 @@ Presence MappedTable::lookUp(const char* operation, Work work, const KeyValue* k
     Statement* const statement = prepared(operation, work);
     if (statement == nullptr)
         return Presence::unknown;
-    const Presence found = takeKeys(operation, *statement, keys) ? statement->readFirst(
-                               operation, _cells.data(), _keyCount, variables, count)
-                                                                 : Presence::unknown;
+    MappedValues values(_mapping, _texts, keys, _keyCount);
+    const Presence found = statement->readMapped(operation, values, variables, count);
     keep(*statement, found != Presence::unknown);
     return found;
 }
 
 // --- Conditions -----------------------------------------------------------------------------------
-
-namespace {
-
-string withCondition(string text, std::string_view condition)
-{
-    if (!condition.empty())
-        text.append(1, ' ').append(condition);
-    return text;
-}
-
-} // namespace
 
 const string& MappedTable::selection()
 {
@@ -818,8 +993,15 @@ Result<integer> MappedTable::countRows(std::string_view condition, const Argumen
 {
     integer rows = 0;
     const Statement::Variable variable = Statement::variableOf(rows);
-    const string text = withCondition("select count(*) from " + quoteIdentifier(_name), condition);
-    const Presence found = firstBy("count", text, values, count, &variable, 1);
+    Presence found = Presence::unknown;
+    if (!condition.empty() || count > 0) {
+        if (_counting.empty())
+            _counting = textOf(count_all);
+        found = firstBy("count", _counting, condition, values, count, &variable, 1);
+    } else if (Statement* const statement = prepared("count", count_all)) {
+        found = statement->readFirst("count", nullptr, 0, &variable, 1);
+        keep(*statement, found != Presence::unknown);
+    }
     return found == Presence::unknown ? Result<integer>(_error) : rows;
 }
 
@@ -828,21 +1010,22 @@ Presence MappedTable::firstRow(std::string_view condition, const Argument* value
 {
     RowPlace place{_mapping.columns, _columnCount, nullptr, object, nullptr, nullptr};
     const Statement::Variable whole{nullptr, &place};
-    return firstBy("first", withCondition(selection(), condition), values, count, &whole,
-                   Statement::whole_object);
+    return firstBy("first", selection(), condition, values, count, &whole, Statement::whole_object);
 }
 
-Presence MappedTable::firstBy(const char* operation, const string& text, const Argument* values,
-                              int count, const Statement::Variable* variables, int variableCount)
+Presence MappedTable::firstBy(const char* operation, const string& start,
+                              std::string_view condition, const Argument* values, int count,
+                              const Statement::Variable* variables, int variableCount)
 {
-    Statement statement = taken(operation, text);
+    Held held = taken(operation, start, condition);
+    Statement& statement = held.front();
     Presence found = Presence::unknown;
     if (count == 0 && statement._parameterCount > 0)
         statement.failToCount(operation, count);
     else
         found = statement.readFirst(operation, values, count, variables, variableCount);
     keep(statement, found != Presence::unknown);
-    giveBack(statement, _releases);
+    giveBack(held, _releases);
     return found;
 }
 
@@ -851,8 +1034,7 @@ bool MappedTable::loadRows(std::string_view condition, const Argument* values, i
 {
     RowPlace place{_mapping.columns, _columnCount, nullptr, nullptr, make, list};
     const Statement::Variable whole{nullptr, &place};
-    return readAll("load", withCondition(selection(), condition), values, count, whole,
-                   Statement::whole_object);
+    return readAll("load", selection(), condition, values, count, whole, Statement::whole_object);
 }
 
 bool MappedTable::loadColumn(std::string_view name, std::string_view condition,
@@ -861,32 +1043,33 @@ bool MappedTable::loadColumn(std::string_view name, std::string_view condition,
 {
     const int index = firstOf(name);
     const bool inMilliseconds = index < _columnCount && _mapping.columns[index].isInMilliseconds;
-    const string text = withCondition(
-        joined({"select ", quoteIdentifier(string(name)), " from ", quoteIdentifier(_name)}),
-        condition);
-    return readAll("values", text, values, count,
+    const string start = joined(
+        {"select ", quoteIdentifier(string(name)), " from ", quoteIdentifier(_name)});
+    return readAll("values", start, condition, values, count,
                    {inMilliseconds ? readerOfMilliseconds : reader, list}, 1);
 }
 
-bool MappedTable::readAll(const char* operation, const string& text, const Argument* values,
-                          int count, const Statement::Variable& variable, int variableCount)
+bool MappedTable::readAll(const char* operation, const string& start, std::string_view condition,
+                          const Argument* values, int count, const Statement::Variable& variable,
+                          int variableCount)
 {
-    Statement statement = taken(operation, text);
+    Held held = taken(operation, start, condition);
+    Statement& statement = held.front();
     if (statement.bindCopies(operation, values, count)) {
         while (statement.readNext(operation, &variable, variableCount)) {
         }
     }
     const bool isDone = keep(statement, statement.finished());
-    giveBack(statement, _releases);
+    giveBack(held, _releases);
     return isDone;
 }
 
 MappedCursor MappedTable::selectRows(std::string_view condition, const Argument* values, int count)
 {
-    Statement statement = taken("select", withCondition(selection(), condition));
-    if (!statement.bindCopies("select", values, count))
-        _error = statement._error;
-    return MappedCursor(*this, std::move(statement), _mapping);
+    Held held = taken("select", selection(), condition);
+    if (!held.front().bindCopies("select", values, count))
+        _error = held.front()._error;
+    return MappedCursor(*this, std::move(held), _mapping);
 }
 
 // --- Many objects ---------------------------------------------------------------------------------
@@ -913,14 +1096,16 @@ bool MappedTable::ObjectBulk::failToTake(int index, const char* why)
 {
     Statement* const statement = failing();
     return statement != nullptr
-           && _table.keep(*statement, _table.failToTake("add", *statement, index, why));
+           && _table.keep(*statement, MappedValues::failToTake(
+                                          "add", *statement, _table._mapping.columns[index], why));
 }
 
 // --- Cursors --------------------------------------------------------------------------------------
 
-MappedCursor::MappedCursor(TableStatements& table, Statement statement, const MappingView& mapping)
-    : _statement(std::move(statement)), _table(&table), _releases(table._releases),
-      _columns(mapping.columns), _columnCount(mapping.columnCount)
+MappedCursor::MappedCursor(TableStatements& table, std::list<Statement> held,
+                           const MappingView& mapping)
+    : _statement(std::move(held.front())), _held(std::move(held)), _table(&table),
+      _releases(table._releases), _columns(mapping.columns), _columnCount(mapping.columnCount)
 {
 }
 
@@ -940,6 +1125,7 @@ MappedCursor& MappedCursor::operator=(MappedCursor&& other) noexcept
     if (this != &other) {
         const MappedCursor former(std::move(*this));
         _statement = std::move(other._statement);
+        _held = std::move(other._held);
         _table = other._table;
         _releases = other._releases;
         _columns = other._columns;
@@ -954,8 +1140,10 @@ MappedCursor& MappedCursor::operator=(MappedCursor&& other) noexcept
 MappedCursor::~MappedCursor()
 {
     SQL_ASSERT(_isAsked || !_statement.error(), "sql::MappedCursor::~MappedCursor()");
-    if (_table != nullptr)
-        _table->giveBack(_statement, _releases);
+    if (_held.empty())
+        return;
+    _held.front() = std::move(_statement);
+    _table->giveBack(_held, _releases);
 }
 
 // What SQLite has compiled anew may have other columns.
