@@ -211,13 +211,17 @@ private:
     private:
         friend class PreparedTable;
 
+        SQLWRAPPER_LOCAL static bool runRows(Bulk& bulk, Statement& statement, int row, int count);
         SQLWRAPPER_LOCAL const Record& lasting(const Record& record);
+        SQLWRAPPER_LOCAL Argument* cellsOf(int row);
         SQLWRAPPER_LOCAL bool failToTake(int index);
         SQLWRAPPER_LOCAL bool copyAll(Statement& rows);
 
         PreparedTable& _table;
         bool _stays;
         std::vector<Record> _records;
+        std::vector<Argument> _cells;
+        std::forward_list<string> _texts; // that some of the cells borrow
     };
 
     bool deleteByKey(const Argument& key);

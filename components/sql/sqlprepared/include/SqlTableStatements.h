@@ -94,30 +94,32 @@ private:
         bool finish();
 
     protected:
-        SQLWRAPPER_LOCAL Bulk(const char* operation, TableStatements& table, integer count);
+        // Runs a statement with the values of so many rows that are pending, from this one on.
+        using RunRows = bool (*)(Bulk& bulk, Statement& statement, int row, int count);
+
+        SQLWRAPPER_LOCAL Bulk(const char* operation, TableStatements& table, integer count,
+                              RunRows run);
         SQLWRAPPER_LOCAL ~Bulk();
 
-        SQLWRAPPER_LOCAL Argument* nextCells();
         SQLWRAPPER_LOCAL bool addNext();
         SQLWRAPPER_LOCAL Statement* failing();
-        SQLWRAPPER_LOCAL bool run(Statement& statement, const Argument* cells, int count);
+        SQLWRAPPER_LOCAL bool note(Statement& statement, bool hasRun);
 
         const char* _operation;
-        Statement* _one = nullptr;        // inserts a row
-        int _rows = 1;                    // that go in together
-        int _pending = 0;                 // of them
-        std::forward_list<string> _texts; // that some of their cells borrow
+        Statement* _one = nullptr; // inserts a row
+        int _rows = 1;             // that go in together
+        int _pending = 0;          // of them
 
     private:
         bool stop();
         SQLWRAPPER_LOCAL bool compile(integer count);
         SQLWRAPPER_LOCAL bool start();
-        SQLWRAPPER_LOCAL Argument* cellsOf(int row);
         SQLWRAPPER_LOCAL bool flush();
         SQLWRAPPER_LOCAL bool runTogether(int& done);
         SQLWRAPPER_LOCAL bool failTogether();
 
         TableStatements& _table;
+        RunRows _runRows;
         Statement* _many = nullptr;         // inserts several
         const Statement* _latest = nullptr; // that has run
         bool _isReady = false;
@@ -125,7 +127,6 @@ private:
         integer _added = 0; // of rows that they became
         integer _reportStep = 0;
         integer _nextReport = 0;
-        std::vector<Argument> _cells;
     };
 
     SQLWRAPPER_LOCAL TableStatements(Database& database, int columnCount, Declaration declared);

@@ -249,9 +249,10 @@ private:
         bool add(const void* object);
 
     private:
-        SQLWRAPPER_LOCAL bool failToTake(int index, const char* why);
+        SQLWRAPPER_LOCAL static bool runRows(Bulk& bulk, Statement& statement, int row, int count);
 
         MappedTable& _table;
+        std::vector<const void*> _objects; // that are pending
     };
 
     MappedTable(Database& database, const MappingView& mapping);
@@ -286,9 +287,6 @@ private:
     SQLWRAPPER_LOCAL bool addMissing(std::vector<string>& refusals);
     SQLWRAPPER_LOCAL bool addOne(const string& text, const string& remark,
                                  std::vector<string>& refusals);
-    SQLWRAPPER_LOCAL int take(const void* object, Argument* cells,
-                              std::forward_list<string>& texts) const;
-    SQLWRAPPER_LOCAL void chooseKey(Argument* cells) const;
     SQLWRAPPER_LOCAL bool store(const char* operation, Work work, const void* object, void* keyed);
     SQLWRAPPER_LOCAL Presence lookUp(const char* operation, Work work, const KeyValue* keys,
                                      const Statement::Variable* variables, int count);

@@ -96,7 +96,8 @@ bool hasWriteAheadLog(sqlite3* db, const string& schema, Error& error)
 
 PreparedTable::RecordBulk::RecordBulk(const char* operation, PreparedTable& table, bool stays,
                                       integer count)
-    : Bulk(operation, table, count), _table(table), _stays(stays)
+    : Bulk(operation, table, count, runRows), _table(table), _stays(stays),
+      _cells(static_cast<std::size_t>(_rows) * table._columnCount, nullptr)
 {
 }
 
@@ -105,8 +106,23 @@ PreparedTable::RecordBulk::~RecordBulk() = default;
 bool PreparedTable::RecordBulk::add(const Record& record)
 {
     const Record& kept = _stays || _rows == 1 ? record : lasting(record);
-    const int index = RecordAccess::take(kept, *_table._fields, _table._types, nextCells(), _texts);
+    if (_pending == 0)
+        _texts.clear();
+    const int index = RecordAccess::take(kept, *_table._fields, _table._types, cellsOf(_pending),
+                                         _texts);
     return index == RecordAccess::all ? addNext() : failToTake(index);
+}
+
+Argument* PreparedTable::RecordBulk::cellsOf(int row)
+{
+    return &_cells[static_cast<std::size_t>(row) * _table._columnCount];
+}
+
+bool PreparedTable::RecordBulk::runRows(Bulk& bulk, Statement& statement, int row, int count)
+{
+    RecordBulk& records = static_cast<RecordBulk&>(bulk);
+    return statement.runAs(records._operation, records.cellsOf(row),
+                           count * records._table._columnCount);
 }
 
 // A copy that lasts until it is inserted.
@@ -165,7 +181,8 @@ bool PreparedTable::copyRecords(PreparedTable& source)
     if (const Error reason = whyNotCopied(source))
         return fail("copyRecords", text, reason.extendedCode(), reason.text());
     RecordBulk bulk("copyRecords", *this, true, 0);
-    return bulk.isReady() && (isOwn ? bulk.run(rows, nullptr, 0) : bulk.copyAll(rows))
+    return bulk.isReady()
+           && (isOwn ? bulk.note(rows, rows.runAs("copyRecords", nullptr, 0)) : bulk.copyAll(rows))
            && bulk.finish();
 }
 
@@ -175,7 +192,7 @@ bool PreparedTable::RecordBulk::copyAll(Statement& rows)
     RowTarget target{nullptr, nullptr, &cells};
     const Statement::Variable whole{nullptr, &target};
     while (rows.readNext(_operation, &whole, Statement::whole_row)) {
-        if (!run(*_one, cells.data(), _table._columnCount))
+        if (!note(*_one, _one->runAs(_operation, cells.data(), _table._columnCount)))
             return false;
     }
     return rows.finished() || _table.keep(rows, false);

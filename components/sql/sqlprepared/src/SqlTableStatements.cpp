@@ -265,9 +265,10 @@ void TableStatements::giveBack(Held& held, int releases)
 
 // --- Many rows ------------------------------------------------------------------------------------
 
-TableStatements::Bulk::Bulk(const char* operation, TableStatements& table, integer count)
+TableStatements::Bulk::Bulk(const char* operation, TableStatements& table, integer count,
+                            RunRows runRows)
     : TransactionScope(*table._database, std::chrono::milliseconds(0)), _operation(operation),
-      _table(table)
+      _table(table), _runRows(runRows)
 {
     _isReady = compile(count) && start();
 }
@@ -305,22 +306,10 @@ bool TableStatements::Bulk::start()
     }
     enter();
     _reportStep = _nextReport = _rows > 1 ? _rows : most_rows;
-    _cells = std::vector<Argument>(static_cast<std::size_t>(_rows) * _table._columnCount, nullptr);
     return true;
 }
 
-// Of the row that comes next.
-Argument* TableStatements::Bulk::nextCells()
-{
-    return cellsOf(_pending);
-}
-
-Argument* TableStatements::Bulk::cellsOf(int row)
-{
-    return &_cells[static_cast<std::size_t>(row) * _table._columnCount];
-}
-
-// Whose cells are there.
+// Whose values are there.
 bool TableStatements::Bulk::addNext()
 {
     ++_pending;
@@ -344,12 +333,11 @@ bool TableStatements::Bulk::flush()
         return false;
     for (; done < _pending; ++done) {
         _one->_record = _count + done + 1;
-        if (!run(*_one, cellsOf(done), _table._columnCount))
+        if (!note(*_one, _runRows(*this, *_one, done, 1)))
             return false;
     }
     _count += _pending;
     _pending = 0;
-    _texts.clear();
     return true;
 }
 
@@ -357,7 +345,7 @@ bool TableStatements::Bulk::flush()
 bool TableStatements::Bulk::runTogether(int& done)
 {
     _latest = _many;
-    if (_many->runAs(_operation, _cells.data(), _many->_parameterCount))
+    if (_runRows(*this, *_many, 0, _rows))
         done = _pending;
     else if (isOpen())
         done = static_cast<int>(_many->_changes);
@@ -377,13 +365,12 @@ bool TableStatements::Bulk::failTogether()
                                NumberText(last).view(), ": ", _many->_error.text()}));
 }
 
-bool TableStatements::Bulk::run(Statement& statement, const Argument* cells, int count)
+// Takes over what there is to know of a row's run.
+bool TableStatements::Bulk::note(Statement& statement, bool hasRun)
 {
     _latest = &statement;
-    if (!statement.runAs(_operation, cells, count))
-        return _table.keep(statement, false);
-    _added += statement._changes;
-    return true;
+    _added += hasRun ? statement._changes : 0;
+    return hasRun || _table.keep(statement, false);
 }
 
 // The last report is of all, and comes once.

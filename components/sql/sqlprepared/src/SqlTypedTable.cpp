@@ -23,11 +23,6 @@ struct MemberAccess {
     using Kind = MappedColumn::Kind;
 
     SQLWRAPPER_LOCAL static Argument keptIn(Texts& texts, const Argument& argument);
-    SQLWRAPPER_LOCAL static bool take(const MappedColumn& column, const void* object,
-                                      Argument& cell, Texts& texts);
-    SQLWRAPPER_LOCAL static const void* valueAt(const MappedColumn& column, const void* object);
-    SQLWRAPPER_LOCAL static bool takeValue(const MappedColumn& column, const void* value,
-                                           Argument& cell, Texts& texts);
     SQLWRAPPER_LOCAL static Argument keyArgument(const MappedColumn& column, const KeyValue& key,
                                                  Texts& texts);
     SQLWRAPPER_LOCAL static bool readPlain(const MappedColumn& column, sqlite3_value* cell,
@@ -42,10 +37,6 @@ struct MemberAccess {
     {
         return argument._kind == Argument::Kind::null;
     }
-    SQLWRAPPER_LOCAL static bool isZero(const Argument& argument)
-    {
-        return argument._kind == Argument::Kind::number && argument._number == 0;
-    }
     SQLWRAPPER_LOCAL static bool isNoKey(const MappedColumn& column, const void* value)
     {
         return value == nullptr || numberAt(column, value) == 0;
@@ -53,8 +44,8 @@ struct MemberAccess {
     SQLWRAPPER_LOCAL static const char* setKey(const MappedColumn& column, integer key,
                                                void* object);
 
-    SQLWRAPPER_LOCAL static Argument otherValue(const MappedColumn& column, const void* value,
-                                                Texts& texts);
+    SQLWRAPPER_LOCAL static Argument argumentFor(const MappedColumn& column, const void* value,
+                                                 Texts& texts);
     SQLWRAPPER_LOCAL static integer numberAt(const MappedColumn& column, const void* value);
     SQLWRAPPER_LOCAL static const char* setNumber(const MappedColumn& column, integer number,
                                                   void* value);
@@ -172,66 +163,24 @@ const char* MemberAccess::setNumber(const MappedColumn& column, integer number, 
     return nullptr;
 }
 
-// Null for none.
-inline const void* MemberAccess::valueAt(const MappedColumn& column, const void* object)
-{
-    const void* const member = column.place(object);
-    return column.optional != nullptr ? column.optional->get(member) : member;
-}
-
-// Returns false for what cannot be bound, and the cell says why.
-inline bool MemberAccess::take(const MappedColumn& column, const void* object, Argument& cell,
-                               Texts& texts)
-{
-    const void* const value = valueAt(column, object);
-    if (value != nullptr)
-        return takeValue(column, value, cell, texts);
-    cell._kind = Argument::Kind::null;
-    return true;
-}
-
-// Written piece by piece: copies of whole arguments cost more than all the rest.
-inline bool MemberAccess::takeValue(const MappedColumn& column, const void* value, Argument& cell,
-                                    Texts& texts)
-{
-    switch (column.kind) {
-    case Kind::truth:
-        cell._kind = Argument::Kind::number;
-        cell._number = at<bool>(value) ? 1 : 0;
-        return true;
-    case Kind::whole:
-    case Kind::number:
-        cell._kind = Argument::Kind::number;
-        cell._number = numberAt(column, value);
-        if (cell._number >= 0 || column.isSigned)
-            return true;
-        cell = Argument::unfit(is_above);
-        return false;
-    case Kind::real:
-        cell._kind = Argument::Kind::real;
-        cell._real = at<double>(value);
-        return !std::isnan(cell._real);
-    case Kind::text:
-        cell._kind = Argument::Kind::text;
-        cell._bytes.data = at<string>(value).data();
-        cell._bytes.size = at<string>(value).size();
-        return true;
-    default:
-        cell = otherValue(column, value, texts);
-        return whyUnfit(cell) == nullptr;
-    }
-}
-
-Argument MemberAccess::otherValue(const MappedColumn& column, const void* value, Texts& texts)
+Argument MemberAccess::argumentFor(const MappedColumn& column, const void* value, Texts& texts)
 {
     using TimePoint = std::chrono::system_clock::time_point;
     switch (column.kind) {
+    case Kind::truth:
+        return Binder<bool>::argument(at<bool>(value));
+    case Kind::whole:
+        return at<integer>(value);
     case Kind::number: {
         const integer number = numberAt(column, value);
         return number < 0 && !column.isSigned ? Argument::unfit(is_above) : Argument(number);
     }
+    case Kind::real:
+        return at<double>(value);
     case Kind::small_real:
         return static_cast<double>(at<float>(value));
+    case Kind::text:
+        return std::string_view(at<string>(value));
     case Kind::block:
         return Binder<std::vector<unsigned char>>::argument(at<std::vector<unsigned char>>(value));
     case Kind::time:
@@ -240,9 +189,10 @@ Argument MemberAccess::otherValue(const MappedColumn& column, const void* value,
         return Binder<TimePoint>::argument(at<TimePoint>(value));
     case Kind::in_milliseconds:
         return inMilliseconds(at<TimePoint>(value));
-    default:
-        return column.operations->argument(value, texts);
+    case Kind::other:
+        break;
     }
+    return column.operations->argument(value, texts);
 }
 
 // The value itself, also where its member is an accessor.
@@ -252,9 +202,7 @@ Argument MemberAccess::keyArgument(const MappedColumn& column, const KeyValue& k
         return key.argument;
     if (column.kind == Kind::other && column.operations->ofValue != nullptr)
         return column.operations->ofValue->argument(key.value, texts);
-    Argument cell = nullptr;
-    takeValue(column, key.value, cell, texts);
-    return cell;
+    return argumentFor(column, key.value, texts);
 }
 
 // A cell of its member's own kind, which most are. Returns false for any other.
@@ -689,12 +637,13 @@ FieldSet MappedTable::fields() const
 class MappedValues {
 public:
     // For an update the object has to have its key; otherwise SQLite may choose it.
-    MappedValues(const MappingView& mapping, Texts& texts, const void* object, bool isUpdate)
-        : _mapping(mapping), _texts(texts), _object(object), _isUpdate(isUpdate)
+    MappedValues(const MappingView& mapping, Texts& texts, const void* const* objects, int count,
+                 bool isUpdate)
+        : _mapping(mapping), _texts(texts), _objects(objects), _count(count), _isUpdate(isUpdate)
     {
     }
     MappedValues(const MappingView& mapping, Texts& texts, const KeyValue* keys, int keyCount)
-        : _mapping(mapping), _texts(texts), _keys(keys), _keyCount(keyCount)
+        : _mapping(mapping), _texts(texts), _keys(keys), _count(keyCount)
     {
     }
 
@@ -710,14 +659,14 @@ public:
 private:
     using Kind = MappedColumn::Kind;
 
-    SQLWRAPPER_LOCAL bool bindObject(const char* operation, Statement& statement);
+    SQLWRAPPER_LOCAL bool bindObject(const char* operation, Statement& statement, int index);
     SQLWRAPPER_LOCAL const void* valueOf(const MappedColumn& column, const void* member);
     SQLWRAPPER_LOCAL int bindNull(Statement& statement, int position,
                                   const MappedColumn& column) const;
     SQLWRAPPER_LOCAL int bindValue(Statement& statement, int position, const MappedColumn& column,
                                    const void* value);
     SQLWRAPPER_LOCAL bool failToBind(const char* operation, Statement& statement, int position,
-                                     int rc);
+                                     const MappedColumn& column, const void* value, int rc);
     SQLWRAPPER_LOCAL bool bindKeys(const char* operation, Statement& statement);
     SQLWRAPPER_LOCAL int bindKey(Statement& statement, int position, const MappedColumn& column,
                                  const KeyValue& key);
@@ -728,9 +677,9 @@ private:
 
     const MappingView& _mapping;
     Texts& _texts;
-    const void* _object = nullptr;
-    const KeyValue* _keys = nullptr; // where there is no object
-    int _keyCount = 0;
+    const void* const* _objects = nullptr;
+    const KeyValue* _keys = nullptr; // where there are no objects
+    int _count;
     bool _isUpdate = false;
     bool _isKeyChosen = false;
 };
@@ -740,21 +689,28 @@ inline bool MappedValues::bind(const char* operation, Statement& statement)
     if (!_texts.empty())
         _texts.clear();
     statement._stale = true;
-    return _object != nullptr ? bindObject(operation, statement) : bindKeys(operation, statement);
+    if (_keys != nullptr)
+        return bindKeys(operation, statement);
+    for (int i = 0; i < _count; ++i) {
+        if (!bindObject(operation, statement, i))
+            return false;
+    }
+    return true;
 }
 
-bool MappedValues::bindObject(const char* operation, Statement& statement)
+bool MappedValues::bindObject(const char* operation, Statement& statement, int index)
 {
-    const MappedColumn* column = _mapping.columns;
-    const int count = _mapping.columnCount;
-    for (int position = 1; position <= count; ++position, ++column) {
-        const void* value = column->place(_object);
+    const void* const object = _objects[index];
+    int position = index * _mapping.columnCount + 1;
+    const MappedColumn* const end = _mapping.columns + _mapping.columnCount;
+    for (const MappedColumn* column = _mapping.columns; column != end; ++column, ++position) {
+        const void* value = column->place(object);
         if (!column->isPlain)
             value = valueOf(*column, value);
         const int rc = value != nullptr ? bindValue(statement, position, *column, value)
                                         : bindNull(statement, position, *column);
         if (rc != SQLITE_OK)
-            return failToBind(operation, statement, position, rc);
+            return failToBind(operation, statement, position, *column, value, rc);
     }
     return true;
 }
@@ -792,27 +748,26 @@ inline int MappedValues::bindValue(Statement& statement, int position, const Map
         return sqlite3_bind_text64(handle, position, at<string>(value).data(),
                                    at<string>(value).size(), SQLITE_STATIC, SQLITE_UTF8);
     default:
-        return statement.bindBorrowed(position, MemberAccess::otherValue(column, value, _texts));
+        return statement.bindBorrowed(position, MemberAccess::argumentFor(column, value, _texts));
     }
 }
 
-bool MappedValues::failToBind(const char* operation, Statement& statement, int position, int rc)
+bool MappedValues::failToBind(const char* operation, Statement& statement, int position,
+                              const MappedColumn& column, const void* value, int rc)
 {
     if (rc != SQLITE_MISMATCH)
         return statement.failToBind(operation, position, nullptr, rc);
-    const MappedColumn& column = _mapping.columns[position - 1];
-    Argument cell = nullptr;
-    MemberAccess::take(column, _object, cell, _texts);
-    return MemberAccess::isNull(cell)
-               ? failToFind(operation, statement, is_null)
-               : failToTake(operation, statement, column, MemberAccess::whyUnfit(cell));
+    if (value == nullptr)
+        return failToFind(operation, statement, is_null);
+    const Argument argument = MemberAccess::argumentFor(column, value, _texts);
+    return failToTake(operation, statement, column, MemberAccess::whyUnfit(argument));
 }
 
 bool MappedValues::bindKeys(const char* operation, Statement& statement)
 {
     const KeyValue* key = _keys;
     int position = 1;
-    for (const MappedColumn* column = _mapping.columns; position <= _keyCount; ++column) {
+    for (const MappedColumn* column = _mapping.columns; position <= _count; ++column) {
         if (!isKey(*column))
             continue;
         const int rc = bindKey(statement, position, *column, *key);
@@ -863,7 +818,10 @@ inline bool Statement::runMapped(const char* operation, MappedValues& values)
     if (!restart(operation))
         return false;
     const Lock lock(_connection, _parameterCount + 3);
-    return values.bind(operation, *this) && runToEnd(operation);
+    if (values.bind(operation, *this))
+        return runToEnd(operation);
+    forgetRun();
+    return false;
 }
 
 inline Presence Statement::readMapped(const char* operation, MappedValues& values,
@@ -913,7 +871,7 @@ bool MappedTable::store(const char* operation, Work work, const void* object, vo
     Statement* const statement = prepared(operation, work);
     if (statement == nullptr)
         return false;
-    MappedValues values(_mapping, _texts, object, work == update);
+    MappedValues values(_mapping, _texts, &object, 1, work == update);
     if (!keep(*statement, statement->runMapped(operation, values)))
         return false;
     if (values.isKeyChosen() && changes() > 0) // always known, unlike that of other upserts
@@ -924,24 +882,6 @@ bool MappedTable::store(const char* operation, Work work, const void* object, vo
     return why == nullptr
            || keep(*statement, MappedValues::failToTake(operation, *statement,
                                                         _mapping.columns[_chosenKey], why));
-}
-
-// Of a key of 0, which SQLite chooses anew.
-void MappedTable::chooseKey(Argument* cells) const
-{
-    if (_chosenKey >= 0 && MemberAccess::isZero(cells[_chosenKey]))
-        cells[_chosenKey] = nullptr;
-}
-
-// Returns the index of a column whose member cannot be bound, or -1.
-int MappedTable::take(const void* object, Argument* cells, std::forward_list<string>& texts) const
-{
-    const MappedColumn* column = _mapping.columns;
-    for (int i = 0; i < _columnCount; ++i, ++column) {
-        if (!MemberAccess::take(*column, object, cells[i], texts))
-            return i;
-    }
-    return -1;
 }
 
 // --- Keys -----------------------------------------------------------------------------------------
@@ -1075,7 +1015,7 @@ MappedCursor MappedTable::selectRows(std::string_view condition, const Argument*
 // --- Many objects ---------------------------------------------------------------------------------
 
 MappedTable::ObjectBulk::ObjectBulk(MappedTable& table, integer count)
-    : Bulk("add", table, count), _table(table)
+    : Bulk("add", table, count, runRows), _table(table), _objects(_rows, nullptr)
 {
 }
 
@@ -1083,21 +1023,16 @@ MappedTable::ObjectBulk::~ObjectBulk() = default;
 
 bool MappedTable::ObjectBulk::add(const void* object)
 {
-    Argument* const cells = nextCells();
-    const int unfit = _table.take(object, cells, _texts);
-    if (unfit >= 0)
-        return failToTake(unfit, MemberAccess::whyUnfit(cells[unfit]));
-    _table.chooseKey(cells);
+    _objects[_pending] = object;
     return addNext();
 }
 
-// Those before it may fail first.
-bool MappedTable::ObjectBulk::failToTake(int index, const char* why)
+bool MappedTable::ObjectBulk::runRows(Bulk& bulk, Statement& statement, int row, int count)
 {
-    Statement* const statement = failing();
-    return statement != nullptr
-           && _table.keep(*statement, MappedValues::failToTake(
-                                          "add", *statement, _table._mapping.columns[index], why));
+    const ObjectBulk& objects = static_cast<ObjectBulk&>(bulk);
+    MappedValues values(objects._table._mapping, objects._table._texts, &objects._objects[row],
+                        count, false);
+    return statement.runMapped("add", values);
 }
 
 // --- Cursors --------------------------------------------------------------------------------------
