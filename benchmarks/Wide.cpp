@@ -11,14 +11,14 @@
 
 namespace bench {
 
+std::string textOf(int row, int column)
+{
+    return "it's " + std::to_string(row * column);
+}
+
 namespace {
 
 constexpr int wide_rows = 20;
-
-bool isText(int column)
-{
-    return column % 2 == 0 && column > 0;
-}
 
 std::vector<std::string> namesOf(int columns)
 {
@@ -28,18 +28,13 @@ std::vector<std::string> namesOf(int columns)
     return names;
 }
 
-std::string textOf(int row, int column)
-{
-    return "it's " + std::to_string(row * column);
-}
-
 long long lengthOf(const std::string& text)
 {
     return static_cast<long long>(text.size());
 }
 
 // The table through the library.
-class WideLibrary {
+class WideLibrary : public Wide {
 public:
     WideLibrary(const std::string& file, const std::vector<std::string>& names)
         : _columns(static_cast<int>(names.size())), _names(names)
@@ -53,19 +48,19 @@ public:
         _table = std::make_unique<sql::Table>(_database.getHandle(), "item", fields.data());
         require(_table->create() && _database.transactionBegin(), "create");
     }
-    void insert(int row)
+    void insert(int row) override
     {
         require(_table->addRecord(recordOf(row, row)), "insert");
     }
-    void update(int row)
+    void update(int row) override
     {
         require(_table->updateRecord(recordOf(row, row + 1)), "update");
     }
-    void load()
+    void load() override
     {
         require(_table->open(), "load");
     }
-    long long read(bool byName)
+    long long read(bool byName) override
     {
         long long sum = 0;
         for (int row = 0; row < _table->recordCount(); ++row) {
@@ -100,7 +95,7 @@ private:
 };
 
 // The table through text put together by hand.
-class WideFloor {
+class WideFloor : public Wide {
 public:
     WideFloor(const std::string& file, const std::vector<std::string>& names)
         : _columns(static_cast<int>(names.size())), _names(names)
@@ -112,14 +107,14 @@ public:
         run(sql + ")");
         run("BEGIN TRANSACTION");
     }
-    ~WideFloor()
+    ~WideFloor() override
     {
         sqlite3_close(_db);
     }
     WideFloor(const WideFloor&) = delete;
     WideFloor& operator=(const WideFloor&) = delete;
 
-    void insert(int row)
+    void insert(int row) override
     {
         std::string sql = "insert into item (id";
         for (int i = 1; i < _columns; ++i)
@@ -131,7 +126,7 @@ public:
         }
         run(sql + ")");
     }
-    void update(int row)
+    void update(int row) override
     {
         std::string sql = "update item set ";
         for (int i = 1; i < _columns; ++i) {
@@ -142,12 +137,12 @@ public:
         }
         run(sql + " where id = " + std::to_string(row));
     }
-    void load()
+    void load() override
     {
         _rows.clear();
         run("select * from item");
     }
-    long long read(bool byName)
+    long long read(bool byName) override
     {
         long long sum = 0;
         for (const Cells& cells : _rows) {
@@ -189,8 +184,26 @@ private:
     Rows _rows;
 };
 
-template <typename Wide> int runOn(Wide& wide, const std::string& operation, Meter& meter)
+std::unique_ptr<Wide> make(const std::string& contestant, const std::string& file, int columns)
 {
+    if (contestant == "library")
+        return std::make_unique<WideLibrary>(file, namesOf(columns));
+    if (contestant == "typed")
+        return makeWideTyped(file, columns);
+    if (contestant == "prepared")
+        return makeWidePrepared(file, columns);
+    return std::make_unique<WideFloor>(file, namesOf(columns));
+}
+
+} // namespace
+
+int runWide(const std::string& contestant, const std::string& operation, const std::string& folder,
+            int columns, Meter& meter)
+{
+    const std::string file = folder + "/wide.db";
+    std::remove(file.c_str());
+    const std::unique_ptr<Wide> table = make(contestant, file, columns);
+    Wide& wide = *table;
     const bool inserts = operation == "insert";
     long long sum = 1;
     for (int row = 1; row <= (inserts ? 1 : wide_rows); ++row)
@@ -207,21 +220,6 @@ template <typename Wide> int runOn(Wide& wide, const std::string& operation, Met
     meter.stop();
     require(sum > 0, "cells are read");
     return wide_rows;
-}
-
-} // namespace
-
-int runWide(const std::string& contestant, const std::string& operation, const std::string& folder,
-            int columns, Meter& meter)
-{
-    const std::string file = folder + "/wide.db";
-    std::remove(file.c_str());
-    if (contestant == "library") {
-        WideLibrary wide(file, namesOf(columns));
-        return runOn(wide, operation, meter);
-    }
-    WideFloor wide(file, namesOf(columns));
-    return runOn(wide, operation, meter);
 }
 
 } // namespace bench
