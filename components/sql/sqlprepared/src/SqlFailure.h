@@ -9,6 +9,8 @@
 #include <initializer_list>
 #include <string_view>
 
+#pragma GCC visibility push(default) // for sqlsync, which fails in the same way
+
 namespace sql {
 
 constexpr const char* database_not_open = "the database is not open";
@@ -31,5 +33,7 @@ void reportFailure(const char* operation, const char* statement, int rc, const c
 Error errorOf(sqlite3* db, int rc, const string& why, const char* statement);
 
 } // namespace sql
+
+#pragma GCC visibility pop
 
 #endif
