@@ -75,7 +75,8 @@ public:
     const Error& error() const;
 
 private:
-    friend string whyNotChanges(const Envelope& envelope, std::string_view bytes, integer& count);
+    friend string whyNotChanges(const Envelope& envelope, std::string_view bytes, integer& count,
+                                std::vector<bool>& isTouched);
 
     SQLWRAPPER_LOCAL bool advance();
     SQLWRAPPER_LOCAL bool check();

@@ -32,7 +32,7 @@ inline bool operator!=(const SyncPosition& one, const SyncPosition& other)
 /// A column of a recorded table.
 struct SyncColumn {
     string name;            ///< As it was declared.
-    string type;            ///< As it was declared, empty for none.
+    string type;            ///< As it was declared, in capitals; empty for none.
     int keyOrdinal = 0;     ///< Its place in the key, the first is 1; 0 outside of the key.
     bool isNotNull = false; ///< Whether it was declared so.
 };

@@ -262,11 +262,13 @@ bool ChangeReader::fail(std::size_t at, const char* why)
     return false;
 }
 
-string whyNotChanges(const Envelope& envelope, std::string_view bytes, integer& count)
+string whyNotChanges(const Envelope& envelope, std::string_view bytes, integer& count,
+                     std::vector<bool>& isTouched)
 {
     ChangeReader reader(envelope, bytes);
     while (reader.advance())
         ++count;
+    isTouched = std::move(reader._isRead);
     return reader._reason;
 }
 

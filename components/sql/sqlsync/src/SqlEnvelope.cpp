@@ -325,7 +325,8 @@ Result<Envelope> readEnvelope(std::string_view header)
 Result<integer> checkChangeSet(const Envelope& envelope, std::string_view bytes)
 {
     integer count = 0;
-    const string why = whyNotChanges(envelope, bytes, count);
+    std::vector<bool> isTouched;
+    const string why = whyNotChanges(envelope, bytes, count, isTouched);
     if (!why.empty())
         return failed("checkChangeSet", SQLITE_CORRUPT, why);
     return count;

@@ -14,10 +14,11 @@ std::uint64_t checksumOf(std::string_view bytes);
 // The description of tables; its checksum is the schema's hash.
 string encodeSchema(const std::vector<SyncTable>& tables);
 
-// Each returns why not, empty if it is.
+// Each returns why not, empty if it is. Touched is each table of the envelope that has changes.
 string whyNotSchema(std::string_view description, std::vector<SyncTable>& tables);
 string whyNotEnvelope(std::string_view header, Envelope& envelope);
-string whyNotChanges(const Envelope& envelope, std::string_view bytes, integer& count);
+string whyNotChanges(const Envelope& envelope, std::string_view bytes, integer& count,
+                     std::vector<bool>& isTouched);
 
 // The table of this name in the main file, as it was declared, if its changes can be recorded and
 // applied: a table with a key that is never null. Reports its failures.
