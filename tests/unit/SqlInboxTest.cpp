@@ -5,7 +5,7 @@
 
 #include "PreparedTest.h"
 #include "Reports.h"
-#include "Session.h"
+#include "SyncDevice.h"
 
 #include <gmock/gmock.h>
 #include <sqlite3.h>
@@ -26,6 +26,8 @@ using sql::Inbox;
 using sql::Received;
 using sql::SyncPosition;
 using std::string;
+using Device = test::SyncDevice;
+using Sent = test::SyncSet;
 
 static_assert(!std::is_copy_constructible_v<Inbox> && !std::is_copy_assignable_v<Inbox>);
 static_assert(std::is_same_v<decltype(&Inbox::isOpen), bool (Inbox::*)() const>);
@@ -44,65 +46,11 @@ static_assert(std::is_same_v<decltype(&Inbox::kept),
 static_assert(std::is_same_v<decltype(&Inbox::lost),
                              sql::Result<sql::integer> (Inbox::*)(const string&) const>);
 
-const char tables[] =
-    "create table product (id integer primary key, name text, price);"
-    "create table pair (left text not null, right blob not null, primary key (right, left))";
-
-std::vector<sql::SyncTable> described()
-{
-    return {{"product",
-             {{"id", "INTEGER", 1, false}, {"name", "TEXT", 0, false}, {"price", "", 0, false}}},
-            {"pair", {{"left", "TEXT", 2, true}, {"right", "BLOB", 1, true}}}};
-}
-
-struct Sent {
-    string header;
-    string bytes;
-};
-
-// The other end: a file of its own, and what it would send of the writes to it.
-class Device {
-public:
-    explicit Device(const string& name = "device-17", sql::integer incarnation = 11)
-        : position{incarnation, 0}
-    {
-        envelope.device = name;
-        envelope.tables = described();
-        db.run(tables);
-    }
-
-    Sent commit(const string& statements, int commits = 1)
-    {
-        return send(test::changesOf(db, {"product", "pair"}, statements), commits);
-    }
-
-    Sent send(const string& bytes, int commits = 1)
-    {
-        envelope.previous = position.number > 0 ? before : SyncPosition();
-        position.number += commits;
-        before = position;
-        envelope.last = position;
-        return {sql::encode(envelope, bytes), bytes};
-    }
-
-    // Goes on from another commit, in an incarnation of its own.
-    void restore(SyncPosition from, sql::integer incarnation)
-    {
-        before = from;
-        position = {incarnation, from.number};
-    }
-
-    test::Connection db;
-    SyncPosition position;
-    SyncPosition before;
-    sql::Envelope envelope;
-};
-
 class SqlInboxTest : public test::PreparedTest {
 protected:
     SqlInboxTest()
     {
-        run(tables);
+        run(test::sync_tables);
     }
 
     // Made when it is first needed.

@@ -60,7 +60,8 @@ public:
     /// come before.
     Result<bool> admit(const string& device, std::string_view header);
 
-    /// Applies the device's stored sets in their order, up to the next conflict. Returns how many.
+    /// Applies the device's stored sets in their order, up to the next conflict. Returns how many;
+    /// on failure none is.
     Result<integer> retry(const string& device);
 
     /// Drops the device's oldest stored set. Returns nothing if there is none.
@@ -99,7 +100,7 @@ private:
     SQLWRAPPER_LOCAL Error keep(const string& device, const Set& set) const;
     SQLWRAPPER_LOCAL Error admitAfter(const string& device, const Envelope& envelope,
                                       const Mark& mark) const;
-    SQLWRAPPER_LOCAL Result<bool> retryOldest(const string& device);
+    SQLWRAPPER_LOCAL Error retryOldest(const string& device, bool& isApplied);
     SQLWRAPPER_LOCAL Result<integer> number(const char* query, const string& device) const;
     SQLWRAPPER_LOCAL const SyncTable* tableOf(std::string_view name) const;
 

@@ -447,19 +447,27 @@ Error Inbox::changeInTurn(const string& device, Set& set) const
     return set.received == Received::kept ? keep(device, set) : Error();
 }
 
-// All of the set, or nothing and the reason.
+// All of the set, or nothing and the reason. SQLite's own savepoint does not tell when it cannot be
+// rolled back, and would leave a part.
 Error Inbox::change(const char* operation, Set& set) const
 {
     if (set.bytes.empty())
         return Error();
+    Savepoint part(*_database);
+    if (!part.isOpen())
+        return part.error();
     Conflict conflict{_tables};
-    const int rc = sqlite3changeset_apply_v2(_connection, static_cast<int>(set.bytes.size()),
-                                             const_cast<char*>(set.bytes.data()), isOpened, refuse,
-                                             &conflict, nullptr, nullptr, 0);
+    const int rc = sqlite3changeset_apply_v2(
+        _connection, static_cast<int>(set.bytes.size()), const_cast<char*>(set.bytes.data()),
+        isOpened, refuse, &conflict, nullptr, nullptr, SQLITE_CHANGESETAPPLY_NOSAVEPOINT);
     if (rc == SQLITE_OK)
-        return Error();
+        return part.commit() ? Error() : part.error();
     if (rc != SQLITE_ABORT || conflict.table == nullptr)
         return failed(operation, extendedCodeOf(_connection, rc), reasonOf(_connection, rc));
+    if (!part.rollback())
+        return part.error();
+    if (sqlite3_get_autocommit(_connection) != 0)
+        return failed(operation, SQLITE_ABORT_ROLLBACK, "SQLite has rolled the transaction back");
     set.received = Received::kept;
     set.reason = joined({"table '", conflict.table->name, "', ", nameOf(conflict.operation), ": ",
                          whyConflict(conflict.kind)});
@@ -526,27 +534,28 @@ Result<integer> Inbox::retry(const string& device)
 {
     if (Error error = checkUse("retry"))
         return error;
-    for (integer count = 0;; ++count) {
-        const Result<bool> isApplied = retryOldest(device);
-        if (isApplied.failed())
-            return isApplied.error();
-        if (!isApplied || !*isApplied)
-            return count;
-    }
-}
-
-// Nothing if none is kept.
-Result<bool> Inbox::retryOldest(const string& device)
-{
     const Rest rest(_connection);
     Transaction transaction(*_database, begin_immediate, _patience);
     if (!transaction.isOpen())
         return transaction.error();
+    integer count = 0;
+    for (bool isApplied = true; isApplied; count += isApplied) {
+        if (Error error = retryOldest(device, isApplied))
+            return error;
+    }
+    if (!transaction.commit())
+        return transaction.error();
+    return count;
+}
+
+Error Inbox::retryOldest(const string& device, bool& isApplied)
+{
+    isApplied = false;
     Statement oldest(*_database, "select id, header, bytes from main.sqlsync_kept where device = ?"
                                  " order by id limit 1");
     const auto kept = oldest.one<integer, string, string>(device);
     if (!kept)
-        return kept.failed() ? Result<bool>(kept.error()) : Result<bool>();
+        return kept.error();
     Set set{std::get<1>(*kept), std::get<2>(*kept)};
     if (Error error = readSet("retry", device, set))
         return error;
@@ -559,9 +568,8 @@ Result<bool> Inbox::retryOldest(const string& device)
                                      : "delete from main.sqlsync_kept where id = ?1 and ?2 = ''");
     if (!settle.run(std::get<0>(*kept), set.reason))
         return settle.error();
-    if (!transaction.commit())
-        return transaction.error();
-    return set.received == Received::applied;
+    isApplied = set.received == Received::applied;
+    return Error();
 }
 
 Result<bool> Inbox::discard(const string& device)
