@@ -56,6 +56,7 @@ protected:
 private:
     friend class TableStatements; // begins one when its statements are compiled
     friend class GroupCommit;     // commits one that ends, without memory
+    friend class CommitGuard;     // has the hooks when no transaction has
 
     // Lost: SQLite has rolled back.
     enum class State { unbegun, open, undoing, lost, ended };

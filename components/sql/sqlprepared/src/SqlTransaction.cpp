@@ -1,5 +1,6 @@
 #include "SqlTransaction.h"
 
+#include "SqlCommitGuard.h"
 #include "SqlFailure.h"
 #include "SqlStop.h"
 #include "SqlTrace.h"
@@ -26,6 +27,10 @@ constexpr const char* ended = "the transaction has ended before";
 // may have one each. SQLite keeps one word for each hook, but tells it only to who takes the hook away.
 std::mutex scopes_mutex;
 TransactionScope* scopes = nullptr;
+
+// Likewise.
+std::mutex guards_mutex;
+CommitGuard* guards = nullptr;
 
 const char* beginOf(TransactionMode mode)
 {
@@ -121,10 +126,8 @@ bool TransactionScope::prepare(const string& text, sqlite3_stmt** statement)
 
 void TransactionScope::end()
 {
-    if (_watching) {
-        sqlite3_commit_hook(_connection, nullptr, nullptr);
-        sqlite3_rollback_hook(_connection, nullptr, nullptr);
-    }
+    if (_watching)
+        CommitGuard::hook(_connection);
     _watching = false;
     leave();
     sqlite3_finalize(_commit);
@@ -179,15 +182,20 @@ TransactionScope* TransactionScope::outermost(sqlite3* connection)
 // SQLite rolls back what it may not commit.
 int TransactionScope::refuseCommit(void* scope)
 {
-    if (static_cast<TransactionScope*>(scope)->_committing)
-        return 0;
-    TRACE_ERROR("Refused a commit that is not the transaction's own");
-    return 1;
+    const TransactionScope& self = *static_cast<TransactionScope*>(scope);
+    if (!self._committing) {
+        TRACE_ERROR("Refused a commit that is not the transaction's own");
+        return 1;
+    }
+    CommitGuard* const guard = CommitGuard::of(self._connection);
+    return guard == nullptr || guard->mayCommit() ? 0 : 1;
 }
 
 void TransactionScope::noteRollback(void* scope)
 {
     const TransactionScope& self = *static_cast<TransactionScope*>(scope);
+    if (CommitGuard* const guard = CommitGuard::of(self._connection))
+        guard->rolledBack();
     if (self._state != State::open)
         return;
     {
@@ -312,6 +320,55 @@ int TransactionScope::run(const char* operation, sqlite3_stmt* statement) const
                             sqlite3_sql(statement));
         pauseUnlessStopped(_connection, std::min(pause, left));
     }
+}
+
+// --- Guards --------------------------------------------------------------------------------------
+
+CommitGuard::CommitGuard(sqlite3* connection, MayCommit ask, RolledBack tell)
+    : _connection(connection), _mayCommit(ask), _rolledBack(tell)
+{
+    {
+        const std::lock_guard<std::mutex> lock(guards_mutex);
+        _next = guards;
+        guards = this;
+    }
+    if (TransactionScope::outermost(_connection) == nullptr)
+        hook(connection);
+}
+
+CommitGuard::~CommitGuard()
+{
+    {
+        const std::lock_guard<std::mutex> lock(guards_mutex);
+        CommitGuard** link = &guards;
+        while (*link != this)
+            link = &(*link)->_next;
+        *link = _next;
+    }
+    if (TransactionScope::outermost(_connection) == nullptr)
+        hook(_connection);
+}
+
+CommitGuard* CommitGuard::of(sqlite3* connection)
+{
+    const std::lock_guard<std::mutex> lock(guards_mutex);
+    CommitGuard* guard = guards;
+    while (guard != nullptr && guard->_connection != connection)
+        guard = guard->_next;
+    return guard;
+}
+
+void CommitGuard::hook(sqlite3* connection)
+{
+    CommitGuard* const guard = of(connection);
+    const auto refuse = [](void* self) {
+        return static_cast<CommitGuard*>(self)->mayCommit() ? 0 : 1;
+    };
+    const auto note = [](void* self) {
+        static_cast<CommitGuard*>(self)->rolledBack();
+    };
+    sqlite3_commit_hook(connection, guard != nullptr ? +refuse : nullptr, guard);
+    sqlite3_rollback_hook(connection, guard != nullptr ? +note : nullptr, guard);
 }
 
 // --- Failures ------------------------------------------------------------------------------------
