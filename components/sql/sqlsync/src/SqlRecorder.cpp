@@ -1,0 +1,418 @@
+#include "SqlRecorder.h"
+
+#include "SqlCommitGuard.h"
+#include "SqlFailure.h"
+#include "SqlSchema.h"
+#include "SqlStatement.h"
+#include "SqlTrace.h"
+
+#include <sqlite3.h>
+
+#include <unistd.h>
+
+namespace sql {
+
+namespace {
+
+constexpr const char* make_tables =
+    "create table if not exists main.sqlsync_state (id integer primary key check (id = 1),"
+    " incarnation integer not null, number integer not null, sent integer not null,"
+    " dropped_incarnation integer not null, dropped integer not null);"
+    "insert or ignore into main.sqlsync_state values (1, 0, 0, 0, 0, 0);"
+    "create table if not exists main.sqlsync_schema (hash integer primary key,"
+    " description blob not null);"
+    "create table if not exists main.sqlsync_outbox (number integer primary key,"
+    " incarnation integer not null, previous integer not null, previous_incarnation integer"
+    " not null, hash integer not null, changes blob not null)";
+constexpr const char* count_tables =
+    "select count(*) from main.sqlite_master where type = 'table' and name in ('sqlsync_state',"
+    " 'sqlsync_schema', 'sqlsync_outbox')";
+constexpr int table_count = 3;
+
+// Never 0; which is returned where the system has none.
+integer randomNumber()
+{
+    integer number = 0;
+    while (number == 0) {
+        if (::getentropy(&number, sizeof(number)) != 0)
+            return 0;
+    }
+    return number;
+}
+
+} // namespace
+
+// --- What it holds while it records ---------------------------------------------------------------
+
+// The statements keep the connection, which the session needs to end, from closing before.
+struct Recorder::Core : CommitGuard {
+    Core(Database& database, std::vector<SyncTable> described);
+    Core(const Core&) = delete;
+    Core& operator=(const Core&) = delete;
+    ~Core()
+    {
+        stop();
+    }
+
+    bool start();
+    void stop();
+    bool allowsCommit() const;
+    Error whyNotReady();
+    Error look();
+
+    sqlite3* db;
+    std::vector<SyncTable> tables;
+    string description;
+    integer hash;
+    Statement askSchema;
+    Statement askData;
+    Statement askState;
+    Statement keepSchema;
+    Statement keepChanges;
+    Statement keepState;
+    integer schemaVersion = 0;
+    integer dataVersion = 0; // which other connections move
+    SyncPosition seen;       // the latest commit of the file
+    integer incarnation = 0; // of its own commits; 0 before the first
+    bool isCommitting = false;
+    sqlite3_session* session = nullptr; // null without memory
+};
+
+Recorder::Core::Core(Database& database, std::vector<SyncTable> described)
+    : CommitGuard(
+        database.getHandle(),
+        [](CommitGuard& core) { return static_cast<Core&>(core).allowsCommit(); },
+        [](CommitGuard& core) { static_cast<Core&>(core).start(); }),
+      db(database.getHandle()), tables(std::move(described)), description(encodeSchema(tables)),
+      hash(static_cast<integer>(checksumOf(description))),
+      askSchema(database, "pragma main.schema_version"),
+      askData(database, "pragma main.data_version"),
+      askState(database, "select incarnation, number from main.sqlsync_state"),
+      keepSchema(database, "insert or ignore into main.sqlsync_schema values (?, ?)"),
+      keepChanges(database, "insert or replace into main.sqlsync_outbox values (?, ?, ?, ?, ?, ?)"),
+      keepState(database, "update main.sqlsync_state set incarnation = ?, number = ?")
+{
+}
+
+Error Recorder::Core::whyNotReady()
+{
+    for (const Statement* statement :
+         {&askSchema, &askData, &askState, &keepSchema, &keepChanges, &keepState}) {
+        if (!statement->isPrepared())
+            return statement->error();
+    }
+    const Result<integer> version = askSchema.one<integer>();
+    if (!version)
+        return version.error();
+    schemaVersion = *version;
+    return start() ? look() : failed("Recorder", SQLITE_NOMEM, no_memory);
+}
+
+// Where the file stands, and whether other connections have committed.
+Error Recorder::Core::look()
+{
+    const Result<integer> data = askData.one<integer>();
+    if (!data)
+        return data.error();
+    const auto state = askState.one<integer, integer>();
+    if (!state)
+        return state.error();
+    dataVersion = *data;
+    seen = {std::get<0>(*state), std::get<1>(*state)};
+    return Error();
+}
+
+// Forgets what has changed so far. Uses no statement, since SQLite has it called as it rolls back.
+bool Recorder::Core::start()
+{
+    stop();
+    int rc = sqlite3session_create(db, "main", &session);
+    for (auto table = tables.begin(); rc == SQLITE_OK && table != tables.end(); ++table)
+        rc = sqlite3session_attach(session, table->name.c_str());
+    if (rc == SQLITE_OK)
+        return true;
+    stop();
+    return false;
+}
+
+void Recorder::Core::stop()
+{
+    if (session != nullptr)
+        sqlite3session_delete(session);
+    session = nullptr;
+}
+
+bool Recorder::Core::allowsCommit() const
+{
+    if (isCommitting || (session != nullptr && sqlite3session_isempty(session) != 0))
+        return true;
+    TRACE_ERROR_AS("Recorder",
+                   "Refused a commit of recorded tables outside of a RecordedTransaction");
+    return false;
+}
+
+// --- Recorder -------------------------------------------------------------------------------------
+
+Recorder::Recorder(Database& database, const std::vector<string>& tables)
+    : _database(&database), _tables(tables)
+{
+    begin("Recorder");
+}
+
+Recorder::~Recorder() = default;
+
+bool Recorder::isRecording() const
+{
+    return _core != nullptr;
+}
+
+bool Recorder::renew()
+{
+    return begin("renew");
+}
+
+integer Recorder::unrecorded() const
+{
+    return _unrecorded;
+}
+
+const Error& Recorder::error() const
+{
+    return _error;
+}
+
+// In a transaction, so that all belongs to one schema.
+bool Recorder::begin(const char* operation)
+{
+    _error = Error();
+    if (const char* const why = whyNotBegun())
+        return fail(operation, SQLITE_MISUSE, why);
+    Transaction transaction(*_database, begin_immediate);
+    if (!transaction.isOpen())
+        return failAs(transaction.error());
+    if (!makeTables())
+        return false;
+    std::unique_ptr<Core> core = describe(operation);
+    if (core == nullptr || !checkInbox(operation, core->tables))
+        return false;
+    const Bytes description{core->description.data(), core->description.size()};
+    if (!core->keepSchema.run(core->hash, description))
+        return failAs(core->keepSchema.error());
+    if (!transaction.commit())
+        return failAs(transaction.error());
+    _core = std::move(core);
+    return expireStatements();
+}
+
+const char* Recorder::whyNotBegun() const
+{
+    sqlite3* const db = _database->getHandle();
+    if (db == nullptr)
+        return database_not_open;
+    if (CommitGuard::of(db) != nullptr && (_core == nullptr || _core->db != db))
+        return "the connection has a recorder";
+    if (sqlite3_get_autocommit(db) == 0)
+        return "a transaction is open";
+    return _tables.empty() ? "there are no tables" : nullptr;
+}
+
+bool Recorder::makeTables()
+{
+    Statement count(*_database, count_tables);
+    const Result<int> found = count.one<int>();
+    if (!found)
+        return failAs(found.error());
+    const Result<int> made = *found == table_count ? Result<int>(0)
+                                                   : runScript(*_database, make_tables);
+    return made || failAs(made.error());
+}
+
+std::unique_ptr<Recorder::Core> Recorder::describe(const char* operation)
+{
+    std::vector<SyncTable> described;
+    for (const string& name : _tables) {
+        Result<SyncTable> table = describeTable(*_database, operation, name);
+        if (!table) {
+            failAs(table.error());
+            return nullptr;
+        }
+        described.push_back(std::move(*table));
+    }
+    auto core = std::make_unique<Core>(*_database, std::move(described));
+    const Error reason = core->whyNotReady();
+    if (!reason)
+        return core;
+    failAs(reason);
+    return nullptr;
+}
+
+// Each table has one writer: this file, or an inbox of it.
+bool Recorder::checkInbox(const char* operation, const std::vector<SyncTable>& tables)
+{
+    Statement find(*_database,
+                   "select 1 from main.sqlite_master where name = 'sqlsync_inbox_table'");
+    const Result<int> hasInbox = find.one<int>();
+    if (!hasInbox)
+        return !hasInbox.failed() || failAs(hasInbox.error());
+    Statement ask(*_database, "select 1 from main.sqlsync_inbox_table where name = ?");
+    for (const SyncTable& table : tables) {
+        const Result<int> isOpened = ask.one<int>(table.name);
+        if (isOpened.failed())
+            return failAs(isOpened.error());
+        if (isOpened)
+            return fail(operation, SQLITE_MISUSE,
+                        joined({"table '", table.name, "': an inbox writes it in this file"}));
+    }
+    return true;
+}
+
+// Statements that were compiled before may have SQLite empty a table without telling of its rows: all are
+// compiled anew once a setting was set, to what it is.
+bool Recorder::expireStatements()
+{
+    Statement ask(*_database, "pragma recursive_triggers");
+    const Result<bool> setting = ask.one<bool>();
+    if (!setting)
+        return failAs(setting.error());
+    const Result<int> done = runScript(*_database, *setting ? "pragma recursive_triggers = on"
+                                                            : "pragma recursive_triggers = off");
+    return done || failAs(done.error());
+}
+
+bool Recorder::fail(const char* operation, int rc, const string& why)
+{
+    return failAs(failed(operation, rc, why));
+}
+
+bool Recorder::failAs(const Error& error)
+{
+    _error = error;
+    return false;
+}
+
+// --- Transactions ---------------------------------------------------------------------------------
+
+RecordedTransaction::RecordedTransaction(Recorder& recorder, std::chrono::milliseconds patience)
+    : _recorder(&recorder)
+{
+    if (recorder._core == nullptr) { // which was told
+        _error = recorder._error;
+        return;
+    }
+    if (recorder._database->getHandle() != recorder._core->db) {
+        fail("begin", SQLITE_MISUSE, database_closed);
+        return;
+    }
+    _transaction.emplace(*recorder._database, begin_immediate, patience);
+    if (!_transaction->isOpen())
+        failAs(_transaction->error());
+    else if (!isOfSchema("begin") || !look())
+        _transaction.reset();
+}
+
+RecordedTransaction::~RecordedTransaction() = default;
+
+bool RecordedTransaction::isOpen() const
+{
+    return _transaction && _transaction->isOpen();
+}
+
+bool RecordedTransaction::isOfSchema(const char* operation)
+{
+    Recorder::Core& core = *_recorder->_core;
+    const Result<integer> version = core.askSchema.one<integer>();
+    if (!version)
+        return failAs(version.error());
+    return *version == core.schemaVersion
+           || fail(operation, SQLITE_SCHEMA, "the schema has changed: renew the recorder");
+}
+
+// Looks what others have done to the file.
+bool RecordedTransaction::look()
+{
+    Recorder::Core& core = *_recorder->_core;
+    const SyncPosition seen = core.seen;
+    const integer dataVersion = core.dataVersion;
+    const Error reason = core.look();
+    if (reason)
+        return failAs(reason);
+    if (core.dataVersion != dataVersion && core.seen == seen) {
+        ++_recorder->_unrecorded;
+        TRACE_ERROR_AS("RecordedTransaction",
+                       "Another connection has committed what is not recorded");
+    }
+    if (core.seen.number < seen.number) // the file was restored: its numbers come again
+        core.incarnation = 0;
+    _previous = core.seen;
+    return core.start() || fail("begin", SQLITE_NOMEM, no_memory);
+}
+
+bool RecordedTransaction::commit()
+{
+    if (!_transaction)
+        return false;
+    Recorder::Core& core = *_recorder->_core;
+    SyncPosition position = _previous;
+    if (_transaction->isOpen() && (!isOfSchema("commit") || !store(position)))
+        return false;
+    core.isCommitting = true;
+    const bool isCommitted = _transaction->commit();
+    core.isCommitting = false;
+    _error = _transaction->error();
+    if (!isCommitted)
+        return false;
+    core.seen = position;
+    core.start(); // without memory every commit is refused until the next one begins
+    return true;
+}
+
+bool RecordedTransaction::store(SyncPosition& position)
+{
+    Recorder::Core& core = *_recorder->_core;
+    int size = 0;
+    void* bytes = nullptr;
+    const int rc = sqlite3session_changeset(core.session, &size, &bytes);
+    const std::unique_ptr<void, decltype(&sqlite3_free)> owner(bytes, sqlite3_free);
+    if (rc != SQLITE_OK)
+        return fail("commit", rc, sqlite3_errstr(rc));
+    if (size == 0)
+        return true;
+    if (core.incarnation == 0)
+        core.incarnation = randomNumber();
+    if (core.incarnation == 0)
+        return fail("commit", SQLITE_IOERR, "the system has no random numbers");
+    position = {core.incarnation, _previous.number + 1};
+    const Bytes changes{bytes, static_cast<std::size_t>(size)};
+    if (!core.keepChanges.run(position.number, position.incarnation, _previous.number,
+                              _previous.incarnation, core.hash, changes))
+        return failAs(core.keepChanges.error());
+    return core.keepState.run(position.incarnation, position.number)
+           || failAs(core.keepState.error());
+}
+
+bool RecordedTransaction::rollback()
+{
+    if (!_transaction)
+        return false;
+    const bool isDone = _transaction->rollback();
+    _error = _transaction->error();
+    return isDone;
+}
+
+const Error& RecordedTransaction::error() const
+{
+    return _error;
+}
+
+bool RecordedTransaction::fail(const char* operation, int rc, const string& why)
+{
+    return failAs(failed(operation, rc, why));
+}
+
+bool RecordedTransaction::failAs(const Error& error)
+{
+    _error = error;
+    return false;
+}
+
+} // namespace sql
