@@ -128,7 +128,7 @@ private:
     std::string any()
     {
         std::string bytes;
-        for (std::size_t left = _input.bits(2); left > 0 && !_input.isUsedUp(); --left)
+        for (std::uint64_t left = _input.bits(2); left > 0 && !_input.isUsedUp(); --left)
             bytes += static_cast<char>(_input.byte());
         return bytes;
     }

@@ -1,5 +1,6 @@
 #include "SqlInbox.h"
 
+#include "SqlRecorder.h"
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
 
@@ -10,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -226,6 +228,57 @@ TEST_F(SqlInboxTest, TableThatIsRecordedInTheFileIsRefused)
     const Inbox damaged(_database, {"pair"});
     expectReport(report::statementFailed("Inbox", "Inbox",
                                          "11=SQLITE_CORRUPT: the header's lengths do not add up"));
+}
+
+// What one table's recorder keeps is what an inbox of another file applies.
+TEST_F(SqlInboxTest, RecorderAndInboxShareAFileTableByTable)
+{
+    const sql::Recorder recorder(_database, {"pair"});
+    ASSERT_TRUE(recorder.isRecording());
+    const Inbox refused(_database, {"product", "pair"});
+    expectReport(report::statementFailed(
+        "Inbox", "Inbox", "21=SQLITE_MISUSE: table 'pair': it is recorded in this file"));
+    _inbox = std::make_unique<Inbox>(_database, std::vector<string>{"product"});
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)"));
+    EXPECT_EQ(products(), "1|tea|2\n");
+    EXPECT_EQ(rows("select count(*) from sqlsync_outbox"), "0");
+    const sql::Recorder late(_database, {"product"});
+    EXPECT_FALSE(late.isRecording());
+    _diagnostics.clear();
+}
+
+TEST_F(SqlInboxTest, AppliesWhatARecorderHasKept)
+{
+    sql::Database home;
+    ASSERT_TRUE(home.open(":memory:", sql::Database::access_create, false, 0));
+    test::run(home.getHandle(), test::sync_tables);
+    {
+        sql::Recorder recorder(home, {"PAIR", "product"});
+        for (const char* const writes :
+             {"insert into product values (1, 'tea', 2), (2, 'rum', null)",
+              "update product set price = 3; insert into pair values ('a', x'01')",
+              "delete from product where id = 2"}) {
+            sql::RecordedTransaction transaction(recorder);
+            test::run(home.getHandle(), writes);
+            ASSERT_TRUE(transaction.commit());
+        }
+        sql::Statement kept(home, "select previous_incarnation, previous, incarnation, number,"
+                                  " changes from sqlsync_outbox order by number");
+        sql::Envelope envelope;
+        envelope.device = "device-17";
+        envelope.tables = test::describedTables();
+        std::reverse(envelope.tables.begin(), envelope.tables.end());
+        string bytes;
+        int count = 0;
+        while (kept.next(envelope.previous.incarnation, envelope.previous.number,
+                         envelope.last.incarnation, envelope.last.number, bytes)) {
+            expectApplied({sql::encode(envelope, bytes), bytes});
+            ++count;
+        }
+        EXPECT_EQ(count, 3);
+    }
+    EXPECT_EQ(products(), "1|tea|3\na|01");
+    home.close();
 }
 
 TEST_F(SqlInboxTest, DatabaseHasToBeOpenAndStay)
