@@ -124,12 +124,12 @@ TEST_F(SqlRecorderTest, MakesItsTablesOnce)
     }
     EXPECT_EQ(rows("select name from sqlite_master where name like 'sqlsync%' order by 1"),
               "sqlsync_outbox\nsqlsync_schema\nsqlsync_state");
-    EXPECT_EQ(rows("select * from sqlsync_state"), "1|0|0|0|0|0");
+    EXPECT_EQ(rows("select * from sqlsync_state"), "1|0|0|0|0|0|0");
     const Recorder again(_database, {"PRODUCT"});
     EXPECT_TRUE(again.isRecording());
     EXPECT_EQ(rows("pragma schema_version"), version);
     EXPECT_EQ(rows("select count(*) from sqlsync_schema"), "2");
-    EXPECT_EQ(rows("select * from sqlsync_state"), "1|0|0|0|0|0");
+    EXPECT_EQ(rows("select * from sqlsync_state"), "1|0|0|0|0|0|0");
 }
 
 TEST_F(SqlRecorderTest, TablesThatCannotBeRecordedAreRefusedByName)

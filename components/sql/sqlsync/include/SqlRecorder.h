@@ -11,6 +11,19 @@
 
 namespace sql {
 
+/// What happens when the change sets of an outbox have more bytes than allowed.
+enum class WhenFull {
+    refuse_writes, ///< the commit that has no room fails
+    merge_ranges,  ///< those that were never handed out become one; if that is not enough, it fails
+    drop_oldest    ///< the oldest go, which the receiver is told; a line in the log tells of it
+};
+
+/// How much a Recorder may keep.
+struct RecorderOptions {
+    integer limit = 0; ///< Bytes of change sets in the outbox, without headers; 0 for no limit.
+    WhenFull whenFull = WhenFull::refuse_writes; ///< What happens at the limit.
+};
+
 /// Records what the transactions of its connection change in some tables, and keeps it in the file
 /// with them, in the outbox, until it was sent.
 ///
@@ -32,7 +45,8 @@ class Recorder {
 public:
     /// Begins to record these tables of the main file. Each has a key that is declared and never
     /// NULL, and no generated columns. If that fails, isRecording() is false, and error() says why.
-    Recorder(Database& database, const std::vector<string>& tables);
+    Recorder(Database& database, const std::vector<string>& tables,
+             const RecorderOptions& options = RecorderOptions());
     Recorder(const Recorder&) = delete;            ///< It stays where it is.
     Recorder& operator=(const Recorder&) = delete; ///< It stays where it is.
     ~Recorder();                                   ///< Ends the recording; the outbox stays.
@@ -57,7 +71,6 @@ private:
 
     SQLWRAPPER_LOCAL bool begin(const char* operation);
     SQLWRAPPER_LOCAL const char* whyNotBegun() const;
-    SQLWRAPPER_LOCAL bool makeTables();
     SQLWRAPPER_LOCAL std::unique_ptr<Core> describe(const char* operation);
     SQLWRAPPER_LOCAL bool checkInbox(const char* operation, const std::vector<SyncTable>& tables);
     SQLWRAPPER_LOCAL bool expireStatements();
@@ -66,6 +79,7 @@ private:
 
     Database* _database;
     std::vector<string> _tables;
+    RecorderOptions _options;
     std::unique_ptr<Core> _core; // null while nothing is recorded
     integer _unrecorded = 0;
     Error _error;
@@ -114,6 +128,7 @@ private:
     SQLWRAPPER_LOCAL bool isOfSchema(const char* operation);
     SQLWRAPPER_LOCAL bool look();
     SQLWRAPPER_LOCAL bool store(SyncPosition& position);
+    SQLWRAPPER_LOCAL bool commitAll();
     SQLWRAPPER_LOCAL bool fail(const char* operation, int rc, const string& why);
     SQLWRAPPER_LOCAL bool failAs(const Error& error);
 

@@ -2,6 +2,7 @@
 
 #include "SqlCommitGuard.h"
 #include "SqlFailure.h"
+#include "SqlOutboxFile.h"
 #include "SqlSchema.h"
 #include "SqlStatement.h"
 #include "SqlTrace.h"
@@ -13,21 +14,6 @@
 namespace sql {
 
 namespace {
-
-constexpr const char* make_tables =
-    "create table if not exists main.sqlsync_state (id integer primary key check (id = 1),"
-    " incarnation integer not null, number integer not null, sent integer not null,"
-    " dropped_incarnation integer not null, dropped integer not null);"
-    "insert or ignore into main.sqlsync_state values (1, 0, 0, 0, 0, 0);"
-    "create table if not exists main.sqlsync_schema (hash integer primary key,"
-    " description blob not null);"
-    "create table if not exists main.sqlsync_outbox (number integer primary key,"
-    " incarnation integer not null, previous integer not null, previous_incarnation integer"
-    " not null, hash integer not null, changes blob not null)";
-constexpr const char* count_tables =
-    "select count(*) from main.sqlite_master where type = 'table' and name in ('sqlsync_state',"
-    " 'sqlsync_schema', 'sqlsync_outbox')";
-constexpr int table_count = 3;
 
 // Never 0; which is returned where the system has none.
 integer randomNumber()
@@ -70,6 +56,9 @@ struct Recorder::Core : CommitGuard {
     Statement keepSchema;
     Statement keepChanges;
     Statement keepState;
+    Statement beginPart; // of a transaction: what is stored as it commits
+    Statement undoPart;
+    Statement endPart;
     integer schemaVersion = 0;
     integer dataVersion = 0; // which other connections move
     SyncPosition seen;       // the latest commit of the file
@@ -89,15 +78,18 @@ Recorder::Core::Core(Database& database, std::vector<SyncTable> described)
       askData(database, "pragma main.data_version"),
       askState(database, "select incarnation, number from main.sqlsync_state"),
       keepSchema(database, "insert or ignore into main.sqlsync_schema values (?, ?)"),
-      keepChanges(database, "insert or replace into main.sqlsync_outbox values (?, ?, ?, ?, ?, ?)"),
-      keepState(database, "update main.sqlsync_state set incarnation = ?, number = ?")
+      keepChanges(database, "insert into main.sqlsync_outbox values (?, ?, ?, ?, ?, ?)"),
+      keepState(database, "update main.sqlsync_state set incarnation = ?, number = ?,"
+                          " bytes = bytes + ?"),
+      beginPart(database, "savepoint sqlsync"), undoPart(database, "rollback to sqlsync"),
+      endPart(database, "release sqlsync")
 {
 }
 
 Error Recorder::Core::whyNotReady()
 {
-    for (const Statement* statement :
-         {&askSchema, &askData, &askState, &keepSchema, &keepChanges, &keepState}) {
+    for (const Statement* statement : {&askSchema, &askData, &askState, &keepSchema, &keepChanges,
+                                       &keepState, &beginPart, &undoPart, &endPart}) {
         if (!statement->isPrepared())
             return statement->error();
     }
@@ -153,8 +145,9 @@ bool Recorder::Core::allowsCommit() const
 
 // --- Recorder -------------------------------------------------------------------------------------
 
-Recorder::Recorder(Database& database, const std::vector<string>& tables)
-    : _database(&database), _tables(tables)
+Recorder::Recorder(Database& database, const std::vector<string>& tables,
+                   const RecorderOptions& options)
+    : _database(&database), _tables(tables), _options(options)
 {
     begin("Recorder");
 }
@@ -190,8 +183,8 @@ bool Recorder::begin(const char* operation)
     Transaction transaction(*_database, begin_immediate);
     if (!transaction.isOpen())
         return failAs(transaction.error());
-    if (!makeTables())
-        return false;
+    if (const Error error = makeOutbox(*_database))
+        return failAs(error);
     std::unique_ptr<Core> core = describe(operation);
     if (core == nullptr || !checkInbox(operation, core->tables))
         return false;
@@ -214,17 +207,6 @@ const char* Recorder::whyNotBegun() const
     if (sqlite3_get_autocommit(db) == 0)
         return "a transaction is open";
     return _tables.empty() ? "there are no tables" : nullptr;
-}
-
-bool Recorder::makeTables()
-{
-    Statement count(*_database, count_tables);
-    const Result<int> found = count.one<int>();
-    if (!found)
-        return failAs(found.error());
-    const Result<int> made = *found == table_count ? Result<int>(0)
-                                                   : runScript(*_database, make_tables);
-    return made || failAs(made.error());
 }
 
 std::unique_ptr<Recorder::Core> Recorder::describe(const char* operation)
@@ -347,23 +329,37 @@ bool RecordedTransaction::look()
     return core.start() || fail("begin", SQLITE_NOMEM, no_memory);
 }
 
+// What was stored is undone if it cannot be committed: there may be more to store the next time.
 bool RecordedTransaction::commit()
 {
     if (!_transaction)
         return false;
     Recorder::Core& core = *_recorder->_core;
+    if (!_transaction->isOpen())
+        return commitAll(); // which says why not
+    if (!isOfSchema("commit"))
+        return false;
+    if (!core.beginPart.run())
+        return failAs(core.beginPart.error());
     SyncPosition position = _previous;
-    if (_transaction->isOpen() && (!isOfSchema("commit") || !store(position)))
-        return false;
-    core.isCommitting = true;
+    if (store(position) && commitAll()) {
+        core.seen = position;
+        core.start(); // without memory every commit is refused until the next one begins
+        return true;
+    }
+    if (_transaction->isOpen())
+        (void)(core.undoPart.run() && core.endPart.run());
+    return false;
+}
+
+bool RecordedTransaction::commitAll()
+{
+    bool& isCommitting = _recorder->_core->isCommitting;
+    isCommitting = true;
     const bool isCommitted = _transaction->commit();
-    core.isCommitting = false;
+    isCommitting = false;
     _error = _transaction->error();
-    if (!isCommitted)
-        return false;
-    core.seen = position;
-    core.start(); // without memory every commit is refused until the next one begins
-    return true;
+    return isCommitted;
 }
 
 bool RecordedTransaction::store(SyncPosition& position)
@@ -386,8 +382,14 @@ bool RecordedTransaction::store(SyncPosition& position)
     if (!core.keepChanges.run(position.number, position.incarnation, _previous.number,
                               _previous.incarnation, core.hash, changes))
         return failAs(core.keepChanges.error());
-    return core.keepState.run(position.incarnation, position.number)
-           || failAs(core.keepState.error());
+    if (!core.keepState.run(position.incarnation, position.number, size))
+        return failAs(core.keepState.error());
+    const RecorderOptions& options = _recorder->_options;
+    if (options.limit == 0)
+        return true;
+    const Error reason = keepLimit(*_recorder->_database, position.number, options.limit,
+                                   options.whenFull);
+    return !reason || failAs(reason);
 }
 
 bool RecordedTransaction::rollback()

@@ -1,0 +1,397 @@
+#include "SqlOutbox.h"
+
+#include "SqlInbox.h"
+#include "SqlRecorder.h"
+
+#include "PreparedTest.h"
+#include "Reports.h"
+#include "Session.h"
+
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+namespace {
+
+namespace report = test::report;
+
+using sql::ChangeSet;
+using sql::Outbox;
+using sql::RecordedTransaction;
+using sql::Recorder;
+using sql::RecorderOptions;
+using sql::SyncPosition;
+using sql::WhenFull;
+using std::string;
+
+static_assert(!std::is_copy_constructible_v<Outbox> && !std::is_copy_assignable_v<Outbox>);
+static_assert(
+    std::is_nothrow_move_constructible_v<ChangeSet> && std::is_copy_assignable_v<ChangeSet>);
+static_assert(std::is_same_v<decltype(&Outbox::next), bool (Outbox::*)(ChangeSet&)>);
+static_assert(std::is_same_v<decltype(&Outbox::restart), void (Outbox::*)()>);
+static_assert(std::is_same_v<decltype(&Outbox::acknowledge), bool (Outbox::*)(SyncPosition)>);
+static_assert(
+    std::is_same_v<decltype(&Outbox::pending), sql::Result<sql::OutboxSize> (Outbox::*)()>);
+static_assert(std::is_same_v<decltype(&Outbox::error), const sql::Error& (Outbox::*)() const>);
+static_assert(
+    std::is_same_v<decltype(&ChangeSet::header), std::string_view (ChangeSet::*)() const>);
+static_assert(std::is_same_v<decltype(&ChangeSet::bytes), std::string_view (ChangeSet::*)() const>);
+static_assert(std::is_same_v<decltype(&ChangeSet::previous), SyncPosition (ChangeSet::*)() const>);
+static_assert(std::is_same_v<decltype(&ChangeSet::last), SyncPosition (ChangeSet::*)() const>);
+
+const char tables[] = "create table product (id integer primary key, name text)";
+
+class SqlOutboxTest : public test::PreparedTest {
+protected:
+    SqlOutboxTest()
+    {
+        run(tables);
+        _twin.run(tables);
+    }
+    void TearDown() override
+    {
+        _recorder.reset();
+        PreparedTest::TearDown();
+    }
+
+    void record(const string& statements)
+    {
+        EXPECT_TRUE(tryToRecord(statements));
+    }
+    bool tryToRecord(const string& statements)
+    {
+        if (!_recorder)
+            _recorder.emplace(_database, std::vector<string>{"product"}, _options);
+        RecordedTransaction transaction(*_recorder);
+        EXPECT_TRUE(transaction.isOpen());
+        run(statements);
+        const bool isCommitted = transaction.commit();
+        _failure = transaction.error();
+        return isCommitted;
+    }
+    // What SQLite itself records of the same statements in another file.
+    string expected(const string& statements)
+    {
+        return test::changesOf(_twin, {"product"}, statements);
+    }
+
+    // All that an outbox hands out from now on: "0-3" for the third set behind none.
+    string ranges(Outbox& outbox)
+    {
+        string all;
+        ChangeSet set;
+        while (outbox.next(set)) {
+            all += (all.empty() ? "" : " ") + std::to_string(set.previous().number) + "-"
+                   + std::to_string(set.last().number);
+            expectWhole(set);
+        }
+        EXPECT_FALSE(outbox.error());
+        return all;
+    }
+    static void expectWhole(const ChangeSet& set)
+    {
+        const auto envelope = sql::readEnvelope(set.header());
+        ASSERT_TRUE(envelope);
+        EXPECT_EQ(envelope->previous, set.previous());
+        EXPECT_EQ(envelope->last, set.last());
+        EXPECT_TRUE(sql::checkChangeSet(*envelope, set.bytes()));
+    }
+    void expectBytesCounted()
+    {
+        EXPECT_EQ(rows("select bytes from sqlsync_state"),
+                  rows("select ifnull(sum(length(changes)), 0) from sqlsync_outbox"));
+    }
+    void expectFailure(const sql::Error& error, const string& operation, const string& reason)
+    {
+        EXPECT_EQ(std::to_string(error.extendedCode()) + "=" + error.name() + ": " + error.text(),
+                  reason);
+        expectReport(report::statementFailed(operation, error.statement(), reason));
+    }
+
+    test::Connection _twin;
+    RecorderOptions _options;
+    std::optional<Recorder> _recorder;
+    sql::Error _failure;
+};
+
+TEST_F(SqlOutboxTest, FileWithoutARecorderHasNothing)
+{
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    EXPECT_FALSE(outbox.next(set));
+    EXPECT_FALSE(outbox.error());
+    EXPECT_EQ(outbox.pending()->sets, 0);
+    EXPECT_EQ(set.header(), "");
+    EXPECT_EQ(set.bytes(), "");
+}
+
+TEST_F(SqlOutboxTest, HandsOutInOrderWithTheHeader)
+{
+    record("insert into product values (1, 'tea')");
+    record("insert into product values (2, 'rum')");
+    const string bytes[] = {expected("insert into product values (1, 'tea')"),
+                            expected("insert into product values (2, 'rum')")};
+    Outbox outbox(_database, "device-17", 1);
+    SyncPosition previous;
+    for (const string& wanted : bytes) {
+        ChangeSet set;
+        ASSERT_TRUE(outbox.next(set));
+        EXPECT_EQ(set.bytes(), wanted);
+        EXPECT_EQ(set.previous(), previous);
+        EXPECT_EQ(set.last().number, previous.number + 1);
+        const auto envelope = sql::readEnvelope(set.header());
+        ASSERT_TRUE(envelope);
+        EXPECT_EQ(envelope->device, "device-17");
+        EXPECT_EQ(envelope->previous, set.previous());
+        EXPECT_EQ(envelope->last, set.last());
+        EXPECT_EQ(envelope->dropped, SyncPosition());
+        ASSERT_EQ(envelope->tables.size(), 1U);
+        EXPECT_EQ(envelope->tables[0].name, "product");
+        EXPECT_TRUE(sql::checkChangeSet(*envelope, set.bytes()));
+        previous = set.last();
+    }
+    ChangeSet set;
+    EXPECT_FALSE(outbox.next(set));
+    EXPECT_FALSE(outbox.error());
+    outbox.restart();
+    EXPECT_EQ(ranges(outbox), "0-1 1-2");
+}
+
+TEST_F(SqlOutboxTest, NeighboursAreMerged)
+{
+    for (const char* const write :
+         {"insert into product values (1, 'tea'), (2, 'rum')",
+          "update product set name = 'ale' where id = 1",
+          "delete from product where id = 2; insert into product values (3, 'gin')"})
+        record(write);
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    EXPECT_EQ(set.previous(), SyncPosition());
+    EXPECT_EQ(set.last().number, 3);
+    EXPECT_EQ(test::countChanges(set.bytes()), 2);
+    expectWhole(set);
+    EXPECT_FALSE(outbox.next(set));
+    EXPECT_EQ(rows("select number, previous from sqlsync_outbox"), "3|0");
+    expectBytesCounted();
+}
+
+TEST_F(SqlOutboxTest, WhatUndoesEachOtherIsAnEmptySet)
+{
+    record("insert into product values (1, 'tea')");
+    record("delete from product");
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    EXPECT_EQ(set.bytes(), "");
+    EXPECT_EQ(set.last().number, 2);
+    expectWhole(set);
+}
+
+TEST_F(SqlOutboxTest, WhatWasHandedOutComesAgainAsItWas)
+{
+    record("insert into product values (1, 'tea')");
+    record("insert into product values (2, 'rum')");
+    ChangeSet first;
+    {
+        Outbox outbox(_database, "device-17");
+        ASSERT_TRUE(outbox.next(first));
+    }
+    record("update product set name = 'ale'");
+    record("delete from product where id = 1");
+    Outbox outbox(_database, "device-17");
+    ChangeSet again;
+    ASSERT_TRUE(outbox.next(again));
+    EXPECT_EQ(again.header(), first.header());
+    EXPECT_EQ(again.bytes(), first.bytes());
+    EXPECT_EQ(ranges(outbox), "2-4");
+    expectBytesCounted();
+}
+
+TEST_F(SqlOutboxTest, MergesUpToSoManyBytes)
+{
+    for (int id = 1; id <= 6; ++id)
+        record("insert into product values (" + std::to_string(id) + ", 'tea')");
+    const long long size = std::stoll(rows("select max(length(changes)) from sqlsync_outbox"));
+    Outbox outbox(_database, "device-17", 2 * size);
+    EXPECT_EQ(ranges(outbox), "0-2 2-4 4-6");
+}
+
+TEST_F(SqlOutboxTest, SetsOfTwoSchemasAreNotMerged)
+{
+    record("insert into product values (1, 'tea')");
+    run("alter table product add column price");
+    ASSERT_TRUE(_recorder->renew());
+    record("insert into product values (2, 'rum', 3)");
+    record("insert into product values (3, 'gin', 3)");
+    Outbox outbox(_database, "device-17");
+    EXPECT_EQ(ranges(outbox), "0-1 1-3");
+}
+
+TEST_F(SqlOutboxTest, AcknowledgedSetsAndThoseBeforeThemAreGone)
+{
+    for (int id = 1; id <= 3; ++id)
+        record("insert into product values (" + std::to_string(id) + ", 'tea')");
+    Outbox outbox(_database, "device-17", 1);
+    ChangeSet sets[3];
+    for (ChangeSet& set : sets)
+        ASSERT_TRUE(outbox.next(set));
+    EXPECT_TRUE(outbox.acknowledge(sets[1].last()));
+    EXPECT_EQ(rows("select number from sqlsync_outbox"), "3");
+    EXPECT_EQ(outbox.pending()->sets, 1);
+    EXPECT_EQ(outbox.pending()->bytes, static_cast<sql::integer>(sets[2].bytes().size()));
+    EXPECT_TRUE(outbox.acknowledge(sets[0].last()));
+    EXPECT_TRUE(outbox.acknowledge(sets[2].last()));
+    EXPECT_EQ(outbox.pending()->sets, 0);
+    expectBytesCounted();
+    record("insert into product values (4, 'tea')");
+    Outbox later(_database, "device-17");
+    EXPECT_EQ(ranges(later), "3-4");
+}
+
+TEST_F(SqlOutboxTest, CommitThatWasNeverHandedOutIsNotAcknowledged)
+{
+    record("insert into product values (1, 'tea')");
+    record("insert into product values (2, 'rum')");
+    Outbox outbox(_database, "device-17", 1);
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    SyncPosition position = set.last();
+    position.number = 2;
+    EXPECT_FALSE(outbox.acknowledge(position));
+    expectFailure(outbox.error(), "acknowledge", "21=SQLITE_MISUSE: commit 2 was never handed out");
+    position = set.last();
+    ++position.incarnation; // of the file before it was restored
+    EXPECT_FALSE(outbox.acknowledge(position));
+    expectFailure(outbox.error(), "acknowledge", "21=SQLITE_MISUSE: commit 1 was never handed out");
+    EXPECT_EQ(outbox.pending()->sets, 2);
+    EXPECT_FALSE(outbox.error());
+}
+
+TEST_F(SqlOutboxTest, NoOperationWorksWithinATransaction)
+{
+    record("insert into product values (1, 'tea')");
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    run("begin");
+    const string reason = "1=SQLITE_ERROR: cannot start a transaction within a transaction";
+    EXPECT_FALSE(outbox.next(set));
+    expectFailure(outbox.error(), "begin", reason);
+    EXPECT_FALSE(outbox.acknowledge({}));
+    expectFailure(outbox.error(), "begin", reason);
+    run("rollback");
+    EXPECT_EQ(ranges(outbox), "0-1");
+}
+
+TEST_F(SqlOutboxTest, DamagedSchemaIsAFailure)
+{
+    record("insert into product values (1, 'tea')");
+    run("update sqlsync_schema set description = x'00'");
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    EXPECT_FALSE(outbox.next(set));
+    EXPECT_TRUE(outbox.error().isCorrupt());
+    _diagnostics.clear();
+    EXPECT_EQ(rows("select sent from sqlsync_state"), "0");
+}
+
+// --- The limit ------------------------------------------------------------------------------------
+
+TEST_F(SqlOutboxTest, CommitThatHasNoRoomIsRefused)
+{
+    record("insert into product values (1, 'tea')");
+    const string size = rows("select bytes from sqlsync_state");
+    _recorder.reset();
+    _options = {std::stoll(size), WhenFull::refuse_writes};
+    EXPECT_FALSE(tryToRecord("insert into product values (2, 'rum')"));
+    expectFailure(_failure, "commit",
+                  "13=SQLITE_FULL: the outbox is full: " + std::to_string(2 * std::stoll(size))
+                      + " bytes, at most " + size + " are allowed");
+    EXPECT_EQ(rows("select id from product"), "1");
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    EXPECT_TRUE(outbox.acknowledge(set.last()));
+    record("insert into product values (2, 'rum')");
+    EXPECT_EQ(ranges(outbox), "1-2");
+    expectBytesCounted();
+}
+
+TEST_F(SqlOutboxTest, FullOutboxMergesWhatWasNeverHandedOut)
+{
+    record("insert into product values (1, 'tea')");
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    _recorder.reset();
+    _options = {4 * std::stoll(rows("select bytes from sqlsync_state")), WhenFull::merge_ranges};
+    for (int i = 0; i < 20; ++i)
+        record("insert or replace into product values (2, 'rum " + std::to_string(i) + "')");
+    Outbox all(_database, "device-17", 1);
+    EXPECT_EQ(ranges(all).substr(0, 8), "0-1 1-20");
+    expectBytesCounted();
+    EXPECT_FALSE(tryToRecord("insert into product values (3, '" + string(1000, 'x') + "')"));
+    EXPECT_TRUE(_failure.isFull());
+    _diagnostics.clear();
+    expectBytesCounted();
+}
+
+TEST_F(SqlOutboxTest, FullOutboxDropsTheOldestAndSaysSo)
+{
+    record("insert into product values (1, 'tea')");
+    const long long size = std::stoll(rows("select bytes from sqlsync_state"));
+    _recorder.reset();
+    _options = {2 * size, WhenFull::drop_oldest};
+    record("insert into product values (2, 'rum')");
+    record("insert into product values (3, 'gin')");
+    expectReport(
+        {report::error("Outbox::commit", "The outbox is full: change sets up to 1 were dropped")});
+    Outbox outbox(_database, "device-17", 1);
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    EXPECT_EQ(set.previous().number, 1);
+    EXPECT_EQ(sql::readEnvelope(set.header())->dropped, set.previous());
+    expectBytesCounted();
+    EXPECT_FALSE(tryToRecord("insert into product values (4, '" + string(1000, 'x') + "')"));
+    EXPECT_TRUE(_failure.isFull());
+    EXPECT_EQ(_diagnostics.lines().size(), 2U); // none of a drop
+    _diagnostics.clear();
+    EXPECT_EQ(rows("select number from sqlsync_outbox"), "2\n3");
+    expectBytesCounted();
+}
+
+// --- All of it ------------------------------------------------------------------------------------
+
+TEST_F(SqlOutboxTest, InboxHasTheSameRowsInTheEnd)
+{
+    sql::Database centre;
+    ASSERT_TRUE(centre.open(":memory:", sql::Database::access_create, false, 0));
+    test::run(centre.getHandle(), tables);
+    {
+        sql::Inbox inbox(centre, {"product"});
+        Outbox outbox(_database, "device-17", 200);
+        for (int round = 0; round < 30; ++round) {
+            const string id = std::to_string(round % 7);
+            record("insert or replace into product values (" + id + ", 'round "
+                   + std::to_string(round) + "')");
+            record(round % 3 == 0 ? "delete from product where id = " + id
+                                  : "update product set name = name || '!' where id < " + id);
+            if (round % 4 != 0)
+                continue;
+            ChangeSet set;
+            while (outbox.next(set)) {
+                for (int time = 0; time < 1 + round % 2; ++time) // some come twice
+                    EXPECT_TRUE(inbox.apply("device-17", set.header(), set.bytes()));
+                EXPECT_TRUE(outbox.acknowledge(set.last()));
+            }
+            EXPECT_EQ(test::rows(centre.getHandle(), "select * from product"),
+                      rows("select * from product"));
+        }
+    }
+    centre.close();
+}
+
+} // namespace
