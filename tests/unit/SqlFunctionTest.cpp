@@ -43,6 +43,43 @@ double half(double number)
     return number / 2;
 }
 
+struct Plain {
+    int operator()(int number) const& noexcept
+    {
+        return number + 1;
+    }
+};
+
+struct Counting {
+    int operator()() &
+    {
+        return ++count;
+    }
+    int count = 0;
+};
+
+// --- Callables
+
+TEST_F(FunctionTest, CallOperatorsMayBeOfObjectsThatStay)
+{
+    EXPECT_TRUE(addFunction(_database, "next", Plain()));
+    EXPECT_TRUE(addFunction(_database, "count", Counting()));
+    EXPECT_EQ(rows("select next(1), count(), count()"), "2|1|2");
+}
+
+TEST_F(FunctionTest, NullPointerIsRefused)
+{
+    double (*const none)(double) = nullptr;
+    EXPECT_TRUE(addFunction(_database, "half", half));
+    const Result<bool> added = addFunction(_database, "half", none);
+    ASSERT_TRUE(added.failed());
+    EXPECT_EQ(added.error().extendedCode(), SQLITE_MISUSE);
+    EXPECT_EQ(added.error().text(), "the function is a null pointer");
+    expectReport(report::statementFailed("addFunction", "half",
+                                         "21=SQLITE_MISUSE: the function is a null pointer"));
+    EXPECT_EQ(rows("select half(3)"), "1.5");
+}
+
 // --- Arguments and results
 
 TEST_F(FunctionTest, NumbersGoInAndOut)

@@ -158,6 +158,19 @@ struct FunctionThunk<Callable, Returned (Class::*)(Arguments...) noexcept(throws
     : FunctionThunkOf<Callable, Returned, Arguments...> {
 };
 
+/// How SQL calls one that stays as it is, and is no temporary.
+template <typename Callable, typename Class, typename Returned, typename... Arguments,
+          bool throws_nothing>
+struct FunctionThunk<Callable, Returned (Class::*)(Arguments...) const& noexcept(throws_nothing)>
+    : FunctionThunkOf<Callable, Returned, Arguments...> {
+};
+/// How SQL calls one that changes itself, and is no temporary.
+template <typename Callable, typename Class, typename Returned, typename... Arguments,
+          bool throws_nothing>
+struct FunctionThunk<Callable, Returned (Class::*)(Arguments...)& noexcept(throws_nothing)>
+    : FunctionThunkOf<Callable, Returned, Arguments...> {
+};
+
 /// Lets SQL on this connection call the callable by the name, with as many arguments as it has.
 /// Keeps a copy until the database closes, or the name is given to another with as many arguments.
 /// An argument that does not fit its parameter, as NULL where that is no std::optional, makes the
@@ -174,12 +187,14 @@ Result<bool> addFunction(Database& database, const string& name, Callable callab
         options);
 }
 
-/// Adds a function likewise.
+/// Adds a function likewise. Fails for a null pointer.
 template <typename Returned, typename... Arguments, bool throws_nothing>
 Result<bool> addFunction(Database& database, const string& name,
                          Returned (*function)(Arguments...) noexcept(throws_nothing),
                          FunctionOptions options = FunctionOptions())
 {
+    if (function == nullptr)
+        return addFunctionObject(database, name, {nullptr, nullptr, nullptr, 0}, options);
     return addFunction(
         database, name, [function](Arguments... arguments) { return function(arguments...); },
         options);

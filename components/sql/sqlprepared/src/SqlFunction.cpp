@@ -145,6 +145,8 @@ Result<bool> addFunctionObject(Database& database, const string& name, FunctionO
     sqlite3* const db = database.getHandle();
     if (const char* const why = whyNotNamed(db, name))
         return failed("addFunction", db, name, SQLITE_MISUSE, why);
+    if (object == nullptr)
+        return failed("addFunction", db, name, SQLITE_MISUSE, "the function is a null pointer");
     auto kept = std::make_unique<Kept>(Kept{function, name, std::move(object)});
     const int flags = SQLITE_UTF8 | (options.isDeterministic ? SQLITE_DETERMINISTIC : 0);
     // SQLite destroys what it does not keep.
