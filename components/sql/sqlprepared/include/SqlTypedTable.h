@@ -574,6 +574,10 @@ ObjectCursor<T> query(Database& database, const Mapping<T, Keys, columns, indexe
 {
     return ObjectCursor<T>::find(database, mapping.view(), text, values...);
 }
+/// Does not compile: the mapping has to last.
+template <typename T, typename Keys, std::size_t columns, std::size_t indexes, typename... Values>
+ObjectCursor<T> query(Database& database, const Mapping<T, Keys, columns, indexes>&& mapping,
+                      const string& text, const Values&... values) = delete;
 
 } // namespace sql
 
