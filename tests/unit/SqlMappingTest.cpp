@@ -247,6 +247,30 @@ TEST_F(MappingTest, TimesThatNoMillisecondsHoldAreRefused)
     EXPECT_EQ(found->member.time_since_epoch(), most);
 }
 
+TEST_F(MappingTest, LowestAndHighestTimesAreReadBackInTheirUnit)
+{
+    using Times = Held<Clock::time_point>;
+    const auto inSeconds = sql::mapping<Times>("held", sql::key<&Times::id>("id"),
+                                               sql::column<&Times::member>("member"));
+    const auto mapped = sql::mapping<Times>(
+        "exact", sql::key<&Times::id>("id"),
+        sql::column<&Times::member>("member", sql::milliseconds));
+    sql::TypedTable held(_database, inSeconds);
+    sql::TypedTable exact(_database, mapped);
+    ASSERT_TRUE(held.create() && exact.create());
+    int id = 0;
+    for (const Clock::time_point time : {Clock::time_point::min(), Clock::time_point::max()}) {
+        const Times times{++id, time};
+        ASSERT_TRUE(held.add(times) && exact.add(times));
+        EXPECT_EQ(std::chrono::floor<seconds>(held.find(id).valueOr(Times()).member),
+                  std::chrono::floor<seconds>(time));
+        EXPECT_EQ(std::chrono::floor<milliseconds>(exact.find(id).valueOr(Times()).member),
+                  std::chrono::floor<milliseconds>(time));
+    }
+    EXPECT_EQ(rows("select member from held"), "-9223372037\n9223372036");
+    EXPECT_EQ(rows("select member from exact"), "-9223372036855\n9223372036854");
+}
+
 TEST_F(MappingTest, MillisecondsCanBeCountedForAValue)
 {
     EXPECT_EQ(sql::inMilliseconds(Clock::time_point(milliseconds(1500))), 1500);

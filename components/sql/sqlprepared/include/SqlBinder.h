@@ -339,10 +339,12 @@ struct Binder<std::chrono::time_point<std::chrono::system_clock, Duration>,
     {
         integer seconds = 0;
         const char* const why = column.read(seconds,
-                                            std::chrono::ceil<Seconds>(Duration::min()).count(),
+                                            std::chrono::floor<Seconds>(Duration::min()).count(),
                                             std::chrono::floor<Seconds>(Duration::max()).count());
         if (why == nullptr)
-            time = TimePoint(Seconds(seconds));
+            time = seconds < std::chrono::ceil<Seconds>(Duration::min()).count()
+                       ? TimePoint::min() // which is within that second
+                       : TimePoint(Seconds(seconds));
         return why;
     }
 };

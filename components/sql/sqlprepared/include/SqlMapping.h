@@ -208,7 +208,7 @@ template <typename T> struct MillisecondsBinder {
     static Argument argument(const T& time)
     {
         const typename T::duration since = time.time_since_epoch();
-        if (since > highest<typename T::duration>() || since < -highest<typename T::duration>())
+        if (since > highest<typename T::duration>() || since < lowest<typename T::duration>())
             return Argument::unfit("is out of the range of milliseconds");
         return static_cast<integer>(std::chrono::floor<Unit>(since).count());
     }
@@ -217,10 +217,13 @@ template <typename T> struct MillisecondsBinder {
     {
         using Duration = typename T::duration;
         constexpr auto most = std::chrono::duration_cast<Unit>(highest<Duration>());
+        constexpr auto least = std::chrono::floor<Unit>(lowest<Duration>());
         integer count = 0;
-        const char* const why = column.read(count, -most.count(), most.count());
+        const char* const why = column.read(count, least.count(), most.count());
         if (why == nullptr)
-            time = T(std::chrono::floor<Duration>(Unit(count)));
+            time = T(count < std::chrono::ceil<Unit>(lowest<Duration>()).count()
+                         ? lowest<Duration>() // which is within that millisecond
+                         : std::chrono::floor<Duration>(Unit(count)));
         return why;
     }
 
@@ -234,6 +237,11 @@ private:
                 return std::chrono::duration_cast<Duration>(Unit::max());
         }
         return Duration::max();
+    }
+    // Likewise the lowest, which a finer unit rounds down.
+    template <typename Duration> static constexpr Duration lowest()
+    {
+        return std::is_convertible_v<Duration, Unit> ? -highest<Duration>() : Duration::min();
     }
 };
 template <typename T> struct MillisecondsBinder<std::optional<T>> {
