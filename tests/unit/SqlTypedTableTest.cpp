@@ -308,6 +308,17 @@ TEST_F(TypedTableTest, ObjectsAreLoaded)
     EXPECT_TRUE(found.empty());
 }
 
+TEST_F(TypedTableTest, ValuesOfALoadMayBeOfTheObjectsThatItReplaces)
+{
+    const std::string text = "a note too long to stand within the string";
+    run("insert into reading values (1, 'attic', 1, '" + text + "', 1001)");
+    List found(1, readingOf(1, "attic", 1));
+    found[0].note = text;
+    EXPECT_TRUE(_readings.load(found, "where note = ?", std::string_view(*found[0].note)));
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].note, text);
+}
+
 TEST_F(TypedTableTest, LoadThatFailsLeavesNothing)
 {
     fill();

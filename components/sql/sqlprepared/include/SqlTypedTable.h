@@ -441,6 +441,9 @@ public:
             all.emplace_back();
             return &all.back();
         };
+        std::vector<T> before; // of which the values may be
+        if constexpr (!(std::is_arithmetic_v<Values> && ...))
+            before.swap(objects);
         objects.clear();
         if (loadRows(condition, arguments, sizeof...(Values), make, &objects))
             return true;
