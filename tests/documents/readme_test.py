@@ -22,7 +22,7 @@ EMULATOR = os.environ["EMULATOR"].split()
 FRAGMENTS_TARGET = """
 add_executable(fragments fragments.cpp)
 target_link_libraries(fragments PRIVATE sqlwrapper::sqlwrapper platform::trace)
-foreach(library sqlwrapper sqlprepared)
+foreach(library sqlwrapper sqlprepared sqlsync)
     if(TARGET sqlwrapper::${library})
         add_executable(${library}_headers ${library}.cpp)
         set_target_properties(${library}_headers PROPERTIES CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
@@ -75,6 +75,10 @@ if os.environ["PREPARED"] == "1":
                                 '#include "SqlStopFlag.h"\n#include "SqlTypedTable.h"\n'
                                 "#include <thread>\n")
 
+if os.environ["SYNC"] == "1":
+    LIBRARIES["sqlsync"] = ('#include "SqlChangeReader.h"\n#include "SqlInbox.h"\n#include "SqlOutbox.h"\n'
+                            '#include "SqlRecorder.h"\n#include "SqlStatement.h"\n')
+
 # The examples of the headers, made a program that runs the one it is told; those that do not stand in
 # a function are checked by one that does.
 HEADER_EXAMPLE = """
@@ -82,6 +86,7 @@ static int example%s(sql::Database& database, sql::Table& products, const sql::R
 {
     (void)database, (void)products, (void)tea;
     {
+%s
 %s
     }
     return 0;
@@ -98,6 +103,27 @@ USES = {"Binder": """
     const auto money = same.one<Money>(Money{250});
     return money && money->cents == 250 ? 0 : 1;
 """}
+# What stands before some: a change set, and the database at the other end.
+SENT = """
+    sql::ChangeSet sent;
+    {
+        sql::Recorder recorder(database, {"product"});
+        sql::RecordedTransaction transaction(recorder);
+        products.addRecord(tea);
+        if (!transaction.commit() || !sql::Outbox(database, "device-17").next(sent))
+            return 100;
+    }
+    const std::string_view header = sent.header();
+    const std::string_view bytes = sent.bytes();
+"""
+READ = "    const sql::Envelope envelope = *sql::readEnvelope(header);\n"
+CENTRE = """
+    sql::Database centre;
+    if (!centre.open(":memory:", sql::Database::access_create, false, 0)
+        || !sql::Table(centre.getHandle(), "product", columns).create())
+        return 100;
+"""
+GIVEN = {"Envelope": SENT, "ChangeReader": SENT + READ, "Inbox": SENT + CENTRE}
 HEADERS_MAIN = """
 #include <syslog.h>
 int main(int, char** argv)
@@ -136,7 +162,7 @@ REPORTS = {"Error": ["SQL statement 'insert into product (id) values (?)' failed
 def headers_program(library):
     examples = documents.header_examples(library)
     outside = "".join(OUTSIDE[name] % code for name, code in examples.items() if name in OUTSIDE)
-    functions = "".join(HEADER_EXAMPLE % (name, USES.get(name, code))
+    functions = "".join(HEADER_EXAMPLE % (name, GIVEN.get(name, ""), USES.get(name, code))
                         for name, code in examples.items())
     calls = "".join(f'    if (name == "{name}")\n        return example{name}(database, products, rum);\n'
                     for name in examples)

@@ -37,7 +37,7 @@ struct ChangeValue {
 ///     sql::ChangeReader changes(envelope, bytes);
 ///     while (changes.next()) {
 ///         if (changes.kind() == sql::change_insert)
-///             std::printf("%lld\n", changes.newValue(0).number); // 1
+///             std::printf("%lld\n", changes.newValue(0).number); // 2
 ///     }
 ///     if (changes.error())
 ///         std::puts(changes.error().text().c_str());

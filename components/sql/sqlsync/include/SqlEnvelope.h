@@ -47,7 +47,7 @@ struct SyncTable {
 ///
 ///     const sql::Result<sql::Envelope> envelope = sql::readEnvelope(header);
 ///     if (!envelope || !sql::checkChangeSet(*envelope, bytes))
-///         return false; // cut off or damaged
+///         return 1; // cut off or damaged
 ///     sql::ChangeReader changes(*envelope, bytes);
 ///     while (changes.next())
 ///         std::puts(changes.table().name.c_str()); // product

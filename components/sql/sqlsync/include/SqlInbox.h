@@ -22,7 +22,7 @@ enum class Received {
 ///     const sql::Result<sql::Received> received =
 ///         inbox.apply("device-17", header, bytes);
 ///     if (!received)
-///         return false; // not to be acknowledged
+///         return 1; // not to be acknowledged
 ///     if (*received == sql::Received::kept)
 ///         std::puts("conflict");
 ///
