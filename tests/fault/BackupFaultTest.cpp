@@ -70,12 +70,17 @@ struct Job : test::Case {
     bool restores;
     const char* targetMode; // null for no target
     const char* sourceMode = "delete";
+    const char* sourceEncoding = "UTF-8";
 };
 
 const Job jobs[] = {
-    {"NewFile", false, nullptr},       {"NewFileOfALog", false, nullptr, "wal"},
-    {"ExistingFile", false, "delete"}, {"ExistingFileWithALog", false, "wal"},
-    {"Restore", true, "delete"},       {"RestoreWithALog", true, "wal"},
+    {"NewFile", false, nullptr},
+    {"NewFileOfALog", false, nullptr, "wal"},
+    {"ExistingFile", false, "delete"},
+    {"ExistingFileWithALog", false, "wal"},
+    {"Restore", true, "delete"},
+    {"RestoreWithALog", true, "wal"},
+    {"NewFileInUtf16", false, nullptr, "delete", "UTF-16"},
 };
 
 struct Figures : testing::Environment {
@@ -113,7 +118,7 @@ protected:
 
     void makeFiles() const
     {
-        make(_source, "new", 60, GetParam().sourceMode);
+        make(_source, "new", 60, GetParam().sourceMode, GetParam().sourceEncoding);
         if (hasTarget())
             make(_target, "old", 90, GetParam().targetMode);
     }
@@ -198,14 +203,16 @@ protected:
 
 private:
     static void make(const std::string& file, const std::string& name, int rows,
-                     const std::string& mode)
+                     const std::string& mode, const std::string& encoding = "UTF-8")
     {
         test::Connection maker(file);
-        maker.run("pragma page_size = 1024; create table product (id integer primary key, name);"
-                  "insert into product with recursive n (i) as (select 1 union all"
-                  " select i + 1 from n limit "
-                  + std::to_string(rows) + ") select i, '" + name
-                  + "' || printf('%0200d', i) from n; pragma journal_mode = " + mode);
+        maker.run(
+            "pragma encoding = '" + encoding
+            + "'; pragma page_size = 1024; create table product (id integer primary key, name);"
+              "insert into product with recursive n (i) as (select 1 union all"
+              " select i + 1 from n limit "
+            + std::to_string(rows) + ") select i, '" + name
+            + "' || printf('%0200d', i) from n; pragma journal_mode = " + mode);
     }
 
     std::string _sourceBytes;

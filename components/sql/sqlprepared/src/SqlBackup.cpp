@@ -30,6 +30,7 @@ constexpr int pages_per_step = 64; // about a millisecond
 constexpr milliseconds pause_time(5);
 
 constexpr char read_something[] = "pragma main.schema_version";
+constexpr char check_without_memory[] = "unable to get the page. error code=7"; // SQLITE_NOMEM
 constexpr const char* leftovers[] = {"-journal", "-wal", "-shm"};
 
 // What an operation works with.
@@ -174,6 +175,8 @@ Error check(const Work& work, const Own& own, const string& file)
                                          : "pragma main.quick_check(1)";
     if (Error error = run(work, own.get(), statement, file, answer))
         return error;
+    if (answer.find(check_without_memory) != string::npos)
+        return failed(work.operation, SQLITE_NOMEM, file, reasonOf(SQLITE_NOMEM));
     if (answer != "ok")
         return failed(work.operation, SQLITE_CORRUPT, file, "the check says: " + answer);
     return Error();
