@@ -148,7 +148,9 @@ string TableStatements::upserting() const
 string TableStatements::textOf(Work work) const
 {
     const string from = " from " + quoteIdentifier(_name);
-    const string where = " where " + listed(Listed::keys, isValue, " and ");
+    const auto where = [this] {
+        return " where " + listed(Listed::keys, isValue, " and ");
+    };
     switch (work) {
     case insert_many:
         return insertionOf(rowsAtOnce());
@@ -159,11 +161,11 @@ string TableStatements::textOf(Work work) const
     case upsert:
         return upserting();
     case remove:
-        return joined({"delete", from, where});
+        return joined({"delete", from, where()});
     case exists:
-        return joined({"select 1", from, where});
+        return joined({"select 1", from, where()});
     case read:
-        return selectionFrom(_name) + where;
+        return selectionFrom(_name) + where();
     default:
         return insertionOf(1);
     }

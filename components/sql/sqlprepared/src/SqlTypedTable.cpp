@@ -716,7 +716,7 @@ bool MappedValues::bindObject(const char* operation, Statement& statement, int i
 }
 
 // Null for none.
-const void* MappedValues::valueOf(const MappedColumn& column, const void* member)
+inline const void* MappedValues::valueOf(const MappedColumn& column, const void* member)
 {
     const void* const value = column.optional != nullptr ? column.optional->get(member) : member;
     if (_isUpdate || !column.isChosen || !MemberAccess::isNoKey(column, value))
@@ -913,7 +913,7 @@ Presence MappedTable::lookUp(const char* operation, Work work, const KeyValue* k
     Statement* const statement = prepared(operation, work);
     if (statement == nullptr)
         return Presence::unknown;
-    MappedValues values(_mapping, _texts, keys, _keyCount);
+    MappedValues values(_mapping, _texts, keys, keys != nullptr ? _keyCount : 0);
     const Presence found = statement->readMapped(operation, values, variables, count);
     keep(*statement, found != Presence::unknown);
     return found;
@@ -938,9 +938,8 @@ Result<integer> MappedTable::countRows(std::string_view condition, const Argumen
         if (_counting.empty())
             _counting = textOf(count_all);
         found = firstBy("count", _counting, condition, values, count, &variable, 1);
-    } else if (Statement* const statement = prepared("count", count_all)) {
-        found = statement->readFirst("count", nullptr, 0, &variable, 1);
-        keep(*statement, found != Presence::unknown);
+    } else {
+        found = lookUp("count", count_all, nullptr, &variable, 1);
     }
     return found == Presence::unknown ? Result<integer>(_error) : rows;
 }
