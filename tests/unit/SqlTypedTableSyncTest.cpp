@@ -212,6 +212,32 @@ TEST_F(TypedSyncTest, FailureAddsNothing)
     EXPECT_EQ(textOf("part"), "CREATE TABLE part (id integer primary key, name text not null)");
 }
 
+TEST_F(TypedSyncTest, FailureOfAnAdditionIsThatOfTheWhole)
+{
+    run("create table part (id integer primary key, name text not null)");
+    run("begin; pragma query_only = on");
+    const sql::Result<std::vector<sql::string>> found = _parts.sync();
+    EXPECT_TRUE(found.failed());
+    expectFailure(found.error(), "sync", "8=SQLITE_READONLY: attempt to write a readonly database");
+    EXPECT_EQ(
+        found.error().statement(),
+        "alter table `part` add column `stock` INTEGER NOT NULL DEFAULT 0 CHECK (stock >= 0)");
+    run("pragma query_only = off; rollback");
+}
+
+TEST_F(TypedSyncTest, EachStatementIsTracedAsItsOwn)
+{
+    for (const char* const before :
+         {"", "create table part (id integer primary key, name text not null)"}) {
+        run(std::string("drop table if exists part;") + before);
+        _diagnostics.setLevel(8);
+        EXPECT_TRUE(_parts.sync());
+        _diagnostics.setLevel(3);
+        for (const std::string& line : _diagnostics.take())
+            EXPECT_THAT(line, testing::ContainsRegex("\\((sync|begin|commit)\\) - stmt="));
+    }
+}
+
 TEST_F(TypedSyncTest, ClosedDatabaseIsAFailure)
 {
     const std::string not_open = "21=SQLITE_MISUSE: the database is not open";

@@ -477,7 +477,134 @@ TEST_F(TypedTableTest, CursorThatWasMovedGoesOn)
     moved = _readings.select("order by id desc");
     EXPECT_TRUE(moved.next(row));
     EXPECT_EQ(row.id, 3);
+    auto& same = moved;
+    moved = std::move(same);
+    EXPECT_TRUE(moved.next(row));
+    EXPECT_EQ(row.id, 2);
     EXPECT_EQ(statementsOf(_database.getHandle()), 2);
+}
+
+TEST_F(TypedTableTest, CursorTakesOverTheColumnsOfAnother)
+{
+    fill();
+    struct Turned {
+        double value = 0;
+        sql::string sensor;
+        sql::integer id = 0;
+    };
+    const auto mapped = sql::mapping<Turned>("", sql::column<&Turned::value>("value"),
+                                             sql::column<&Turned::sensor>("sensor"),
+                                             sql::column<&Turned::id>("id"));
+    const auto less = sql::mapping<Turned>("", sql::column<&Turned::id>("id"));
+    auto rows = sql::query<Turned>(_database, less, "select 7 as id");
+    rows = sql::query<Turned>(_database, mapped,
+                              "select id, sensor, value from reading order by id");
+    Turned row;
+    ASSERT_TRUE(rows.next(row));
+    EXPECT_EQ(row.id, 1);
+    EXPECT_EQ(row.sensor, "hall");
+    EXPECT_EQ(row.value, 2.5);
+    auto selected = _readings.select("where id = 3");
+    auto other = _readings.select("where id = 1");
+    other = std::move(selected);
+    Reading found;
+    EXPECT_TRUE(other.next(found));
+    EXPECT_EQ(found.id, 3);
+    EXPECT_FALSE(other.next(found));
+    EXPECT_TRUE(other.finished());
+}
+
+TEST_F(TypedTableTest, CursorThatFailsSaysSoByItsOwnName)
+{
+    run("insert into reading (id, sensor, value, at) values (1, 'hall', 'warm', 1)");
+    auto selected = _readings.select();
+    Reading row;
+    EXPECT_FALSE(selected.next(row));
+    expectFailure(selected.error(), "next", "20=SQLITE_MISMATCH: column value is no number");
+    const auto mapped = sql::mapping<Reading>("", sql::column<&Reading::id>("id"));
+    auto queried = sql::query<Reading>(_database, mapped,
+                                       "select abs(-9223372036854775807 - 1) as id");
+    EXPECT_FALSE(queried.next(row));
+    expectFailure(queried.error(), "next", "1=SQLITE_ERROR: integer overflow");
+}
+
+TEST_F(TypedTableTest, LoopThatEndedByAFailureIsAskedByFinished)
+{
+    run("insert into reading (id, sensor, at) values (1, 'hall', 1)");
+    auto rows = _readings.select();
+    Reading row;
+    EXPECT_FALSE(rows.next(row));
+    EXPECT_FALSE(rows.finished());
+    _diagnostics.clear();
+}
+
+TEST_F(TypedTableTest, TableThatIsNotThereIsAFailureOfEachOperation)
+{
+    run("drop table reading");
+    const std::string reason = "1=SQLITE_ERROR: no such table: reading";
+    Reading row = readingOf(7, "hall", 2.5);
+    EXPECT_FALSE(_readings.add(row));
+    expectFailure(_readings, "add", reason);
+    EXPECT_FALSE(_readings.add(&row, &row + 1));
+    expectFailure(_readings, "add", reason);
+    EXPECT_FALSE(_readings.update(row));
+    expectFailure(_readings, "update", reason);
+    EXPECT_FALSE(_readings.addOrUpdate(row));
+    expectFailure(_readings, "addOrUpdate", reason);
+    EXPECT_FALSE(_readings.remove(7));
+    expectFailure(_readings, "remove", reason);
+    EXPECT_EQ(_readings.has(7), Presence::unknown);
+    expectFailure(_readings, "has", reason);
+    EXPECT_TRUE(_readings.find(7).failed());
+    expectFailure(_readings, "find", reason);
+    EXPECT_TRUE(_readings.count().failed());
+    expectFailure(_readings, "count", reason);
+}
+
+TEST_F(TypedTableTest, RowThatATriggerLeavesOutHasNoKey)
+{
+    run("create trigger left before insert on reading begin select raise(ignore); end");
+    Reading row = readingOf(0, "hall", 2.5);
+    EXPECT_TRUE(_readings.add(row));
+    EXPECT_EQ(row.id, 0);
+    EXPECT_EQ(_readings.changes(), 0);
+    EXPECT_EQ(_readings.lastKey(), std::nullopt);
+}
+
+TEST_F(TypedTableTest, CellsOfOtherKindsAreReadIntoTheirMembers)
+{
+    struct Loose {
+        sql::integer whole = 0;
+        sql::string text;
+        bool truth = false;
+        std::optional<sql::integer> maybe;
+    };
+    const auto mapped = sql::mapping<Loose>(
+        "", sql::column<&Loose::whole>("whole"), sql::column<&Loose::text>("text"),
+        sql::column<&Loose::truth>("truth"), sql::column<&Loose::maybe>("maybe"));
+    const auto ask = [&](const std::string& cells) {
+        return sql::query<Loose>(_database, mapped, "select " + cells);
+    };
+    Loose row;
+    EXPECT_TRUE(ask("'12' as whole, 7 as text, '1' as truth, 3.0 as maybe").next(row));
+    EXPECT_EQ(row.whole, 12);
+    EXPECT_EQ(row.text, "7");
+    EXPECT_TRUE(row.truth);
+    EXPECT_EQ(row.maybe, 3);
+    for (const char* const truth : {"-1", "2"}) {
+        auto rows = ask("1 as whole, '' as text, " + std::string(truth)
+                        + " as truth, null as maybe");
+        EXPECT_FALSE(rows.next(row));
+        expectFailure(rows.error(), "next",
+                      "20=SQLITE_MISMATCH: column truth is out of the variable's range");
+    }
+    for (const bool had : {false, true}) {
+        row.maybe = had ? std::optional<sql::integer>(9) : std::nullopt;
+        auto rows = ask("1 as whole, '' as text, 0 as truth, 'x' as maybe");
+        EXPECT_FALSE(rows.next(row));
+        expectFailure(rows.error(), "next", "20=SQLITE_MISMATCH: column maybe is no number");
+        EXPECT_EQ(row.maybe.has_value(), had);
+    }
 }
 
 TEST_F(TypedTableTest, ConditionThatIsWrongIsAFailureOfEachOperation)
@@ -517,6 +644,8 @@ TEST_F(TypedTableTest, ValuesHaveToBeAsManyAsTheirMarks)
     EXPECT_TRUE(_readings.count("where id = ?", Limits<double>::quiet_NaN()).failed());
     expectFailure(_readings, "count",
                   "20=SQLITE_MISMATCH: the value of parameter 1 is not a number");
+    EXPECT_TRUE(_readings.count("", 1).failed());
+    expectFailure(_readings, "count", "25=SQLITE_RANGE: there are 1 values for 0 parameters");
 }
 
 TEST_F(TypedTableTest, LoopThatEndedByAFailureUnaskedIsAnAssertion)
@@ -592,6 +721,19 @@ TEST_F(TypedTableTest, KeyMayBeAText)
     settings.release();
 }
 
+TEST_F(TypedTableTest, ValueThatSqliteHasNoRoomForIsAFailure)
+{
+    sqlite3_limit(_database.getHandle(), SQLITE_LIMIT_LENGTH, 1000);
+    const std::string reason = "18=SQLITE_TOOBIG: string or blob too big";
+    EXPECT_FALSE(_readings.add(readingOf(7, std::string(1001, 'x'), 2.5)));
+    expectFailure(_readings, "add", reason);
+    TypedTable settings(_database, setting);
+    ASSERT_TRUE(settings.create());
+    EXPECT_EQ(settings.has(std::string(1001, 'x')), Presence::unknown);
+    expectFailure(settings, "has", reason);
+    settings.release();
+}
+
 struct Sample {
     sql::string sensor;
     Clock::time_point at;
@@ -637,6 +779,46 @@ struct Line {
     sql::string text;
 };
 const auto line = sql::mapping<Line>("line", sql::column<&Line::text>("text"));
+
+TEST_F(TypedTableTest, IntegersOfAKeyOfSeveralColumnsAreNeverNull)
+{
+    struct Pair {
+        sql::integer left = 0;
+        sql::integer right = 0;
+    };
+    const auto mapped = sql::mapping<Pair>("pair", sql::key<&Pair::left>("left"),
+                                           sql::key<&Pair::right>("right"));
+    TypedTable pairs(_database, mapped);
+    ASSERT_TRUE(pairs.create());
+    EXPECT_EQ(textOf("pair"),
+              "CREATE TABLE `pair` (`left` INTEGER NOT NULL, `right` INTEGER NOT NULL,"
+              " PRIMARY KEY (`left`, `right`))");
+    pairs.release();
+}
+
+TEST_F(TypedTableTest, FieldsHaveTheTypesOfTheMembers)
+{
+    struct Kinds {
+        bool truth = false;
+        double real = 0;
+        Clock::time_point at;
+        Clock::time_point fine;
+        sql::Time time;
+        std::vector<unsigned char> block;
+    };
+    const auto mapped = sql::mapping<Kinds>(
+        "kinds", sql::key<&Kinds::real>("real"), sql::column<&Kinds::truth>("truth"),
+        sql::column<&Kinds::at>("at"), sql::column<&Kinds::fine>("fine", sql::milliseconds),
+        sql::column<&Kinds::time>("time"), sql::column<&Kinds::block>("block"));
+    const sql::FieldSet fields = TypedTable(_database, mapped).fields();
+    const sql::field_type types[] = {sql::type_float, sql::type_bool, sql::type_time,
+                                     sql::type_int,   sql::type_time, sql::type_undefined};
+    ASSERT_EQ(fields.count(), static_cast<int>(std::size(types)));
+    EXPECT_EQ(fields.getByIndex(0)->getIndex(),
+              -1); // it has none without a key of integers or texts
+    for (int i = 0; i < fields.count(); ++i)
+        EXPECT_EQ(fields.getByIndex(i)->getType(), types[i]) << i;
+}
 
 TEST_F(TypedTableTest, TableMayHaveNoKey)
 {

@@ -163,14 +163,11 @@ const char* MemberAccess::setNumber(const MappedColumn& column, integer number, 
     return nullptr;
 }
 
+// Of what is not bound straight, or could not be.
 Argument MemberAccess::argumentFor(const MappedColumn& column, const void* value, Texts& texts)
 {
     using TimePoint = std::chrono::system_clock::time_point;
     switch (column.kind) {
-    case Kind::truth:
-        return Binder<bool>::argument(at<bool>(value));
-    case Kind::whole:
-        return at<integer>(value);
     case Kind::number: {
         const integer number = numberAt(column, value);
         return number < 0 && !column.isSigned ? Argument::unfit(is_above) : Argument(number);
@@ -179,8 +176,6 @@ Argument MemberAccess::argumentFor(const MappedColumn& column, const void* value
         return at<double>(value);
     case Kind::small_real:
         return static_cast<double>(at<float>(value));
-    case Kind::text:
-        return std::string_view(at<string>(value));
     case Kind::block:
         return Binder<std::vector<unsigned char>>::argument(at<std::vector<unsigned char>>(value));
     case Kind::time:
@@ -189,10 +184,9 @@ Argument MemberAccess::argumentFor(const MappedColumn& column, const void* value
         return Binder<TimePoint>::argument(at<TimePoint>(value));
     case Kind::in_milliseconds:
         return inMilliseconds(at<TimePoint>(value));
-    case Kind::other:
-        break;
+    default:
+        return column.operations->argument(value, texts);
     }
-    return column.operations->argument(value, texts);
 }
 
 // The value itself, also where its member is an accessor.
@@ -294,13 +288,10 @@ const char* MemberAccess::readValue(const MappedColumn& column, const Column& ce
     return column.operations->read(cell, value);
 }
 
-// Null where it can be bound.
+// Of an argument that cannot be bound: NaN is the only one without a reason of its own.
 const char* MemberAccess::whyUnfit(const Argument& argument)
 {
-    if (argument._kind == Argument::Kind::unfit)
-        return argument._why;
-    const bool isReal = argument._kind == Argument::Kind::real;
-    return isReal && std::isnan(argument._real) ? is_not_a_number : nullptr;
+    return argument._kind == Argument::Kind::unfit ? argument._why : is_not_a_number;
 }
 
 const char* MemberAccess::setKey(const MappedColumn& column, integer key, void* object)
@@ -314,9 +305,7 @@ const char* MemberAccess::setKey(const MappedColumn& column, integer key, void* 
 bool Statement::readObject(const char* operation, const Variable& variable)
 {
     RowPlace& place = *static_cast<RowPlace*>(variable.variable);
-    const int count = sqlite3_data_count(_handle.statement);
-    if (count != place.count)
-        return failToFill(operation, place.count);
+    const int count = place.count; // of the statement's columns, too: it was made for them
     void* const object = place.make != nullptr ? place.make(place.list) : place.object;
     const int* const order = place.order;
     const MappedColumn* column = place.columns;
@@ -450,7 +439,7 @@ bool MappedTable::runAll(const char* operation)
         texts.push_back(indexDefinition(index));
     for (const string& text : texts) {
         Statement statement(operation, *_database, text);
-        if (!statement.isPrepared() || !statement.runAs(operation, nullptr, 0))
+        if (!statement.runAs(operation, nullptr, 0))
             return keep(statement, false);
     }
     return true;
@@ -468,7 +457,7 @@ bool MappedTable::create()
 // Commits; a transaction that has not begun fails, too.
 bool MappedTable::endOf(TransactionScope& whole)
 {
-    if (whole.isOpen() && whole.commit())
+    if (whole.commit())
         return true;
     _error = whole.error();
     return false;
@@ -591,7 +580,7 @@ bool MappedTable::addMissing(std::vector<string>& refusals)
 bool MappedTable::addOne(const string& text, const string& remark, std::vector<string>& refusals)
 {
     Statement statement("sync", *_database, text, -1);
-    if (statement.isPrepared() && statement.runAs("sync", nullptr, 0))
+    if (statement.runAs("sync", nullptr, 0))
         return true;
     const Error& reason = statement._error;
     sqlite3* const db = _database->getHandle();
