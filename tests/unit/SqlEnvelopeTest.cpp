@@ -10,6 +10,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <random>
 #include <string>
@@ -550,6 +551,13 @@ TEST_F(SqlEnvelopeTest, SqliteReadsEveryChangedSetThatPasses)
 
 // --- Reading -------------------------------------------------------------------------------------
 
+std::uint64_t bitsOf(double real)
+{
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &real, sizeof bits);
+    return bits;
+}
+
 string described(const sql::ChangeValue& value)
 {
     switch (value.type) {
@@ -558,7 +566,7 @@ string described(const sql::ChangeValue& value)
     case sql::change_integer:
         return std::to_string(value.number);
     case sql::change_real:
-        return testing::PrintToString(value.real);
+        return "real " + std::to_string(bitsOf(value.real));
     case sql::change_text:
         return "'" + string(value.bytes) + "'";
     case sql::change_block:
@@ -633,7 +641,7 @@ TEST_F(SqlEnvelopeTest, ReaderTellsEachChange)
     EXPECT_EQ(&reader.table(), &envelope.tables[0]);
     EXPECT_EQ(described(reader), "product 18 ->1 ->'tea' ->null");
     ASSERT_TRUE(reader.next());
-    EXPECT_EQ(described(reader), "product 23 indirect 2>- ->- 1.5>x\"ab\"");
+    EXPECT_EQ(described(reader), "product 23 indirect 2>- ->- real 4609434218613702656>x\"ab\"");
     EXPECT_EQ(described(reader.oldValue(3)), "-");
     EXPECT_EQ(described(reader.newValue(~std::size_t{0})), "-");
     ASSERT_TRUE(reader.next());
