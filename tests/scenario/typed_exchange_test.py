@@ -72,8 +72,8 @@ REFUSED += [
     ("half", 2**15, RANGE), ("positive_half", 2**16, RANGE), ("whole", 2**31, RANGE),
     ("positive", 2**32, RANGE), ("positive", -1, RANGE), ("natural", -1, RANGE), ("truth", 2, RANGE),
     ("level", 2**15, RANGE), ("position", -1, RANGE), ("single", 1e39, RANGE),
-    ("at", 9223372037, RANGE), ("at", -9223372037, RANGE), ("moment", 9223372036855, RANGE),
-    ("moment", -9223372036855, RANGE), ("maybe_whole", 2**31, RANGE), ("maybe_at", 2**40, RANGE),
+    ("at", 9223372037, RANGE), ("at", -9223372038, RANGE), ("moment", 9223372036855, RANGE),
+    ("moment", -9223372036856, RANGE), ("maybe_whole", 2**31, RANGE), ("maybe_at", 2**40, RANGE),
     ("maybe_moment", 2**62, RANGE), ("big", 2.5, FRACTION), ("big", "tea", NUMBER),
     ("real", "tea", NUMBER), ("maybe_real", b"7", NUMBER), ("four", b"fiver", SIZE),
     ("maybe_four", b"", SIZE)]
