@@ -69,8 +69,8 @@ public:
 private:
     int _extendedCode = 0;
     int _offset = -1;
-    string _text;
-    string _statement;
+    string _text{};
+    string _statement{};
 };
 
 /// Returns why the latest call of SQLite on this connection failed; reports nothing. Ask directly

@@ -9,8 +9,6 @@
 #include <initializer_list>
 #include <string_view>
 
-#pragma GCC visibility push(default) // for sqlsync, which fails in the same way
-
 namespace sql {
 
 constexpr const char* database_not_open = "the database is not open";
@@ -18,6 +16,8 @@ constexpr const char* database_closed = "the database was closed or opened anew"
 
 // Why a cell could not be converted; compared by address, since it is SQLite's failure, not the cell's.
 inline constexpr char no_memory[] = "out of memory";
+
+#pragma GCC visibility push(default) // for sqlsync, which fails in the same way
 
 // What SQLite says of a call that returned this code, which is not always noted in the connection.
 int extendedCodeOf(sqlite3* db, int rc);
@@ -32,8 +32,8 @@ void reportFailure(const char* operation, const char* statement, int rc, const c
 // Copies no statement where memory has run out.
 Error errorOf(sqlite3* db, int rc, const string& why, const char* statement);
 
-} // namespace sql
-
 #pragma GCC visibility pop
+
+} // namespace sql
 
 #endif
