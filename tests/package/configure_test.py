@@ -20,6 +20,7 @@ CONSUMER = pathlib.Path(__file__).resolve().parent / "consumer"
 NO_TESTS = "-DSQLWRAPPER_BUILD_TESTS=OFF"
 NO_EXAMPLES = "-DSQLWRAPPER_BUILD_EXAMPLES=OFF"
 NO_PREPARED = "-DSQLWRAPPER_PREPARED=OFF"
+NO_SYNC = "-DSQLWRAPPER_SYNC=OFF"
 
 # What can be left out, by its packages and the option that makes it missing.
 FOR_TESTS = {
@@ -125,6 +126,30 @@ class NeedsTest(ConfigureTestCase):
             self.assert_configures(NO_TESTS, NO_EXAMPLES, *self.old_sqlite("3.24.0")),
             [f"-- Left out, no session extension for sqlsync in the SQLite of {self.build}: add its "
              "prefix to CMAKE_PREFIX_PATH"])
+
+    def test_sqlite_lacks_what_sqlsync_needs(self):
+        self.assert_refused(
+            f"No session extension for sqlsync in the SQLite of {self.build}: add its prefix to "
+            "CMAKE_PREFIX_PATH, or turn SQLWRAPPER_SYNC off", "-DSQLWRAPPER_SYNC=ON", *self.old_sqlite("3.24.0"))
+
+    def test_sqlcipher_lacks_what_sqlsync_needs(self):
+        (self.build / "sqlcipher").mkdir()
+        self.old_sqlite("3.24.0", "sqlcipher/sqlite3.h")
+        self.assertEqual(
+            self.assert_configures(
+                NO_TESTS, NO_EXAMPLES, "-DSQLWRAPPER_SQLITE=sqlcipher",
+                f"-DSQLWRAPPER_SQLCIPHER_INCLUDE_DIR={self.build}",
+                "-DSQLWRAPPER_SQLCIPHER_LIBRARY=" + os.environ["TRACE"]),
+            [f"-- Left out, no session extension for sqlsync in the SQLite of {self.build}/sqlcipher: "
+             "add its prefix to CMAKE_PREFIX_PATH"])
+
+    def test_sqlsync_needs_sqlprepared(self):
+        self.assert_refused("No sqlprepared for sqlsync: turn SQLWRAPPER_PREPARED on, or SQLWRAPPER_SYNC off",
+                            "-DSQLWRAPPER_SYNC=ON", NO_PREPARED)
+
+    def test_sqlsync_is_not_wanted(self):
+        left_out = self.assert_configures(NO_TESTS, NO_EXAMPLES, NO_SYNC, *self.old_sqlite("3.24.0"))
+        self.assertEqual(left_out, [])
 
     def test_sqlprepared_is_not_wanted(self):
         left_out = self.assert_configures(NO_TESTS, NO_EXAMPLES, NO_PREPARED,
@@ -282,6 +307,13 @@ class WithoutPreparedTest(ConfigureTestCase):
             self.use_installed("-DWANTED=COMPONENTS;sqlprepared"),
             "No sqlprepared beside sqlwrapper: apt-get install libsqlprepared-dev, or build it with "
             "SQLWRAPPER_PREPARED=ON")
+        self.assert_not_found(
+            self.use_installed("-DWANTED=COMPONENTS;sqlprepared;sqlsync"),
+            "No sqlprepared beside sqlwrapper: apt-get install libsqlprepared-dev, or build it with "
+            "SQLWRAPPER_PREPARED=ON")
+        self.assert_not_found(
+            self.use_installed("-DWANTED=COMPONENTS;sqlsync"),
+            "No sqlsync beside sqlwrapper: apt-get install libsqlsync-dev, or build it with SQLWRAPPER_SYNC=ON")
 
     def test_is_not_found_by_who_asks_for_what_there_never_was(self):
         done = self.use_installed("-DWANTED=COMPONENTS;sqlsomething")

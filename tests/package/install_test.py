@@ -41,7 +41,7 @@ class Library(typing.NamedTuple):
 
 
 PLATFORM = ["lib/libframework.so", "lib/libtrace.so"]
-BOTH = {
+ALL = {
     "sqlwrapper": Library(
         "1.0.0", ("SqlCommon", "SqlDatabase", "SqlField", "SqlFieldSet", "SqlRecord", "SqlRecordSet",
                   "SqlTable", "SqlValue"),
@@ -53,8 +53,12 @@ BOTH = {
                   "SqlTableStatements", "SqlTransaction", "SqlTypedTable"),
         {f"lib{SQLITE}.so.0", "libtrace.so", "libframework.so", "libsqlwrapper.so.1"}, "sql::Statement::run()",
         "prepared", "c++17", "`tea`: 3.5, 1970-01-02T00:00:00Z, SQLITE_CONSTRAINT_PRIMARYKEY\n"),
+    "sqlsync": Library(
+        "0.1.0", ("SqlChangeReader", "SqlEnvelope", "SqlInbox", "SqlOutbox", "SqlRecorder"),
+        {f"lib{SQLITE}.so.0", "libsqlwrapper.so.1", "libsqlprepared.so.1", "libtrace.so"},
+        "sql::Outbox::restart()", "sync", "c++17", "1 change of meter-7, applied\n"),
 }
-SHIPPED = {name: BOTH[name] for name in os.environ["SHIPPED"].split(",")}
+SHIPPED = {name: ALL[name] for name in os.environ["SHIPPED"].split(",")}
 RUNTIME = {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6", "libm.so.6"}
 
 
