@@ -51,9 +51,10 @@ STANDARD_TYPES = (
      "std::chrono::system_clock::time_point"),
     (r"(?<=void\*, |char\*, )unsigned (int|long)\b", "std::size_t"))
 
-# What only the templates in the headers call, by its class's name.
-INTERNAL = {"sql": {"migrateSteps"},
+# What only the templates in the headers call, and sqlsync of sqlprepared, by its class's name.
+INTERNAL = {"sql": {"errorOf", "extendedCodeOf", "joined", "migrateSteps", "reasonOf", "reportFailure"},
             "sql::Blob": {"readPieces", "writePieces"},
+            "sql::CommitGuard": {"CommitGuard", "hook", "of", "~CommitGuard"},
             "sql::FunctionCall": {"argumentAt", "isRead"},
             "sql::GroupCommit::Write": {"Write", "~Write", "end"},
             "sql::PreparedTable": {"deleteByKey", "hasKey", "readByKey", "selectWith"},

@@ -78,7 +78,7 @@ STATEMENT = "include/SqlStatement.h"
 SQLPREPARED = {
     "nothing": ([], ""),
     "a class of a source file": (
-        [("src/SqlStatement.cpp", "    Statement& statement;\n};", "    Statement& statement;\n    int more = 0;\n};")],
+        [("src/SqlTypedTable.cpp", "    bool _isKeyChosen = false;\n", "    bool _isKeyChosen = false;\n    int _more = 0;\n")],
         ""),
     "a member of a base class": (
         [("include/SqlTransaction.h", "    Error _error;\n};", "    Error _error;\n    int _more = 0;\n};")],
@@ -90,7 +90,7 @@ SQLPREPARED = {
         [(STATEMENT, "const char* (*read)(const Column& column, void* variable);",
           "const char* (*read)(const Column& column, void* variable, int more);"),
          (STATEMENT, "[](const Column& column, void* target)", "[](const Column& column, void* target, int)"),
-         ("src/SqlStatement.cpp", "variables[i].variable)", "variables[i].variable, 0)"),
+         ("src/SqlStatementRun.h", "variables[i].variable)", "variables[i].variable, 0)"),
          ("src/SqlTypedTable.cpp", "{inMilliseconds ? readerOfMilliseconds : reader, list}", "{nullptr, list}")],
         BROKEN),
     "another type that a template's result holds": (
