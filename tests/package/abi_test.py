@@ -99,6 +99,9 @@ SQLPREPARED = {
 }
 CHANGES = {("sqlwrapper", what): change for what, change in SQLWRAPPER.items()}
 CHANGES.update({("sqlprepared", what): change for what, change in SQLPREPARED.items()})
+CHANGES["sqlsync", "nothing"] = ([], "")
+CHANGES["sqlsync", "another number of an enumerator"] = (
+    [("include/SqlChangeReader.h", "change_delete = 9,", "change_delete = 8,")], BROKEN)
 
 
 def reached(folder, changed):
@@ -132,7 +135,8 @@ def build(name, what, folder):
             subprocess.run(
                 [os.environ["CXX"], "-std=gnu++17", "-g", "-fPIC", "-fvisibility=hidden",
                  "-fvisibility-inlines-hidden", f"-I{library}/include", f"-I{SQL}/sqlwrapper/include",
-                 f"-I{SQL}/sqltrace", '-DSQL_SOURCE_FOLDER=""', "-c", source, "-o", objects[-1]], check=True)
+                 f"-I{SQL}/sqlprepared/include", f"-I{SQL}/sqlprepared/src", f"-I{SQL}/sqltrace",
+                 "-DSQLITE_ENABLE_SESSION", "-DSQLITE_ENABLE_PREUPDATE_HOOK", '-DSQL_SOURCE_FOLDER=""', "-c", source, "-o", objects[-1]], check=True)
         else:
             objects.append(built / f"CMakeFiles/{name}.dir/src/{source.name}.o")
     file = library / f"lib{name}.so"

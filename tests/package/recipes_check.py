@@ -31,6 +31,9 @@ PREPARED_HEADERS = ["SqlBackup.h", "SqlBinder.h", "SqlBlob.h", "SqlFunction.h", 
                     "SqlLiteral.h", "SqlMapping.h", "SqlMigration.h", "SqlPreparedTable.h", "SqlResult.h", "SqlSettings.h",
                     "SqlStatement.h", "SqlStopFlag.h", "SqlTableStatements.h", "SqlTransaction.h", "SqlTypedTable.h"]
 PREPARED_CMAKE = ["sqlpreparedTargets-relwithdebinfo.cmake", "sqlpreparedTargets.cmake"]
+SYNC_HEADERS = ["SqlChangeReader.h", "SqlEnvelope.h", "SqlInbox.h", "SqlOutbox.h", "SqlRecorder.h"]
+SYNC_CMAKE = ["sqlsyncTargets-relwithdebinfo.cmake", "sqlsyncTargets.cmake"]
+SYNC_VERSION = re.search(r"add_sql_library\(sqlsync (\S+)", (ROOT / "components/sql/sqlsync/CMakeLists.txt").read_text())[1]
 # Each file of an installation, by the package that it belongs to.
 FILES = {
     "sqlwrapper": ["lib/libsqlwrapper.so.1", f"lib/libsqlwrapper.so.{VERSION}"],
@@ -43,6 +46,11 @@ FILES = {
                        + [f"lib/cmake/sqlwrapper/{name}" for name in PREPARED_CMAKE]
                        + ["lib/libsqlprepared.so", "lib/pkgconfig/sqlprepared.pc",
                           f"share/gdb/auto-load/usr/lib/libsqlprepared.so.{VERSION}-gdb.py"],
+    "sqlsync": ["lib/libsqlsync.so.0", f"lib/libsqlsync.so.{SYNC_VERSION}"],
+    "sqlsync-dev": [f"include/sqlwrapper/{name}" for name in SYNC_HEADERS]
+                   + [f"lib/cmake/sqlwrapper/{name}" for name in SYNC_CMAKE]
+                   + ["lib/libsqlsync.so", "lib/pkgconfig/sqlsync.pc",
+                      f"share/gdb/auto-load/usr/lib/libsqlsync.so.{SYNC_VERSION}-gdb.py"],
     "sqlwrapper-trace": ["lib/libtrace.so"],
     "sqlwrapper-framework": ["lib/libframework.so"],
 }
@@ -55,6 +63,9 @@ LIBRARIES = {
     "libsqlprepared1": ("libsqlprepared.so.1", VERSION,
                         {"libsqlite3.so.0", "libtrace.so", "libframework.so", "libsqlwrapper.so.1",
                          "libstdc++.so.6"}),
+    "libsqlsync0": ("libsqlsync.so.0", SYNC_VERSION,
+                    {"libsqlite3.so.0", "libtrace.so", "libsqlwrapper.so.1", "libsqlprepared.so.1",
+                     "libstdc++.so.6"}),
 }
 
 
@@ -79,7 +90,7 @@ class Installation(unittest.TestCase):
         output("cmake", "-G", "Ninja", "-S", BUILD / "source", "-B", BUILD / "build",
                "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DCMAKE_INSTALL_PREFIX=/usr",
                "-DCMAKE_INSTALL_LIBDIR=lib", "-DSQLWRAPPER_BUILD_TESTS=OFF",
-               "-DSQLWRAPPER_BUILD_EXAMPLES=OFF", "-DSQLWRAPPER_PREPARED=ON")
+               "-DSQLWRAPPER_BUILD_EXAMPLES=OFF", "-DSQLWRAPPER_PREPARED=ON", "-DSQLWRAPPER_SYNC=ON")
         output("cmake", "--build", BUILD / "build")
         output("cmake", "--install", BUILD / "build", env={**os.environ, "DESTDIR": BUILD / "root"})
         usr = BUILD / "root" / "usr"
@@ -112,7 +123,8 @@ class Packages(unittest.TestCase):
     def test_share_the_installed_files_as_meant(self):
         """As those of Yocto share them, beside documents, with another build type."""
         names = {"libsqlwrapper1": "sqlwrapper", "libsqlwrapper-dev": "sqlwrapper-dev",
-                 "libsqlprepared1": "sqlprepared", "libsqlprepared-dev": "sqlprepared-dev"}
+                 "libsqlprepared1": "sqlprepared", "libsqlprepared-dev": "sqlprepared-dev",
+                 "libsqlsync0": "sqlsync", "libsqlsync-dev": "sqlsync-dev"}
         for debian, name in names.items():
             for package in sorted((ROOT / "build" / "package").glob(f"*/{debian}_*.deb")):
                 with self.subTest(package.name):
@@ -180,6 +192,7 @@ all: ;
                                     PACKAGE_SQLWRAPPER="y")
         self.assertEqual(values["BR2_PACKAGE_SQLITE"], "y")
         self.assertEqual(values["BR2_PACKAGE_SQLWRAPPER_PREPARED"], "n")
+        self.assertEqual(values["BR2_PACKAGE_SQLWRAPPER_SYNC"], "n")
         self.assertEqual(values["BR2_PACKAGE_SQLWRAPPER_DEVICE_PLATFORM"], "n")
 
     def test_cannot_be_chosen_without_what_it_needs(self):
@@ -200,14 +213,16 @@ all: ;
         self.assertEqual(values["SQLWRAPPER_INSTALL_STAGING"], "YES")
 
     def test_sets_options_that_exist(self):
-        for prepared, platform in itertools.product((("n", "OFF"), ("y", "ON")), repeat=2):
-            with self.subTest(prepared=prepared, platform=platform):
+        for prepared, sync, platform in itertools.product((("n", "OFF"), ("y", "ON")), repeat=3):
+            with self.subTest(prepared=prepared, sync=sync, platform=platform):
                 values = self.variables(f"BR2_PACKAGE_SQLWRAPPER_PREPARED={prepared[0]}",
+                                        f"BR2_PACKAGE_SQLWRAPPER_SYNC={sync[0]}",
                                         f"BR2_PACKAGE_SQLWRAPPER_DEVICE_PLATFORM={platform[0]}")
                 options = values["SQLWRAPPER_CONF_OPTS"]
                 self.assertEqual(options.split(), ["-DSQLWRAPPER_BUILD_EXAMPLES=OFF",
                                                    "-DSQLWRAPPER_BUILD_TESTS=OFF",
                                                    f"-DSQLWRAPPER_PREPARED={prepared[1]}",
+                                                   f"-DSQLWRAPPER_SYNC={sync[1]}",
                                                    f"-DSQLWRAPPER_DEVICE_PLATFORM={platform[1]}"])
                 assert_options_exist(self, options)
 
@@ -233,7 +248,7 @@ class YoctoRecipe(unittest.TestCase):
         "FILES:${PN}-dev": "${includedir}/* ${libdir}/lib*.so ${libdir}/cmake/* "
                            "${libdir}/pkgconfig/*",
     }
-    STATEMENT = re.compile(r'([A-Za-z_]+(?:_sqlwrapper)?(?:\[[a-z-]+\]|:(?:\$\{PN\}|sqlprepared)[a-z-]*)?) '
+    STATEMENT = re.compile(r'([A-Za-z_]+(?:_sqlwrapper)?(?:\[[a-z-]+\]|:(?:\$\{PN\}|sqlprepared|sqlsync)[a-z-]*)?) '
                            r'(=|\?\?=|\+=|=\+|\.=) "([^"]*)"')
 
     def read(self, file):
@@ -275,7 +290,7 @@ class YoctoRecipe(unittest.TestCase):
 
     def test_sets_options_that_exist(self):
         values = self.read(RECIPE)
-        for name in "EXTRA_OECMAKE", "PACKAGECONFIG[prepared]", "PACKAGECONFIG[device-platform]":
+        for name in "EXTRA_OECMAKE", "PACKAGECONFIG[prepared]", "PACKAGECONFIG[sync]", "PACKAGECONFIG[device-platform]":
             assert_options_exist(self, values[name].replace(",", " "))
 
     def test_checksum_is_that_of_the_licence_file(self):

@@ -18,17 +18,20 @@ EXTERNALSRC_SYMLINKS = ""
 
 EXTRA_OECMAKE = "-DSQLWRAPPER_BUILD_EXAMPLES=OFF -DSQLWRAPPER_BUILD_TESTS=OFF"
 
-# With prepared the second library is built, which has packages of its own.
+# With prepared the second library is built, and with sync, which needs that, the third; each has packages
+# of its own. For sync SQLite has to have its session extension: an append of sqlite3's recipe adds
+# -DSQLITE_ENABLE_SESSION -DSQLITE_ENABLE_PREUPDATE_HOOK to CFLAGS.
 #
 # With device-platform the device's own libtrace and libframework are linked. Their recipes go into
 # DEPENDS, by an append of the device's layer; the packages of the stand-ins then stay empty.
 PACKAGECONFIG ??= "prepared"
 PACKAGECONFIG[prepared] = "-DSQLWRAPPER_PREPARED=ON,-DSQLWRAPPER_PREPARED=OFF"
+PACKAGECONFIG[sync] = "-DSQLWRAPPER_SYNC=ON,-DSQLWRAPPER_SYNC=OFF"
 PACKAGECONFIG[device-platform] = "-DSQLWRAPPER_DEVICE_PLATFORM=ON,-DSQLWRAPPER_DEVICE_PLATFORM=OFF"
 
 # Ahead of the other packages, these get their files before the development package takes all that is
 # of its kind. The stand-ins' libraries have no version in their names, as the device's have none.
-PACKAGES =+ "${PN}-trace ${PN}-framework sqlprepared-dev sqlprepared"
+PACKAGES =+ "${PN}-trace ${PN}-framework sqlprepared-dev sqlprepared sqlsync-dev sqlsync"
 FILES:${PN}-trace = "${libdir}/libtrace.so"
 FILES:${PN}-framework = "${libdir}/libframework.so"
 FILES:sqlprepared = "${libdir}/libsqlprepared.so.*"
@@ -55,6 +58,19 @@ FILES:sqlprepared-dev = "\
     ${datadir}/gdb/auto-load/usr/*/libsqlprepared.so.* \
 "
 RDEPENDS:sqlprepared-dev = "sqlprepared (= ${EXTENDPKGV}) ${PN}-dev (= ${EXTENDPKGV})"
+FILES:sqlsync = "${libdir}/libsqlsync.so.*"
+FILES:sqlsync-dev = "\
+    ${includedir}/sqlwrapper/SqlChangeReader.h \
+    ${includedir}/sqlwrapper/SqlEnvelope.h \
+    ${includedir}/sqlwrapper/SqlInbox.h \
+    ${includedir}/sqlwrapper/SqlOutbox.h \
+    ${includedir}/sqlwrapper/SqlRecorder.h \
+    ${libdir}/cmake/sqlwrapper/sqlsyncTargets* \
+    ${libdir}/libsqlsync.so \
+    ${libdir}/pkgconfig/sqlsync.pc \
+    ${datadir}/gdb/auto-load/usr/*/libsqlsync.so.* \
+"
+RDEPENDS:sqlsync-dev = "sqlsync (= ${EXTENDPKGV}) sqlprepared-dev (= ${EXTENDPKGV})"
 
 # What gdb shows the libraries' objects by.
 FILES:${PN}-dev += "${datadir}/gdb/*"
