@@ -1,7 +1,6 @@
+#include "CutTest.h"
 #include "Diagnostics.h"
-#include "Disk.h"
 #include "Environment.h"
-#include "FaultVfs.h"
 #include "Shop.h"
 #include "SqlInbox.h"
 #include "Sqlite.h"
@@ -10,16 +9,9 @@
 
 #include <gmock/gmock.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
-#include <filesystem>
 #include <functional>
-#include <memory>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -29,7 +21,6 @@ namespace {
 using sql::Inbox;
 using sql::Received;
 using test::Cause;
-using test::FileAccess;
 using test::SyncSet;
 using test::Target;
 using testing::Contains;
@@ -271,120 +262,47 @@ INSTANTIATE_TEST_SUITE_P(Interrupt, InboxFaultTest,
 
 // --- Power cuts and kills
 
-struct Journal : test::Case {
-    const char* setting;
-};
-
-class InboxCutTest : public testing::TestWithParam<Journal> {
+class InboxCutTest : public test::CutTest {
 protected:
     void SetUp() override
     {
         states();
     }
-
-    void removeFiles() const
+    void fill() override
     {
-        for (const auto& entry : std::filesystem::directory_iterator(_directory.path()))
-            std::filesystem::remove(entry.path());
-    }
-
-    // What is left when the power fails before each call that changes something, and in the end.
-    std::vector<test::Files> lossesOf(unsigned int seed) const
-    {
-        removeFiles();
-        std::vector<test::Files> losses;
-        test::Disk disk({"", 512, true});
-        std::mt19937 random(seed);
-        bool isFilled = false;
-        test::FaultVfs vfs;
-        vfs.pretendDisk(512, SQLITE_IOCAP_POWERSAFE_OVERWRITE);
-        vfs.before = [&](const FileAccess& access) {
-            if (isFilled && test::changesDisk(access))
-                losses.push_back(disk.afterPowerLoss(random));
-            return SQLITE_OK;
-        };
-        vfs.after = [&](const FileAccess& access) {
-            disk.take(access);
-        };
         _centre.fill();
-        isFilled = true;
-        EXPECT_TRUE(_centre.work());
-        losses.push_back(disk.afterPowerLoss(random));
-        return losses;
+    }
+    bool work() override
+    {
+        return _centre.work();
     }
 
-    // Where it stands, from where the work goes on to its end.
-    void startAgain() const
+    // Goes on to the end from where it stands.
+    std::function<void()> startAgain() override
     {
-        const std::string there = _centre.contents();
-        EXPECT_THAT(states(), Contains(there));
-        EXPECT_TRUE(_centre.work(stepAfter(there)));
-        EXPECT_EQ(_centre.contents(), states().back());
-    }
-
-    // True when the program was killed before its nth call into the file system.
-    bool workAndKill(int nth) const
-    {
-        removeFiles();
-        _centre.fill();
-        const pid_t child = ::fork();
-        if (child == 0) {
-            test::FaultVfs vfs;
-            vfs.before = [&nth](const FileAccess&) {
-                return --nth == 0 ? ::kill(::getpid(), SIGKILL) : SQLITE_OK;
-            };
-            ::_exit(_centre.work() ? 0 : 1);
-        }
-        int status = -1;
-        EXPECT_EQ(::waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFSIGNALED(status) || status == 0);
-        return WIFSIGNALED(status);
+        return [this] {
+            const std::string there = _centre.contents();
+            EXPECT_THAT(states(), Contains(there));
+            EXPECT_TRUE(_centre.work(stepAfter(there)));
+            EXPECT_EQ(_centre.contents(), states().back());
+        };
     }
 
 private:
-    test::Diagnostics _diagnostics;
-    const test::TemporaryDirectory _directory;
-    const Centre _centre{_directory.file("centre.db"), GetParam().setting};
+    const Centre _centre{file(), GetParam().setting};
 };
 
 TEST_P(InboxCutTest, PowerCutAtEveryWriteLeavesAFileToGoOnWith)
 {
-    const unsigned int seeds = test::longRun() ? 20 : 1;
-    for (unsigned int seed = 1; seed <= seeds && !HasFailure(); ++seed) {
-        const std::vector<test::Files> losses = lossesOf(seed);
-        EXPECT_GT(losses.size(), 20U);
-        const std::size_t stride = test::stride(3);
-        for (std::size_t i = 0; i < losses.size() && !HasFailure(); i += stride) {
-            removeFiles();
-            for (const auto& [path, bytes] : losses[i])
-                test::writeFile(path, bytes);
-            startAgain();
-            ++figures.losses;
-            if (HasFailure())
-                std::printf("with seed %u before call %zu\n", seed, i);
-        }
-    }
+    figures.losses += tryPowerCuts(3);
 }
 
 TEST_P(InboxCutTest, KillAtEachCallIntoTheFileSystemLeavesAFileToGoOnWith)
 {
-    const int stride = test::stride(7);
-    int nth = 1;
-    for (bool isKilled = true; isKilled && !HasFailure(); nth += stride) {
-        isKilled = workAndKill(nth);
-        startAgain();
-        figures.kills += isKilled;
-    }
-    EXPECT_GT(nth, 50);
+    figures.kills += tryKills(7);
 }
 
-const Journal journals[] = {
-    {"RemovedAndSyncedJournal", "pragma synchronous = extra"},
-    {"CutJournal", "pragma journal_mode = truncate"},
-    {"KeptJournal", "pragma journal_mode = persist"},
-    {"WriteAheadLog", "pragma journal_mode = wal"},
-};
-
-INSTANTIATE_TEST_SUITE_P(Journals, InboxCutTest, testing::ValuesIn(journals), test::NameOfCase());
+INSTANTIATE_TEST_SUITE_P(Journals, InboxCutTest, testing::ValuesIn(test::journals),
+                         test::NameOfCase());
 
 } // namespace
