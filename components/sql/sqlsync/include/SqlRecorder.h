@@ -59,7 +59,8 @@ public:
     [[nodiscard]] bool renew();
 
     /// Returns how many times another connection was seen to have committed what was not recorded.
-    /// It is looked for as a RecordedTransaction begins, and told by a line in the log.
+    /// It is looked for as a RecordedTransaction begins, and told by a line in the log. After an I/O
+    /// error SQLite reads the file anew, which looks the same.
     integer unrecorded() const;
 
     /// Returns why the constructor or renew() failed; no failure if not. Lives as long as this.
@@ -114,7 +115,7 @@ public:
     bool isOpen() const;
 
     /// Stores what has changed in the outbox and commits. Returns false on failure: it is still
-    /// open then, to be mended and committed again, unless SQLite has rolled it back.
+    /// open then, to be mended and committed again, unless it had to be rolled back.
     [[nodiscard]] bool commit();
 
     /// Undoes what was done since the beginning, unless SQLite has. Returns false if it has ended

@@ -26,6 +26,14 @@ integer randomNumber()
     return number;
 }
 
+struct SessionEnd {
+    void operator()(sqlite3_session* session) const
+    {
+        sqlite3session_delete(session);
+    }
+};
+typedef std::unique_ptr<sqlite3_session, SessionEnd> Session;
+
 } // namespace
 
 // --- What it holds while it records ---------------------------------------------------------------
@@ -35,13 +43,10 @@ struct Recorder::Core : CommitGuard {
     Core(Database& database, std::vector<SyncTable> described);
     Core(const Core&) = delete;
     Core& operator=(const Core&) = delete;
-    ~Core()
-    {
-        stop();
-    }
 
+    Session makeSession() const;
     bool start();
-    void stop();
+    bool hasSeenAll() const;
     bool allowsCommit() const;
     Error whyNotReady();
     Error look();
@@ -64,7 +69,9 @@ struct Recorder::Core : CommitGuard {
     SyncPosition seen;       // the latest commit of the file
     integer incarnation = 0; // of its own commits; 0 before the first
     bool isCommitting = false;
-    sqlite3_session* session = nullptr; // null without memory
+    Session session;
+    Session spare; // for the next start
+    Session former;
 };
 
 Recorder::Core::Core(Database& database, std::vector<SyncTable> described)
@@ -114,29 +121,52 @@ Error Recorder::Core::look()
     return Error();
 }
 
-// Forgets what has changed so far. Uses no statement, since SQLite has it called as it rolls back.
-bool Recorder::Core::start()
+// One that does not record yet; null without memory.
+Session Recorder::Core::makeSession() const
 {
-    stop();
-    int rc = sqlite3session_create(db, "main", &session);
+    sqlite3_session* made = nullptr;
+    int rc = sqlite3session_create(db, "main", &made);
+    Session owner(made);
     for (auto table = tables.begin(); rc == SQLITE_OK && table != tables.end(); ++table)
-        rc = sqlite3session_attach(session, table->name.c_str());
-    if (rc == SQLITE_OK)
-        return true;
-    stop();
-    return false;
+        rc = sqlite3session_attach(made, table->name.c_str());
+    if (rc != SQLITE_OK)
+        return nullptr;
+    sqlite3session_enable(made, 0);
+    sqlite3session_table_filter(
+        made, [](void*, const char*) { return 0; }, nullptr);
+    return owner;
 }
 
-void Recorder::Core::stop()
+// Forgets what has changed so far. SQLite has it called as it rolls back, maybe since the session has failed
+// in a function that is still running: so it uses no statement, and the former session lives on until the
+// next start. Takes no memory if there was some the last time. Else the former session stays, which has
+// recorded changes: nothing is committed then.
+bool Recorder::Core::start()
 {
-    if (session != nullptr)
-        sqlite3session_delete(session);
-    session = nullptr;
+    if (spare == nullptr)
+        spare = makeSession();
+    if (spare == nullptr)
+        return false;
+    former = std::move(session);
+    if (former != nullptr)
+        sqlite3session_enable(former.get(), 0);
+    session = std::move(spare);
+    sqlite3session_enable(session.get(), 1);
+    spare = makeSession();
+    return spare != nullptr;
+}
+
+// A session that could not record a change, for lack of memory or since it was interrupted, says so as it
+// is asked for the difference of a table that there is not; which its filter keeps it from looking for.
+bool Recorder::Core::hasSeenAll() const
+{
+    return session != nullptr
+           && sqlite3session_diff(session.get(), "main", "", nullptr) == SQLITE_OK;
 }
 
 bool Recorder::Core::allowsCommit() const
 {
-    if (isCommitting || (session != nullptr && sqlite3session_isempty(session) != 0))
+    if (isCommitting || (hasSeenAll() && sqlite3session_isempty(session.get()) != 0))
         return true;
     TRACE_ERROR_AS("Recorder",
                    "Refused a commit of recorded tables outside of a RecordedTransaction");
@@ -193,8 +223,10 @@ bool Recorder::begin(const char* operation)
         return failAs(core->keepSchema.error());
     if (!transaction.commit())
         return failAs(transaction.error());
+    if (!expireStatements())
+        return false;
     _core = std::move(core);
-    return expireStatements();
+    return true;
 }
 
 const char* Recorder::whyNotBegun() const
@@ -329,7 +361,8 @@ bool RecordedTransaction::look()
     return core.start() || fail("begin", SQLITE_NOMEM, no_memory);
 }
 
-// What was stored is undone if it cannot be committed: there may be more to store the next time.
+// What was stored is undone if it cannot be committed: there may be more to store the next time. All is
+// undone where that fails, too, and where not all was recorded.
 bool RecordedTransaction::commit()
 {
     if (!_transaction)
@@ -344,11 +377,14 @@ bool RecordedTransaction::commit()
     SyncPosition position = _previous;
     if (store(position) && commitAll()) {
         core.seen = position;
-        core.start(); // without memory every commit is refused until the next one begins
+        core.start();
+        core.former = nullptr;
         return true;
     }
-    if (_transaction->isOpen())
-        (void)(core.undoPart.run() && core.endPart.run());
+    if (!_transaction->isOpen())
+        return false;
+    if (!core.hasSeenAll() || !core.undoPart.run() || !core.endPart.run())
+        _transaction.reset();
     return false;
 }
 
@@ -367,7 +403,7 @@ bool RecordedTransaction::store(SyncPosition& position)
     Recorder::Core& core = *_recorder->_core;
     int size = 0;
     void* bytes = nullptr;
-    const int rc = sqlite3session_changeset(core.session, &size, &bytes);
+    const int rc = sqlite3session_changeset(core.session.get(), &size, &bytes);
     const std::unique_ptr<void, decltype(&sqlite3_free)> owner(bytes, sqlite3_free);
     if (rc != SQLITE_OK)
         return fail("commit", rc, sqlite3_errstr(rc));
