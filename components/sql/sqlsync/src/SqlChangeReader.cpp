@@ -12,7 +12,7 @@ namespace sql {
 
 namespace {
 
-constexpr const char* cut_off = "the change set is cut off";
+constexpr const char* ends_early = "the change set is cut off";
 
 std::uint64_t bigEndian(std::string_view bytes)
 {
@@ -47,8 +47,9 @@ bool ChangeReader::next()
 {
     if (advance())
         return true;
-    if (!_reason.empty())
-        _error = failed("next", SQLITE_CORRUPT, std::exchange(_reason, string()));
+    const string why(std::exchange(_reason, string()));
+    if (!why.empty())
+        _error = failed("next", SQLITE_CORRUPT, why);
     return false;
 }
 
@@ -117,7 +118,7 @@ bool ChangeReader::readTable()
         return false;
     const std::size_t end = _bytes.find('\0', _at);
     if (end == std::string_view::npos)
-        return fail(_at, cut_off);
+        return fail(_at, ends_early);
     const std::string_view name = _bytes.substr(_at, end - _at);
     _at = end + 1;
 
@@ -218,7 +219,7 @@ bool ChangeReader::readLength(std::size_t& length)
 bool ChangeReader::readBytes(std::size_t size, std::string_view& bytes)
 {
     if (size > _bytes.size() - _at)
-        return fail(_at, cut_off);
+        return fail(_at, ends_early);
     bytes = _bytes.substr(_at, size);
     _at += size;
     return true;

@@ -181,7 +181,7 @@ bool isKey(const std::vector<SyncColumn>& columns)
     return isCounted && expected > 0 && expected <= most_key_columns;
 }
 
-string whyNotTable(Fields& fields, SyncTable& table)
+string whyNotDescribed(Fields& fields, SyncTable& table)
 {
     table.name = fields.text();
     if (fields.suffice() && !isName(table.name))
@@ -269,7 +269,7 @@ string whyNotSchema(std::string_view description, std::vector<SyncTable>& tables
         return "the header has no table";
     for (std::uint64_t left = count; left > 0; --left) {
         SyncTable table;
-        string why = whyNotTable(fields, table);
+        string why = whyNotDescribed(fields, table);
         if (!why.empty())
             return why;
         const auto isSame = [&table](const SyncTable& other) {

@@ -82,7 +82,7 @@ int isOpened(void* conflict, const char* name)
     return findTable(static_cast<Conflict*>(conflict)->tables, name) != nullptr ? 1 : 0;
 }
 
-int refuse(void* context, int kind, sqlite3_changeset_iter* changes)
+int noteConflict(void* context, int kind, sqlite3_changeset_iter* changes)
 {
     Conflict& conflict = *static_cast<Conflict*>(context);
     const char* name = "";
@@ -419,12 +419,13 @@ Error Inbox::checkOrder(const Envelope& envelope, const Mark& mark)
 {
     if (mark.isRetired)
         return failed("apply", SQLITE_AUTH, retired);
+    const integer next = mark.position.number + 1;
     const integer before = envelope.previous.number;
-    if (before > mark.position.number && envelope.dropped != envelope.previous)
-        return failed("apply", SQLITE_NOTFOUND,
-                      joined({"the commits ", intToStr(mark.position.number + 1), " to ",
-                              intToStr(before), " are missing"}));
-    if (before <= mark.position.number && envelope.previous != mark.position)
+    if (before >= next && envelope.dropped != envelope.previous)
+        return failed(
+            "apply", SQLITE_NOTFOUND,
+            joined({"the commits ", intToStr(next), " to ", intToStr(before), " are missing"}));
+    if (before < next && envelope.previous != mark.position)
         return failed("apply", SQLITE_AUTH,
                       joined({"the device went back to ", intToStr(before),
                               " (restored from a backup), or another device has its name"}));
@@ -459,7 +460,7 @@ Error Inbox::change(const char* operation, Set& set) const
     Conflict conflict{_tables};
     const int rc = sqlite3changeset_apply_v2(
         _connection, static_cast<int>(set.bytes.size()), const_cast<char*>(set.bytes.data()),
-        isOpened, refuse, &conflict, nullptr, nullptr, SQLITE_CHANGESETAPPLY_NOSAVEPOINT);
+        isOpened, noteConflict, &conflict, nullptr, nullptr, SQLITE_CHANGESETAPPLY_NOSAVEPOINT);
     if (rc == SQLITE_OK)
         return part.commit() ? Error() : part.error();
     if (rc != SQLITE_ABORT || conflict.table == nullptr)
