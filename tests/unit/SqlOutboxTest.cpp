@@ -339,6 +339,17 @@ TEST_F(SqlOutboxTest, FullOutboxMergesWhatWasNeverHandedOut)
     expectBytesCounted();
 }
 
+TEST_F(SqlOutboxTest, FullOutboxThatIsDamagedFailsTheCommit)
+{
+    record("insert into product values (1, 'tea')");
+    run("update sqlsync_outbox set changes = x'ff'");
+    _recorder.reset();
+    _options = {1, WhenFull::merge_ranges};
+    EXPECT_FALSE(tryToRecord("insert into product values (2, 'rum')"));
+    expectFailure(_failure, "commit", "11=SQLITE_CORRUPT: database disk image is malformed");
+    EXPECT_EQ(rows("select id from product"), "1");
+}
+
 TEST_F(SqlOutboxTest, FullOutboxDropsTheOldestAndSaysSo)
 {
     record("insert into product values (1, 'tea')");

@@ -369,6 +369,31 @@ TEST_F(SqlRecorderTest, TransactionsOfOthersGiveTheHooksBack)
     expectReport({report::error("Recorder::Recorder", outside)});
 }
 
+// SQLite goes on with a write whose session was stopped as it first looked at the table.
+TEST_F(SqlRecorderTest, WriteThatWasNotRecordedIsNotCommitted)
+{
+    const auto interrupt = [](sqlite3_context* call, int, sqlite3_value**) {
+        sqlite3_interrupt(sqlite3_context_db_handle(call));
+        sqlite3_result_int(call, 7);
+    };
+    sqlite3_create_function(_database.getHandle(), "interrupt", 0, SQLITE_UTF8, nullptr, interrupt,
+                            nullptr, nullptr);
+    const string write = "insert into product values (interrupt(), 'tea', 2)";
+    Recorder recorder(_database, {"product"});
+    EXPECT_EQ(tried(write), "19=constraint failed");
+    expectReport({report::error("Recorder::Recorder", outside)});
+    {
+        RecordedTransaction transaction(recorder);
+        run(write);
+        EXPECT_FALSE(transaction.commit());
+        expectFailure(transaction.error(), "commit", "9=SQLITE_INTERRUPT: interrupted");
+        EXPECT_FALSE(transaction.isOpen());
+    }
+    EXPECT_EQ(rows("select count(*) from product"), "0");
+    EXPECT_TRUE(record(recorder, "insert into product values (1, 'tea', 2)"));
+    EXPECT_EQ(numbers(), "0-1");
+}
+
 // --- Changes of the schema ------------------------------------------------------------------------
 
 TEST_F(SqlRecorderTest, SchemaChangeEndsTheRecordingUntilItIsRenewed)

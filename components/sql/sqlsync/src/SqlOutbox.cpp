@@ -107,7 +107,8 @@ Error replace(Database& database, integer after, const Stored& merged)
 
 } // namespace
 
-Error mergeBehind(Database& database, integer after, integer most, integer& last)
+Error mergeBehind(Database& database, const char* operation, integer after, integer most,
+                  integer& last)
 {
     sqlite3_changegroup* made = nullptr;
     int rc = sqlite3changegroup_new(&made);
@@ -138,7 +139,7 @@ Error mergeBehind(Database& database, integer after, integer most, integer& last
         rc = sqlite3changegroup_output(group.get(), &length, &changes);
     const std::unique_ptr<void, decltype(&sqlite3_free)> owner(changes, sqlite3_free);
     if (rc != SQLITE_OK)
-        return failed("next", rc, sqlite3_errstr(rc));
+        return failed(operation, rc, sqlite3_errstr(rc));
     if (count < 2)
         return Error();
     all.changes = {static_cast<const char*>(changes), static_cast<std::size_t>(length)};
@@ -156,7 +157,8 @@ Error mergeUnsent(Database& database, integer number)
     if (!sent)
         return sent.error();
     for (integer after = *sent; after < number;) {
-        if (Error error = mergeBehind(database, after, std::numeric_limits<integer>::max(), after))
+        if (Error error = mergeBehind(database, "commit", after,
+                                      std::numeric_limits<integer>::max(), after))
             return error;
     }
     return Error();
@@ -276,7 +278,7 @@ Error Outbox::readNext(ChangeSet& set, bool& isRead)
     const integer sent = std::get<0>(*state);
     if (**first > sent) {
         integer last = 0;
-        if (Error error = mergeBehind(*_database, std::max(_after, sent), _most, last))
+        if (Error error = mergeBehind(*_database, "next", std::max(_after, sent), _most, last))
             return error;
         Statement note(*_database, "update main.sqlsync_state set sent = max(sent, ?)");
         if (!note.run(last))

@@ -13,7 +13,8 @@ Error makeOutbox(Database& database);
 
 // Makes one of the change sets behind this number: as many as have one schema and together no more than so
 // many bytes, and at least the first. Says which is the last of them; nothing changes where there is none.
-Error mergeBehind(Database& database, integer after, integer most, integer& last);
+Error mergeBehind(Database& database, const char* operation, integer after, integer most,
+                  integer& last);
 
 // Has the outbox, into which the set with this number has just gone, keep to so many bytes. Fails where it
 // cannot.
