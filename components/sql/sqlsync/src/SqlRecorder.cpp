@@ -362,7 +362,7 @@ bool RecordedTransaction::look()
 }
 
 // What was stored is undone if it cannot be committed: there may be more to store the next time. All is
-// undone where that fails, too, and where not all was recorded.
+// undone where that fails, too, where not all was recorded, and where std::bad_alloc ends it.
 bool RecordedTransaction::commit()
 {
     if (!_transaction)
@@ -374,26 +374,31 @@ bool RecordedTransaction::commit()
         return false;
     if (!core.beginPart.run())
         return failAs(core.beginPart.error());
+    const auto undoAll = [](std::optional<Transaction>* transaction) {
+        transaction->reset();
+    };
+    std::unique_ptr<std::optional<Transaction>, decltype(undoAll)> part(&_transaction, undoAll);
     SyncPosition position = _previous;
     if (store(position) && commitAll()) {
+        part.release();
         core.seen = position;
         core.start();
         core.former = nullptr;
         return true;
     }
-    if (!_transaction->isOpen())
-        return false;
-    if (!core.hasSeenAll() || !core.undoPart.run() || !core.endPart.run())
-        _transaction.reset();
+    if (!_transaction->isOpen() || (core.hasSeenAll() && core.undoPart.run() && core.endPart.run()))
+        part.release();
     return false;
 }
 
 bool RecordedTransaction::commitAll()
 {
-    bool& isCommitting = _recorder->_core->isCommitting;
-    isCommitting = true;
+    const auto end = [](bool* isCommitting) {
+        *isCommitting = false;
+    };
+    const std::unique_ptr<bool, decltype(end)> committing(&_recorder->_core->isCommitting, end);
+    *committing = true;
     const bool isCommitted = _transaction->commit();
-    isCommitting = false;
     _error = _transaction->error();
     return isCommitted;
 }
