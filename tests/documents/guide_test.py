@@ -1,4 +1,4 @@
-"""Runs what docs/start.md, docs/tour.md, docs/prepared.md, docs/choosing.md, docs/integration.md and
+"""Runs what docs/start.md, docs/tour.md, docs/prepared.md, docs/sync.md, docs/choosing.md, docs/integration.md and
 docs/faq.md show, the programs as programs.py says. CXX is the compiler, which stands in for g++.
 """
 
@@ -58,6 +58,23 @@ class TourTest(Test):
         status, output = self.tour()
         self.assertEqual((status, output.splitlines()[-2:]),
                          (1, ["-- Add rows", "tour: this task failed"]))
+
+
+class SyncTest(Test):
+    """The program of docs/sync.md."""
+
+    def test_tour_prints_what_is_shown(self):
+        self.assert_prints(printed_by_tour("docs/sync.md"), "sync", "a.db", "centre.db")
+        rows = [(1, "hall", 21.5), (2, "yard", 7.25), (3, "hall", 3.5), (4, "hall", 4.5),
+                (5, "hall", 5.5), (6, "hall", 6.5)]
+        self.assertEqual(self.query("select * from reading"), [*rows, (7, "hall", 7.5)])
+        self.assertEqual(self.query("select * from reading", "centre.db"), rows)
+        self.assertEqual(self.query("select count(*) from sqlsync_outbox"), [(1,)])
+
+    def test_tour_tells_wrong_use_and_a_file_that_is_no_database(self):
+        self.assert_ends(self.start("sync", "a.db"), 2, "", "usage: sync DEVICE CENTRE\n")
+        self.write("a.db", "This is no database.\n" * 100)
+        self.assert_fails("cannot open the databases", "sync", "a.db", "centre.db")
 
 
 class PreparedTest(Test):

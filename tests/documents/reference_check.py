@@ -49,7 +49,7 @@ STANDARD_TYPES = (
     (r"std::chrono::duration<long(?: long)?, std::ratio<1l+, 1000l+> ?>", "std::chrono::milliseconds"),
     (r"std::chrono::time_point<std::chrono::_V2::system_clock, [^()]*?1000000000l+> ?> ?>",
      "std::chrono::system_clock::time_point"),
-    (r"(?<=void\*, |char\*, )unsigned (int|long)\b", "std::size_t"))
+    (r"(?<=void\*, |char\*, |dValue\(|wValue\()unsigned (int|long)\b", "std::size_t"))
 
 # What only the templates in the headers call, and sqlsync of sqlprepared, by its class's name.
 INTERNAL = {"sql": {"errorOf", "extendedCodeOf", "joined", "migrateSteps", "reasonOf", "reportFailure"},
@@ -179,7 +179,7 @@ class ManualTest(unittest.TestCase):
 
     def test_has_a_page_for_every_class_and_function(self):
         wanted = {"sqlwrapper.3", "sqlwrapper-functions.3", "sqlwrapper-trace.3",
-                  "sqlprepared.3", "sqlprepared-functions.3"}
+                  "sqlprepared.3", "sqlprepared-functions.3", "sqlsync.3", "sqlsync-functions.3"}
         for compound in compounds():
             name = compound.findtext("compoundname")
             if compound.get("kind") in ("class", "struct"):

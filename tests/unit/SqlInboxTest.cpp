@@ -553,7 +553,6 @@ TEST_F(SqlInboxTest, TablesThatDifferAreToldByTableAndColumn)
     };
     const Difference differences[] = {
         {"id integer primary key, name text", "column 'price' is missing here"},
-        {"id integer primary key, name text, price, unit", "column 'unit' is here alone"},
         {"id integer primary key, price, name text", "column 'name' is 'price' here"},
         {"id integer primary key, name text, Price", "column 'price' is 'Price' here"},
         {"id integer primary key, name blob, price",
@@ -571,8 +570,28 @@ TEST_F(SqlInboxTest, TablesThatDifferAreToldByTableAndColumn)
     }
     run("drop table product");
     expectRefused(apply(sent), "apply", "21=SQLITE_MISUSE: table 'product': there is none");
-    run("create table product (id integer primary key, name text, price)");
+    run("drop table pair; create table pair (left text not null, right blob not null,"
+        " more text not null, primary key (right, left, more));"
+        "create table product (id integer primary key, name text, price)");
+    expectRefused(sent, "17=SQLITE_SCHEMA: table 'pair': column 'more' of the key is here alone");
+    run("drop table product; drop table pair");
+    run(test::sync_tables);
     expectApplied(sent);
+}
+
+TEST_F(SqlInboxTest, ColumnsThatALaterReleaseHasAddedAreLeftAlone)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2), (2, 'rum', 3)"));
+    run("alter table product add column unit text default 'kg'; update product set unit = 'g'");
+    expectApplied(_device.commit("insert into product values (3, 'ale', 4);"
+                                 "update product set price = 5 where id = 1;"
+                                 "delete from product where id = 2"));
+    EXPECT_EQ(rows("select * from product order by 1"), "1|tea|5|g\n3|ale|4|kg");
+
+    run("drop table product;"
+        "create table product (id integer primary key, name text, price, unit text not null)");
+    expectKept(_device.commit("insert into product values (4, 'gin', 6)"), "3",
+               "table 'product', insert: a constraint forbids it here");
 }
 
 TEST_F(SqlInboxTest, TableThatWasNotOpenedIsNeverWritten)

@@ -45,7 +45,7 @@ struct SyncTable {
 
 /// What a change set says of itself: its header, read.
 ///
-///     const sql::Result<sql::Envelope> envelope = sql::readEnvelope(header);
+///     const auto envelope = sql::readEnvelope(header);
 ///     if (!envelope || !sql::checkChangeSet(*envelope, bytes))
 ///         return 1; // cut off or damaged
 ///     sql::ChangeReader changes(*envelope, bytes);

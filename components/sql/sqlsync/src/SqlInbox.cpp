@@ -132,6 +132,8 @@ string whyNotSame(const SyncColumn& theirs, const SyncColumn& ours)
     return string();
 }
 
+// Columns that are behind theirs, added by a later release, keep what they hold and begin with their
+// defaults.
 string whyNotSame(const SyncTable& theirs, const SyncTable& ours)
 {
     const std::size_t common = std::min(theirs.columns.size(), ours.columns.size());
@@ -142,8 +144,10 @@ string whyNotSame(const SyncTable& theirs, const SyncTable& ours)
     }
     if (theirs.columns.size() > common)
         return joined({"column '", theirs.columns[common].name, "' is missing here"});
-    if (ours.columns.size() > common)
-        return joined({"column '", ours.columns[common].name, "' is here alone"});
+    for (std::size_t i = common; i < ours.columns.size(); ++i) {
+        if (ours.columns[i].keyOrdinal != 0)
+            return joined({"column '", ours.columns[i].name, "' of the key is here alone"});
+    }
     return string();
 }
 
