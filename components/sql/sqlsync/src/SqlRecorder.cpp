@@ -380,14 +380,14 @@ bool RecordedTransaction::commit()
     std::unique_ptr<std::optional<Transaction>, decltype(undoAll)> part(&_transaction, undoAll);
     SyncPosition position = _previous;
     if (store(position) && commitAll()) {
-        part.release();
+        (void)part.release();
         core.seen = position;
         core.start();
         core.former = nullptr;
         return true;
     }
     if (!_transaction->isOpen() || (core.hasSeenAll() && core.undoPart.run() && core.endPart.run()))
-        part.release();
+        (void)part.release();
     return false;
 }
 
