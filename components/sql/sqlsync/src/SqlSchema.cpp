@@ -59,8 +59,12 @@ Result<string> whyNotColumns(Database& database, SyncTable& table)
     bool hasKey = false;
     bool isGenerated = false;
     SyncColumn column;
-    Statement columns(database, "select name, type, pk, \"notnull\", hidden != 0"
-                                " from pragma_table_xinfo(?, 'main') order by cid");
+    Statement columns(database,
+                      sqlite3_libversion_number() < 3026000 // whose columns are not generated
+                          ? "select name, type, pk, \"notnull\", 0"
+                            " from pragma_table_info(?, 'main') order by cid"
+                          : "select name, type, pk, \"notnull\", hidden != 0"
+                            " from pragma_table_xinfo(?, 'main') order by cid");
     columns.bind(1, table.name);
     while (
         columns.next(column.name, column.type, column.keyOrdinal, column.isNotNull, isGenerated)) {
