@@ -267,6 +267,23 @@ TEST_F(SqlRecorderTest, SavepointsAndRollbacksLeaveNoTrace)
     EXPECT_EQ(numbers(), "0-1");
 }
 
+TEST_F(SqlRecorderTest, EndedTransactionLeavesNoRowsInMemory)
+{
+    run("insert into product with recursive n (i) as (select 1 union all select i + 1 from n limit 1000)"
+        " select i, printf('%.*c', 1000, 'x'), 0 from n");
+    Recorder recorder(_database, {"product"});
+    const sqlite3_int64 before = sqlite3_memory_used();
+    {
+        RecordedTransaction transaction(recorder);
+        run("update product set price = 1");
+        EXPECT_GT(sqlite3_memory_used(), before + 50000);
+    }
+    EXPECT_LT(sqlite3_memory_used(), before + 50000);
+    EXPECT_TRUE(record(recorder, "update product set price = 1"));
+    run("delete from sqlsync_outbox");
+    EXPECT_LT(sqlite3_memory_used(), before + 50000);
+}
+
 TEST_F(SqlRecorderTest, StatementThatWasCompiledBeforeIsRecordedToo)
 {
     runBoth("insert into product values (1, 'tea', 2), (2, 'rum', 3)");

@@ -324,7 +324,13 @@ RecordedTransaction::RecordedTransaction(Recorder& recorder, std::chrono::millis
         _transaction.reset();
 }
 
-RecordedTransaction::~RecordedTransaction() = default;
+// Here no session is in use any more.
+RecordedTransaction::~RecordedTransaction()
+{
+    _transaction.reset();
+    if (_recorder->_core != nullptr)
+        _recorder->_core->former = nullptr;
+}
 
 bool RecordedTransaction::isOpen() const
 {
@@ -383,7 +389,6 @@ bool RecordedTransaction::commit()
         (void)part.release();
         core.seen = position;
         core.start();
-        core.former = nullptr;
         return true;
     }
     if (!_transaction->isOpen() || (core.hasSeenAll() && core.undoPart.run() && core.endPart.run()))
