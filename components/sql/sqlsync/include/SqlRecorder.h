@@ -68,7 +68,7 @@ public:
 
 private:
     friend class RecordedTransaction;
-    struct Core;
+    struct SQLWRAPPER_LOCAL Core;
 
     SQLWRAPPER_LOCAL bool begin(const char* operation);
     SQLWRAPPER_LOCAL const char* whyNotBegun() const;

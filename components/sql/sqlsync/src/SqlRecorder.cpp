@@ -39,7 +39,7 @@ typedef std::unique_ptr<sqlite3_session, SessionEnd> Session;
 // --- What it holds while it records ---------------------------------------------------------------
 
 // The statements keep the connection, which the session needs to end, from closing before.
-struct SQLWRAPPER_LOCAL Recorder::Core : CommitGuard {
+struct Recorder::Core : CommitGuard {
     Core(Database& database, std::vector<SyncTable> described);
     Core(const Core&) = delete;
     Core& operator=(const Core&) = delete;
