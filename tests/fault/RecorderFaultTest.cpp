@@ -333,7 +333,7 @@ sql::Error countTwo(Device& device, const Step&)
     return size.error();
 }
 
-// All but a few rows are there twice: what is written, and what is sent.
+// The limits have room for two commits of a product each.
 const Work works[] = {
     {"Work",
      {},
