@@ -128,6 +128,32 @@ TEST_F(SqlOutboxTest, FileWithoutARecorderHasNothing)
     EXPECT_EQ(set.bytes(), "");
 }
 
+TEST_F(SqlOutboxTest, ChangesHaveTheseBytesOnEverySystem)
+{
+    run("create table cell (id integer primary key, value)");
+    Recorder recorder(_database, {"cell"});
+    const string head("T\2\1\0cell\0", 9);
+    const string id("\1\xff\xff\xff\xff\xff\xff\xff\xfe", 9);
+    const string real("\2\x3f\xf8\0\0\0\0\0\0", 9);
+    const std::pair<const char*, string> changes[] = {
+        {"insert into cell values (-2, 1.5)", string("\22\0", 2) + id + real},
+        {"update cell set value = null", string("\27\0", 2) + id + real + string("\0\5", 2)},
+        {"delete from cell", string("\11\0", 2) + id + "\5"},
+        {"insert into cell values (72623859790382856, 'tea')",
+         string("\22\0\1\1\2\3\4\5\6\7\10\3\3tea", 16)},
+        {"insert into cell values (2, x'00ff')", string("\22\0\1\0\0\0\0\0\0\0\2\4\2\0\xff", 15)},
+    };
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    for (const auto& [statement, bytes] : changes) {
+        RecordedTransaction transaction(recorder);
+        run(statement);
+        ASSERT_TRUE(transaction.commit());
+        ASSERT_TRUE(outbox.next(set));
+        EXPECT_EQ(set.bytes(), head + bytes) << statement;
+    }
+}
+
 TEST_F(SqlOutboxTest, HandsOutInOrderWithTheHeader)
 {
     record("insert into product values (1, 'tea')");
