@@ -400,6 +400,114 @@ TEST_F(SqlOutboxTest, FullOutboxDropsTheOldestAndSaysSo)
     expectBytesCounted();
 }
 
+// --- Failures -------------------------------------------------------------------------------------
+
+// Statements of the library's own that fail in the middle of an operation: all of it is undone.
+class SqlOutboxFailureTest : public SqlOutboxTest {
+protected:
+    // Where something is done to a table of the library's.
+    void forbid(const string& what)
+    {
+        run("create trigger forbidden before " + what + " begin select raise(abort, 'no'); end");
+    }
+    void allow()
+    {
+        run("drop trigger forbidden");
+    }
+    // Of a statement whose text is the library's own matter.
+    void expectForbidden(const sql::Error& error)
+    {
+        EXPECT_EQ(error.extendedCode(), SQLITE_CONSTRAINT_TRIGGER);
+        EXPECT_EQ(error.text(), "no");
+        EXPECT_EQ(_diagnostics.lines().size(), 2U);
+        _diagnostics.clear();
+    }
+    string everything()
+    {
+        return rows("select number, previous, hex(changes) from sqlsync_outbox") + "\n"
+               + rows("select * from sqlsync_state");
+    }
+};
+
+TEST_F(SqlOutboxFailureTest, NothingIsHandedOutThatCouldNotBeNoted)
+{
+    for (const char* const what :
+         {"update of sent on sqlsync_state", "update of bytes on sqlsync_state",
+          "delete on sqlsync_outbox", "insert on sqlsync_outbox"}) {
+        record("insert into product values (null, 'tea')");
+        record("insert into product values (null, 'rum')");
+        _recorder.reset();
+        forbid(what);
+        const string before = everything();
+        Outbox outbox(_database, "device-17");
+        ChangeSet set;
+        EXPECT_FALSE(outbox.next(set)) << what;
+        expectForbidden(outbox.error());
+        EXPECT_EQ(set.bytes(), "");
+        EXPECT_EQ(everything(), before);
+        allow();
+        EXPECT_TRUE(outbox.next(set));
+        EXPECT_TRUE(outbox.acknowledge(set.last()));
+    }
+}
+
+TEST_F(SqlOutboxFailureTest, NothingIsLetGoThatCouldNotBeRemoved)
+{
+    record("insert into product values (1, 'tea')");
+    _recorder.reset();
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    for (const char* const what :
+         {"update of bytes on sqlsync_state", "delete on sqlsync_outbox"}) {
+        forbid(what);
+        const string before = everything();
+        EXPECT_FALSE(outbox.acknowledge(set.last())) << what;
+        expectForbidden(outbox.error());
+        EXPECT_EQ(everything(), before);
+        allow();
+    }
+    EXPECT_TRUE(outbox.acknowledge(set.last()));
+    EXPECT_EQ(outbox.pending()->sets, 0);
+}
+
+TEST_F(SqlOutboxFailureTest, CommitIsRefusedWhenNothingCanBeDropped)
+{
+    record("insert into product values (1, 'tea')");
+    _recorder.reset();
+    _options = {std::stoll(rows("select bytes from sqlsync_state")), WhenFull::drop_oldest};
+    forbid("update of dropped on sqlsync_state");
+    EXPECT_FALSE(tryToRecord("insert into product values (2, 'rum')"));
+    expectForbidden(_failure);
+    EXPECT_EQ(rows("select id from product"), "1");
+    _recorder.reset();
+    allow();
+    EXPECT_TRUE(tryToRecord("insert into product values (2, 'rum')"));
+    _diagnostics.clear();
+    EXPECT_EQ(rows("select number from sqlsync_outbox"), "2");
+}
+
+TEST_F(SqlOutboxFailureTest, DamagedRowsAreToldNotSkipped)
+{
+    record("insert into product values (1, 'tea')");
+    const string size = rows("select bytes from sqlsync_state");
+    _recorder.reset();
+    run("update sqlsync_outbox set previous = 'none'");
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    EXPECT_FALSE(outbox.next(set));
+    EXPECT_EQ(outbox.error().text(), "column previous is no number");
+    _diagnostics.clear();
+    for (const WhenFull whenFull : {WhenFull::merge_ranges, WhenFull::drop_oldest}) {
+        _options = {std::stoll(size), whenFull};
+        EXPECT_FALSE(tryToRecord("insert into product values (2, 'rum')"));
+        EXPECT_EQ(_failure.text(), "column previous is no number");
+        _diagnostics.clear();
+        _recorder.reset();
+    }
+    EXPECT_EQ(rows("select id from product"), "1");
+}
+
 // --- All of it ------------------------------------------------------------------------------------
 
 TEST_F(SqlOutboxTest, InboxHasTheSameRowsInTheEnd)
