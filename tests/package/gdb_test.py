@@ -1,7 +1,7 @@
 """Lets gdb show the library's objects in a program that stops where it has one of each.
 
 CXX is the compiler, GDB the debugger, BUILD the folder of the build, and LIBRARY, TRACE and
-FRAMEWORK are the libraries built there, PREPARED is sqlprepared or empty. DEBUG has the compiler's
+FRAMEWORK are the libraries built there, PREPARED and SYNC are sqlprepared and sqlsync or empty. DEBUG has the compiler's
 options for debug information. EMULATED is an emulator for programs of this machine or empty, and
 OBJECTS are what the libraries are made of, for a program without shared ones.
 """
@@ -18,7 +18,7 @@ import unittest
 HERE = pathlib.Path(__file__).resolve().parent
 COMPONENTS = HERE.parents[1] / "components" / "sql"
 LIBRARIES = [pathlib.Path(os.environ[name]) for name in ("LIBRARY", "TRACE", "FRAMEWORK")]
-SCRIPTS = {name: COMPONENTS / name / "gdb" / f"{name}-gdb.py" for name in ("sqlwrapper", "sqlprepared")}
+SCRIPTS = {name: COMPONENTS / name / "gdb" / f"{name}-gdb.py" for name in ("sqlwrapper", "sqlprepared", "sqlsync")}
 NOISE = "0x" + "a5" * struct.calcsize("P")
 
 MANY = ("sql::Table many = {{handle = 0x?, columns = {{word text, n integer}}, "
@@ -182,6 +182,26 @@ class PreparedMovedTest(PreparedTest, MovedInstallationTest):
 class PreparedCoreTest(PreparedTest, CoreFileTest):
     def can_call(self):
         return False
+
+
+@unittest.skipIf(not os.environ["SYNC"], "this SQLite has no session extension")
+class SyncTest(BuildTreeTest):
+    """The objects of the third library."""
+
+    source = "SyncByGdb.cpp"
+    libraries = [pathlib.Path(os.environ["SYNC"]), pathlib.Path(os.environ["PREPARED"]), *LIBRARIES]
+    library_folders = [library.parent for library in libraries]
+
+    def expected(self):
+        return expected_of("SyncByGdb.cpp")
+
+
+class SyncMovedTest(SyncTest, MovedInstallationTest):
+    options = ["-O2"]
+
+
+class SyncCoreTest(SyncTest, CoreFileTest):
+    pass
 
 
 @unittest.skipIf(not os.environ["EMULATED"], "no emulator")
