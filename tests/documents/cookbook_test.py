@@ -19,6 +19,7 @@ import documents
 from programs import EMULATOR, PROGRAMS, Test, comparable, steps_of
 
 PREPARED = os.environ["PREPARED"] == "1" # whether there is sqlprepared
+SYNC = (PROGRAMS / "collect").exists() # what links sqlsync
 ENCRYPTS = os.environ["SQLITE"] == "sqlcipher"
 
 NO_ENCRYPTION = "this SQLite does not encrypt"
@@ -75,7 +76,8 @@ class SessionTest(Test):
     NAMES = {source.stem for source in (documents.ROOT / "examples" / "cookbook").glob("*.cpp")
              if (PROGRAMS / source.stem).exists()}
     SESSIONS = [session for session in map(steps_of, documents.blocks("docs/cookbook.md", "console"))
-                if PREPARED or not words_of(session) & OF_STATEMENTS]
+                if (PREPARED or not words_of(session) & OF_STATEMENTS)
+                and (SYNC or "collect" not in words_of(session))]
 
     def setUp(self):
         super().setUp()
@@ -234,6 +236,56 @@ class RecipesTest(Test):
         self.assert_prints("2 rows, encrypted\n", "encryption", "a.db", given="it's\n")
         for plain in (b"SQLite", b"patient", b"John Doe"):
             self.assertNotIn(plain, self.bytes())
+
+
+class SyncTest(Test):
+    """What links sqlsync."""
+
+    def record(self, device, value):
+        self.assert_prints("", "collect", "record", device + ".db", device, value)
+
+    def sent(self, device):
+        done = subprocess.run([*EMULATOR, PROGRAMS / "collect", "send", device + ".db", device],
+                              cwd=self.folder, stdout=subprocess.PIPE, check=True)
+        return done.stdout
+
+    def take(self, sets):
+        done = subprocess.run([*EMULATOR, PROGRAMS / "collect", "take", "centre.db"], cwd=self.folder,
+                              input=sets, capture_output=True, check=False)
+        return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+    def rows(self):
+        return self.query("select * from reading", "centre.db")
+
+    def test_readings_of_all_devices_arrive_once(self):
+        self.record("one", "21.5")
+        self.record("two", "7")
+        self.record("one", "22")
+        for device in ("one", "two", "one"):
+            status, answer, _ = self.take(self.sent(device))
+            self.assertEqual(status, 0)
+            self.assertRegex(answer, rf"^-?\d+ {2 if device == 'one' else 1}\n$")
+        self.assertEqual(self.rows(), [("one", 1, 21.5), ("one", 2, 22.0), ("two", 1, 7.0)])
+
+    def test_what_is_cut_off_or_damaged_changes_nothing(self):
+        self.record("one", "21.5")
+        sets = self.sent("one")
+        self.assertEqual(self.take(sets[:-1])[0], 1)
+        damaged = sets[:-1] + bytes([sets[-1] ^ 1])
+        status, answer, told = self.take(damaged)
+        self.assertEqual((status, answer), (1, ""))
+        self.assertIn("collect: cannot apply a change set: the change set's checksum is wrong\n", told)
+        self.assertEqual(self.rows(), [])
+        self.assertEqual(self.take(sets)[0], 0)
+        self.assertEqual(self.rows(), [("one", 1, 21.5)])
+
+    def test_wrong_use_and_bad_files_are_told(self):
+        usage = ("usage: collect record DATABASE DEVICE VALUE | send DATABASE DEVICE | take CENTRE"
+                 " | acknowledge DATABASE DEVICE\n")
+        for given in ((), ("take",), ("send", "a.db"), ("record", "a.db", "one")):
+            self.assert_ends(self.start("collect", *given), 2, "", usage)
+        self.write("a.db", b"This is no database.\n" * 100)
+        self.assert_fails(f"cannot make the table: statement 1: {NO_DATABASE}", "collect", "send", "a.db", "one")
 
 
 class PreparedTest(Test):
