@@ -70,7 +70,7 @@ bool send(sql::Database& device, sql::Inbox& inbox)
 bool deliverTwice(sql::Database& device, sql::Inbox& inbox)
 {
     sql::RecorderOptions options;
-    options.limit = 16 * 1024 * 1024; // bytes of change sets
+    options.limit = 16777216; // bytes of change sets
     options.whenFull = sql::WhenFull::drop_oldest;
     sql::Recorder recorder(device, {"reading"}, options);
     if (!write(device, recorder, 4, 4.5))
