@@ -10,7 +10,18 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <sys/syscall.h>
 #include <type_traits>
+#include <unistd.h>
+
+static bool hasEntropy = true;
+
+// Called in place of the C library's.
+extern "C" int getentropy(void* buffer, std::size_t size)
+{
+    return hasEntropy && ::syscall(SYS_getrandom, buffer, size, 0) == static_cast<long>(size) ? 0
+                                                                                              : -1;
+}
 
 namespace {
 
@@ -42,6 +53,20 @@ const char tables[] =
     "create table other (id integer primary key, name text)";
 const char outside[] = "Refused a commit of recorded tables outside of a RecordedTransaction";
 const char renewal[] = "the schema has changed: renew the recorder";
+
+// As early in a boot, while it lives.
+struct WithoutEntropy {
+    WithoutEntropy()
+    {
+        hasEntropy = false;
+    }
+    WithoutEntropy(const WithoutEntropy&) = delete;
+    WithoutEntropy& operator=(const WithoutEntropy&) = delete;
+    ~WithoutEntropy()
+    {
+        hasEntropy = true;
+    }
+};
 
 class SqlRecorderTest : public test::PreparedTest {
 protected:
@@ -453,6 +478,67 @@ TEST_F(SqlRecorderTest, SchemaChangeWithinATransactionFailsItsCommit)
     EXPECT_TRUE(transaction.isOpen());
     EXPECT_TRUE(transaction.rollback());
     EXPECT_TRUE(record(recorder, "insert into product values (1, 'tea', 2)"));
+}
+
+TEST_F(SqlRecorderTest, FileThatWentBackUnderARecorderIsOfAnotherIncarnation)
+{
+    Recorder recorder(_database, {"product"});
+    EXPECT_TRUE(record(recorder, "insert into product values (1, 'tea', 5)"));
+    EXPECT_TRUE(record(recorder, "insert into product values (2, 'rum', 5)"));
+    EXPECT_EQ(rows("select count(distinct incarnation) from sqlsync_outbox"), "1");
+    const string former = rows("select incarnation from sqlsync_state");
+    run("delete from sqlsync_outbox where number = 2; update sqlsync_state set number = 1");
+    EXPECT_TRUE(record(recorder, "insert into product values (3, 'gin', 5)"));
+    EXPECT_EQ(numbers(), "0-1\n1-2");
+    EXPECT_EQ(rows("select previous_incarnation = " + former + ", incarnation = " + former
+                   + " from sqlsync_outbox where number = 2"),
+              "1|0");
+    const string now = rows("select incarnation from sqlsync_state");
+    EXPECT_TRUE(record(recorder, "insert into product values (4, 'ale', 5)"));
+    EXPECT_EQ(rows("select incarnation from sqlsync_state"), now);
+}
+
+TEST_F(SqlRecorderTest, CommitThatCannotBeNumberedIsRefused)
+{
+    Recorder recorder(_database, {"product"});
+    {
+        const WithoutEntropy without;
+        EXPECT_FALSE(record(recorder, "insert into product values (1, 'tea', 5)"));
+        expectReport(report::statementFailed("commit", "commit",
+                                             "10=SQLITE_IOERR: the system has no random numbers"));
+    }
+    EXPECT_EQ(rows("select count(*) from product"), "0");
+    EXPECT_TRUE(record(recorder, "insert into product values (1, 'tea', 5)"));
+    const WithoutEntropy without; // which it needs once
+    EXPECT_TRUE(record(recorder, "insert into product values (2, 'rum', 5)"));
+    EXPECT_EQ(numbers(), "0-1\n1-2");
+}
+
+TEST_F(SqlRecorderTest, CommitThatCannotBeStoredIsRefused)
+{
+    {
+        const Recorder makes(_database, {"product"}); // its tables
+    }
+    for (const char* const what : {"insert on sqlsync_outbox", "update on sqlsync_state"}) {
+        const string file = rows("select * from sqlsync_state");
+        {
+            run(string("create trigger forbidden before ") + what
+                + " begin select raise(abort, 'no'); end");
+            Recorder recorder(_database, {"product"});
+            RecordedTransaction transaction(recorder);
+            run("insert into product values (1, 'tea', 5)");
+            EXPECT_FALSE(transaction.commit());
+            EXPECT_EQ(transaction.error().extendedCode(), SQLITE_CONSTRAINT_TRIGGER);
+            EXPECT_EQ(transaction.error().text(), "no");
+            EXPECT_TRUE(transaction.isOpen());
+            EXPECT_EQ(_diagnostics.lines().size(), 2U);
+            _diagnostics.clear();
+        }
+        run("drop trigger forbidden");
+        EXPECT_EQ(rows("select * from sqlsync_state"), file);
+        EXPECT_EQ(rows("select count(*) from sqlsync_outbox"), "0");
+        EXPECT_EQ(rows("select count(*) from product"), "0");
+    }
 }
 
 TEST_F(SqlRecorderTest, RenewalThatFailsLeavesItAsItWas)
