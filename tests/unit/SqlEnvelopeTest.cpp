@@ -33,6 +33,8 @@ static_assert(
     std::is_same_v<decltype(&sql::readEnvelope), sql::Result<Envelope> (*)(std::string_view)>);
 static_assert(std::is_same_v<decltype(&sql::checkChangeSet),
                              sql::Result<sql::integer> (*)(const Envelope&, std::string_view)>);
+static_assert(std::is_same_v<decltype(&sql::isNext),
+                             sql::Result<bool> (*)(const Envelope&, const sql::SyncMark&)>);
 static_assert(std::is_same_v<decltype(&ChangeReader::next), bool (ChangeReader::*)()>);
 static_assert(std::is_same_v<decltype(&ChangeReader::table),
                              const sql::SyncTable& (ChangeReader::*)() const>);
@@ -824,6 +826,86 @@ TEST_F(SqlEnvelopeTest, WhatSqliteMergesPassesAlways)
         envelope.checksum = fnv1a(set);
         EXPECT_EQ(sql::checkChangeSet(envelope, set).valueOr(-1), test::countChanges(set)) << round;
     }
+}
+
+// --- Order ---------------------------------------------------------------------------------------
+
+class SqlSyncMarkTest : public test::ReportTest {
+protected:
+    // "next", "repeated", or the code and the reason of a refusal, which was reported.
+    string orderOf(const Envelope& envelope, const sql::SyncMark& mark)
+    {
+        const sql::Result<bool> isNext = sql::isNext(envelope, mark);
+        if (isNext)
+            return *isNext ? "next" : "repeated";
+        const string code = isNext.error().code() == SQLITE_AUTH ? "23=SQLITE_AUTH"
+                                                                 : "12=SQLITE_NOTFOUND";
+        const string text = code + ": " + isNext.error().text();
+        EXPECT_EQ(isNext.error().statement(), "isNext");
+        expectReport(report::statementFailed("isNext", "isNext", text));
+        return text;
+    }
+};
+
+Envelope range(sql::SyncPosition previous, sql::SyncPosition last, sql::SyncPosition dropped = {})
+{
+    Envelope envelope;
+    envelope.device = "device-17";
+    envelope.previous = previous;
+    envelope.last = last;
+    envelope.dropped = dropped;
+    envelope.checksum = 50;
+    return envelope;
+}
+
+TEST_F(SqlSyncMarkTest, FirstSetOfADeviceIsTheNext)
+{
+    EXPECT_EQ(orderOf(range({}, {7, 3}), {}), "next");
+}
+
+TEST_F(SqlSyncMarkTest, SetThatBeginsWhereTheLastHasEndedIsTheNextInAnyIncarnation)
+{
+    EXPECT_EQ(orderOf(range({7, 3}, {7, 4}), {{7, 3}, 49}), "next");
+    EXPECT_EQ(orderOf(range({7, 3}, {8, 4}), {{7, 3}, 49}), "next");
+}
+
+TEST_F(SqlSyncMarkTest, SetWhoseLastCommitHasComeIsRepeated)
+{
+    EXPECT_EQ(orderOf(range({7, 1}, {7, 2}), {{7, 3}, 49, true}), "repeated");
+    EXPECT_EQ(orderOf(range({7, 2}, {7, 3}), {{7, 3}, 50, true}), "repeated");
+    EXPECT_EQ(orderOf(range({7, 2}, {7, 3}), {{7, 3}, 0, true}), "repeated") << "passed over";
+    EXPECT_EQ(orderOf(range({7, 1}, {7, 2}), {{8, 3}, 49, true, true}), "repeated") << "retired";
+}
+
+TEST_F(SqlSyncMarkTest, LastSetWithOtherBytesIsAnother)
+{
+    EXPECT_EQ(orderOf(range({7, 2}, {7, 3}), {{7, 3}, 49, true}),
+              "23=SQLITE_AUTH: the device went back to 2 (restored from a backup), or another"
+              " device has its name");
+}
+
+TEST_F(SqlSyncMarkTest, SetsBeforeItAreMissingUnlessTheDeviceHasDroppedThem)
+{
+    EXPECT_EQ(orderOf(range({7, 5}, {7, 6}), {{7, 3}, 49}),
+              "12=SQLITE_NOTFOUND: the commits 4 to 5 are missing");
+    EXPECT_EQ(orderOf(range({7, 5}, {7, 6}, {7, 4}), {{7, 3}, 49}),
+              "12=SQLITE_NOTFOUND: the commits 4 to 5 are missing");
+    EXPECT_EQ(orderOf(range({7, 5}, {7, 6}, {7, 5}), {{7, 3}, 49}), "next");
+}
+
+TEST_F(SqlSyncMarkTest, SetThatBeginsElsewhereIsOfAnotherOrARestoredDevice)
+{
+    const string reason = "23=SQLITE_AUTH: the device went back to ";
+    const string rest = " (restored from a backup), or another device has its name";
+    EXPECT_EQ(orderOf(range({7, 2}, {8, 4}), {{7, 3}, 49}), reason + "2" + rest);
+    EXPECT_EQ(orderOf(range({6, 3}, {6, 4}), {{7, 3}, 49}), reason + "3" + rest);
+    EXPECT_EQ(orderOf(range({}, {8, 1}), {{7, 3}, 49}), reason + "0" + rest);
+}
+
+TEST_F(SqlSyncMarkTest, RetiredIncarnationIsRefused)
+{
+    EXPECT_EQ(orderOf(range({7, 3}, {6, 4}), {{7, 3}, 49, false, true}),
+              "23=SQLITE_AUTH: the device's incarnation was retired when another was admitted");
 }
 
 } // namespace

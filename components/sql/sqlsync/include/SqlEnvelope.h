@@ -65,6 +65,20 @@ struct Envelope {
     std::vector<SyncTable> tables; ///< Those that the device records.
 };
 
+/// What a receiver keeps of a device, as far as the next change set has to do with it.
+struct SyncMark {
+    SyncPosition position; ///< The latest commit that has come or was passed over; zeros for none.
+    integer checksum = 0;  ///< The checksum of the set that ended with it; 0 if it was passed over.
+    bool isKnown = false;  ///< Whether the commit that the set ends with is one of those.
+    bool isRetired = false; ///< Whether that commit's incarnation is never to be accepted again.
+};
+
+/// Returns whether a change set is the next of its device; false if it has come before. Fails with
+/// SQLITE_NOTFOUND if sets before it are missing that the device has not dropped, and SQLITE_AUTH if
+/// it continues something else than what has come. An Inbox asks this; ask it for a receiver that is
+/// no SQLite.
+Result<bool> isNext(const Envelope& envelope, const SyncMark& mark);
+
 /// Returns the header of a change set with these bytes: little-endian, the same on every system.
 /// Takes device, positions and tables from the envelope, and the rest from them and the bytes.
 string encode(const Envelope& envelope, std::string_view bytes);

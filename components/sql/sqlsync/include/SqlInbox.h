@@ -92,8 +92,6 @@ private:
     SQLWRAPPER_LOCAL Error moveMark(const string& device, const Mark& mark) const;
     SQLWRAPPER_LOCAL Error noteCommits(const string& device, integer first,
                                        const SyncPosition& last) const;
-    SQLWRAPPER_LOCAL static bool isRepeated(const Envelope& envelope, const Mark& mark);
-    SQLWRAPPER_LOCAL static Error checkOrder(const Envelope& envelope, const Mark& mark);
     SQLWRAPPER_LOCAL Error receive(const string& device, Set& set);
     SQLWRAPPER_LOCAL Error changeInTurn(const string& device, Set& set) const;
     SQLWRAPPER_LOCAL Error change(const char* operation, Set& set) const;

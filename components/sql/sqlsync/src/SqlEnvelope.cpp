@@ -332,4 +332,41 @@ Result<integer> checkChangeSet(const Envelope& envelope, std::string_view bytes)
     return count;
 }
 
+// --- Order ---------------------------------------------------------------------------------------
+
+const char* const retired = "the device's incarnation was retired when another was admitted";
+
+// Of the very last set the bytes have to be the same, unless it was passed over.
+bool hasCome(const Envelope& envelope, const SyncMark& mark)
+{
+    const bool isLast = envelope.last == mark.position && mark.checksum != 0;
+    const bool isSame = !isLast || static_cast<integer>(envelope.checksum) == mark.checksum;
+    const bool hasPassed = envelope.last.number <= mark.position.number && isSame;
+    return mark.isKnown && (mark.isRetired || hasPassed);
+}
+
+Result<bool> isTurn(const char* operation, const Envelope& envelope, const SyncMark& mark)
+{
+    if (hasCome(envelope, mark))
+        return false;
+    if (mark.isRetired)
+        return failed(operation, SQLITE_AUTH, retired);
+    const integer next = mark.position.number + 1;
+    const integer before = envelope.previous.number;
+    if (before >= next && envelope.dropped != envelope.previous)
+        return failed(
+            operation, SQLITE_NOTFOUND,
+            joined({"the commits ", intToStr(next), " to ", intToStr(before), " are missing"}));
+    if (before < next && envelope.previous != mark.position)
+        return failed(operation, SQLITE_AUTH,
+                      joined({"the device went back to ", intToStr(before),
+                              " (restored from a backup), or another device has its name"}));
+    return true;
+}
+
+Result<bool> isNext(const Envelope& envelope, const SyncMark& mark)
+{
+    return isTurn("isNext", envelope, mark);
+}
+
 } // namespace sql

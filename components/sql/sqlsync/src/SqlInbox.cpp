@@ -28,8 +28,6 @@ constexpr const char* make_tables =
     " last integer not null, header blob not null, bytes blob not null, reason text not null);"
     "create index if not exists main.sqlsync_kept_device on sqlsync_kept (device)";
 
-constexpr const char* retired = "the device's incarnation was retired when another was admitted";
-
 Bytes bytesOf(std::string_view text)
 {
     return {text.data(), text.size()};
@@ -164,13 +162,8 @@ struct Inbox::Set {
     integer missing = 0; // commits before it that never come
 };
 
-// How far a device has come, and where a set stands to that.
-struct Inbox::Mark {
-    SyncPosition position = {};
-    integer checksum = 0;
-    integer lost = 0;
-    bool isKnown = false;   // the last commit of the set has come, or was passed over
-    bool isRetired = false; // its incarnation
+struct Inbox::Mark : SyncMark {
+    integer lost = 0; // commits that never come
 };
 
 // --- Opening -------------------------------------------------------------------------------------
@@ -393,12 +386,13 @@ Error Inbox::receive(const string& device, Set& set)
     Mark mark;
     if (Error error = readMark(device, envelope, mark))
         return error;
-    if (isRepeated(envelope, mark)) {
+    const Result<bool> isNext = isTurn("apply", envelope, mark);
+    if (!isNext)
+        return isNext.error();
+    if (!*isNext) {
         set.received = Received::repeated;
         return Error();
     }
-    if (Error error = checkOrder(envelope, mark))
-        return error;
     if (Error error = checkTables("apply", set))
         return error;
     if (Error error = changeInTurn(device, set))
@@ -406,34 +400,10 @@ Error Inbox::receive(const string& device, Set& set)
     set.missing = envelope.previous.number - mark.position.number;
     if (Error error = noteCommits(device, mark.position.number + 1, envelope.last))
         return error;
-    return moveMark(
-        device, {envelope.last, static_cast<integer>(envelope.checksum), mark.lost + set.missing});
-}
-
-// Of the very last set the bytes have to be the same, unless it was passed over.
-bool Inbox::isRepeated(const Envelope& envelope, const Mark& mark)
-{
-    const bool isLast = envelope.last == mark.position && mark.checksum != 0;
-    const bool isSame = !isLast || static_cast<integer>(envelope.checksum) == mark.checksum;
-    const bool hasPassed = envelope.last.number <= mark.position.number && isSame;
-    return mark.isKnown && (mark.isRetired || hasPassed);
-}
-
-Error Inbox::checkOrder(const Envelope& envelope, const Mark& mark)
-{
-    if (mark.isRetired)
-        return failed("apply", SQLITE_AUTH, retired);
-    const integer next = mark.position.number + 1;
-    const integer before = envelope.previous.number;
-    if (before >= next && envelope.dropped != envelope.previous)
-        return failed(
-            "apply", SQLITE_NOTFOUND,
-            joined({"the commits ", intToStr(next), " to ", intToStr(before), " are missing"}));
-    if (before < next && envelope.previous != mark.position)
-        return failed("apply", SQLITE_AUTH,
-                      joined({"the device went back to ", intToStr(before),
-                              " (restored from a backup), or another device has its name"}));
-    return Error();
+    mark.position = envelope.last;
+    mark.checksum = static_cast<integer>(envelope.checksum);
+    mark.lost += set.missing;
+    return moveMark(device, mark);
 }
 
 // A set behind one that is kept is kept, too.
@@ -506,7 +476,7 @@ Result<bool> Inbox::admit(const string& device, std::string_view header)
         return error;
     if (mark.isRetired)
         return failed("admit", SQLITE_AUTH, retired);
-    if (isRepeated(envelope, mark))
+    if (hasCome(envelope, mark))
         return failed("admit", SQLITE_MISUSE, "the change set has come before");
     if (envelope.previous != mark.position) {
         if (Error error = admitAfter(device, envelope, mark))
@@ -532,7 +502,10 @@ Error Inbox::admitAfter(const string& device, const Envelope& envelope, const Ma
         if (!retire.run(device, former.incarnation))
             return retire.error();
     }
-    return moveMark(device, {envelope.previous, 0, mark.lost + missing});
+    Mark moved;
+    moved.position = envelope.previous;
+    moved.lost = mark.lost + missing;
+    return moveMark(device, moved);
 }
 
 Result<integer> Inbox::retry(const string& device)

@@ -24,6 +24,14 @@ string whyNotChanges(const Envelope& envelope, std::string_view bytes, integer& 
 // applied: a table with a key that is never null. Reports its failures.
 Result<SyncTable> describeTable(Database& database, const char* operation, const string& name);
 
+// What an operator may ask of a set: whether it has come before, and in which words it is refused if
+// its incarnation was retired.
+bool hasCome(const Envelope& envelope, const SyncMark& mark);
+extern const char* const retired;
+
+// isNext(), which reports under the operation's name.
+Result<bool> isTurn(const char* operation, const Envelope& envelope, const SyncMark& mark);
+
 // Keeps and reports a failure that has no statement: the operation's name stands for it.
 Error failed(const char* operation, int rc, const string& cause);
 
