@@ -3,7 +3,7 @@
 
 #include "Wire.h"
 
-#include <chrono>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,8 +32,18 @@ struct DeviceStatus {
     sql::integer rows = 0;        // changes stored of it
     sql::integer lost = 0;        // commits that never come
     sql::integer quarantined = 0; // sets
+    std::string reason;           // why the oldest of those is there; empty without any
     sql::integer waiting = 0;     // sets of settings that it has not applied yet
     std::string refused;          // why its latest set was refused; empty if it was not
+};
+
+// What has become of the sets that one Centre was to store, since it was made.
+struct CentreCounts {
+    sql::integer sets = 0;        // stored
+    sql::integer rows = 0;        // changes in those
+    sql::integer repeated = 0;    // sets that had come before
+    sql::integer refused = 0;     // sets
+    sql::integer quarantined = 0; // sets
 };
 
 // How a centre keeps the rows.
@@ -62,6 +72,9 @@ public:
     bool setSetting(const std::string& device, const std::string& name,
                     const std::optional<std::string>& value);
 
+    // What the settings of a device are to be, by name.
+    bool settings(const std::string& device, std::map<std::string, std::string>& values);
+
     // The oldest set of settings that each of the devices has not applied, of all without names.
     bool outgoing(const std::vector<std::string>& devices, std::vector<Outgoing>& sets);
 
@@ -80,6 +93,7 @@ public:
     // How the devices stand, by name.
     bool status(std::vector<DeviceStatus>& devices);
 
+    CentreCounts counts() const;
     bool isConnected() const;
     const std::string& error() const;
 
