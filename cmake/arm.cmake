@@ -39,6 +39,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # only the linker knows it.
 set(library_directory ${SQLWRAPPER_SYSROOT}/usr/lib/${triplet})
 set(CMAKE_PLATFORM_IMPLICIT_LINK_DIRECTORIES ${library_directory})
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${SQLWRAPPER_SYSROOT}/usr/include/${triplet})
 set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,-rpath-link,${library_directory})
 
 # Runs the target's programs; only tests need it.

@@ -40,6 +40,11 @@ FOR_EXAMPLES = {
     "CLI11 for the example programs": ("libcli11-dev", "-DCMAKE_DISABLE_FIND_PACKAGE_CLI11=ON"),
     "libcsv for examples/vendors": ("libcsv-dev", "-DVENDORS_CSV_LIBRARY="),
 }
+FOR_FLEET = {
+    "MQTT for the fleet's programs": ("libmosquitto-dev", "-DFLEET_MOSQUITTO_LIBRARY="),
+    "PostgreSQL for the fleet's hub": ("libpq-dev", "-DFLEET_PQ_LIBRARY="),
+    "HTTP for the fleet's hub": ("libcpp-httplib-dev", "-DFLEET_CPP_HTTPLIB_LIBRARY="),
+}
 WANTED = {**FOR_EXAMPLES, **FOR_TESTS}
 
 
@@ -180,7 +185,7 @@ class NeedsTest(ConfigureTestCase):
                             "-DSQLWRAPPER_SQLITE=sqlite4")
 
     def test_asked_for_but_impossible(self):
-        for option, wanted in (("TESTS", FOR_TESTS), ("EXAMPLES", FOR_EXAMPLES)):
+        for option, wanted in (("TESTS", FOR_TESTS), ("EXAMPLES", {**FOR_EXAMPLES, **FOR_FLEET})):
             for what, (packages, missing) in wanted.items():
                 with self.subTest(what):
                     self.build = self.build / "next"
@@ -192,6 +197,11 @@ class NeedsTest(ConfigureTestCase):
         left_out = self.assert_configures(NO_PREPARED, *(missing for _, missing in WANTED.values()))
         self.assertEqual(sorted(left_out), sorted(f"-- Left out, no {what}: {way_to(packages)}"
                                                   for what, (packages, _) in WANTED.items()))
+
+    def test_left_out_of_the_fleet_by_default(self):
+        left_out = self.assert_configures(NO_TESTS, *(missing for _, missing in FOR_FLEET.values()))
+        self.assertEqual(left_out, [f"-- Left out, no {what}: {way_to(packages)}"
+                                    for what, (packages, _) in FOR_FLEET.items()])
 
     def test_needed_by_a_few_tests_alone(self):
         self.assert_configures("-DPKG_CONFIG=", "-DGDB=", "-DSTRACE=", "-DVENDORS_REGISTRY_DIR=")
