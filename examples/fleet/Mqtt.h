@@ -49,7 +49,7 @@ public:
     // Can be read while next() has something: for poll().
     int descriptor() const;
 
-    // Hands the message to the broker, or keeps it until the connection is up again.
+    // Hands the message to the broker, again if the connection is lost meanwhile. Fails without one.
     bool publish(const std::string& topic, std::string_view payload, bool isRetained = false);
 
     bool isConnected() const;
