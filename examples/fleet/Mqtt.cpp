@@ -31,9 +31,8 @@ const char* orNull(const std::string& text)
 } // namespace
 
 struct Mqtt::Core {
-    Core(const std::string& client, bool isKept)
-        : isKept(isKept),
-          mosquitto(mosquitto_new(client.c_str(), !isKept, this), mosquitto_destroy),
+    Core(const std::string& name, bool isKept)
+        : client(mosquitto_new(name.c_str(), !isKept, this), mosquitto_destroy),
           event(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
     {
     }
@@ -55,9 +54,8 @@ struct Mqtt::Core {
     static void tellDisconnected(mosquitto*, void* core, int rc);
     static void takeMessage(mosquitto*, void* core, const mosquitto_message* message);
 
-    const bool isKept;
     Broker broker;
-    std::unique_ptr<mosquitto, decltype(&mosquitto_destroy)> mosquitto;
+    std::unique_ptr<mosquitto, decltype(&mosquitto_destroy)> client;
     std::vector<std::string> filters;
     std::thread thread;
     std::atomic<bool> isConnected = false;
@@ -97,11 +95,11 @@ void Mqtt::Core::run()
 // Until the connection is lost, or could not be made.
 void Mqtt::Core::connect(bool isFirst)
 {
-    int rc = isFirst ? mosquitto_connect_async(mosquitto.get(), broker.host.c_str(), broker.port,
+    int rc = isFirst ? mosquitto_connect_async(client.get(), broker.host.c_str(), broker.port,
                                                keep_alive)
-                     : mosquitto_reconnect_async(mosquitto.get());
+                     : mosquitto_reconnect_async(client.get());
     while (rc == MOSQ_ERR_SUCCESS && !isEnding)
-        rc = mosquitto_loop(mosquitto.get(), wait_in_loop, 1);
+        rc = mosquitto_loop(client.get(), wait_in_loop, 1);
     if (rc != MOSQ_ERR_SUCCESS)
         fail("no connection to " + broker.host, rc);
 }
@@ -119,7 +117,7 @@ void Mqtt::Core::pause()
 void Mqtt::Core::subscribe()
 {
     for (const std::string& filter : filters)
-        mosquitto_subscribe(mosquitto.get(), nullptr, filter.c_str(), at_least_once);
+        mosquitto_subscribe(client.get(), nullptr, filter.c_str(), at_least_once);
 }
 
 void Mqtt::Core::push(Message message)
@@ -135,7 +133,7 @@ void Mqtt::Core::push(Message message)
     changed.notify_all();
 }
 
-void Mqtt::Core::tellConnected(struct mosquitto*, void* core, int rc)
+void Mqtt::Core::tellConnected(mosquitto*, void* core, int rc)
 {
     Core& self = *static_cast<Core*>(core);
     if (rc != 0) {
@@ -150,13 +148,13 @@ void Mqtt::Core::tellConnected(struct mosquitto*, void* core, int rc)
     self.push({});
 }
 
-void Mqtt::Core::tellDisconnected(struct mosquitto*, void* core, int)
+void Mqtt::Core::tellDisconnected(mosquitto*, void* core, int)
 {
     static_cast<Core*>(core)->isConnected = false;
 }
 
 // Called by C.
-void Mqtt::Core::takeMessage(struct mosquitto*, void* core, const mosquitto_message* message)
+void Mqtt::Core::takeMessage(mosquitto*, void* core, const mosquitto_message* message)
 {
     Core& self = *static_cast<Core*>(core);
     try {
@@ -183,7 +181,7 @@ Mqtt::~Mqtt()
         _core->isEnding = true;
         _core->changed.notify_all();
     }
-    mosquitto_disconnect(_core->mosquitto.get());
+    mosquitto_disconnect(_core->client.get());
     if (_core->thread.joinable())
         _core->thread.join();
     _core.reset();
@@ -192,7 +190,7 @@ Mqtt::~Mqtt()
 
 bool Mqtt::leaveBehind(const std::string& topic, const std::string& payload)
 {
-    const int rc = mosquitto_will_set(_core->mosquitto.get(), topic.c_str(),
+    const int rc = mosquitto_will_set(_core->client.get(), topic.c_str(),
                                       static_cast<int>(payload.size()), payload.data(),
                                       at_least_once, true);
     return rc == MOSQ_ERR_SUCCESS || _core->fail("cannot leave a message behind", rc);
@@ -205,19 +203,19 @@ void Mqtt::subscribe(const std::string& filter)
 
 bool Mqtt::start(const Broker& broker)
 {
-    struct mosquitto* const mosquitto = _core->mosquitto.get();
+    mosquitto* const client = _core->client.get();
     _core->broker = broker;
     if (!broker.authority.empty()) {
-        const int rc = mosquitto_tls_set(mosquitto, broker.authority.c_str(), nullptr,
+        const int rc = mosquitto_tls_set(client, broker.authority.c_str(), nullptr,
                                          orNull(broker.certificate), orNull(broker.key), nullptr);
         if (rc != MOSQ_ERR_SUCCESS)
             return _core->fail("cannot use the certificates", rc);
     }
-    mosquitto_threaded_set(mosquitto, true);
-    mosquitto_max_inflight_messages_set(mosquitto, most_in_flight);
-    mosquitto_connect_callback_set(mosquitto, Core::tellConnected);
-    mosquitto_disconnect_callback_set(mosquitto, Core::tellDisconnected);
-    mosquitto_message_callback_set(mosquitto, Core::takeMessage);
+    mosquitto_threaded_set(client, true);
+    mosquitto_max_inflight_messages_set(client, most_in_flight);
+    mosquitto_connect_callback_set(client, Core::tellConnected);
+    mosquitto_disconnect_callback_set(client, Core::tellDisconnected);
+    mosquitto_message_callback_set(client, Core::takeMessage);
     _core->thread = std::thread(&Core::run, _core.get());
     return true;
 }
@@ -244,7 +242,7 @@ int Mqtt::descriptor() const
 bool Mqtt::publish(const std::string& topic, std::string_view payload, bool isRetained)
 {
     const int rc = _core->isConnected
-                       ? mosquitto_publish(_core->mosquitto.get(), nullptr, topic.c_str(),
+                       ? mosquitto_publish(_core->client.get(), nullptr, topic.c_str(),
                                            static_cast<int>(payload.size()), payload.data(),
                                            at_least_once, isRetained)
                        : MOSQ_ERR_NO_CONN;
