@@ -14,6 +14,9 @@ struct Reading {
     std::optional<std::string> note;
 };
 
+// Reads a line such as "2009-12-31T23:59:59Z hall 21.5 window open". False if it is none.
+bool parseReading(const std::string& line, Reading& reading);
+
 inline constexpr auto reading_mapping = sql::mapping<Reading>(
     "reading", sql::autoKey<&Reading::id>("id", sql::flag_not_null),
     sql::column<&Reading::at>("at", sql::flag_not_null, sql::indexed),

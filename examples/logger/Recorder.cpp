@@ -1,25 +1,6 @@
 #include "Recorder.h"
 
-#include "SqlLiteral.h"
-
 #include <iostream>
-#include <sstream>
-
-namespace {
-
-bool parse(const std::string& line, Reading& reading)
-{
-    std::istringstream words(line);
-    std::string at;
-    std::string note;
-    if (!(words >> at >> reading.sensor >> reading.value) || !sql::fromIso8601(at, reading.at))
-        return false;
-    if (std::getline(words >> std::ws, note))
-        reading.note = note;
-    return true;
-}
-
-} // namespace
 
 Recorder::Recorder(Log& log, const Recording& recording)
     : _log(log), _recording(recording), _readings(log.database(), reading_mapping),
@@ -30,7 +11,7 @@ Recorder::Recorder(Log& log, const Recording& recording)
 void Recorder::take(const std::string& line)
 {
     Reading reading;
-    if (!parse(line, reading))
+    if (!parseReading(line, reading))
         return complain("left out what is no reading: " + line);
     tidyBefore(reading);
     ++_taken;
