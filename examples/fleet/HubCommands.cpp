@@ -1,0 +1,137 @@
+#include "HubCommands.h"
+
+#include "Hub.h"
+#include "Web.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+namespace {
+
+std::atomic<bool> isStopped = false;
+
+// A second signal ends the program at once, which costs nothing: what was not stored comes again.
+void stopBySignals()
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {
+        isStopped = true;
+    };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    for (const int signal : {SIGINT, SIGTERM})
+        ::sigaction(signal, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+// Names, reasons and values come from elsewhere: they stay on their line and leave the terminal alone.
+std::string printable(std::string text)
+{
+    for (char& byte : text) {
+        if (static_cast<unsigned char>(byte) < ' ' || byte == '\x7f')
+            byte = ' ';
+    }
+    return text;
+}
+
+std::string lineOf(const std::string& device, const DeviceStatus& status)
+{
+    char numbers[200] = {};
+    std::snprintf(numbers, sizeof numbers, " %12lld %10.0f %12lld %6lld %11lld %8lld  ",
+                  status.number, status.secondsBehind, status.rows, status.lost, status.quarantined,
+                  status.waiting);
+    return device + numbers + (status.refused.empty() ? "-" : printable(status.refused));
+}
+
+} // namespace
+
+ExitStatus runHub(const CentreOptions& options, const Running& running)
+{
+    stopBySignals();
+    Metrics metrics(running.name);
+    Web web(metrics);
+    if (running.webPort && !web.start(running.webAddress, *running.webPort))
+        return fail("cannot listen at " + running.webAddress + " port "
+                    + std::to_string(*running.webPort));
+    if (running.webPort)
+        std::cerr << "fleet-hub: http://" << running.webAddress << ':' << web.port() << "/\n";
+
+    Centre centre(options);
+    Mqtt mqtt(running.name, false);
+    Hub::subscribe(mqtt);
+    if (!mqtt.start(running.broker))
+        return fail(mqtt.error());
+    Hub(mqtt, centre, metrics).run(isStopped);
+    return status_success;
+}
+
+ExitStatus printStatus(const CentreOptions& options)
+{
+    Centre centre(options);
+    std::vector<DeviceStatus> devices;
+    if (!centre.status(devices))
+        return fail(centre.error());
+    std::size_t width = std::string("device").size();
+    for (const DeviceStatus& device : devices)
+        width = std::max(width, device.device.size());
+    const auto padded = [width](std::string name) {
+        name.resize(std::max(width, name.size()), ' ');
+        return name;
+    };
+    std::cout << padded("device")
+              << "       number     behind         rows   lost  quarantine  waiting  refused\n";
+    for (const DeviceStatus& device : devices)
+        std::cout << lineOf(padded(printable(device.device)), device) << '\n';
+    return status_success;
+}
+
+ExitStatus printSettings(const CentreOptions& options, const std::string& device)
+{
+    Centre centre(options);
+    std::map<std::string, std::string> values;
+    if (!centre.settings(device, values))
+        return fail(centre.error());
+    for (const auto& [name, value] : values)
+        std::cout << printable(name) << ' ' << printable(value) << '\n';
+    return values.empty() ? status_not_found : status_success;
+}
+
+ExitStatus setSetting(const CentreOptions& options, const std::string& device,
+                      const std::string& name, const std::optional<std::string>& value)
+{
+    Centre centre(options);
+    return centre.setSetting(device, name, value) ? status_success : fail(centre.error());
+}
+
+ExitStatus admit(const CentreOptions& options, const std::string& device)
+{
+    Centre centre(options);
+    return centre.admit(device) ? status_success : fail(centre.error());
+}
+
+ExitStatus retry(const CentreOptions& options, const std::string& device)
+{
+    Centre centre(options);
+    sql::integer count = 0;
+    if (!centre.retry(device, count))
+        return fail(centre.error());
+    std::cout << count << " stored\n";
+    return status_success;
+}
+
+ExitStatus discard(const CentreOptions& options, const std::string& device)
+{
+    Centre centre(options);
+    bool isDropped = false;
+    if (!centre.discard(device, isDropped))
+        return fail(centre.error());
+    std::cout << (isDropped ? "1 discarded\n" : "none discarded\n");
+    return isDropped ? status_success : status_not_found;
+}
+
+ExitStatus fail(const std::string& text)
+{
+    std::cerr << "fleet-hub: " << text << '\n';
+    return status_failure;
+}
