@@ -98,7 +98,8 @@ void Mqtt::Core::connect(bool isFirst)
     int rc = isFirst ? mosquitto_connect_async(client.get(), broker.host.c_str(), broker.port,
                                                keep_alive)
                      : mosquitto_reconnect_async(client.get());
-    while (rc == MOSQ_ERR_SUCCESS && !isEnding)
+    // At the end what was published last still goes.
+    for (int rounds = 2; rc == MOSQ_ERR_SUCCESS && rounds > 0; rounds -= isEnding)
         rc = mosquitto_loop(client.get(), wait_in_loop, 1);
     if (rc != MOSQ_ERR_SUCCESS)
         fail("no connection to " + broker.host, rc);
