@@ -1,6 +1,7 @@
 #!/usr/bin/python3
-"""Checks the Debian packages that were built and, as their tools are not at hand, the recipes for
-Buildroot and Yocto by reading them as those would. The last line sums up: "N passed, N failed"."""
+"""Checks the Debian packages that were built, what those of the fleet bring along and, as their tools
+are not at hand, the recipes for Buildroot and Yocto by reading them as those would. The last line sums
+up: "N passed, N failed"."""
 
 import fnmatch
 import hashlib
@@ -15,6 +16,8 @@ import tempfile
 import unittest
 
 import kconfiglib
+
+from fleet_check import FleetBroker, FleetDatabase, FleetUnits  # which are run with these
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build" / "package" / "check"
