@@ -62,13 +62,14 @@ bool Device::open(const DeviceOptions& options)
     if (!version)
         return fail("bring up to date", version.error());
 
+    _inbox = std::make_unique<sql::Inbox>(_database, std::vector<std::string>{"setting"}, patience);
+    if (!_inbox->isOpen())
+        return fail("take settings", _inbox->error());
+    // Last, since the inbox makes tables of its own: a change of the schema ends the recording.
     _recorder = std::make_unique<sql::Recorder>(
         _database, std::vector<std::string>{"reading", "event"}, options.outbox);
     if (!_recorder->isRecording())
         return fail("record", _recorder->error());
-    _inbox = std::make_unique<sql::Inbox>(_database, std::vector<std::string>{"setting"}, patience);
-    if (!_inbox->isOpen())
-        return fail("take settings", _inbox->error());
     _outbox = std::make_unique<sql::Outbox>(_database, options.name);
     obey();
     return true;
@@ -84,8 +85,8 @@ void Device::take(const Reading& reading)
         ++_lost;
     else
         _waiting.push_back(reading);
-    if (_waiting.size() == static_cast<std::size_t>(_options.group))
-        flush();
+    if (_waiting.size() % static_cast<std::size_t>(_options.group) == 0)
+        flush(); // after a failure again with the next group
 }
 
 std::optional<std::chrono::milliseconds> Device::due() const
@@ -164,7 +165,7 @@ sql::integer Device::stored() const
 
 sql::integer Device::lost() const
 {
-    return _lost;
+    return _lost + static_cast<sql::integer>(_waiting.size());
 }
 
 // --- Settings ------------------------------------------------------------------------------------

@@ -52,7 +52,7 @@ public:
     Answer apply(std::string_view header, std::string_view bytes);
 
     sql::integer stored() const;
-    sql::integer lost() const; // readings for which there was no room
+    sql::integer lost() const; // readings for which there was no room, or is none yet
 
     void complain(const std::string& text);
 

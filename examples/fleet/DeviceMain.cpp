@@ -205,9 +205,9 @@ void addNumber(CLI::App* command, const char* name, Value& value, const char* un
                double highest, const char* description)
 {
     command->add_option(name, value, description)
+        ->check(CLI::Range(lowest, highest))
         ->type_name(unit)
-        ->capture_default_str()
-        ->check(CLI::Range(lowest, highest));
+        ->capture_default_str();
 }
 
 void addBroker(CLI::App* command, Broker& broker)
@@ -244,8 +244,8 @@ void addRun(CLI::App& app, Request& request)
     command
         ->add_option("--when-full", device.outbox.whenFull,
                      "Then refuse readings, merge what was not sent, or drop the oldest")
-        ->type_name("refuse|merge|drop")
-        ->transform(CLI::CheckedTransformer(policies));
+        ->transform(CLI::CheckedTransformer(policies))
+        ->type_name("refuse|merge|drop");
     command->add_flag("--until-sent", request.untilSent, "End once the hub has all");
 }
 
