@@ -4,6 +4,7 @@
 #include "SettingSet.h"
 
 #include <algorithm>
+#include <set>
 
 namespace {
 
@@ -69,24 +70,55 @@ struct Mark {
     std::map<sql::integer, Line> lines; // those that sets are of
     sql::integer rows = 0;              // that come with these sets
     bool isMoved = false;
-    std::string refused; // why the latest set was
+    bool isStored = false;   // sets of it were, or are in quarantine
+    bool wasRefused = false; // its latest set before these
+    std::string refused;     // why the latest set was
     std::string refusedHeader;
+
+    sql::SyncMark standOf(const sql::Envelope& envelope) const;
+    void note(const sql::SyncPosition& last);
 };
 
 // A set on its way.
 struct Work {
     const Incoming* incoming = nullptr;
     sql::Envelope envelope;
-    std::string why; // its tables cannot be written
+    std::vector<std::string> whyNotTables; // cannot be written, by table of the envelope
     Answer answer;
     sql::integer rows = 0; // that it has changed
     enum { refused, repeated, stored, quarantined } fate = refused;
     bool isSound = false; // may be looked at further
+    bool isNamed = false; // the device's name is one
 };
 
 void refuse(Work& work, const std::string& reason)
 {
     work.answer = {false, work.envelope.last, reason};
+}
+
+// As far as a set has to do with it.
+sql::SyncMark Mark::standOf(const sql::Envelope& envelope) const
+{
+    sql::SyncMark stand;
+    stand.position = position;
+    stand.checksum = checksum;
+    const auto line = lines.find(envelope.last.incarnation);
+    if (line != lines.end()) {
+        stand.isRetired = line->second.isRetired;
+        stand.isKnown = line->second.first <= envelope.last.number
+                        && envelope.last.number <= line->second.last;
+    }
+    return stand;
+}
+
+// The commits behind the position have come, or are passed over.
+void Mark::note(const sql::SyncPosition& last)
+{
+    const sql::integer first = position.number + 1;
+    const auto [found, isNew] = lines.emplace(last.incarnation, Line());
+    Line& line = found->second;
+    line.first = isNew ? first : std::min(line.first, first);
+    line.last = std::max(line.last, last.number);
 }
 
 bool changesOne(const Rows& result)
@@ -99,7 +131,7 @@ bool changesOne(const Rows& result)
 struct Centre::Core {
     CentreOptions options;
     Postgres postgres;
-    std::set<std::uint64_t> schemas; // whose tables are there
+    CentreTables tables;
     std::map<std::string, Mark> marks;
     CentreCounts counts;
     std::string error;
@@ -107,10 +139,11 @@ struct Centre::Core {
     bool fail();
     bool fail(const std::string& why);
     bool undo();
+    bool undo(const std::string& why);
     bool connect();
     bool commit();
 
-    bool read(const Incoming& incoming, Work& work);
+    bool makeTables(std::vector<Work>& works);
     bool begin(const std::vector<std::string>& devices, const std::vector<Work>& works);
     void takeMarks(const std::vector<Rows>& results);
     bool isTurn(Work& work);
@@ -124,6 +157,7 @@ struct Centre::Core {
     bool isKept(const sql::ChangeReader& change) const;
     bool keepRaw(const Work& work, const std::string& why);
     void sendMarks();
+    void sendRefusal(const std::string& device, const Mark& mark);
     void count(const Work& work);
     bool storeOnce(std::vector<Work>& works, const std::vector<std::string>& devices,
                    bool isCareful, bool& isDone);
@@ -133,7 +167,7 @@ struct Centre::Core {
     void sendSetting(const std::string& device, const std::string& name,
                      const std::optional<std::string>& value, const Outgoing& set);
     bool admit(const sql::Envelope& envelope);
-    bool retryOne(long long id, const Incoming& incoming, sql::integer& count);
+    bool retryOne(long long id, Work& work, sql::integer& count);
 };
 
 // --- Connection ----------------------------------------------------------------------------------
@@ -171,20 +205,27 @@ bool Centre::Core::fail()
     return fail(postgres.error());
 }
 
-// A failure within a transaction.
+// A failure within a transaction. A connection may have failed as one to a server that is no longer
+// the one to write to.
 bool Centre::Core::undo()
 {
     fail();
-    schemas.clear(); // someone may have dropped their tables
-    postgres.run("rollback");
+    tables.forget();
+    if (!postgres.isOfValues() || !postgres.run("rollback"))
+        postgres.disconnect();
     return false;
+}
+
+bool Centre::Core::undo(const std::string& why)
+{
+    return postgres.run("rollback") ? fail(why) : fail();
 }
 
 bool Centre::Core::connect()
 {
     if (postgres.isConnected())
         return true;
-    schemas.clear();
+    tables.forget();
     std::vector<Rows> results;
     if (!postgres.connect(options.connection)
         || !postgres.run("select to_regclass('fleet.outgoing_waiting') is not null", Parameters(),
@@ -205,25 +246,46 @@ bool Centre::Core::commit()
 
 // --- Sets ----------------------------------------------------------------------------------------
 
-// False only if the connection is lost: what is wrong with the set, its answer or reason tells.
-bool Centre::Core::read(const Incoming& incoming, Work& work)
+namespace {
+
+// What is wrong with the set, its answer tells.
+void read(const Incoming& incoming, Work& work)
 {
     work.incoming = &incoming;
+    work.isNamed = !incoming.device.empty() && whyNotText(incoming.device) == nullptr;
     const auto envelope = sql::readEnvelope(incoming.header);
     if (!envelope)
-        return refuse(work, envelope.error().text()), true;
+        return refuse(work, envelope.error().text());
     work.envelope = *envelope;
     if (work.envelope.device != incoming.device)
-        return refuse(work, "the change set is of device '" + work.envelope.device + "'"), true;
+        return refuse(work, "the change set is of device '" + work.envelope.device + "'");
     const auto count = sql::checkChangeSet(work.envelope, incoming.bytes);
     if (!count)
-        return refuse(work, count.error().text()), true;
+        return refuse(work, count.error().text());
     work.isSound = true;
-    if (schemas.count(work.envelope.schemaHash) > 0)
-        return true;
-    if (makeTables(postgres, work.envelope.tables, work.why))
-        schemas.insert(work.envelope.schemaHash);
-    return work.why.empty() ? postgres.isConnected() || fail() : true;
+}
+
+std::vector<std::string> devicesOf(const std::vector<Work>& works)
+{
+    std::set<std::string> devices;
+    for (const Work& work : works) {
+        if (work.isNamed)
+            devices.insert(work.incoming->device);
+    }
+    return {devices.begin(), devices.end()};
+}
+
+} // namespace
+
+bool Centre::Core::makeTables(std::vector<Work>& works)
+{
+    if (postgres.isOfTables())
+        tables.forget();
+    for (Work& work : works) {
+        if (work.isSound && !tables.make(postgres, work.envelope.tables, work.whyNotTables))
+            return undo();
+    }
+    return true;
 }
 
 bool Centre::Core::begin(const std::vector<std::string>& devices, const std::vector<Work>& works)
@@ -242,7 +304,8 @@ bool Centre::Core::begin(const std::vector<std::string>& devices, const std::vec
         "insert into fleet.device (device) select unnest($1::text[]) on conflict do nothing",
         Parameters().addTexts(devices));
     // In their order: two hubs that wait for each other would wait for ever.
-    postgres.send("select device, incarnation, number, checksum, lost from fleet.device"
+    postgres.send("select device, incarnation, number, checksum, lost, refused is not null"
+                  " from fleet.device"
                   " where device = any ($1) order by device for update",
                   Parameters().addTexts(devices));
     postgres.send("select distinct device, incarnation, first, last, retired from fleet.incarnation"
@@ -264,6 +327,7 @@ void Centre::Core::takeMarks(const std::vector<Rows>& results)
         mark.position = {devices.number(row, 1), devices.number(row, 2)};
         mark.checksum = devices.number(row, 3);
         mark.lost = devices.number(row, 4);
+        mark.wasRefused = devices.text(row, 5) == "t";
     }
     const Rows& lines = results[3];
     for (int row = 0; row < lines.count(); ++row)
@@ -273,23 +337,19 @@ void Centre::Core::takeMarks(const std::vector<Rows>& results)
 
 bool Centre::Core::isTurn(Work& work)
 {
-    const sql::Envelope& envelope = work.envelope;
-    Mark& mark = marks[envelope.device];
-    sql::SyncMark stand;
-    stand.position = mark.position;
-    stand.checksum = mark.checksum;
-    const auto line = mark.lines.find(envelope.last.incarnation);
-    if (line != mark.lines.end()) {
-        stand.isRetired = line->second.isRetired;
-        stand.isKnown = line->second.first <= envelope.last.number
-                        && envelope.last.number <= line->second.last;
+    if (!work.isNamed)
+        return false;
+    Mark& mark = marks[work.incoming->device];
+    bool isDue = false;
+    if (work.isSound) {
+        const auto isNext = sql::isNext(work.envelope, mark.standOf(work.envelope));
+        isDue = isNext && *isNext;
+        work.fate = isNext ? Work::repeated : Work::refused;
+        work.answer = {static_cast<bool>(isNext), work.envelope.last, isNext.error().text()};
     }
-    const auto isNext = sql::isNext(envelope, stand);
-    work.fate = isNext ? Work::repeated : Work::refused;
-    work.answer = {static_cast<bool>(isNext), envelope.last, isNext.error().text()};
     mark.refused = work.answer.reason;
-    mark.refusedHeader = isNext ? std::string() : work.incoming->header;
-    return isNext && *isNext;
+    mark.refusedHeader = work.incoming->header;
+    return isDue;
 }
 
 void Centre::Core::pass(Work& work, bool isStored)
@@ -297,45 +357,51 @@ void Centre::Core::pass(Work& work, bool isStored)
     work.fate = isStored ? Work::stored : Work::quarantined;
     const sql::Envelope& envelope = work.envelope;
     Mark& mark = marks[envelope.device];
-    const auto added = mark.lines.emplace(envelope.last.incarnation, Line());
-    Line& line = added.first->second;
-    const sql::integer first = mark.position.number + 1;
-    line.first = added.second ? first : std::min(line.first, first);
-    line.last = std::max(line.last, envelope.last.number);
+    mark.note(envelope.last);
     mark.lost += envelope.previous.number - mark.position.number;
     mark.position = envelope.last;
     mark.checksum = static_cast<sql::integer>(envelope.checksum);
     mark.rows += isStored ? work.rows : 0;
     mark.isMoved = true;
+    mark.isStored = true;
+}
+
+void Centre::Core::sendRefusal(const std::string& device, const Mark& mark)
+{
+    Parameters refusal;
+    refusal.addText(device);
+    if (mark.refused.empty())
+        refusal.addNull(type_text).addNull(type_bytea);
+    else
+        refusal.addText(readable(mark.refused)).addBytes(mark.refusedHeader);
+    postgres.send("update fleet.device set refused = $2, refused_header = $3 where device = $1",
+                  refusal);
 }
 
 void Centre::Core::sendMarks()
 {
     for (const auto& [device, mark] : marks) {
-        Parameters refusal;
-        refusal.addText(device);
-        if (mark.refused.empty())
-            refusal.addNull(type_text).addNull(type_bytea);
-        else
-            refusal.addText(mark.refused).addBytes(mark.refusedHeader);
-        postgres.send("update fleet.device set refused = $2, refused_header = $3 where device = $1"
-                      " and refused is distinct from $2",
-                      refusal);
+        if (mark.wasRefused || !mark.refused.empty())
+            sendRefusal(device, mark);
         if (!mark.isMoved)
             continue;
         postgres.send("update fleet.device set incarnation = $2, number = $3, checksum = $4,"
-                      " lost = $5, rows = rows + $6, stored_at = now() where device = $1",
+                      " lost = $5, rows = rows + $6,"
+                      " stored_at = case when $7 then clock_timestamp() else stored_at end"
+                      " where device = $1",
                       Parameters()
                           .addText(device)
                           .addNumber(mark.position.incarnation)
                           .addNumber(mark.position.number)
                           .addNumber(mark.checksum)
                           .addNumber(mark.lost)
-                          .addNumber(mark.rows));
+                          .addNumber(mark.rows)
+                          .addBoolean(mark.isStored));
         for (const auto& [incarnation, line] : mark.lines)
-            postgres.send("insert into fleet.incarnation (device, incarnation, first, last)"
+            postgres.send("insert into fleet.incarnation as line (device, incarnation, first, last)"
                           " values ($1, $2, $3, $4) on conflict (device, incarnation) do update"
-                          " set first = excluded.first, last = excluded.last",
+                          " set first = least(line.first, excluded.first),"
+                          " last = greatest(line.last, excluded.last)",
                           Parameters()
                               .addText(device)
                               .addNumber(incarnation)
@@ -354,7 +420,7 @@ bool Centre::Core::isKept(const sql::ChangeReader& change) const
            && std::find(keep.begin(), keep.end(), change.table().name) != keep.end();
 }
 
-// Sends what makes the set's changes, and counts them. False at a value that cannot be sent.
+// Sends what makes the set's changes, and counts them. False at one that cannot be sent.
 bool Centre::Core::send(Work& work, std::string& why)
 {
     work.rows = 0;
@@ -362,6 +428,9 @@ bool Centre::Core::send(Work& work, std::string& why)
     while (change.next()) {
         if (isKept(change))
             continue;
+        why = work.whyNotTables[&change.table() - work.envelope.tables.data()];
+        if (!why.empty())
+            return false;
         if (!sendChange(postgres, work.envelope.device, change, why))
             return why = reasonOf(change, why), false;
         ++work.rows;
@@ -393,9 +462,8 @@ bool Centre::Core::write(Work& work, std::string& why)
 {
     if (!postgres.run("savepoint one"))
         return undo();
-    why = work.why;
     std::vector<Rows> results;
-    const bool isSent = why.empty() && send(work, why);
+    const bool isSent = send(work, why);
     const bool isRun = postgres.finish(results);
     if (!isRun && !postgres.isOfValues())
         return undo();
@@ -417,7 +485,7 @@ bool Centre::Core::keepRaw(const Work& work, const std::string& why)
                             .addNumber(work.envelope.last.number)
                             .addBytes(work.incoming->header)
                             .addBytes(work.incoming->bytes)
-                            .addText(why))
+                            .addText(readable(why)))
            || undo();
 }
 
@@ -429,9 +497,9 @@ bool Centre::Core::takeAll(std::vector<Work>& works, bool& isDone)
     isDone = true;
     std::string why;
     for (Work& work : works) {
-        if (!isDone || !work.isSound || !isTurn(work))
+        if (!isDone || !isTurn(work))
             continue;
-        isDone = work.why.empty() && send(work, why);
+        isDone = send(work, why);
         pass(work, true);
     }
     std::vector<Rows> results;
@@ -446,7 +514,7 @@ bool Centre::Core::takeEach(std::vector<Work>& works)
 {
     for (Work& work : works) {
         std::string why;
-        if (!work.isSound || !isTurn(work))
+        if (!isTurn(work))
             continue;
         if (!write(work, why) || (!why.empty() && !keepRaw(work, why)))
             return false;
@@ -459,7 +527,8 @@ bool Centre::Core::storeOnce(std::vector<Work>& works, const std::vector<std::st
                              bool isCareful, bool& isDone)
 {
     isDone = true;
-    if (!begin(devices, works) || !(isCareful ? takeEach(works) : takeAll(works, isDone)))
+    if (!makeTables(works) || !begin(devices, works)
+        || !(isCareful ? takeEach(works) : takeAll(works, isDone)))
         return false;
     if (!isDone)
         return true;
@@ -491,17 +560,13 @@ bool Centre::store(const std::vector<Incoming>& sets, std::vector<Answer>& answe
     if (!_core->connect())
         return false;
     std::vector<Work> works(sets.size());
-    std::set<std::string> devices;
-    for (std::size_t i = 0; i < sets.size(); ++i) {
-        if (!_core->read(sets[i], works[i]))
-            return false;
-        if (works[i].isSound)
-            devices.insert(works[i].envelope.device);
-    }
-    const std::vector<std::string> names(devices.begin(), devices.end());
-    bool isDone = names.empty();
+    for (std::size_t i = 0; i < sets.size(); ++i)
+        read(sets[i], works[i]);
+    const std::vector<std::string> devices = devicesOf(works);
+    _core->tables.forgetRefused();
+    bool isDone = devices.empty();
     for (const bool isCareful : {false, true}) {
-        if (!isDone && !_core->storeOnce(works, names, isCareful, isDone))
+        if (!isDone && !_core->storeOnce(works, devices, isCareful, isDone))
             return false;
     }
     for (const Work& work : works) {
@@ -526,10 +591,8 @@ bool Centre::setSetting(const std::string& device, const std::string& name,
         return false;
     Outgoing set;
     std::string why;
-    if (!makeSettingSet(settings, name, value, position, set, why)) {
-        _core->postgres.run("rollback");
-        return _core->fail(why);
-    }
+    if (!makeSettingSet(settings, name, value, position, set, why))
+        return _core->undo(why);
     if (!set.bytes.empty())
         _core->sendSetting(device, name, value, set);
     return _core->postgres.finish() ? _core->commit() : _core->undo();
@@ -615,7 +678,7 @@ bool Centre::noteApplied(const std::string& device, const Answer& answer)
                || _core->fail();
     return _core->postgres.run("update fleet.outgoing set applied_at = null, refused = $3"
                                " where device = $1 and incarnation = $2",
-                               parameters.addText(answer.reason))
+                               parameters.addText(readable(answer.reason)))
            || _core->fail();
 }
 
@@ -632,10 +695,14 @@ bool Centre::admit(const std::string& device)
         return _core->fail();
     if (results[0].count() == 0)
         return _core->fail("no set of '" + device + "' was refused");
-    const auto envelope = sql::readEnvelope(results[0].bytes(0, 0));
+    const Incoming incoming = {device, results[0].bytes(0, 0), std::string()};
+    const auto envelope = sql::readEnvelope(incoming.header);
     if (!envelope)
         return _core->fail(envelope.error().text());
+    if (envelope->device != device)
+        return _core->fail("the change set is of device '" + envelope->device + "'");
     Work work;
+    work.incoming = &incoming;
     work.envelope = *envelope;
     work.isSound = true;
     return _core->begin({device}, {work}) && _core->admit(work.envelope);
@@ -645,63 +712,75 @@ bool Centre::admit(const std::string& device)
 bool Centre::Core::admit(const sql::Envelope& envelope)
 {
     Mark& mark = marks[envelope.device];
-    const auto line = mark.lines.find(envelope.last.incarnation);
-    if (line != mark.lines.end() && line->second.isRetired) {
-        postgres.run("rollback");
-        return fail("the device's incarnation was retired when another was admitted");
-    }
-    if (mark.position.incarnation != envelope.last.incarnation)
-        postgres.send("update fleet.incarnation set retired = true"
-                      " where device = $1 and incarnation = $2",
-                      Parameters().addText(envelope.device).addNumber(mark.position.incarnation));
+    const sql::SyncMark stand = mark.standOf(envelope);
+    if (stand.isRetired)
+        return undo("the device's incarnation was retired when another was admitted");
+    if (stand.isKnown && envelope.last.number <= mark.position.number)
+        return undo("the change set has come before");
     const sql::integer missing = envelope.previous.number - mark.position.number;
-    if (missing > 0)
+    if (missing > 0) {
+        mark.note(envelope.previous);
         mark.lost += missing;
+    }
+    const sql::integer former = mark.position.incarnation;
     mark.position = envelope.previous;
     mark.checksum = 0;
     mark.isMoved = true;
-    mark.lines.clear();
     sendMarks();
+    if (former != envelope.last.incarnation)
+        postgres.send("update fleet.incarnation set retired = true"
+                      " where device = $1 and incarnation = $2",
+                      Parameters().addText(envelope.device).addNumber(former));
     return postgres.finish() ? commit() : undo();
 }
 
 bool Centre::retry(const std::string& device, sql::integer& count)
 {
     count = 0;
-    if (!_core->connect() || !_core->begin({device}, {}))
-        return false;
     std::vector<Rows> results;
+    if (!_core->connect())
+        return false;
     if (!_core->postgres.run("select id, header, bytes from fleet.quarantine where device = $1"
                              " order by id",
                              Parameters().addText(device), results))
-        return _core->undo();
-    for (int row = 0; row < results[0].count(); ++row) {
-        const Incoming incoming = {device, results[0].bytes(row, 1), results[0].bytes(row, 2)};
-        if (!_core->retryOne(results[0].number(row, 0), incoming, count))
+        return _core->fail();
+    const Rows& kept = results[0];
+    std::vector<Incoming> sets;
+    for (int row = 0; row < kept.count(); ++row)
+        sets.push_back({device, kept.bytes(row, 1), kept.bytes(row, 2)});
+    std::vector<Work> works(sets.size());
+    for (std::size_t i = 0; i < sets.size(); ++i)
+        read(sets[i], works[i]);
+    _core->tables.forget();
+    if (!_core->makeTables(works) || !_core->begin({device}, {}))
+        return false;
+    for (std::size_t i = 0; i < sets.size(); ++i) {
+        if (!_core->retryOne(kept.number(static_cast<int>(i), 0), works[i], count))
             return false;
     }
     return _core->commit();
 }
 
-bool Centre::Core::retryOne(long long id, const Incoming& incoming, sql::integer& count)
+// Somebody else may have dropped it meanwhile.
+bool Centre::Core::retryOne(long long id, Work& work, sql::integer& count)
 {
-    Work work;
-    std::string why;
-    work.incoming = &incoming;
-    const auto envelope = sql::readEnvelope(incoming.header);
-    if (!envelope)
-        return fail(envelope.error().text());
-    work.envelope = *envelope;
-    if (!write(work, why))
+    std::vector<Rows> results;
+    if (!postgres.run("select 1 from fleet.quarantine where id = $1 for update",
+                      Parameters().addNumber(id), results))
+        return undo();
+    std::string why = work.answer.reason;
+    if (results[0].count() == 0)
+        return true;
+    if (work.isSound && !write(work, why))
         return false;
     if (!why.empty())
         return postgres.run("update fleet.quarantine set reason = $2 where id = $1",
-                            Parameters().addNumber(id).addText(why))
+                            Parameters().addNumber(id).addText(readable(why)))
                || undo();
     ++count;
     postgres.send("delete from fleet.quarantine where id = $1", Parameters().addNumber(id));
     postgres.send("update fleet.device set rows = rows + $2 where device = $1",
-                  Parameters().addText(incoming.device).addNumber(work.rows));
+                  Parameters().addText(work.incoming->device).addNumber(work.rows));
     return postgres.finish() || undo();
 }
 

@@ -1,5 +1,7 @@
 #include "CentreTables.h"
 
+#include "SqlLiteral.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cmath>
@@ -8,8 +10,8 @@ namespace {
 
 constexpr std::size_t longest_name = 63; // PostgreSQL cuts off the rest
 
-// Times that PostgreSQL takes, in microseconds since 1970, and some more: it refuses those itself.
-constexpr long long widest_time = 9000000000000000000LL;
+// Of a time in seconds or milliseconds since 1970; PostgreSQL's end long before.
+constexpr double widest_time = 1e16;
 
 struct TypeName {
     const char* declared; // a part of the type that the device has declared
@@ -29,7 +31,7 @@ constexpr TypeName types[] = {
     {"BLOB", type_bytea, "bytea"},
     {"REAL", type_double, "double precision"},
     {"FLOA", type_double, "double precision"},
-    {"DOUBLE", type_double, "double precision"},
+    {"DOUB", type_double, "double precision"},
 };
 constexpr TypeName type_of_nothing = {"", type_bytea, "bytea"};
 constexpr TypeName type_of_others = {"", type_numeric, "numeric"};
@@ -45,9 +47,9 @@ const TypeName& typeOf(const sql::SyncColumn& column)
     return column.type.empty() ? type_of_nothing : type_of_others;
 }
 
-bool isInMilliseconds(const sql::SyncColumn& column)
+int unitsPerSecond(const sql::SyncColumn& column)
 {
-    return column.type.find("(3)") != std::string::npos;
+    return column.type.find("(3)") != std::string::npos ? 1000 : 1;
 }
 
 std::string quoted(const std::string& name)
@@ -79,13 +81,20 @@ std::vector<std::string> keyOf(const sql::SyncTable& table)
 
 // --- Making --------------------------------------------------------------------------------------
 
+const char* whyNotName(const std::string& name)
+{
+    if (const char* const why = whyNotText(name))
+        return why;
+    return name.size() > longest_name ? "is longer than 63 bytes" : nullptr;
+}
+
 std::string whyNotNamed(const sql::SyncTable& table)
 {
-    if (table.name.size() > longest_name)
-        return "its name is longer than 63 bytes";
+    if (const char* const why = whyNotName(table.name))
+        return std::string("its name ") + why;
     for (const sql::SyncColumn& column : table.columns) {
-        if (column.name.size() > longest_name)
-            return "the name of column '" + column.name + "' is longer than 63 bytes";
+        if (const char* const why = whyNotName(column.name))
+            return "the name of column '" + column.name + "' " + why;
         if (column.name == "device")
             return "column 'device' is the centre's own";
     }
@@ -144,11 +153,12 @@ std::string whyNotSame(const sql::SyncTable& table, const Existing& existing)
     return key == existing.key ? "" : "it has another key at the centre";
 }
 
+// In a transaction.
 bool makeTable(Postgres& postgres, const sql::SyncTable& table, std::string& why)
 {
     why = whyNotNamed(table);
     if (!why.empty())
-        return false;
+        return true;
     Existing existing;
     if (!readExisting(postgres, table, existing))
         return false;
@@ -156,13 +166,23 @@ bool makeTable(Postgres& postgres, const sql::SyncTable& table, std::string& why
         return postgres.run(creationOf(table));
     why = whyNotSame(table, existing);
     if (!why.empty())
-        return false;
+        return true;
     for (const sql::SyncColumn& column : table.columns) {
         if (existing.columns.count(column.name) == 0)
             postgres.send("alter table " + nameOf(table) + " add column " + quoted(column.name)
                           + ' ' + typeOf(column).name);
     }
     return postgres.finish();
+}
+
+// One hub at a time.
+bool makeAlone(Postgres& postgres, const sql::SyncTable& table, std::string& why)
+{
+    if (postgres.run("begin") && postgres.run("select pg_advisory_xact_lock(7013)")
+        && makeTable(postgres, table, why) && postgres.run("commit"))
+        return true;
+    why = postgres.error();
+    return postgres.isOfValues() && postgres.run("rollback");
 }
 
 // --- Values --------------------------------------------------------------------------------------
@@ -188,20 +208,46 @@ template <typename Number> std::string written(Number value)
     return {text, std::to_chars(text, text + sizeof text, value).ptr};
 }
 
+// A time, and a part of its unit.
+bool addTime(Parameters& parameters, long long time, double part, int perSecond)
+{
+    constexpr int second = 1000000;
+    long long seconds = time / perSecond;
+    long long rest = time % perSecond;
+    if (rest < 0) {
+        --seconds;
+        rest += perSecond;
+    }
+    const double microseconds = (static_cast<double>(rest) + part) * second / perSecond;
+    parameters.addTime(isTime(seconds) ? seconds : 0, static_cast<int>(std::lround(microseconds)));
+    return isTime(seconds);
+}
+
+// What fromIso8601() leaves out.
+double fractionOf(std::string_view text)
+{
+    double fraction = 0;
+    double digit = 0.1;
+    for (std::size_t at = std::min(text.find('.'), text.size() - 1) + 1;
+         at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at, digit /= 10)
+        fraction += digit * (text[at] - '0');
+    return fraction;
+}
+
 bool addTime(Parameters& parameters, const sql::SyncColumn& column, const sql::ChangeValue& value)
 {
-    const long long unit = isInMilliseconds(column) ? 1000 : 1000000; // in microseconds
-    const long long most = widest_time / unit;
-    const double real = value.type == sql::change_real ? value.real : 0;
-    if (value.type == sql::change_text)
-        parameters.addWritten(type_timestamptz, value.bytes.substr(0, value.bytes.find('\0')));
-    else if (value.type == sql::change_integer)
-        parameters.addTime(std::clamp(value.number, -most, most) * unit);
-    else
-        parameters.addTime(
-            std::llround(std::clamp(real, static_cast<double>(-most), static_cast<double>(most))
-                         * static_cast<double>(unit)));
-    return value.type != sql::change_block;
+    const int perSecond = unitsPerSecond(column);
+    if (value.type == sql::change_integer)
+        return addTime(parameters, value.number, 0, perSecond);
+    if (value.type == sql::change_real && std::abs(value.real) < widest_time) {
+        const double whole = std::floor(value.real);
+        return addTime(parameters, static_cast<long long>(whole), value.real - whole, perSecond);
+    }
+    sql::Time time;
+    if (value.type == sql::change_text && sql::fromIso8601(value.bytes, time))
+        return addTime(parameters, time.asInteger(), fractionOf(value.bytes), 1);
+    parameters.addNull(type_timestamptz);
+    return false;
 }
 
 bool addReal(Parameters& parameters, const sql::ChangeValue& value)
@@ -213,12 +259,20 @@ bool addReal(Parameters& parameters, const sql::ChangeValue& value)
 
 bool addNumeric(Parameters& parameters, const sql::ChangeValue& value)
 {
-    parameters.addWritten(type_numeric, value.type == sql::change_real ? written(value.real)
-                                                                       : written(value.number));
+    parameters.addNumeric(value.type == sql::change_real ? written(value.real)
+                                                         : written(value.number));
     return value.type == sql::change_real || value.type == sql::change_integer;
 }
 
-// False if the value is of another type.
+std::string whyNot(const sql::SyncColumn& column, const sql::ChangeValue& value)
+{
+    const TypeName& type = typeOf(column);
+    if (type.type == type_text && value.type == sql::change_text)
+        return std::string("a text that ") + whyNotText(value.bytes);
+    return std::string(nameOf(value.type)) + " is no " + type.name;
+}
+
+// False if the value is none of the column's type.
 bool add(Parameters& parameters, const sql::SyncColumn& column, const sql::ChangeValue& value)
 {
     const PostgresType type = typeOf(column).type;
@@ -233,7 +287,7 @@ bool add(Parameters& parameters, const sql::SyncColumn& column, const sql::Chang
         return value.type == sql::change_integer;
     case type_text:
         parameters.addText(value.bytes);
-        return value.type == sql::change_text;
+        return value.type == sql::change_text && whyNotText(value.bytes) == nullptr;
     case type_bytea:
         parameters.addBytes(value.bytes);
         return value.type == sql::change_block;
@@ -261,8 +315,7 @@ public:
     {
         const sql::SyncColumn& declared = _table.columns[column];
         if (!add(_parameters, declared, value) && _why.empty())
-            _why = "column '" + declared.name + "': " + nameOf(value.type) + " is no "
-                   + typeOf(declared).name;
+            _why = "column '" + declared.name + "': " + whyNot(declared, value);
         return '$' + std::to_string(++_count);
     }
 
@@ -337,23 +390,31 @@ std::string sqlOf(Writing& writing, const sql::ChangeReader& change)
 
 } // namespace
 
-bool makeTables(Postgres& postgres, const std::vector<sql::SyncTable>& tables, std::string& why)
+bool CentreTables::make(Postgres& postgres, const std::vector<sql::SyncTable>& tables,
+                        std::vector<std::string>& reasons)
 {
-    why.clear();
-    // One hub at a time makes them.
-    if (!postgres.run("begin") || !postgres.run("select pg_advisory_xact_lock(7013)"))
-        return false;
+    reasons.clear();
     for (const sql::SyncTable& table : tables) {
-        if (makeTable(postgres, table, why))
-            continue;
-        if (why.empty() && postgres.isOfValues())
-            why = postgres.error();
-        if (!why.empty())
-            why = "table '" + table.name + "': " + why;
-        postgres.run("rollback");
-        return false;
+        const auto [known, isNew] = _reasons.emplace(creationOf(table), std::string());
+        if (isNew && !makeAlone(postgres, table, known->second)) {
+            _reasons.erase(known);
+            return false;
+        }
+        const std::string& why = known->second;
+        reasons.push_back(why.empty() ? why : "table '" + table.name + "': " + why);
     }
-    return postgres.run("commit");
+    return true;
+}
+
+void CentreTables::forget()
+{
+    _reasons.clear();
+}
+
+void CentreTables::forgetRefused()
+{
+    for (auto known = _reasons.begin(); known != _reasons.end();)
+        known = known->second.empty() ? std::next(known) : _reasons.erase(known);
 }
 
 bool sendChange(Postgres& postgres, const std::string& device, const sql::ChangeReader& change,

@@ -5,14 +5,26 @@
 
 #include "SqlChangeReader.h"
 
-#include <set>
+#include <map>
 #include <string>
+#include <vector>
 
 // The tables of devices in PostgreSQL: made from what an envelope says of them, in the schema "data".
+class CentreTables {
+public:
+    // Makes those that are missing, and columns that a later release of the devices has added. Gives
+    // for each why it cannot be written, nothing if it can. False on failure, which the connection
+    // tells.
+    bool make(Postgres& postgres, const std::vector<sql::SyncTable>& tables,
+              std::vector<std::string>& reasons);
 
-// Makes those that are missing, and columns that a later release of the devices has added. On failure
-// `why` says what keeps these tables from being written; if it is empty, the connection is lost.
-bool makeTables(Postgres& postgres, const std::vector<sql::SyncTable>& tables, std::string& why);
+    // Looks at all anew, or at those that cannot be written.
+    void forget();
+    void forgetRefused();
+
+private:
+    std::map<std::string, std::string> _reasons; // by the statement that makes the table
+};
 
 // Sends what makes a device's change of a row, which is to change one. False, with a reason and
 // nothing sent, if a value is not of its column's type.

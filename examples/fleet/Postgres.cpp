@@ -10,9 +10,48 @@
 
 namespace {
 
-constexpr int longest_wait = 60000;        // milliseconds for an answer
 constexpr long long year_2000 = 946684800; // seconds since 1970
 constexpr long long microseconds = 1000000;
+
+// Since 1970: the first second of PostgreSQL's times, and that behind the last.
+constexpr long long first_second = -210866803200;
+constexpr long long end_of_seconds = 9224318016000;
+
+// A server has memory for each, and devices may think of ever new updates.
+constexpr std::size_t most_statements = 1000;
+
+// What the connection string says itself comes later, and counts. A server that has vanished is
+// noticed after half a minute; one that waits for its standby is waited for.
+constexpr const char* defaults[][2] = {
+    {"connect_timeout", "5"},          {"target_session_attrs", "read-write"},
+    {"application_name", "fleet-hub"}, {"keepalives_idle", "10"},
+    {"keepalives_interval", "5"},      {"keepalives_count", "3"},
+    {"tcp_user_timeout", "30000"},
+};
+
+// Of the character that the bytes begin with, 0 if it is none of UTF-8.
+std::size_t characterSize(std::string_view bytes)
+{
+    const auto byte = [bytes](std::size_t at) {
+        return at < bytes.size() ? static_cast<unsigned char>(bytes[at]) : 0U;
+    };
+    const unsigned first = byte(0);
+    if (first < 0x80)
+        return 1;
+    if (first < 0xC2 || first > 0xF4)
+        return 0;
+    const std::size_t size = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+    // Not longer than it has to be, no surrogate, and not beyond the last.
+    const unsigned least = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
+    const unsigned most = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
+    if (byte(1) < least || byte(1) > most)
+        return 0;
+    for (std::size_t i = 2; i < size; ++i) {
+        if ((byte(i) & 0xC0U) != 0x80)
+            return 0;
+    }
+    return size;
+}
 
 // PostgreSQL writes lists so.
 template <typename Range, typename Writer> std::string listOf(const Range& values, Writer write)
@@ -50,6 +89,33 @@ void ignoreNotice(void*, const PGresult*)
 }
 
 } // namespace
+
+const char* whyNotText(std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        const std::size_t size = characterSize(bytes);
+        if (size == 0)
+            return "is no UTF-8";
+        if (bytes.front() == '\0')
+            return "has a zero byte";
+        bytes.remove_prefix(size);
+    }
+    return nullptr;
+}
+
+std::string readable(std::string_view bytes)
+{
+    std::string text;
+    while (!bytes.empty()) {
+        const std::size_t size = characterSize(bytes);
+        if (size == 0 || bytes.front() == '\0')
+            text += '?';
+        else
+            text += bytes.substr(0, size);
+        bytes.remove_prefix(std::max<std::size_t>(size, 1));
+    }
+    return text;
+}
 
 // --- Parameters ----------------------------------------------------------------------------------
 
@@ -106,15 +172,20 @@ Parameters& Parameters::addBytes(std::string_view bytes)
     return put(type_bytea, bytes, true);
 }
 
-Parameters& Parameters::addTime(long long sinceEpoch)
+Parameters& Parameters::addTime(long long seconds, int more)
 {
     return putInteger(type_timestamptz,
-                      static_cast<std::uint64_t>(sinceEpoch - year_2000 * microseconds));
+                      static_cast<std::uint64_t>((seconds - year_2000) * microseconds + more));
 }
 
-Parameters& Parameters::addWritten(PostgresType type, std::string_view text)
+bool isTime(long long seconds)
 {
-    return put(type, text, false);
+    return seconds >= first_second && seconds < end_of_seconds;
+}
+
+Parameters& Parameters::addNumeric(std::string_view text)
+{
+    return put(type_numeric, text, false);
 }
 
 Parameters& Parameters::addTexts(const std::vector<std::string>& texts)
@@ -211,21 +282,21 @@ bool Postgres::connect(const std::string& connection)
     _names.clear();
     _pending.clear();
     _compiled.clear();
-    // What the string says itself comes later, and counts.
-    const char* const names[] = {"connect_timeout", "target_session_attrs", "application_name",
-                                 "dbname",          "client_encoding",      nullptr};
-    const char* const values[] = {"5",    "read-write", "fleet-hub", connection.c_str(),
-                                  "UTF8", nullptr};
-    _connection.reset(PQconnectdbParams(names, values, 1));
-    if (!isConnected())
-        return fail(trimmed(PQerrorMessage(_connection.get())));
-    PQsetNoticeReceiver(_connection.get(), ignoreNotice, nullptr);
-    if (PQsetnonblocking(_connection.get(), 1) != 0
-        || PQenterPipelineMode(_connection.get()) != 1) {
-        lose(trimmed(PQerrorMessage(_connection.get())));
-        return false;
+    std::vector<const char*> names;
+    std::vector<const char*> values;
+    for (const auto& [name, value] : defaults) {
+        names.push_back(name);
+        values.push_back(value);
     }
-    return run("set timezone to 'UTC'"); // that times in texts are of, unless they say it
+    names.insert(names.end(), {"dbname", "client_encoding", nullptr});
+    values.insert(values.end(), {connection.c_str(), "UTF8", nullptr});
+    _connection.reset(PQconnectdbParams(names.data(), values.data(), 1));
+    if (!isConnected() || PQsetnonblocking(_connection.get(), 1) != 0
+        || PQenterPipelineMode(_connection.get()) != 1)
+        return lose();
+    PQsetNoticeReceiver(_connection.get(), ignoreNotice, nullptr);
+    // What a hub that has vanished has locked, others need.
+    return run("set idle_in_transaction_session_timeout = '60s'");
 }
 
 bool Postgres::isConnected() const
@@ -240,19 +311,33 @@ bool Postgres::fail(const std::string& why)
     return false;
 }
 
-void Postgres::lose(const std::string& why)
+// Tells what libpq knows, the hosts' lines as one.
+bool Postgres::lose()
 {
-    fail(why);
+    std::string why = trimmed(PQerrorMessage(_connection.get()));
+    std::replace(why.begin(), why.end(), '\n', ' ');
+    why.erase(std::remove(why.begin(), why.end(), '\t'), why.end());
+    disconnect();
+    return fail(why.empty() ? "the connection is lost" : why);
+}
+
+void Postgres::disconnect()
+{
     _connection.reset();
 }
 
 bool Postgres::isOfValues() const
 {
-    for (const char* const kind : {"22", "23", "54", "0A"}) {
+    for (const char* const kind : {"0A", "22", "23", "42", "44", "54", "P0"}) {
         if (_state.compare(0, 2, kind) == 0)
-            return true;
+            return _state != "42501"; // a right that the hub is to be given
     }
     return false;
+}
+
+bool Postgres::isOfTables() const
+{
+    return _state.compare(0, 2, "42") == 0;
 }
 
 const std::string& Postgres::error() const
@@ -267,12 +352,10 @@ bool Postgres::waitFor(bool isToWrite)
                          static_cast<short>(isToWrite ? POLLIN | POLLOUT : POLLIN), 0};
     int ready = 0;
     do
-        ready = poll(&descriptor, 1, longest_wait);
+        ready = poll(&descriptor, 1, -1);
     while (ready < 0 && errno == EINTR);
-    if (ready > 0 && ((descriptor.revents & POLLIN) == 0 || PQconsumeInput(_connection.get()) == 1))
-        return true;
-    lose(ready == 0 ? "no answer in time" : trimmed(PQerrorMessage(_connection.get())));
-    return false;
+    const bool isToRead = (descriptor.revents & ~POLLOUT) != 0;
+    return (ready > 0 && (!isToRead || PQconsumeInput(_connection.get()) == 1)) || lose();
 }
 
 bool Postgres::flush()
@@ -281,39 +364,48 @@ bool Postgres::flush()
         const int left = PQflush(_connection.get());
         if (left == 0)
             return true;
-        if (left < 0) {
-            lose(trimmed(PQerrorMessage(_connection.get())));
-            return false;
-        }
+        if (left < 0)
+            return lose();
         if (!waitFor(true))
             return false;
     }
+}
+
+void Postgres::compile(const std::string& sql, const Parameters& parameters, std::string& name)
+{
+    name = "s" + std::to_string(++_count);
+    PQsendPrepare(_connection.get(), name.c_str(), sql.c_str(),
+                  static_cast<int>(parameters._types.size()), parameters._types.data());
+    _pending.push_back(false);
+    _compiled.push_back(sql);
 }
 
 void Postgres::send(const std::string& sql, const Parameters& parameters)
 {
     if (!isConnected())
         return;
-    const int count = static_cast<int>(parameters._types.size());
-    const auto added = _names.emplace(sql, std::string());
-    std::string& name = added.first->second;
-    if (added.second) {
-        name = "s" + std::to_string(++_count);
-        PQsendPrepare(_connection.get(), name.c_str(), sql.c_str(), count,
-                      parameters._types.data());
-        _pending.push_back(nullptr);
-        _compiled.push_back(sql);
+    if (_names.size() == most_statements) {
+        PQsendQueryParams(_connection.get(), "deallocate all", 0, nullptr, nullptr, nullptr,
+                          nullptr, 0);
+        _pending.push_back(false);
+        _names.clear();
     }
+    std::string& name = _names[sql];
+    if (name.empty())
+        compile(sql, parameters, name);
     std::vector<const char*> values;
     for (std::size_t i = 0; i < parameters._offsets.size(); ++i)
         values.push_back(parameters._lengths[i] < 0
                              ? nullptr
                              : parameters._bytes.data() + parameters._offsets[i]);
-    if (PQsendQueryPrepared(_connection.get(), name.c_str(), count, values.data(),
-                            parameters._lengths.data(), parameters._formats.data(), 0)
-        != 1)
-        return lose(trimmed(PQerrorMessage(_connection.get())));
-    _pending.push_back(&added.first->first);
+    if (PQsendQueryPrepared(_connection.get(), name.c_str(), static_cast<int>(values.size()),
+                            values.data(), parameters._lengths.data(), parameters._formats.data(),
+                            0)
+        != 1) {
+        lose();
+        return;
+    }
+    _pending.push_back(true);
     if (PQflush(_connection.get()) == 1)
         flush();
 }
@@ -321,11 +413,11 @@ void Postgres::send(const std::string& sql, const Parameters& parameters)
 // The next result; null at the end of those of a statement.
 PGresult* Postgres::next()
 {
-    while (PQisBusy(_connection.get()) == 1) {
+    while (isConnected() && PQisBusy(_connection.get()) == 1) {
         if (!waitFor(false))
             return nullptr;
     }
-    return PQgetResult(_connection.get());
+    return isConnected() ? PQgetResult(_connection.get()) : nullptr;
 }
 
 void Postgres::skipToSync()
@@ -340,19 +432,21 @@ void Postgres::skipToSync()
 bool Postgres::finish(std::vector<Rows>& results)
 {
     results.clear();
-    if (!isConnected() || PQpipelineSync(_connection.get()) != 1 || !flush())
+    if (!isConnected())
+        return false;
+    if (PQpipelineSync(_connection.get()) != 1)
+        return lose();
+    if (!flush())
         return false;
     bool isGood = true;
-    for (const std::string* const sql : _pending) {
+    for (const bool isWanted : _pending) {
         Rows result(next());
-        if (isGood && isConnected() && !result.isGood()) {
+        if (isConnected() && isGood && !result.isGood()) {
             isGood = false;
             _state = result.state();
             _error = result.message();
         }
-        if (!isConnected())
-            return false;
-        if (isGood && sql != nullptr)
+        if (isGood && isWanted)
             results.push_back(std::move(result));
         const Rows end(next()); // the null behind each
     }
@@ -363,6 +457,8 @@ bool Postgres::finish(std::vector<Rows>& results)
             _names.erase(sql); // it may not have come to it
     }
     _compiled.clear();
+    if (_connection != nullptr && !isConnected())
+        return lose();
     return isGood && isConnected();
 }
 

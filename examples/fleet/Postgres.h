@@ -23,6 +23,12 @@ enum PostgresType : Oid {
     type_text_array = 1009,
 };
 
+// Why PostgreSQL does not take bytes as a text; null if it does.
+const char* whyNotText(std::string_view bytes);
+
+// The same with a question mark for each byte that it does not take.
+std::string readable(std::string_view bytes);
+
 // The values of a statement, $1 and so on.
 class Parameters {
 public:
@@ -32,10 +38,8 @@ public:
     Parameters& addReal(double value);
     Parameters& addText(std::string_view text); // any bytes: PostgreSQL refuses what is no text
     Parameters& addBytes(std::string_view bytes);
-    Parameters& addTime(long long microseconds); // since 1970
-
-    // A value as PostgreSQL writes it.
-    Parameters& addWritten(PostgresType type, std::string_view text);
+    Parameters& addTime(long long seconds, int microseconds); // since 1970: isTime()
+    Parameters& addNumeric(std::string_view written);
     Parameters& addTexts(const std::vector<std::string>& texts);
     Parameters& addNumbers(const std::vector<long long>& numbers);
 
@@ -51,6 +55,9 @@ private:
     std::vector<int> _lengths; // -1: null
     std::vector<int> _formats;
 };
+
+// Whether PostgreSQL has such a time: seconds since 1970.
+bool isTime(long long seconds);
 
 // What a statement has returned, or how many rows it has changed.
 class Rows {
@@ -83,6 +90,7 @@ public:
     bool connect(const std::string& connection);
 
     bool isConnected() const;
+    void disconnect();
 
     // Statements are kept by their text.
     void send(const std::string& sql, const Parameters& parameters = Parameters());
@@ -102,11 +110,15 @@ public:
     // Whether the latest failure is that of the values or what they were to be written to: the same
     // would fail again.
     bool isOfValues() const;
+
+    // Whether it is that of a table or column, which may have gone since it was looked at.
+    bool isOfTables() const;
     const std::string& error() const;
 
 private:
+    void compile(const std::string& sql, const Parameters& parameters, std::string& name);
     bool fail(const std::string& why);
-    void lose(const std::string& why);
+    bool lose();
     bool waitFor(bool isToWrite);
     bool flush();
     PGresult* next();
@@ -120,7 +132,7 @@ private:
     };
     std::unique_ptr<PGconn, Finish> _connection;
     std::map<std::string, std::string> _names; // of statements that are compiled
-    std::vector<const std::string*> _pending;  // what was sent; null for a compilation
+    std::vector<bool> _pending;                // whether the result of what was sent is wanted
     std::vector<std::string> _compiled;        // with what was sent
     int _count = 0;
     std::string _state; // SQLSTATE of the latest failure
