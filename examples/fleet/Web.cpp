@@ -27,6 +27,7 @@ Web::Web(const Metrics& metrics) : _core(std::make_unique<Core>())
 {
     httplib::Server& server = _core->server;
     server.set_socket_options(forbidSharing);
+    server.set_keep_alive_max_count(1); // a connection that waits holds a thread and delays the end
     server.set_default_headers(
         {{"Cache-Control", "no-store"},
          {"Content-Security-Policy", "default-src 'none'; script-src 'unsafe-inline'; style-src "
