@@ -45,6 +45,10 @@ FOR_FLEET = {
     "PostgreSQL for the fleet's hub": ("libpq-dev", "-DFLEET_PQ_LIBRARY="),
     "HTTP for the fleet's hub": ("libcpp-httplib-dev", "-DFLEET_CPP_HTTPLIB_LIBRARY="),
 }
+FOR_FLEET_TESTS = {}
+if not TOOLCHAIN:
+    FOR_FLEET_TESTS["browser for the tests"] = (
+        "chromium-driver python3-selenium python3-prometheus-client", "-DCHROMEDRIVER=")
 WANTED = {**FOR_EXAMPLES, **FOR_TESTS}
 
 
@@ -185,7 +189,8 @@ class NeedsTest(ConfigureTestCase):
                             "-DSQLWRAPPER_SQLITE=sqlite4")
 
     def test_asked_for_but_impossible(self):
-        for option, wanted in (("TESTS", FOR_TESTS), ("EXAMPLES", {**FOR_EXAMPLES, **FOR_FLEET})):
+        for option, wanted in (("TESTS", {**FOR_TESTS, **FOR_FLEET_TESTS}),
+                               ("EXAMPLES", {**FOR_EXAMPLES, **FOR_FLEET})):
             for what, (packages, missing) in wanted.items():
                 with self.subTest(what):
                     self.build = self.build / "next"
