@@ -1,7 +1,8 @@
 #include "Hub.h"
 
+#include "Tell.h"
+
 #include <algorithm>
-#include <iostream>
 #include <iterator>
 #include <thread>
 
@@ -17,11 +18,6 @@ constexpr std::chrono::seconds settings_interval(1);
 constexpr std::chrono::seconds status_interval(2);
 constexpr std::chrono::minutes overflow_interval(1); // between lines about it
 constexpr int share = 20;                            // of the time, for what is done at intervals
-
-void tell(const std::string& text)
-{
-    std::cerr << "fleet-hub: " + text + '\n';
-}
 
 // What it takes to do this.
 template <typename Work> Clock::duration durationOf(const Work& work)
@@ -69,7 +65,7 @@ bool Hub::step(Clock::time_point now)
             _pause = first_pause;
         else
             backOff(now + taken);
-        noteTrouble(isDone ? "" : _centre.error());
+        noteTrouble(isDone ? "" : oneLine(_centre.error()));
     }
     measure(now);
     return isDone;

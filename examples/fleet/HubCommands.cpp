@@ -1,6 +1,7 @@
 #include "HubCommands.h"
 
 #include "Hub.h"
+#include "Tell.h"
 #include "Web.h"
 
 #include <atomic>
@@ -25,23 +26,13 @@ void stopBySignals()
     std::signal(SIGPIPE, SIG_IGN);
 }
 
-// Names, reasons and values come from elsewhere: they stay on their line and leave the terminal alone.
-std::string printable(std::string text)
-{
-    for (char& byte : text) {
-        if (static_cast<unsigned char>(byte) < ' ' || byte == '\x7f')
-            byte = ' ';
-    }
-    return text;
-}
-
 std::string lineOf(const std::string& device, const DeviceStatus& status)
 {
     char numbers[200] = {};
     std::snprintf(numbers, sizeof numbers, " %12lld %10.0f %12lld %6lld %11lld %8lld  ",
                   status.number, status.secondsBehind, status.rows, status.lost, status.quarantined,
                   status.waiting);
-    return device + numbers + (status.refused.empty() ? "-" : printable(status.refused));
+    return device + numbers + (status.refused.empty() ? "-" : oneLine(status.refused));
 }
 
 } // namespace
@@ -55,7 +46,7 @@ ExitStatus runHub(const CentreOptions& options, const Running& running)
         return fail("cannot listen at " + running.webAddress + " port "
                     + std::to_string(*running.webPort));
     if (running.webPort)
-        std::cerr << "fleet-hub: http://" << running.webAddress << ':' << web.port() << "/\n";
+        tell("http://" + running.webAddress + ':' + std::to_string(web.port()) + '/');
 
     Centre centre(options);
     Mqtt mqtt(running.name, false);
@@ -82,7 +73,7 @@ ExitStatus printStatus(const CentreOptions& options)
     std::cout << padded("device")
               << "       number     behind         rows   lost  quarantine  waiting  refused\n";
     for (const DeviceStatus& device : devices)
-        std::cout << lineOf(padded(printable(device.device)), device) << '\n';
+        std::cout << lineOf(padded(oneLine(device.device)), device) << '\n';
     return status_success;
 }
 
@@ -93,7 +84,7 @@ ExitStatus printSettings(const CentreOptions& options, const std::string& device
     if (!centre.settings(device, values))
         return fail(centre.error());
     for (const auto& [name, value] : values)
-        std::cout << printable(name) << ' ' << printable(value) << '\n';
+        std::cout << oneLine(name) << ' ' << oneLine(value) << '\n';
     return values.empty() ? status_not_found : status_success;
 }
 
@@ -132,6 +123,6 @@ ExitStatus discard(const CentreOptions& options, const std::string& device)
 
 ExitStatus fail(const std::string& text)
 {
-    std::cerr << "fleet-hub: " << text << '\n';
+    tell(text);
     return status_failure;
 }

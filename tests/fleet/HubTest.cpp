@@ -148,7 +148,7 @@ bool Centre::isConnected() const
 
 const std::string& Centre::error() const
 {
-    static const std::string text = "no route to host";
+    static const std::string text = "no route\n\tto host\n";
     return text;
 }
 
@@ -320,8 +320,8 @@ TEST_F(HubTest, NothingIsAnsweredBeforeItIsStored)
     broker.coming = {setOf("a", 1, "one")};
     EXPECT_FALSE(after(seconds(1)));
     EXPECT_THAT(broker.published, IsEmpty());
-    EXPECT_THAT(told(), ElementsAre("fleet-hub: the centre does not store: no route to host"));
-    EXPECT_EQ(state().trouble, "no route to host");
+    EXPECT_THAT(told(), ElementsAre("fleet-hub: the centre does not store: no route  to host"));
+    EXPECT_EQ(state().trouble, "no route  to host");
 
     broker.coming = {setOf("a", 1, "one"), setOf("b", 1, "two")}; // waits meanwhile
     EXPECT_FALSE(after(seconds(0)));
@@ -356,7 +356,7 @@ TEST_F(HubTest, CentreThatFailsIsTriedLessAndLessOften)
         EXPECT_LE(pauses[i], longest + 0.1) << i;
         longest = std::min(2 * longest, 30.0);
     }
-    EXPECT_THAT(told(), ElementsAre("fleet-hub: the centre does not store: no route to host"));
+    EXPECT_THAT(told(), ElementsAre("fleet-hub: the centre does not store: no route  to host"));
 
     centre.failing.clear();
     EXPECT_TRUE(after(seconds(30)));
@@ -417,7 +417,7 @@ TEST_F(HubTest, WhatTheCentreCanNotNoteHoldsNothingUp)
     broker.coming = {{"fleet/a/applied", "refused 9 1 \xff"}, setOf("a", 1, "one")};
     EXPECT_TRUE(after(seconds(1)));
     EXPECT_THAT(broker.published, ElementsAre("fleet/a/ack stored 7 1"));
-    EXPECT_THAT(told(), ElementsAre("fleet-hub: cannot note what a has applied: no route to host",
+    EXPECT_THAT(told(), ElementsAre("fleet-hub: cannot note what a has applied: no route  to host",
                                     "fleet-hub: a: refuses its settings: \xff"));
     centre.failing.clear();
     EXPECT_TRUE(after(seconds(1)));
@@ -493,8 +493,8 @@ TEST_F(HubTest, SetsAreStoredWhileNothingElseWorks)
     }
     EXPECT_THAT(centre.batches, SizeIs(2));
     EXPECT_THAT(told(),
-                ElementsAre("fleet-hub: cannot tell how the devices stand: no route to host",
-                            "fleet-hub: cannot tell which settings wait: no route to host"));
+                ElementsAre("fleet-hub: cannot tell how the devices stand: no route  to host",
+                            "fleet-hub: cannot tell which settings wait: no route  to host"));
 }
 
 TEST_F(HubTest, WhatTheBrokerDoesIsTold)
