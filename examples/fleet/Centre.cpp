@@ -557,14 +557,14 @@ void Centre::Core::count(const Work& work)
 bool Centre::store(const std::vector<Incoming>& sets, std::vector<Answer>& answers)
 {
     answers.clear();
-    if (!_core->connect())
-        return false;
     std::vector<Work> works(sets.size());
     for (std::size_t i = 0; i < sets.size(); ++i)
         read(sets[i], works[i]);
     const std::vector<std::string> devices = devicesOf(works);
-    _core->tables.forgetRefused();
     bool isDone = devices.empty();
+    if (!isDone && !_core->connect())
+        return false;
+    _core->tables.forgetRefused();
     for (const bool isCareful : {false, true}) {
         if (!isDone && !_core->storeOnce(works, devices, isCareful, isDone))
             return false;
@@ -804,7 +804,7 @@ bool Centre::status(std::vector<DeviceStatus>& devices)
     if (!_core->connect())
         return false;
     if (!_core->postgres.run(
-            "select device, number, coalesce(extract(epoch from now() - stored_at), -1), rows, lost,"
+            "select device, number, coalesce(extract(epoch from now() - stored_at), 0), rows, lost,"
             " (select count(*) from fleet.quarantine where device = d.device),"
             " coalesce((select reason from fleet.quarantine where device = d.device order by id limit 1),"
             " ''), (select count(*) from fleet.outgoing where device = d.device and applied_at is null),"

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 namespace {
 
@@ -76,11 +77,15 @@ void writeQuoted(std::string& list, const std::string& text)
     list += '"';
 }
 
-std::string trimmed(const char* message)
+// What libpq tells of a connection has a line for each host; advice is indented.
+std::string inOneLine(const char* message)
 {
-    std::string text = message;
-    while (!text.empty() && text.back() == '\n')
-        text.pop_back();
+    std::istringstream lines(message);
+    std::string text;
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty() && line.front() != '\t')
+            text += (text.empty() ? "" : "; ") + line;
+    }
     return text;
 }
 
@@ -311,12 +316,9 @@ bool Postgres::fail(const std::string& why)
     return false;
 }
 
-// Tells what libpq knows, the hosts' lines as one.
 bool Postgres::lose()
 {
-    std::string why = trimmed(PQerrorMessage(_connection.get()));
-    std::replace(why.begin(), why.end(), '\n', ' ');
-    why.erase(std::remove(why.begin(), why.end(), '\t'), why.end());
+    const std::string why = inOneLine(PQerrorMessage(_connection.get()));
     disconnect();
     return fail(why.empty() ? "the connection is lost" : why);
 }
@@ -439,12 +441,14 @@ bool Postgres::finish(std::vector<Rows>& results)
     if (!flush())
         return false;
     bool isGood = true;
+    std::string state;
+    std::string why;
     for (const bool isWanted : _pending) {
         Rows result(next());
         if (isConnected() && isGood && !result.isGood()) {
             isGood = false;
-            _state = result.state();
-            _error = result.message();
+            state = result.state();
+            why = result.message();
         }
         if (isGood && isWanted)
             results.push_back(std::move(result));
@@ -458,7 +462,11 @@ bool Postgres::finish(std::vector<Rows>& results)
     }
     _compiled.clear();
     if (_connection != nullptr && !isConnected())
-        return lose();
+        lose();
+    if (!isGood) { // which is why a connection is lost that is
+        _state = state;
+        _error = why;
+    }
     return isGood && isConnected();
 }
 
