@@ -28,7 +28,7 @@ struct Outgoing {
 struct DeviceStatus {
     std::string device;
     sql::integer number = 0;      // of its latest commit that is stored
-    double secondsBehind = 0;     // since its latest set was stored
+    double secondsBehind = 0;     // since its latest set was stored; negative: none was
     sql::integer rows = 0;        // changes stored of it
     sql::integer lost = 0;        // commits that never come
     sql::integer quarantined = 0; // sets

@@ -28,9 +28,12 @@ void stopBySignals()
 
 std::string lineOf(const std::string& device, const DeviceStatus& status)
 {
-    char numbers[200] = {};
-    std::snprintf(numbers, sizeof numbers, " %12lld %10.0f %12lld %6lld %11lld %8lld  ",
-                  status.number, status.secondsBehind, status.rows, status.lost, status.quarantined,
+    char behind[100] = "-";
+    if (status.secondsBehind >= 0)
+        std::snprintf(behind, sizeof behind, "%.0f", status.secondsBehind);
+    char numbers[300] = {};
+    std::snprintf(numbers, sizeof numbers, " %12lld %10s %12lld %6lld %11lld %8lld  ",
+                  status.number, behind, status.rows, status.lost, status.quarantined,
                   status.waiting);
     return device + numbers + (status.refused.empty() ? "-" : oneLine(status.refused));
 }

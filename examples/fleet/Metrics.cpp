@@ -31,6 +31,12 @@ std::string secondsText(double seconds)
         text, std::to_chars(text, text + sizeof text, seconds, std::chars_format::fixed, 3).ptr);
 }
 
+// Negative still if nothing of the device was stored.
+double behindNow(const DeviceStatus& device, double age)
+{
+    return device.secondsBehind < 0 ? -1 : device.secondsBehind + age;
+}
+
 // What the devices come to.
 struct Totals {
     Totals(const HubState& state, Clock::time_point now)
@@ -44,7 +50,7 @@ struct Totals {
 
     void add(const DeviceStatus& device)
     {
-        const double seconds = device.secondsBehind + age;
+        const double seconds = behindNow(device, age);
         ++devices;
         furthest = std::max(furthest, seconds);
         for (std::size_t i = 0; i < behind_limits.size(); ++i)
@@ -208,7 +214,8 @@ std::string deviceJson(const DeviceStatus& device, double age)
     Members members;
     members.add("device", quoted(device.device));
     members.add("number", device.number);
-    members.add("behind", secondsText(device.secondsBehind + age));
+    const double behind = behindNow(device, age);
+    members.add("behind", behind < 0 ? "null" : secondsText(behind));
     members.add("rows", device.rows);
     members.add("lost", device.lost);
     members.add("quarantined", device.quarantined);

@@ -126,7 +126,7 @@ TEST_F(HubMetricsTest, FleetIsToldOnceItIsKnown)
     bad.quarantined = 3;
     bad.waiting = 4;
     bad.refused = "gap";
-    lookAt({bad, deviceOf("b", 100000), deviceOf("c", 1)});
+    lookAt({bad, deviceOf("b", 100000), deviceOf("c", -1)});
     EXPECT_THAT(prometheusText(_state, _now), EndsWith(R"(# HELP fleet_devices Devices.
 # TYPE fleet_devices gauge
 fleet_devices 3
@@ -201,6 +201,14 @@ TEST_F(HubMetricsTest, StateIsJsonBeforeAnythingIsKnown)
                 EndsWith(R"("fleet":{"age":0.000,"devices":0,"behind":0.000,"rows":0,"lost":0,)"
                          R"("quarantined":0,"waiting":0,"refused":0},"rates":[],"found":0,)"
                          R"("devices":[]})"));
+}
+
+TEST_F(HubMetricsTest, DeviceOfWhichNothingWasStoredIsNotBehind)
+{
+    lookAt({deviceOf("a", 0), deviceOf("b", -1)});
+    EXPECT_THAT(statusJson(_state, _now, ""), HasSubstr("\"behind\":0.500,\"rows\":0,"));
+    EXPECT_THAT(statusJson(_state, _now, "b"), HasSubstr("\"number\":0,\"behind\":null,"));
+    EXPECT_THAT(devicesFound(""), ElementsAre("a", "b"));
 }
 
 TEST_F(HubMetricsTest, DevicesWithTroubleAndThoseFurthestBehindComeFirst)

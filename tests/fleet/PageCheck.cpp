@@ -45,6 +45,7 @@ void addTrouble(HubState& state)
     quarantined.lost = 3;
     quarantined.waiting = 4;
     quarantined.secondsBehind = 187500;
+    devices->at(2).secondsBehind = -1;
     state.devices = devices;
 }
 

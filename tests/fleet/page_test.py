@@ -136,6 +136,7 @@ class PageTest(Test):
         self.assertRegex(rows[0], r"^device-1[1-9] s1001,001000$")
         self.assertRegex(rows[1], r"^device-22 d 4 h2001,002324$")
         self.assertRegex(rows[2], r"^device-303\d s3,0001,030000$")
+        self.assertEqual(rows[-1], "device-3nothing stored3001,003000")
         self.assertEqual(self.texts("#chart text"), ["1,000", "2,000", "5 min ago", "now"])
         points = self.run_script("document.querySelector('.rate').points.numberOfItems")
         self.assertIn(points, (299, 300))
