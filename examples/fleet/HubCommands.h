@@ -25,14 +25,14 @@ struct Running {
 
 // The program's commands. Each prints its results on standard output, and what went wrong in one
 // line on standard error.
-ExitStatus runHub(const CentreOptions& centre, const Running& running);
-ExitStatus printStatus(const CentreOptions& centre);
-ExitStatus printSettings(const CentreOptions& centre, const std::string& device);
-ExitStatus setSetting(const CentreOptions& centre, const std::string& device,
+ExitStatus runHub(const CentreOptions& options, const Running& running);
+ExitStatus printStatus(const CentreOptions& options);
+ExitStatus printSettings(const CentreOptions& options, const std::string& device);
+ExitStatus setSetting(const CentreOptions& options, const std::string& device,
                       const std::string& name, const std::optional<std::string>& value);
-ExitStatus admit(const CentreOptions& centre, const std::string& device);
-ExitStatus retry(const CentreOptions& centre, const std::string& device);
-ExitStatus discard(const CentreOptions& centre, const std::string& device);
+ExitStatus admit(const CentreOptions& options, const std::string& device);
+ExitStatus retry(const CentreOptions& options, const std::string& device);
+ExitStatus discard(const CentreOptions& options, const std::string& device);
 
 // Prints a line on standard error and returns status_failure.
 ExitStatus fail(const std::string& text);

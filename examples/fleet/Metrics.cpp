@@ -90,12 +90,13 @@ public:
 
     void family(const std::string& name, const char* type, const char* help)
     {
-        _text += "# HELP " + name + ' ' + help + "\n# TYPE " + name + ' ' + type + '\n';
+        _text.append("# HELP ").append(name).append(" ").append(help);
+        _text.append("\n# TYPE ").append(name).append(" ").append(type).append("\n");
     }
 
     void sample(const std::string& name, const std::string& value)
     {
-        _text += name + ' ' + value + '\n';
+        _text.append(name).append(" ").append(value).append("\n");
     }
 
     const std::string& text() const
@@ -107,6 +108,11 @@ private:
     std::string _text;
 };
 
+std::string withLabel(std::string name, const char* label, const std::string& value)
+{
+    return name.append("{").append(label).append("=\"").append(value).append("\"}");
+}
+
 void addBatches(Exposition& text, const Durations& batches)
 {
     const std::string name = "fleet_hub_batch_seconds";
@@ -116,7 +122,7 @@ void addBatches(Exposition& text, const Durations& batches)
         const std::string limit = i < Durations::limits.size() ? textOf(Durations::limits.at(i))
                                                                : "+Inf";
         count += batches.counts.at(i);
-        text.sample(name + "_bucket{le=\"" + limit + "\"}", textOf(count));
+        text.sample(withLabel(name + "_bucket", "le", limit), textOf(count));
     }
     text.sample(name + "_sum", textOf(batches.sum));
     text.sample(name + "_count", textOf(count));
@@ -151,7 +157,7 @@ void addFleet(Exposition& text, const Totals& totals)
     text.family("fleet_devices_behind", "gauge",
                 "Devices whose latest change set was stored longer ago.");
     for (std::size_t i = 0; i < behind_limits.size(); ++i)
-        text.sample("fleet_devices_behind{seconds=\"" + textOf(behind_limits.at(i)) + "\"}",
+        text.sample(withLabel("fleet_devices_behind", "seconds", textOf(behind_limits.at(i))),
                     textOf(totals.behind.at(i)));
     text.gauge("fleet_devices_refused", "Devices whose latest change set was refused.",
                totals.refused);
@@ -296,8 +302,9 @@ std::string ratesJson(const HubState& state, Clock::time_point now)
 
 void Durations::add(double seconds)
 {
-    const auto limit = std::lower_bound(limits.begin(), limits.end(), seconds);
-    ++counts.at(static_cast<std::size_t>(limit - limits.begin()));
+    const auto index = std::distance(limits.begin(),
+                                     std::lower_bound(limits.begin(), limits.end(), seconds));
+    ++counts.at(static_cast<std::size_t>(index));
     sum += seconds;
 }
 
