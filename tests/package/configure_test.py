@@ -49,6 +49,8 @@ FOR_FLEET_TESTS = {}
 if not TOOLCHAIN:
     FOR_FLEET_TESTS["browser for the tests"] = (
         "chromium-driver python3-selenium python3-prometheus-client", "-DCHROMEDRIVER=")
+    FOR_FLEET_TESTS["broker for the tests"] = ("mosquitto mosquitto-clients openssl", "-DMOSQUITTO=")
+    FOR_FLEET_TESTS["PostgreSQL for the tests"] = ("postgresql", "-DINITDB=")
 WANTED = {**FOR_EXAMPLES, **FOR_TESTS}
 
 
