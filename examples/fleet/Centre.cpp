@@ -745,9 +745,9 @@ bool Centre::retry(const std::string& device, sql::integer& count)
                              Parameters().addText(device), results))
         return _core->fail();
     const Rows& kept = results[0];
-    std::vector<Incoming> sets;
+    std::vector<Incoming> sets(static_cast<std::size_t>(kept.count()));
     for (int row = 0; row < kept.count(); ++row)
-        sets.push_back({device, kept.bytes(row, 1), kept.bytes(row, 2)});
+        sets[static_cast<std::size_t>(row)] = {device, kept.bytes(row, 1), kept.bytes(row, 2)};
     std::vector<Work> works(sets.size());
     for (std::size_t i = 0; i < sets.size(); ++i)
         read(sets[i], works[i]);

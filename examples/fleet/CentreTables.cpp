@@ -223,14 +223,13 @@ bool addTime(Parameters& parameters, long long time, double part, int perSecond)
     return isTime(seconds);
 }
 
-// What fromIso8601() leaves out.
+// Of a second, which fromIso8601() leaves out.
 double fractionOf(std::string_view text)
 {
     double fraction = 0;
-    double digit = 0.1;
-    for (std::size_t at = std::min(text.find('.'), text.size() - 1) + 1;
-         at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at, digit /= 10)
-        fraction += digit * (text[at] - '0');
+    const std::string_view digits = text.substr(std::min(text.find('.'), text.size()));
+    std::from_chars(digits.data(), digits.data() + digits.size(), fraction,
+                    std::chars_format::fixed);
     return fraction;
 }
 

@@ -12,11 +12,14 @@
 namespace {
 
 constexpr long long year_2000 = 946684800; // seconds since 1970
-constexpr long long microseconds = 1000000;
+constexpr long long second = 1000000;      // in microseconds
 
 // Since 1970: the first second of PostgreSQL's times, and that behind the last.
 constexpr long long first_second = -210866803200;
 constexpr long long end_of_seconds = 9224318016000;
+
+// Between looks at whether the server takes them.
+constexpr std::size_t statements_at_once = 64;
 
 // A server has memory for each, and devices may think of ever new updates.
 constexpr std::size_t most_statements = 1000;
@@ -177,10 +180,10 @@ Parameters& Parameters::addBytes(std::string_view bytes)
     return put(type_bytea, bytes, true);
 }
 
-Parameters& Parameters::addTime(long long seconds, int more)
+Parameters& Parameters::addTime(long long seconds, int microseconds)
 {
-    return putInteger(type_timestamptz,
-                      static_cast<std::uint64_t>((seconds - year_2000) * microseconds + more));
+    const long long since2000 = (seconds - year_2000) * second + microseconds;
+    return putInteger(type_timestamptz, static_cast<std::uint64_t>(since2000));
 }
 
 bool isTime(long long seconds)
@@ -408,7 +411,7 @@ void Postgres::send(const std::string& sql, const Parameters& parameters)
         return;
     }
     _pending.push_back(true);
-    if (PQflush(_connection.get()) == 1)
+    if (_pending.size() % statements_at_once == 0)
         flush();
 }
 

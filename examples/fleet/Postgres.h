@@ -39,7 +39,7 @@ public:
     Parameters& addText(std::string_view text); // any bytes: PostgreSQL refuses what is no text
     Parameters& addBytes(std::string_view bytes);
     Parameters& addTime(long long seconds, int microseconds); // since 1970: isTime()
-    Parameters& addNumeric(std::string_view written);
+    Parameters& addNumeric(std::string_view text);
     Parameters& addTexts(const std::vector<std::string>& texts);
     Parameters& addNumbers(const std::vector<long long>& numbers);
 
