@@ -804,7 +804,8 @@ bool Centre::status(std::vector<DeviceStatus>& devices)
     if (!_core->connect())
         return false;
     if (!_core->postgres.run(
-            "select device, number, coalesce(extract(epoch from now() - stored_at), 0), rows, lost,"
+            "select device, number, case when stored_at is null then -1"
+            " else greatest(extract(epoch from now() - stored_at), 0) end, rows, lost,"
             " (select count(*) from fleet.quarantine where device = d.device),"
             " coalesce((select reason from fleet.quarantine where device = d.device order by id limit 1),"
             " ''), (select count(*) from fleet.outgoing where device = d.device and applied_at is null),"

@@ -1438,7 +1438,7 @@ TEST_F(CentreOperatorTest, StatusTellsOfAllDevicesByName)
     EXPECT_EQ(devices[2].device, "device-c");
     EXPECT_EQ(devices[2].number, 0);
     EXPECT_EQ(devices[2].waiting, 1);
-    EXPECT_EQ(devices[2].secondsBehind, 0);
+    EXPECT_EQ(devices[2].secondsBehind, -1);
 }
 
 } // namespace
