@@ -75,7 +75,7 @@ class Program:
             self.process.wait(seconds)
 
     def said(self):
-        return self.log.read_text()
+        return self.log.read_text() if self.log.exists() else ""
 
 
 class Certificates:
@@ -185,7 +185,7 @@ shared_buffers = 64MB
         return self
 
     def is_ready(self):
-        return subprocess.run([POSTGRES / "pg_isready", "-q", "-h", self.sockets, "-p", str(self.port)],
+        return subprocess.run([POSTGRES / "pg_isready", "-q", "-U", "fleet", "-h", self.sockets, "-p", str(self.port)],
                               check=False).returncode == 0
 
     def kill(self):
@@ -219,11 +219,15 @@ shared_buffers = 64MB
 class Device(Program):
     """What it has sent and what not is in its file."""
 
-    def __init__(self, fleet, name, *options, on_arm=False):
+    def __init__(self, fleet, name, *options, simulates=5, on_arm=False):
+        self.simulates = simulates  # readings a second
         self.file = fleet.folder / f"{name}.db"
         program = [*EMULATOR, f"{ARM_PROGRAMS}/fleet-device"] if on_arm else [PROGRAMS / "fleet-device"]
         super().__init__(fleet.folder, name, *program, "run", self.file, "--name", name, *fleet.broker.options(),
                          *fleet.certificates.of(name), *options)
+
+    def start(self, *more, **options):
+        return super().start(*(more or ("--simulate", self.simulates)), **options)
 
     def drain(self):
         """Sends all that there is, and ends."""
@@ -297,8 +301,8 @@ class Fleet:
             hub.start()
         return self
 
-    def add_device(self, name, *options, on_arm=False):
-        device = self.own(Device(self, name, *options, on_arm=on_arm))
+    def add_device(self, name, *options, **more):
+        device = self.own(Device(self, name, *options, **more))
         self.devices.append(device)
         return device
 
