@@ -41,10 +41,21 @@ bool Downlink::isDue(const Outgoing& set, Sent& sent, Clock::time_point now)
 void Downlink::noteSeen(const std::string& device)
 {
     const auto sent = _sent.find(device);
-    if (sent == _sent.end() || sent->second.pause <= first_pause)
-        return;
-    sent->second.pause = first_pause / 2;
-    sent->second.again = Clock::time_point();
+    if (sent != _sent.end() && sent->second.pause > first_pause)
+        hurry(sent->second);
+}
+
+void Downlink::noteConnected(const std::string& device)
+{
+    const auto sent = _sent.find(device);
+    if (sent != _sent.end() && !sent->second.isHeld)
+        hurry(sent->second);
+}
+
+void Downlink::hurry(Sent& sent)
+{
+    sent.pause = first_pause / 2;
+    sent.again = Clock::time_point();
 }
 
 void Downlink::noteRefused(const std::string& device, Clock::time_point now)

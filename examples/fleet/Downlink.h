@@ -21,6 +21,9 @@ public:
     // The device is there: what it has not applied is sent to it soon.
     void noteSeen(const std::string& device);
 
+    // The device has connected: what was sent to it before may be lost.
+    void noteConnected(const std::string& device);
+
     // The device has refused its settings: nothing is sent to it for a while.
     void noteRefused(const std::string& device, Clock::time_point now);
 
@@ -35,6 +38,7 @@ private:
         bool isHeld = false; // nothing else before then either
     };
 
+    static void hurry(Sent& sent);
     static bool isDue(const Outgoing& set, Sent& sent, Clock::time_point now);
 
     Mqtt& _mqtt;

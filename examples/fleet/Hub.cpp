@@ -45,6 +45,7 @@ void Hub::subscribe(Mqtt& mqtt)
 {
     mqtt.subscribe("$share/hubs/fleet/+/set");
     mqtt.subscribe("$share/hubs/fleet/+/applied");
+    mqtt.subscribe("fleet/+/state");
 }
 
 void Hub::run(const std::atomic<bool>& isStopped)
@@ -104,6 +105,8 @@ void Hub::take(const Message& message)
         return takeSet(device, message.payload);
     if (isOurs && what == "applied" && unpackAnswer(message.payload, answer))
         return _batch.applied.emplace_back(device, answer), void();
+    if (isOurs && what == "state")
+        return message.payload == "online" ? _downlink.noteConnected(device) : void();
     _metrics.change([](HubState& state) { ++state.unreadable; });
 }
 

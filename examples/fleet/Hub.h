@@ -37,8 +37,8 @@ class Hub {
 public:
     Hub(Mqtt& mqtt, Centre& centre, Metrics& metrics);
 
-    // Subscribes to what devices send, so that each message goes to one of the hubs. Before the
-    // connection starts.
+    // Subscribes to what devices send, so that each message goes to one of the hubs, and to whether
+    // they are there. Before the connection starts.
     static void subscribe(Mqtt& mqtt);
 
     // Works until it is stopped.

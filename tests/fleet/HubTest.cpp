@@ -232,11 +232,11 @@ protected:
     Hub _hub{_mqtt, _centre, _metrics};
 };
 
-TEST_F(HubTest, SubscribesSoThatEachMessageGoesToOneHub)
+TEST_F(HubTest, SubscribesSoThatEachSetGoesToOneHub)
 {
     Hub::subscribe(_mqtt);
-    EXPECT_THAT(broker.filters,
-                ElementsAre("$share/hubs/fleet/+/set", "$share/hubs/fleet/+/applied"));
+    EXPECT_THAT(broker.filters, ElementsAre("$share/hubs/fleet/+/set",
+                                            "$share/hubs/fleet/+/applied", "fleet/+/state"));
 }
 
 TEST_F(HubTest, WhatWaitsIsStoredAtOnceAndAnswered)
@@ -460,6 +460,26 @@ TEST_F(HubTest, SettingsThatAreRefusedWaitWhateverTheyAreThen)
     broker.coming = {{"fleet/a/applied", "stored 9 1"}};
     centre.outgoing = {settingsOf("a", 2)};
     EXPECT_THAT(publishedAfter(seconds(1)), ElementsAre(published("a", 2)));
+}
+
+TEST_F(HubTest, SettingsGoAgainOnceTheDeviceConnects)
+{
+    centre.outgoing = {settingsOf("a", 1)};
+    EXPECT_THAT(publishedAfter(seconds(1)), SizeIs(1));
+    broker.coming = {{"fleet/a/state", "offline"}, {"fleet/b/state", "online"}};
+    EXPECT_THAT(publishedAfter(seconds(1)), IsEmpty());
+    broker.coming = {{"fleet/a/state", "online"}};
+    EXPECT_THAT(publishedAfter(seconds(1)), ElementsAre(published("a", 1)));
+    EXPECT_THAT(publishedAfter(seconds(29)), IsEmpty());
+    EXPECT_THAT(publishedAfter(seconds(1)), ElementsAre(published("a", 1)));
+
+    broker.coming = {{"fleet/a/applied", "refused 9 1 no room"}, {"fleet/a/state", "online"}};
+    EXPECT_THAT(publishedAfter(seconds(1)), IsEmpty());
+    EXPECT_THAT(told(), SizeIs(1));
+    broker.coming = {{"fleet/a/state", "online"}};
+    EXPECT_THAT(publishedAfter(seconds(28)), IsEmpty());
+    EXPECT_THAT(publishedAfter(seconds(2)), ElementsAre(published("a", 1)));
+    EXPECT_EQ(state().unreadable, 0);
 }
 
 TEST_F(HubTest, SettingsGoAgainOnceTheBrokerIsBack)

@@ -138,8 +138,10 @@ class HubTest(unittest.TestCase):
         self.assert_prints("", "set", "set", "note", "two\nlines\x1b[2J")
         self.assert_prints("group 20\nnote two lines [2J\n", "settings", "set")
         self.wait_for_status("set", 0, 0, 0, 0, 2, "-")
+        fleet.wait_until(lambda: self.metric("fleet_hub_settings_sent_total") > 0,
+                         "sent while nobody was there", 20)
         device = self.fleet.own(fleet.Device(self.fleet, "set")).start("--simulate", "1")
-        fleet.wait_until(lambda: (self.status_of("set") or [9] * 6)[4] == 0, "settings applied", 20)
+        fleet.wait_until(lambda: self.status_of("set")[4] == 0, "settings applied", 20)
         self.assert_prints("", "set", "set", "note")
         self.assert_prints("group 20\n", "settings", "set")
         fleet.wait_until(lambda: self.status_of("set")[4] == 0, "settings applied", 20)
