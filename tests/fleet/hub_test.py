@@ -69,6 +69,7 @@ class HubTest(unittest.TestCase):
         cls.addClassCleanup(cls.fleet.__exit__)
         cls.fleet.start(has_standby=False)
         cls.hub = cls.fleet.hubs[0]
+        fleet.wait_until(lambda: "the broker is connected" in cls.hub.said(), "the hub is there", 20)
 
     def command(self, name, *arguments):
         return run_hub(name, "--connection", self.fleet.connection(), *arguments)
