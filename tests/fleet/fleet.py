@@ -145,6 +145,7 @@ class Server(Program):
 listen_addresses = ''
 fsync = off
 wal_log_hints = on
+wal_keep_size = 512MB
 max_connections = 50
 shared_buffers = 64MB
 """
@@ -170,7 +171,8 @@ shared_buffers = 64MB
             configuration.write("synchronous_standby_names = ''\n")
 
     def follow(self, primary):
-        """After it was the primary: a standby of the new one."""
+        """After it was the primary: a standby of the new one, which has to say first that it is."""
+        primary.ask("checkpoint", "postgres")
         run(POSTGRES / "pg_rewind", "-D", self.folder, "--source-server", f"{primary.connection()} dbname=postgres")
         (self.folder / "standby.signal").touch()
         with (self.folder / "postgresql.auto.conf").open("a") as configuration:
