@@ -36,7 +36,7 @@ create table if not exists fleet.quarantine (
     bytes bytea not null,
     reason text not null,
     at timestamptz not null default now());
-create index if not exists quarantine_device on fleet.quarantine (device);
+create index if not exists quarantine_device on fleet.quarantine (device, id);
 create table if not exists fleet.setting (
     device text,
     name text,
@@ -299,7 +299,7 @@ bool Centre::Core::begin(const std::vector<std::string>& devices, const std::vec
         incarnations.push_back(work.envelope.last.incarnation);
     }
     marks.clear();
-    postgres.send("begin");
+    postgres.send("begin isolation level read committed");
     postgres.send(
         "insert into fleet.device (device) select unnest($1::text[]) on conflict do nothing",
         Parameters().addTexts(devices));
@@ -312,6 +312,8 @@ bool Centre::Core::begin(const std::vector<std::string>& devices, const std::vec
                   " join unnest($1::text[], $2::bigint[]) as wanted (device, incarnation)"
                   " using (device, incarnation)",
                   Parameters().addTexts(ofLines).addNumbers(incarnations));
+    // Constraints of an operator's: no set is to fail at the commit, with all others.
+    postgres.send("set constraints all immediate");
     std::vector<Rows> results;
     if (!postgres.finish(results))
         return undo();
@@ -806,10 +808,12 @@ bool Centre::status(std::vector<DeviceStatus>& devices)
     if (!_core->postgres.run(
             "select device, number, case when stored_at is null then -1"
             " else greatest(extract(epoch from now() - stored_at), 0) end, rows, lost,"
-            " (select count(*) from fleet.quarantine where device = d.device),"
-            " coalesce((select reason from fleet.quarantine where device = d.device order by id limit 1),"
-            " ''), (select count(*) from fleet.outgoing where device = d.device and applied_at is null),"
-            " coalesce(refused, '') from fleet.device d order by device",
+            " coalesce(kept, 0), coalesce(reason, ''), coalesce(waiting, 0), coalesce(refused, '')"
+            " from fleet.device left join (select distinct on (device) device, reason,"
+            " count(*) over (partition by device) as kept from fleet.quarantine"
+            " order by device, id) as oldest using (device)"
+            " left join (select device, count(*) as waiting from fleet.outgoing"
+            " where applied_at is null group by device) as settings using (device) order by device",
             Parameters(), results))
         return _core->fail();
     const Rows& rows = results[0];

@@ -518,6 +518,10 @@ TEST_F(CentreTest, WhatPostgresItselfRefusesQuarantinesWithItsWords)
          "create trigger refuse before insert on data.reading for each row execute function"
          " data.refuse()");
     expectQuarantined(device.add(2), "table 'reading', insert: not 2");
+    rows("drop trigger refuse on data.reading;"
+         "create constraint trigger refuse after insert on data.reading deferrable initially"
+         " deferred for each row execute function data.refuse()");
+    expectQuarantined(device.add(3), "table 'reading', insert: not 3");
     EXPECT_EQ(readings(), "device-1|1|21.5");
 }
 
@@ -789,6 +793,24 @@ TEST_F(CentreTest, RowsOfTablesThatAreKeptStay)
     expectStored(device.commit("delete from event"));
     EXPECT_EQ(rows("select id, kind from data.event order by 1"), "1|a\n2|d\n3|c");
     EXPECT_EQ(_centre.counts().quarantined, 0);
+}
+
+// Values are compared as PostgreSQL has them, whatever has been set for its sessions.
+TEST_F(CentreTest, SettingsOfTheDatabaseChangeNothing)
+{
+    rows(
+        "alter role fleet set datestyle = 'SQL, DMY'; alter role fleet set timezone = 'Asia/Tokyo';"
+        "alter role fleet set bytea_output = escape; alter role fleet set extra_float_digits = -10;"
+        "alter role fleet set default_transaction_isolation = serializable;"
+        "alter role fleet set client_encoding = latin1");
+    Device device;
+    expectStored(
+        device.commit("insert into event values (1, '2024-02-29 12:30', char(228), 1, x'00275c')"));
+    expectStored(device.commit("update event set at = 0.5, kind = 'b'"));
+    rows("alter role fleet reset all");
+    EXPECT_EQ(rows("select * from data.event"),
+              "device-1|1|1970-01-01 00:00:00.5+00|b|t|\\x00275c");
+    EXPECT_EQ(quarantine(), "");
 }
 
 // --- Batches -------------------------------------------------------------------------------------
