@@ -1,6 +1,7 @@
 #include "Mqtt.h"
 
 #include <mosquitto.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -46,6 +47,7 @@ struct Mqtt::Core {
     bool fail(const std::string& what, int rc);
     void run();
     void connect(bool isFirst);
+    bool isLost() const;
     void pause();
     void push(Message message);
     void subscribe();
@@ -100,9 +102,16 @@ void Mqtt::Core::connect(bool isFirst)
                      : mosquitto_reconnect_async(client.get());
     // At the end what was published last still goes.
     for (int rounds = 2; rc == MOSQ_ERR_SUCCESS && rounds > 0; rounds -= isEnding)
-        rc = mosquitto_loop(client.get(), wait_in_loop, 1);
+        rc = isLost() ? MOSQ_ERR_CONN_LOST : mosquitto_loop(client.get(), wait_in_loop, 1);
     if (rc != MOSQ_ERR_SUCCESS)
         fail("no connection to " + broker.host, rc);
+}
+
+// With TLS libmosquitto would go on for ever with a connection that could not be made.
+bool Mqtt::Core::isLost() const
+{
+    pollfd one = {mosquitto_socket(client.get()), 0, 0};
+    return !isConnected && poll(&one, 1, 0) > 0 && (one.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 // Ever longer, and never all at once: a broker that comes back is not run over.

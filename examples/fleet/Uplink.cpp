@@ -1,6 +1,7 @@
 #include "Uplink.h"
 
 #include <algorithm>
+#include <iostream>
 
 namespace {
 
@@ -24,6 +25,7 @@ bool Uplink::start(const Broker& broker)
 
 void Uplink::step()
 {
+    tellOfBroker();
     while (const std::optional<Message> message = _mqtt.next(std::chrono::milliseconds(0)))
         take(*message);
     if (_sent && Clock::now() >= _again) {
@@ -62,6 +64,19 @@ void Uplink::end()
 std::string Uplink::error() const
 {
     return _mqtt.error();
+}
+
+// Once each time it goes, or is not there from the beginning, and when it is back.
+void Uplink::tellOfBroker()
+{
+    const bool isAway = !_mqtt.isConnected() && !_mqtt.error().empty();
+    if (isAway && !_isAway)
+        std::cerr << "fleet-device: the broker is away: " << _mqtt.error() << std::endl;
+    else if (_isAway && _mqtt.isConnected())
+        std::cerr << "fleet-device: the broker is connected" << std::endl;
+    else
+        return;
+    _isAway = isAway;
 }
 
 void Uplink::take(const Message& message)

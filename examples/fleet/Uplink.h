@@ -33,6 +33,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    void tellOfBroker();
     void take(const Message& message);
     void takeAnswer(const Answer& answer);
     void takeSettings(std::string_view payload);
@@ -42,6 +43,7 @@ private:
     Device& _device;
     const std::string _name;
     Mqtt _mqtt;
+    bool _isAway = false;                   // the broker, as was told
     std::optional<sql::SyncPosition> _sent; // the set on its way
     Clock::time_point _again;               // when it is sent again
     std::chrono::seconds _patience;
