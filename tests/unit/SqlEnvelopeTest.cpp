@@ -274,6 +274,68 @@ TEST_F(SqlEnvelopeTest, EachPartOfTheTablesHasToBeThere)
     EXPECT_TRUE(sql::readEnvelope(described(tables)));
 }
 
+// The encoding of a number of up to 21 bits in so many bytes, which may be more than it needs.
+string encoded(std::uint32_t number, std::size_t size)
+{
+    static const int heads[] = {0, 0x00, 0xc0, 0xe0, 0xf0};
+    string bytes(size, '\0');
+    for (std::size_t i = size; i-- > 1; number >>= 6)
+        bytes[i] = static_cast<char>(0x80 | (number & 0x3f));
+    bytes[0] = static_cast<char>(heads[size] | static_cast<int>(number));
+    return bytes;
+}
+
+std::size_t sizeOf(std::uint32_t character)
+{
+    return character < 0x80 ? 1 : character < 0x800 ? 2 : character < 0x10000 ? 3 : 4;
+}
+
+TEST_F(SqlEnvelopeTest, DevicesNameMayHaveEveryCharacter)
+{
+    Envelope envelope = envelopeOf();
+    envelope.device.clear();
+    for (std::uint32_t character = 1; character < 0x110000; ++character) {
+        if (character < 0xd800 || character > 0xdfff)
+            envelope.device += encoded(character, sizeOf(character));
+        if (envelope.device.size() < 900000 && character < 0x10ffff)
+            continue;
+        const auto read = sql::readEnvelope(sql::encode(envelope, ""));
+        ASSERT_TRUE(read) << character;
+        EXPECT_TRUE(read->device == envelope.device) << character;
+        envelope.device.clear();
+    }
+}
+
+TEST_F(SqlEnvelopeTest, DevicesNameHasEachCharacterInItsShortestForm)
+{
+    const char no_device[] = "the device's name is empty, has a zero byte in it or is no UTF-8";
+    const auto refusalOfName = [this](const string& name) {
+        Envelope envelope = envelopeOf();
+        envelope.device = name;
+        return refusalOf(sql::encode(envelope, ""));
+    };
+    for (const std::uint32_t character :
+         {0x0U, 0x1U, 0x41U, 0x7fU, 0x80U, 0x7ffU, 0x800U, 0xffffU}) {
+        for (std::size_t size = sizeOf(character) + 1; size <= 4; ++size)
+            EXPECT_EQ(refusalOfName(encoded(character, size)), no_device) << character;
+    }
+    for (std::uint32_t surrogate = 0xd800; surrogate < 0xe000; ++surrogate)
+        EXPECT_EQ(refusalOfName(encoded(surrogate, 3)), no_device) << surrogate;
+    for (const std::uint32_t beyond : {0x110000U, 0x13ffffU, 0x1fffffU})
+        EXPECT_EQ(refusalOfName(encoded(beyond, 4)), no_device) << beyond;
+    for (int head = 0x80; head <= 0xff; ++head) {
+        const string name(1, static_cast<char>(head));
+        for (const string rest : {"", "a", "\xc3\xa4"})
+            EXPECT_EQ(refusalOfName(name + rest), no_device) << head;
+        if (head >= 0xc2 && head < 0xf5)
+            continue;
+        for (std::size_t count = 1; count <= 5; ++count) {
+            EXPECT_EQ(refusalOfName(name + string(count, '\x80')), no_device) << head;
+            EXPECT_EQ(refusalOfName(name + string(count, '\xbf')), no_device) << head;
+        }
+    }
+}
+
 TEST_F(SqlEnvelopeTest, DeviceHasAName)
 {
     const char no_device[] = "the device's name is empty, has a zero byte in it or is no UTF-8";
@@ -389,6 +451,9 @@ TEST_F(SqlEnvelopeTest, TablesHaveNamesColumnsAndAKey)
     many.push_back(columnOf("c", "", 256, 0));
     EXPECT_EQ(refusalOf(described(numberOf(1, 4) + tableOf("t", many))),
               "table 't': the columns of the key are not numbered from 1");
+    std::vector<string> most(32767, columnOf("c", "", 0, 0));
+    most.front() = id;
+    EXPECT_TRUE(sql::readEnvelope(described(numberOf(1, 4) + tableOf("t", most))));
 }
 
 // --- Change sets ---------------------------------------------------------------------------------
@@ -493,6 +558,18 @@ TEST_F(SqlEnvelopeTest, WhatIsWrongWithASetIsToldWithItsByte)
     };
     for (const auto& [set, why] : refusals)
         EXPECT_EQ(refusalOfSet(set), why) << testing::PrintToString(set);
+}
+
+TEST_F(SqlEnvelopeTest, ReaderThatHasFailedSaysSoOnce)
+{
+    const string set = product_head + string("\1\1");
+    const Envelope envelope = envelopeOf(set);
+    ChangeReader reader(envelope, set);
+    EXPECT_FALSE(reader.next());
+    EXPECT_EQ(refusal("next", sql::Result<int>(reader.error())),
+              "byte 13: there is no such operation");
+    EXPECT_FALSE(reader.next());
+    EXPECT_EQ(reader.error().text(), "byte 13: there is no such operation");
 }
 
 // A set of several tables and all kinds of changes and values, as SQLite itself records it.
@@ -891,6 +968,12 @@ TEST_F(SqlSyncMarkTest, SetsBeforeItAreMissingUnlessTheDeviceHasDroppedThem)
     EXPECT_EQ(orderOf(range({7, 5}, {7, 6}, {7, 4}), {{7, 3}, 49}),
               "12=SQLITE_NOTFOUND: the commits 4 to 5 are missing");
     EXPECT_EQ(orderOf(range({7, 5}, {7, 6}, {7, 5}), {{7, 3}, 49}), "next");
+    EXPECT_EQ(orderOf(range({7, 4}, {7, 6}, {7, 4}), {{7, 3}, 49}), "next");
+}
+
+TEST_F(SqlSyncMarkTest, CommitThatWasPassedOverBehindTheMarkMayComeAgain)
+{
+    EXPECT_EQ(orderOf(range({7, 3}, {7, 4}), {{7, 3}, 49, true}), "next");
 }
 
 TEST_F(SqlSyncMarkTest, SetThatBeginsElsewhereIsOfAnotherOrARestoredDevice)

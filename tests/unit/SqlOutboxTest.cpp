@@ -117,6 +117,24 @@ protected:
     sql::Error _failure;
 };
 
+TEST_F(SqlOutboxTest, TypesAreDescribedInCapitals)
+{
+    run("create table sensor (id Integer primary key, at timestamp, name Varchar(12), az \"Az@`{\")");
+    Recorder recorder(_database, {"sensor"});
+    RecordedTransaction transaction(recorder);
+    run("insert into sensor (id) values (1)");
+    EXPECT_TRUE(transaction.commit());
+    Outbox outbox(_database, "device-17");
+    ChangeSet set;
+    EXPECT_TRUE(outbox.next(set));
+    const auto envelope = sql::readEnvelope(set.header());
+    ASSERT_TRUE(envelope && envelope->tables.size() == 1);
+    std::vector<string> types;
+    for (const sql::SyncColumn& column : envelope->tables[0].columns)
+        types.push_back(column.type);
+    EXPECT_EQ(types, (std::vector<string>{"INTEGER", "TIMESTAMP", "VARCHAR(12)", "AZ@`{"}));
+}
+
 TEST_F(SqlOutboxTest, FileWithoutARecorderHasNothing)
 {
     Outbox outbox(_database, "device-17");
