@@ -259,18 +259,26 @@ void Hub::complain(const std::string& text)
     _complaint = text;
 }
 
+// Also of one that is away from the beginning, once there is a reason.
+void Hub::tellOfBroker(bool isUp)
+{
+    const std::string reason = _mqtt.error();
+    if (isUp == _isBrokerUp || (!isUp && reason.empty()))
+        return;
+    tell(isUp ? "the broker is connected" : "the broker is away: " + reason);
+    _isBrokerUp = isUp;
+}
+
 void Hub::measure(Clock::time_point now)
 {
     const bool isUp = _mqtt.isConnected();
     const sql::integer overflowed = _mqtt.overflowed();
-    bool wasUp = false;
     _metrics.change([&](HubState& state) {
-        wasUp = std::exchange(state.isBrokerUp, isUp);
+        state.isBrokerUp = isUp;
         state.overflowed = overflowed;
         state.sample(now);
     });
-    if (isUp != wasUp)
-        tell(isUp ? "the broker is connected" : "the broker is away: " + _mqtt.error());
+    tellOfBroker(isUp);
     if (overflowed == _overflowed || !_overflow.isDue(now))
         return;
     tell(std::to_string(overflowed) + " messages were let go: too many are waiting");

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 #include <utility>
@@ -72,6 +73,7 @@ private:
     void noteTrouble(const std::string& trouble);
     void noteRefused(const std::string& topic, const std::string& text);
     void complain(const std::string& text);
+    void tellOfBroker(bool isUp);
     void measure(Clock::time_point now);
 
     Mqtt& _mqtt;
@@ -85,6 +87,7 @@ private:
     std::minstd_rand _random{std::random_device()()};
     Clock::duration _pause; // before the centre is tried again
     Clock::time_point _retry;
+    std::optional<bool> _isBrokerUp;             // as was told
     std::string _trouble;                        // told last
     std::string _complaint;                      // told last
     std::map<std::string, std::string> _refused; // told last, for each topic

@@ -530,6 +530,16 @@ TEST_F(HubTest, WhatTheBrokerDoesIsTold)
     EXPECT_THAT(told(), ElementsAre("fleet-hub: the broker is connected"));
 }
 
+TEST_F(HubTest, ABrokerThatIsAwayFromTheBeginningIsTold)
+{
+    broker.isConnected = false;
+    Metrics metrics("hub-2");
+    Hub hub(_mqtt, _centre, metrics);
+    hub.step(_now);
+    hub.step(_now);
+    EXPECT_THAT(told(), ElementsAre("fleet-hub: the broker is away: the line is cut"));
+}
+
 TEST_F(HubTest, MessagesLetGoAreToldOnceAMinute)
 {
     broker.overflowed = 3;
