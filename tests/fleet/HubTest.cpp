@@ -306,12 +306,22 @@ TEST_F(HubTest, BatchHasAThousandSets)
 
 TEST_F(HubTest, BatchEndsWithTheSetThatBringsItTo16MiB)
 {
-    const std::string third(6 << 20, 'x');
-    for (int number = 1; number <= 4; ++number)
-        broker.coming.push_back(setOf("a", number, third));
+    const std::string half((8 << 20) - 5, 'x'); // with length and header
+    const std::string less((8 << 20) - 6, 'x');
+    for (const std::string& bytes : {half, half, half, less, half})
+        broker.coming.push_back(setOf("a", int(broker.coming.size()), bytes));
     after(seconds(1));
     after(seconds(1));
-    EXPECT_THAT(centre.batches, ElementsAre(SizeIs(3), SizeIs(1)));
+    EXPECT_THAT(centre.batches, ElementsAre(SizeIs(2), SizeIs(3)));
+}
+
+TEST_F(HubTest, ThousandAnswersAreNotedAtOnce)
+{
+    broker.coming.assign(1001, {"fleet/a/applied", "stored 9 1"});
+    after(seconds(1));
+    EXPECT_THAT(centre.applied, SizeIs(1000));
+    after(seconds(1));
+    EXPECT_THAT(centre.applied, SizeIs(1001));
 }
 
 TEST_F(HubTest, NothingIsAnsweredBeforeItIsStored)
