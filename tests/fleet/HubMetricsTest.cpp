@@ -10,6 +10,7 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
+using testing::StartsWith;
 
 DeviceStatus deviceOf(const std::string& name, double behind)
 {
@@ -126,10 +127,10 @@ TEST_F(HubMetricsTest, FleetIsToldOnceItIsKnown)
     bad.quarantined = 3;
     bad.waiting = 4;
     bad.refused = "gap";
-    lookAt({bad, deviceOf("b", 100000), deviceOf("c", -1)});
+    lookAt({bad, deviceOf("b", 100000), deviceOf("c", -1), deviceOf("d", 59.5)});
     EXPECT_THAT(prometheusText(_state, _now), EndsWith(R"(# HELP fleet_devices Devices.
 # TYPE fleet_devices gauge
-fleet_devices 3
+fleet_devices 4
 # HELP fleet_devices_behind Devices whose latest change set was stored longer ago.
 # TYPE fleet_devices_behind gauge
 fleet_devices_behind{seconds="60"} 2
@@ -197,7 +198,9 @@ TEST_F(HubMetricsTest, StateIsJson)
 
 TEST_F(HubMetricsTest, StateIsJsonBeforeAnythingIsKnown)
 {
-    EXPECT_THAT(statusJson(HubState(), _now, ""),
+    const std::string json = statusJson(HubState(), _now, "");
+    EXPECT_THAT(json, StartsWith("{\"hub\":{\"name\":\"\",\"broker\":false,\"trouble\":\"\","));
+    EXPECT_THAT(json,
                 EndsWith(R"("fleet":{"age":0.000,"devices":0,"behind":0.000,"rows":0,"lost":0,)"
                          R"("quarantined":0,"waiting":0,"refused":0},"rates":[],"found":0,)"
                          R"("devices":[]})"));
@@ -206,7 +209,9 @@ TEST_F(HubMetricsTest, StateIsJsonBeforeAnythingIsKnown)
 TEST_F(HubMetricsTest, DeviceOfWhichNothingWasStoredIsNotBehind)
 {
     lookAt({deviceOf("a", 0), deviceOf("b", -1)});
-    EXPECT_THAT(statusJson(_state, _now, ""), HasSubstr("\"behind\":0.500,\"rows\":0,"));
+    EXPECT_THAT(statusJson(_state, _now, "a"), HasSubstr("\"number\":0,\"behind\":0.500,"));
+    EXPECT_THAT(statusJson(_state, _state.lookedAt, "a"),
+                HasSubstr("\"number\":0,\"behind\":0.000,"));
     EXPECT_THAT(statusJson(_state, _now, "b"), HasSubstr("\"number\":0,\"behind\":null,"));
     EXPECT_THAT(devicesFound(""), ElementsAre("a", "b"));
 }

@@ -451,9 +451,8 @@ TEST_F(HubTest, SettingsGoToADeviceAgainLessAndLessOften)
     broker.coming = {setOf("a", 1, "one")}; // it is there
     EXPECT_THAT(publishedAfter(seconds(1)),
                 ElementsAre("fleet/a/ack stored 7 1", published("a", 2)));
-    EXPECT_THAT(publishedAfter(seconds(29)), IsEmpty());
     broker.coming = {setOf("a", 2, "two")};
-    EXPECT_THAT(publishedAfter(seconds(0)), ElementsAre("fleet/a/ack stored 7 2"));
+    EXPECT_THAT(publishedAfter(seconds(29)), ElementsAre("fleet/a/ack stored 7 2"));
     EXPECT_THAT(publishedAfter(seconds(1)), ElementsAre(published("a", 2)));
 }
 

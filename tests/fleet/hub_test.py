@@ -205,11 +205,18 @@ class HubTest(unittest.TestCase):
         self.fleet.broker.kill()
         self.wait_for_line("the broker is away: .*")
         self.assertEqual(self.metric("fleet_hub_broker_up"), 0)
+        before = self.processor_time()
+        time.sleep(2)
+        self.assertLess(self.processor_time() - before, 0.2)
         device = self.send("steady", readings(1, 2))
         self.fleet.broker.start()
         self.assert_ends(device)
         self.assertEqual(self.values("steady"), ["1", "2"])
         self.assertEqual(self.metric("fleet_hub_broker_up"), 1)
+
+    def processor_time(self):
+        with open(f"/proc/{self.hub.process.pid}/stat", encoding="ascii") as file:
+            return sum(map(int, file.read().split()[13:15])) / os.sysconf("SC_CLK_TCK")
 
     def test_port_of_another_is_told(self):
         self.assertEqual(
