@@ -62,7 +62,6 @@ struct Mqtt::Core {
     std::thread thread;
     std::atomic<bool> isConnected = false;
     std::atomic<bool> isEnding = false;
-    std::atomic<long long> overflowed = 0;
     std::chrono::milliseconds nextPause = shortest_pause;
     std::minstd_rand random{std::random_device()()};
 
@@ -70,6 +69,7 @@ struct Mqtt::Core {
     std::condition_variable changed;
     std::deque<Message> messages;
     std::size_t bytes = 0;
+    long long overflowed = 0;
     std::string error;
     int event; // can be read while messages wait
 };
@@ -137,8 +137,8 @@ void Mqtt::Core::push(Message message)
         ++overflowed;
         return;
     }
-    bytes += message.payload.size();
     messages.push_back(std::move(message));
+    bytes += messages.back().payload.size();
     eventfd_write(event, 1);
     changed.notify_all();
 }
@@ -172,6 +172,7 @@ void Mqtt::Core::takeMessage(mosquitto*, void* core, const mosquitto_message* me
                    {static_cast<const char*>(message->payload),
                     static_cast<std::size_t>(message->payloadlen)}});
     } catch (const std::bad_alloc&) {
+        const std::lock_guard<std::mutex> lock(self.mutex);
         ++self.overflowed;
     }
 }
@@ -266,6 +267,7 @@ bool Mqtt::isConnected() const
 
 long long Mqtt::overflowed() const
 {
+    const std::lock_guard<std::mutex> lock(_core->mutex);
     return _core->overflowed;
 }
 
