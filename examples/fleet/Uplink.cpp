@@ -102,7 +102,9 @@ void Uplink::takeAnswer(const Answer& answer)
     if (!answer.isStored) {
         _device.complain("the hub refuses commit " + std::to_string(answer.last.number) + ": "
                          + answer.reason);
-        return sendAgainAfter(longest_patience);
+        if (_sent == answer.last) // and not of one that has come to be stored since
+            sendAgainAfter(longest_patience);
+        return;
     }
     if (!_device.outbox().acknowledge(answer.last))
         return _device.complain("cannot let go of what was sent: "
