@@ -954,6 +954,12 @@ TEST_F(SqlSyncMarkTest, SetWhoseLastCommitHasComeIsRepeated)
     EXPECT_EQ(orderOf(range({7, 1}, {7, 2}), {{8, 3}, 49, true, true}), "repeated") << "retired";
 }
 
+TEST_F(SqlSyncMarkTest, CommitOfALineThatWasLeftIsRepeated)
+{
+    EXPECT_EQ(orderOf(range({7, 3}, {7, 4}), {{7, 3}, 0, true}), "repeated");
+    EXPECT_EQ(orderOf(range({7, 4}, {7, 5}), {{7, 3}, 0, true}), "repeated");
+}
+
 TEST_F(SqlSyncMarkTest, LastSetWithOtherBytesIsAnother)
 {
     EXPECT_EQ(orderOf(range({7, 2}, {7, 3}), {{7, 3}, 49, true}),

@@ -476,6 +476,28 @@ TEST_F(SqlInboxTest, FormerLineIsRefusedFromTheAdmissionOn)
     expectApplied(other);
 }
 
+TEST_F(SqlInboxTest, EarlierIncarnationsOfTheFormerLineDoNotComeAgain)
+{
+    const Sent first = _device.commit("insert into product values (1, 'tea', 2)");
+    const SyncPosition backup = _device.position;
+    const Sent second = _device.commit("insert into product values (2, 'rum', 3)");
+    _device.restore(_device.position, 12); // the program was started again
+    const Sent third = _device.commit("delete from product where id = 2");
+    expectApplied(first);
+    expectApplied(second);
+    expectApplied(third);
+    Device restored;
+    restored.restore(backup, 13);
+    const Sent other = restored.commit("insert into product values (4, 'gin', 5)");
+    EXPECT_TRUE(inbox().admit("device-17", other.header));
+    expectRepeated(second); // though it begins where the inbox stands, and would fit
+    expectRefused(inbox().admit("device-17", second.header), "admit",
+                  "21=SQLITE_MISUSE: the change set has come before");
+    expectApplied(other);
+    expectRepeated(third);
+    EXPECT_EQ(products(), "1|tea|2\n4|gin|5\n");
+}
+
 TEST_F(SqlInboxTest, TwoDevicesOfOneNameAreTold)
 {
     Device twin("device-17", 12);

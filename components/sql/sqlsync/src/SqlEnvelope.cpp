@@ -341,8 +341,7 @@ bool hasCome(const Envelope& envelope, const SyncMark& mark)
 {
     const bool isLast = envelope.last == mark.position && mark.checksum != 0;
     const bool isSame = !isLast || static_cast<integer>(envelope.checksum) == mark.checksum;
-    const bool hasPassed = envelope.last.number <= mark.position.number && isSame;
-    return mark.isKnown && (mark.isRetired || hasPassed);
+    return mark.isKnown && (mark.isRetired || isSame);
 }
 
 Result<bool> isTurn(const char* operation, const Envelope& envelope, const SyncMark& mark)
