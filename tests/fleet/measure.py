@@ -4,6 +4,8 @@ way and at the centre.
 
 import datetime
 import re
+import socket
+import ssl
 import subprocess
 import time
 import urllib.request
@@ -11,6 +13,7 @@ import urllib.request
 import fleet
 
 DEVICES = 20
+CONNECTED = 400
 READINGS = 3 * 8640  # of a day: three sensors, every ten seconds
 
 
@@ -76,6 +79,49 @@ def drain(hubs, has_standby):
                   f" {one.devices[0].file.stat().st_size / READINGS:.1f} bytes on the device", flush=True)
 
 
+def text(words):
+    return len(words).to_bytes(2, "big") + words.encode()
+
+
+def packet(kind, *parts):
+    body = b"".join(parts)
+    length, rest = b"", len(body)
+    while not length or rest:
+        length += bytes([rest % 128 | (128 if rest > 127 else 0)])
+        rest //= 128
+    return bytes([kind]) + length + body
+
+
+def connect(one, name):
+    """A device's connection: in a session that is kept, and with its subscriptions."""
+    folder = one.certificates.folder
+    context = ssl.create_default_context(cafile=folder / "authority.crt")
+    context.load_cert_chain(folder / f"{name}.crt", folder / f"{name}.key")
+    connection = context.wrap_socket(socket.create_connection(("localhost", one.broker.port)),
+                                     server_hostname="localhost")
+    connection.sendall(packet(0x10, text("MQTT"), b"\4\0\0\0", text(name)))
+    connection.recv(4)
+    connection.sendall(packet(0x82, b"\0\1", text(f"fleet/{name}/ack"), b"\1", text(f"fleet/{name}/settings"), b"\1"))
+    connection.recv(6)
+    return connection
+
+
+def connect_many():
+    with fleet.Fleet(hubs=1) as one:
+        one.broker.start()
+        names = [f"device-{number}" for number in range(CONNECTED)]
+        for name in names:
+            one.certificates.of(name)
+        first = connect(one, names[0])
+        before = resident(one.broker)
+        rest = [connect(one, name) for name in names[1:]]
+        each = (resident(one.broker) - before) * 1024 / len(rest)
+        print(f"{len(rest)} more connected devices: {each:.1f} KiB of the broker's memory each", flush=True)
+        for connection in first, *rest:
+            connection.close()
+
+
 if __name__ == "__main__":
+    connect_many()
     for count, standby in (1, False), (1, True), (2, True):
         drain(count, standby)
