@@ -884,6 +884,8 @@ TEST_F(CentreTest, TwoCentresStoreEachSetOnce)
         for (const auto& device : devices)
             rounds[round].push_back(device->add(static_cast<int>(round)));
     }
+    // Whoever has waited for the other has to see what that has done.
+    rows("alter role fleet set default_transaction_isolation = 'repeatable read'");
     Centre other(options());
     const auto work = [&rounds](Centre& centre, bool isReversed) {
         for (std::vector<Incoming> sets : rounds) {
@@ -898,6 +900,7 @@ TEST_F(CentreTest, TwoCentresStoreEachSetOnce)
     std::thread thread(work, std::ref(other), true);
     work(_centre, false);
     thread.join();
+    rows("alter role fleet reset all");
     EXPECT_EQ(rows("select device, count(*) from data.reading group by 1 order by 1"),
               "device-0|20\ndevice-1|20\ndevice-2|20\ndevice-3|20\ndevice-4|20");
     EXPECT_EQ(quarantine(), "");
@@ -932,14 +935,14 @@ protected:
     // Waits until a connection of the centre waits for a standby.
     string waitForSync()
     {
-        for (;;) {
-            const string process = rows(
-                "select pid from pg_stat_activity where application_name = 'fleet-hub' and"
-                " wait_event = 'SyncRep'");
-            if (!process.empty())
-                return process;
+        string process;
+        for (int left = 10000; process.empty() && left > 0; --left) {
+            process = rows("select pid from pg_stat_activity where wait_event = 'SyncRep' and"
+                           " application_name = 'fleet-hub'");
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
+        EXPECT_NE(process, "") << "it does not wait";
+        return process.empty() ? "0" : process;
     }
 };
 
