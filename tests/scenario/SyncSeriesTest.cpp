@@ -350,7 +350,7 @@ private:
                 continue;
             SyncRow& row = _known.rows[key] = *change.before;
             for (std::size_t i = columns; i < _known.columns; ++i)
-                row.push_back(test::sync_null);
+                row.push_back(columnValue(i - 1));
             insert(_centre, key, row);
         }
     }
@@ -360,8 +360,10 @@ private:
         if (_device.columns == 5)
             return;
         ++_counts["columns"];
+        if (hasDefault(_device.columns - 1))
+            return addColumnOfDefault();
         test::run(_database.getHandle(), columnText(_device.columns - 1));
-        _device.addColumn();
+        _device.addColumn(columnValue(_device.columns - 1));
         const string why = "the schema has changed: renew the recorder";
         {
             sql::RecordedTransaction transaction(*_recorder);
@@ -380,10 +382,24 @@ private:
         EXPECT_TRUE(_recorder->renew());
     }
 
+    // The rows that are there have to be written, which a recorder would have recorded.
+    void addColumnOfDefault()
+    {
+        const std::size_t number = _device.columns - 1;
+        const string name = columnName(_device.columns);
+        end();
+        ASSERT_TRUE(_database.open(_file, sql::Database::access_create, false, 0));
+        test::run(_database.getHandle(), "begin; " + columnText(number) + "; update reading set "
+                                             + name + " = " + name + "; commit");
+        _database.close();
+        _device.addColumn(columnValue(number));
+        start();
+    }
+
     void addColumnAtCentre()
     {
         test::run(_centre.getHandle(), columnText(_known.columns - 1));
-        _known.addColumn();
+        _known.addColumn(columnValue(_known.columns - 1));
     }
 
     void restart()
@@ -475,9 +491,18 @@ private:
     {
         return column == 0 ? "name" : column == 1 ? "value" : "more" + std::to_string(column - 1);
     }
+    static bool hasDefault(std::size_t number)
+    {
+        return number % 2 == 0;
+    }
+    static string columnValue(std::size_t number)
+    {
+        return hasDefault(number) ? "none" : test::sync_null;
+    }
     static string columnText(std::size_t number)
     {
-        return "alter table reading add column more" + std::to_string(number) + " text";
+        return "alter table reading add column more" + std::to_string(number) + " text"
+               + (hasDefault(number) ? " default 'none'" : "");
     }
 
     sql::integer incarnation()

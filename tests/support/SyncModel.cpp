@@ -178,11 +178,11 @@ void DeviceModel::acknowledge(integer number)
         outbox.pop_front();
 }
 
-void DeviceModel::addColumn()
+void DeviceModel::addColumn(const string& value)
 {
     ++columns;
     for (auto& entry : rows)
-        entry.second.push_back(sync_null);
+        entry.second.push_back(value);
 }
 
 // --- Centre ---------------------------------------------------------------------------------------
@@ -230,11 +230,12 @@ int CentreModel::retry()
     return count;
 }
 
-void CentreModel::addColumn()
+void CentreModel::addColumn(const string& value)
 {
     ++columns;
+    _defaults.push_back(value);
     for (auto& entry : rows)
-        entry.second.push_back(sync_null);
+        entry.second.push_back(value);
 }
 
 bool CentreModel::change(const SyncRange& range)
@@ -250,7 +251,8 @@ bool CentreModel::change(const SyncRange& range)
         SyncRow& row = rows[key];
         if (!change.before) {
             row = *change.after;
-            row.resize(columns, sync_null);
+            row.insert(row.end(), _defaults.begin() + static_cast<int>(row.size() - 2),
+                       _defaults.end());
         }
         for (std::size_t i = 0; change.before && i < change.after->size(); ++i) {
             if ((*change.before)[i] != (*change.after)[i])

@@ -67,7 +67,7 @@ struct DeviceModel {
     const SyncRange* next(sql::integer after, sql::integer most);
 
     void acknowledge(sql::integer number);
-    void addColumn();
+    void addColumn(const std::string& value);
     sql::integer bytes() const;
 
     SyncRows rows;
@@ -87,7 +87,7 @@ struct CentreModel {
     Outcome apply(const SyncRange& range);
     void admit(const SyncRange& range);
     int retry();
-    void addColumn();
+    void addColumn(const std::string& value);
 
     SyncRows rows;
     std::size_t columns = 2;
@@ -107,6 +107,7 @@ private:
     std::set<std::string> conflictsOf(const SyncRange& range) const;
 
     std::map<sql::integer, Line> _lines; // by incarnation
+    std::vector<std::string> _defaults;  // of the columns that were added
 };
 
 } // namespace test
