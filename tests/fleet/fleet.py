@@ -5,6 +5,7 @@ PROGRAMS is the folder with fleet-device and fleet-hub; ARM_PROGRAMS, if it is s
 armhf, which EMULATOR runs.
 """
 
+import atexit
 import contextlib
 import os
 import pathlib
@@ -21,6 +22,10 @@ PROGRAMS = pathlib.Path(os.environ["PROGRAMS"])
 ARM_PROGRAMS = os.environ.get("ARM_PROGRAMS")
 EMULATOR = os.environ.get("EMULATOR", "").split()
 POSTGRES = max(pathlib.Path("/usr/lib/postgresql").glob("*/bin"))
+
+# Whatever ends this program, it leaves nothing behind.
+for ending in signal.SIGTERM, signal.SIGHUP:
+    signal.signal(ending, signal.default_int_handler)
 
 
 def run(*command, **options):
@@ -55,6 +60,7 @@ class Program:
         self.log = folder / f"{name}.log"
         self.command = [str(part) for part in command]
         self.process = None
+        atexit.register(self.finish)
 
     def start(self, *more, **options):
         with self.log.open("ab") as log:
@@ -73,6 +79,11 @@ class Program:
         if self.is_running():
             self.process.send_signal(number)
             self.process.wait(seconds)
+
+    def finish(self):
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            self.end(seconds=10)
+        self.kill()
 
     def said(self):
         return self.log.read_text() if self.log.exists() else ""
@@ -144,6 +155,7 @@ class Server(Program):
     SETTINGS = """
 listen_addresses = ''
 fsync = off
+dynamic_shared_memory_type = mmap
 wal_log_hints = on
 wal_keep_size = 512MB
 max_connections = 50
@@ -192,6 +204,8 @@ shared_buffers = 64MB
 
     def kill(self):
         """With all its processes, of which the first may not clean up."""
+        if not self.is_running():
+            return
         children = run("pgrep", "-P", self.process.pid).split()
         super().kill()
         for child in children:
@@ -200,6 +214,20 @@ shared_buffers = 64MB
 
     def end(self, number=signal.SIGINT, seconds=60):
         super().end(number, seconds)
+
+    def finish(self):
+        super().finish()
+        self.remove_shared_memory()
+
+    def shared_memory(self):
+        """The number of a piece by which it knows whether it runs: what was killed has left it."""
+        with contextlib.suppress(FileNotFoundError, IndexError):
+            return (self.folder / "postmaster.pid").read_text().splitlines()[6].split()[1]
+        return None
+
+    def remove_shared_memory(self):
+        if piece := self.shared_memory():
+            subprocess.run(["ipcrm", "-m", piece], stderr=subprocess.DEVNULL, check=False)
 
     def promote(self):
         run(POSTGRES / "pg_ctl", "promote", "-w", "-D", self.folder)
@@ -270,9 +298,7 @@ class Fleet:
 
     def end_all(self):
         for program in reversed(self.programs):
-            with contextlib.suppress(subprocess.TimeoutExpired):
-                program.end(seconds=10)
-            program.kill() if program.is_running() else None
+            program.finish()
 
     def connection(self):
         """Of whichever server can be written to."""

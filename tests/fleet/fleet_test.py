@@ -1,13 +1,17 @@
 """Faults of a fleet: whatever is killed, every reading is at the centre once, and who must not be let in is not.
 
-SQLWRAPPER_TEST_LONG has each fault happen several times, at other moments.
+SQLWRAPPER_TEST_LONG has each fault happen several times, at moments that SEED chooses, if it is set.
 """
 
+import contextlib
 import os
+import pathlib
 import random
 import re
+import signal
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 import urllib.request
@@ -18,6 +22,7 @@ from fleet import wait_until
 IS_LONG = "SQLWRAPPER_TEST_LONG" in os.environ
 ROUNDS = 20 if IS_LONG else 2
 DEVICES = 20 if IS_LONG else 6
+SEED = int(os.environ.get("SEED", random.SystemRandom().randrange(1000000) if IS_LONG else 1))
 
 
 class FleetTest(unittest.TestCase):
@@ -27,7 +32,7 @@ class FleetTest(unittest.TestCase):
         self.fleet = fleet.Fleet()
         self.addCleanup(self.fleet.stack.close)
         self.fleet.start(self.has_standby)
-        self.random = random.Random(1)
+        self.random = random.Random(SEED)
 
     def add_devices(self, count=DEVICES):
         for number in range(count):
@@ -105,6 +110,85 @@ class KillTest(FleetTest):
         self.fleet.primary.kill()
         time.sleep(5)
         self.fleet.primary.start()
+        self.wait_for_each()
+        self.assert_whole()
+
+
+class MomentTest(FleetTest):
+    """What is killed at a moment that is made to last."""
+
+    has_standby = True
+
+    @contextlib.contextmanager
+    def nothing_committed(self):
+        """Has hubs wait in the middle of a transaction."""
+        server = self.fleet.primary
+        with subprocess.Popen([fleet.POSTGRES / "psql", "-X", "-q", "-d", f"{server.connection()} dbname=fleet"],
+                              stdin=subprocess.PIPE, text=True) as other:
+            other.stdin.write("begin;lock table data.reading in share mode;\n")
+            other.stdin.flush()
+            self.wait_until_hubs_wait("wait_event_type = 'Lock'")
+            yield
+
+    def wait_until_hubs_wait(self, what):
+        wait_until(lambda: self.fleet.ask("select 1 from pg_stat_activity where application_name = 'fleet-hub'"
+                                          f" and {what}"), f"a hub waits: {what}")
+
+    def kill_hubs(self):
+        for hub in self.fleet.hubs:
+            hub.kill()
+
+    def test_hubs_killed_before_their_commit(self):
+        self.add_devices(2)
+        with self.nothing_committed():
+            before = self.fleet.stored()
+            self.kill_hubs()
+            self.fleet.ask("select pg_terminate_backend(pid) from pg_stat_activity"
+                           " where application_name = 'fleet-hub'")
+        self.assertEqual(self.fleet.stored(), before)
+        for hub in self.fleet.hubs:
+            hub.start()
+        self.wait_for_each()
+        self.assert_whole()
+
+    def test_hub_killed_between_its_commit_and_its_answer(self):
+        self.add_devices(2)
+        before = self.fleet.stored()
+        self.fleet.standby.kill()
+        self.wait_until_hubs_wait("wait_event = 'SyncRep'")
+        self.kill_hubs()
+        self.fleet.standby.start()
+        wait_until(lambda: self.fleet.stored() != before, "what nobody has acknowledged is there")
+        self.fleet.hubs[0].start()
+        wait_until(lambda: self.repeated() > 0, "it comes again")
+        self.wait_for_each()
+        self.assert_whole()
+
+    def repeated(self):
+        with contextlib.suppress(OSError), urllib.request.urlopen(
+                f"http://127.0.0.1:{self.fleet.web}/metrics") as page:
+            return int(re.search(r"^fleet_hub_sets_repeated_total (\d+)$", page.read().decode(), re.M)[1])
+        return 0
+
+    def test_device_killed_between_its_write_and_its_set(self):
+        self.add_devices(1)
+        device = self.fleet.devices[0]
+        self.fleet.broker.kill()
+        before = len(device.rows())
+        wait_until(lambda: len(device.rows()) > before, "it goes on writing")
+        device.kill()
+        self.assertGreater(len(device.rows()), len(self.fleet.rows()["device-1"]))
+        self.fleet.broker.start()
+        self.assert_whole()
+
+    def test_device_killed_between_its_set_and_the_answer(self):
+        self.add_devices(1)
+        device = self.fleet.devices[0]
+        with self.nothing_committed():
+            before = self.fleet.stored()
+            device.kill()
+        wait_until(lambda: self.fleet.stored() != before, "its set is stored")
+        device.start()
         self.wait_for_each()
         self.assert_whole()
 
@@ -194,6 +278,21 @@ class DeviceTest(FleetTest):
         self.assertEqual(self.fleet.rows()["device-1"], rows)
         first.kill()
 
+    def test_of_two_devices_of_a_name_one_stores(self):
+        self.add_devices(1)
+        first = self.fleet.devices[0]
+        second = self.fleet.own(fleet.Device(self.fleet, "device-1", "--group", "3", "--within", "1", simulates=10))
+        second.file = self.fleet.folder / "second.db"
+        second.command[second.command.index(str(first.file))] = str(second.file)
+        second.start()  # the broker ends the session of one of them, again and again
+        wait_until(lambda: "another device has its name" in second.said(), "the second is refused")
+        second.kill()
+        self.wait_for_each()
+        first.end()
+        first.drain()
+        wait_until(lambda: not first.is_running(), "the first has sent everything")
+        self.assertEqual(self.fleet.rows(), {"device-1": first.rows()})
+
     def test_restored_device_goes_on_once_it_is_admitted(self):
         self.add_devices(1)
         device = self.fleet.devices[0]
@@ -239,6 +338,32 @@ class DeviceTest(FleetTest):
         self.assertEqual(told.splitlines()[1:], ["group 7", "note some text"])
 
 
+class EndTest(unittest.TestCase):
+    def test_nothing_is_left_of_a_run_that_is_interrupted(self):
+        for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:
+            with tempfile.TemporaryDirectory() as folder:
+                test = subprocess.Popen(
+                    [sys.executable, "-B", __file__, "KillTest.test_centre_that_is_away_is_waited_for"],
+                    env={**os.environ, "TMPDIR": folder}, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                wait_until(lambda: list(pathlib.Path(folder).glob("*/device-1.db")), "a device is there")
+                test.send_signal(number)
+                self.assertNotEqual(test.wait(60), 0)
+                self.assertEqual(os.listdir(folder), [])
+                self.assertEqual(subprocess.run(["pgrep", "-f", folder], check=False).returncode, 1)
+
+    def test_nothing_is_left_of_a_server_that_was_killed(self):
+        with fleet.Fleet() as one:
+            one.start_database(has_standby=False)
+            one.primary.kill()
+            piece = one.primary.shared_memory()
+            self.assertIn(piece, self.shared_memory())
+        self.assertNotIn(piece, self.shared_memory())
+
+    @staticmethod
+    def shared_memory():
+        return [line.split()[1] for line in pathlib.Path("/proc/sysvipc/shm").read_text().splitlines()]
+
+
 class CertificateTest(FleetTest):
     """Whom the broker lets in at all is tried with its configuration; here, that nothing gets through."""
 
@@ -269,6 +394,8 @@ class CertificateTest(FleetTest):
 
 
 if __name__ == "__main__":
+    if IS_LONG:
+        print(f"SEED={SEED}", flush=True)
     result = unittest.main(exit=False, verbosity=2).result
     failed = len(result.failures) + len(result.errors)
     # With those of the programs that ran before.
