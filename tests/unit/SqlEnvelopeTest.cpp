@@ -977,11 +977,6 @@ TEST_F(SqlSyncMarkTest, SetsBeforeItAreMissingUnlessTheDeviceHasDroppedThem)
     EXPECT_EQ(orderOf(range({7, 4}, {7, 6}, {7, 4}), {{7, 3}, 49}), "next");
 }
 
-TEST_F(SqlSyncMarkTest, CommitThatWasPassedOverBehindTheMarkMayComeAgain)
-{
-    EXPECT_EQ(orderOf(range({7, 3}, {7, 4}), {{7, 3}, 49, true}), "next");
-}
-
 TEST_F(SqlSyncMarkTest, SetThatBeginsElsewhereIsOfAnotherOrARestoredDevice)
 {
     const string reason = "23=SQLITE_AUTH: the device went back to ";
