@@ -279,8 +279,6 @@ std::vector<std::string> devicesOf(const std::vector<Work>& works)
 
 bool Centre::Core::makeTables(std::vector<Work>& works)
 {
-    if (postgres.isOfTables())
-        tables.forget();
     for (Work& work : works) {
         if (work.isSound && !tables.make(postgres, work.envelope.tables, work.whyNotTables))
             return undo();
@@ -508,6 +506,8 @@ bool Centre::Core::takeAll(std::vector<Work>& works, bool& isDone)
     const bool isRun = postgres.finish(results);
     if (!isRun && !postgres.isOfValues())
         return undo();
+    if (!isRun && postgres.isOfTables())
+        tables.forget();
     isDone = isDone && isRun && std::all_of(results.begin(), results.end(), changesOne);
     return isDone || postgres.run("rollback") || fail();
 }

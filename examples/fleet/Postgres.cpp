@@ -211,19 +211,23 @@ Parameters& Parameters::addNumbers(const std::vector<long long>& numbers)
 
 // --- Rows ----------------------------------------------------------------------------------------
 
-Rows::Rows(PGresult* result) : _result(result, PQclear)
+// Of hundreds of thousands of changed rows the number alone is kept.
+Rows::Rows(PGresult* result)
+    : _result(result, PQclear), _status(PQresultStatus(result)),
+      _changed(std::strtoll(PQcmdTuples(result), nullptr, 10))
 {
+    if (_status == PGRES_COMMAND_OK)
+        _result.reset();
 }
 
 bool Rows::isGood() const
 {
-    const ExecStatusType status = PQresultStatus(_result.get());
-    return status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK;
+    return _status == PGRES_COMMAND_OK || _status == PGRES_TUPLES_OK;
 }
 
 bool Rows::isSync() const
 {
-    return PQresultStatus(_result.get()) == PGRES_PIPELINE_SYNC;
+    return _status == PGRES_PIPELINE_SYNC;
 }
 
 std::string Rows::state() const
@@ -245,7 +249,7 @@ int Rows::count() const
 
 long long Rows::changed() const
 {
-    return std::strtoll(PQcmdTuples(_result.get()), nullptr, 10);
+    return _changed;
 }
 
 bool Rows::isNull(int row, int column) const

@@ -78,7 +78,9 @@ public:
     double real(int row, int column) const;
 
 private:
-    std::unique_ptr<PGresult, decltype(&PQclear)> _result;
+    std::unique_ptr<PGresult, decltype(&PQclear)> _result; // null if it has no more to tell
+    ExecStatusType _status;
+    long long _changed;
 };
 
 // A connection to PostgreSQL whose statements are compiled once and sent one behind the other, without
