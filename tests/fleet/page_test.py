@@ -194,7 +194,7 @@ class PageTest(Test):
         self.server.end()
         self.wait_for(lambda: self.state() == ("the hub does not answer", "bad"))
         for entry in self.browser.get_log("browser"):
-            self.assertIn("status.json?find= - Failed to load resource", entry["message"])
+            self.assertRegex(entry["message"], r"status\.json\?find=\d* - Failed to load resource")
         self.browser.get("about:blank")
         self.browser.get_log("browser")
 
