@@ -35,7 +35,6 @@ using test::DeviceModel;
 using test::SyncPlace;
 using test::SyncRow;
 using test::SyncRows;
-using testing::AnyOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
 

@@ -77,7 +77,7 @@ void SyncChanges::add(const SyncChanges& later)
 
 integer SyncChanges::size() const
 {
-    const auto flags = static_cast<integer>(1 + columns);
+    const integer flags = 1 + static_cast<integer>(columns);
     integer size = rows.empty() ? 0 : 2 + flags + static_cast<integer>(sizeof("reading"));
     for (const auto& entry : rows)
         size += sizeOf(entry.second);
