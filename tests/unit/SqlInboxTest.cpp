@@ -442,8 +442,8 @@ TEST_F(SqlInboxTest, RestoredDeviceWaitsToBeAdmitted)
                         " another device has its name";
     expectRefused(other, fork);
     expectRefused(other, fork);
-    EXPECT_TRUE(inbox().admit("device-17", other.header));
-    EXPECT_TRUE(inbox().admit("device-17", other.header)); // which it is already
+    EXPECT_TRUE(inbox().admit("device-17", other.header).valueOr(false));
+    EXPECT_TRUE(inbox().admit("device-17", other.header).valueOr(false)); // which it is already
     expectApplied(other);
     EXPECT_EQ(products(), "1|tea|2\n2|rum|3\n4|gin|5\n");
     expectRepeated(other);
@@ -798,7 +798,7 @@ TEST_F(SqlInboxTest, OldestKeptSetCanBeDiscarded)
     const Sent first = _device.commit("insert into product values (1, 'tea', 1)");
     keep(first);
     keep(_device.commit("insert into product values (2, 'rum', 1)"));
-    EXPECT_TRUE(inbox().discard("device-17"));
+    EXPECT_TRUE(inbox().discard("device-17").valueOr(false));
     EXPECT_EQ(inbox().kept("device-17").valueOr(-1), 1);
     expectRepeated(first);
     EXPECT_EQ(inbox().retry("device-17").valueOr(-1), 1);
