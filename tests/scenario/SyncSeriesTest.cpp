@@ -246,7 +246,8 @@ private:
         expectRefused(received.error(), before, outcome, sent);
         if (outcome == CentreModel::unknown_column && pick(2) == 0)
             addColumnAtCentre();
-        else if (outcome == CentreModel::forked && isOldest(sent))
+        else if ((outcome == CentreModel::forked || outcome == CentreModel::missing)
+                 && isOldest(sent))
             admit(sent);
         return false;
     }

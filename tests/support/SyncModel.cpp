@@ -202,9 +202,7 @@ CentreModel::Outcome CentreModel::apply(const SyncRange& range)
         return forked;
     if (range.changes.columns > columns)
         return unknown_column;
-    Line& line = _lines.insert({range.last.first, {mark.second + 1, 0, false}}).first->second;
-    line.first = std::min(line.first, mark.second + 1);
-    line.last = range.last.second;
+    note(range.last);
     lost += surplus;
     mark = range.last;
     if (waiting.empty() && change(range))
@@ -213,11 +211,25 @@ CentreModel::Outcome CentreModel::apply(const SyncRange& range)
     return kept;
 }
 
+// The commits behind the mark have come or are passed over.
+void CentreModel::note(const SyncPlace& last)
+{
+    const integer first = mark.second + 1;
+    Line& line = _lines.insert({last.first, {first, last.second, false}}).first->second;
+    line.first = std::min(line.first, first);
+    line.last = std::max(line.last, last.second);
+}
+
 // The line that has come so far ends.
 void CentreModel::admit(const SyncRange& range)
 {
+    const integer surplus = range.previous.second - mark.second;
+    if (surplus > 0) {
+        note(range.previous);
+        lost += surplus;
+    }
     const auto found = _lines.find(mark.first);
-    if (found != _lines.end())
+    if (found != _lines.end() && mark.first != range.last.first)
         found->second.isRetired = true;
     mark = range.previous;
 }

@@ -103,6 +103,7 @@ private:
         bool isRetired;
     };
 
+    void note(const SyncPlace& last);
     bool change(const SyncRange& range);
     std::set<std::string> conflictsOf(const SyncRange& range) const;
 
