@@ -717,7 +717,7 @@ bool Centre::Core::admit(const sql::Envelope& envelope)
     const sql::SyncMark stand = mark.standOf(envelope);
     if (stand.isRetired)
         return undo("the device's incarnation was retired when another was admitted");
-    if (stand.isKnown && envelope.last.number <= mark.position.number)
+    if (stand.isKnown)
         return undo("the change set has come before");
     const sql::integer missing = envelope.previous.number - mark.position.number;
     if (missing > 0) {
