@@ -142,20 +142,20 @@ sql::Outbox& Device::outbox()
 
 void Device::tidy()
 {
-    const TimePoint today = midnightOf(now());
-    const TimePoint before = today - (_options.keep - 1) * whole_day;
-    if (_options.keep == 0 || before == _tidied)
-        return;
-    sql::RecordedTransaction transaction(*_recorder, patience);
-    sql::Statement remove(_database, "delete from reading where at < ?");
-    if (!transaction.isOpen())
-        fail("tidy up", transaction.error());
-    else if (!remove.run(before))
-        fail("tidy up", remove.error());
-    else if (!transaction.commit())
-        fail("tidy up", transaction.error());
-    else
+    const TimePoint before = midnightOf(now()) - (_options.keep - 1) * whole_day;
+    if (_options.keep > 0 && before != _tidied && removeBefore(before))
         _tidied = before;
+}
+
+bool Device::removeBefore(TimePoint time)
+{
+    sql::RecordedTransaction transaction(*_recorder, patience);
+    if (!transaction.isOpen())
+        return fail("tidy up", transaction.error());
+    sql::Statement remove(_database, "delete from reading where at < ?");
+    if (!remove.run(time))
+        return fail("tidy up", remove.error());
+    return transaction.commit() || fail("tidy up", transaction.error());
 }
 
 sql::integer Device::stored() const

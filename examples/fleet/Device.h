@@ -59,6 +59,7 @@ public:
 private:
     bool fail(const std::string& what, const sql::Error& error);
     bool store();
+    bool removeBefore(TimePoint time);
     bool storeEvent(const std::string& kind, bool isSerious, const std::string& detail);
     void obey();
     void obey(const char* name, int& value);

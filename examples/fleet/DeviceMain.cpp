@@ -201,13 +201,13 @@ CLI::App* addCommand(CLI::App& app, Request& request, const char* name, const ch
 }
 
 template <typename Value>
-void addNumber(CLI::App* command, const char* name, Value& value, const char* unit, double lowest,
-               double highest, const char* description)
+void addNumber(CLI::App* command, const char* name, Value& value, const char* unit, Value lowest,
+               Value highest, const char* description)
 {
     command->add_option(name, value, description)
-        ->check(CLI::Range(lowest, highest))
         ->type_name(unit)
-        ->capture_default_str();
+        ->capture_default_str()
+        ->check(CLI::Range(lowest, highest));
 }
 
 void addBroker(CLI::App* command, Broker& broker)
@@ -230,13 +230,13 @@ void addRun(CLI::App& app, Request& request)
         ->required()
         ->type_name("NAME");
     addBroker(command, request.broker);
-    addNumber(command, "--simulate", request.simulated, "N", 0, 100000,
+    addNumber(command, "--simulate", request.simulated, "N", 0.0, 100000.0,
               "Make up N readings a second, and read none");
     addNumber(command, "--group", device.group, "N", 1, 1000000, "Commit so many readings at once");
     addNumber(command, "--within", device.within, "S", 0, 1000000, "or those of so many seconds");
     addNumber(command, "--keep", device.keep, "DAYS", 0, 1000000,
               "Remove those of older days, once all is sent; 0: none");
-    addNumber(command, "--limit", device.outbox.limit, "BYTES", 0, 1e15,
+    addNumber(command, "--limit", device.outbox.limit, "BYTES", 0LL, 1000000000000000LL,
               "Keep no more to be sent; 0: as much as there is room");
     const std::map<std::string, sql::WhenFull> policies = {{"refuse", sql::WhenFull::refuse_writes},
                                                            {"merge", sql::WhenFull::merge_ranges},

@@ -324,6 +324,18 @@ class DeviceTest(FleetTest):
         self.wait_for_each()
         self.assert_whole()
 
+    def test_readings_are_removed_once_the_centre_has_them(self):
+        device = self.fleet.add_device("device-1", "--group", "1", "--keep", "1", simulates=2)
+        self.feed(device, "2001-01-01T00:00:00Z hall 1\n")
+        device.start()
+        wait_until(lambda: device.rows() and device.rows()[0][0] > 1, "the old one is removed")
+        self.wait_for_each()
+        device.end()
+        device.drain()
+        wait_until(lambda: not device.is_running(), "it has sent everything")
+        self.assertEqual(self.fleet.rows(), {"device-1": [(1, 978307200, "hall", 1.0, None), *device.rows()]})
+        self.assertEqual(self.fleet.ask("select count(*) from fleet.quarantine"), [["0"]])
+
     def test_setting_reaches_a_device_that_was_away(self):
         self.add_devices(1)
         device = self.fleet.devices[0]
