@@ -140,10 +140,16 @@ protected:
     {
         return refusal("checkChangeSet", sql::checkChangeSet(envelope, bytes));
     }
-    // Of a set whose size and checksum are right.
+    // Of a set whose size and checksum are right, and whose first change is wrong: a reader says the same.
     string refusalOfSet(std::string_view bytes)
     {
-        return refusalOfSet(envelopeOf(bytes), bytes);
+        const Envelope envelope = envelopeOf(bytes);
+        ChangeReader reader(envelope, bytes);
+        EXPECT_FALSE(reader.next());
+        const string why = refusal("next", sql::Result<int>(reader.error()));
+        EXPECT_FALSE(reader.next());
+        EXPECT_EQ(refusalOfSet(envelope, bytes), why);
+        return why;
     }
 };
 
@@ -547,11 +553,15 @@ TEST_F(SqlEnvelopeTest, WhatIsWrongWithASetIsToldWithItsByte)
         {product_head + change(23) + key + string(5, '\0'), "byte 13: an update changes nothing"},
         {product_head + change(18) + key + "\3\4abc", "byte 25: a length goes beyond the end"},
         {product_head + change(18) + key + "\3\x81", "byte 26: the change set is cut off"},
+        {product_head + change(18) + key + null + "\3\x81", "byte 27: the change set is cut off"},
+        {product_head + change(18) + "\1abc", "byte 16: the change set is cut off"},
         {product_head + change(18) + key + "\3\x80\1" + string(200, 'x'),
          "byte 25: a length is longer than it has to be"},
         {product_head + change(18) + key + "\3\xff\xff\xff\xff\xff\1" + string(200, 'x'),
          "byte 25: a length goes beyond the end"},
         {product_head + change(18) + key + "\3\x8f\xff\xff\xff\x7f" + string(200, 'x'),
+         "byte 25: a length goes beyond the end"},
+        {product_head + change(18) + key + "\3\x81" + string(9, '\x80') + string(200, '\0'),
          "byte 25: a length goes beyond the end"},
         {"T\5\1", "byte 1: a length goes beyond the end"},
         {string("T\3\1\0\0product", 12), "byte 5: the change set is cut off"},
@@ -560,9 +570,23 @@ TEST_F(SqlEnvelopeTest, WhatIsWrongWithASetIsToldWithItsByte)
         EXPECT_EQ(refusalOfSet(set), why) << testing::PrintToString(set);
 }
 
+TEST_F(SqlEnvelopeTest, KeyMayHaveAsManyColumnsAsAByteCounts)
+{
+    sql::SyncTable table{"t", {}};
+    string head = "T\x81\x7f";
+    for (int i = 1; i <= 255; ++i) {
+        table.columns.push_back({"c" + std::to_string(i), "", i, true});
+        head += static_cast<char>(i);
+    }
+    head += string("t\0", 2);
+    Envelope envelope = envelopeOf(head);
+    envelope.tables = {table};
+    EXPECT_EQ(sql::checkChangeSet(envelope, head).valueOr(-1), 0);
+}
+
 TEST_F(SqlEnvelopeTest, ReaderThatHasFailedSaysSoOnce)
 {
-    const string set = product_head + string("\1\1");
+    const string set = product_head + string("\1\1") + change(18) + integer(1) + null + null;
     const Envelope envelope = envelopeOf(set);
     ChangeReader reader(envelope, set);
     EXPECT_FALSE(reader.next());

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <sys/syscall.h>
@@ -180,6 +181,41 @@ TEST_F(SqlRecorderTest, TablesThatCannotBeRecordedAreRefusedByName)
     }
     run("insert into product values (1, 'tea', 2)");
     EXPECT_EQ(rows("select count(*) from sqlite_master where name like 'sqlsync%'"), "0");
+}
+
+TEST_F(SqlRecorderTest, OnlyNamesThatBeginLikeTheLibrarysAreItsOwn)
+{
+    run("create table sqlsyncs (id integer primary key)");
+    EXPECT_TRUE(Recorder(_database, {"sqlsyncs"}).isRecording());
+}
+
+// As a program may forbid it, by SQLite's authorizer.
+TEST_F(SqlRecorderTest, TablesThatCannotBeLookedAtAreAFailure)
+{
+    const auto forbid = [](void* what, int action, const char* first, const char* second,
+                           const char*, const char*) {
+        const char* const asked = action == SQLITE_READ     ? second
+                                  : action == SQLITE_PRAGMA ? first
+                                                            : nullptr;
+        return asked != nullptr && std::strcmp(asked, static_cast<const char*>(what)) == 0
+                   ? SQLITE_DENY
+                   : SQLITE_OK;
+    };
+    struct Case {
+        string what, operation, reason;
+    };
+    std::vector<Case> cases = {
+        {"rootpage", "Statement", "access to sqlite_master.rootpage is prohibited"},
+        {"index_list", "one", "not authorized"},
+        {"table_xinfo", "next", "not authorized"},
+    };
+    for (Case& refused : cases) {
+        sqlite3_set_authorizer(_database.getHandle(), forbid, refused.what.data());
+        const Recorder recorder(_database, {"product"});
+        sqlite3_set_authorizer(_database.getHandle(), nullptr, nullptr);
+        expectFailure(recorder.error(), refused.operation.c_str(),
+                      "23=SQLITE_AUTH: " + refused.reason);
+    }
 }
 
 TEST_F(SqlRecorderTest, WhatCannotBeRecordedNowIsAFailure)

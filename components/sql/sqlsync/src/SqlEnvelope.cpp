@@ -193,7 +193,7 @@ string whyNotDescribed(Fields& fields, SyncTable& table)
         const std::uint64_t ordinal = fields.number(4);
         const std::uint64_t isNotNull = fields.number(4);
         if (!fields.suffice())
-            return lengths_differ;
+            break;
         if (!isName(column.name))
             return joined({"table '", table.name,
                            "': the name of a column is empty or has a zero byte in it"});
@@ -341,7 +341,7 @@ bool hasCome(const Envelope& envelope, const SyncMark& mark)
 {
     const bool isLast = envelope.last == mark.position && mark.checksum != 0;
     const bool isSame = !isLast || static_cast<integer>(envelope.checksum) == mark.checksum;
-    return mark.isKnown && (mark.isRetired || isSame);
+    return mark.isKnown && isSame;
 }
 
 Result<bool> isTurn(const char* operation, const Envelope& envelope, const SyncMark& mark)
