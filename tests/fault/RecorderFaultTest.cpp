@@ -804,6 +804,34 @@ TEST_P(PassingFaultTest, CommitThatFailedIsDoneTheNextTime)
     tryAll(commit, expectAllSent, 3);
 }
 
+// What is told by whom as one allocation of SQLite's after the other fails.
+std::set<string> toldInAShortage(bool isMadeBefore)
+{
+    std::set<string> told;
+    bool hasStruck = true;
+    for (int nth = 1; hasStruck; ++nth) {
+        const test::Diagnostics diagnostics;
+        test::Trouble trouble(test::memory_causes[0], nth, false);
+        Device device(":memory:", works[0]);
+        EXPECT_TRUE(device.open(tables));
+        EXPECT_FALSE(isMadeBefore && device.start());
+        trouble.runThrough(device.shop.handle(), [&] {
+            const sql::Error error = isMadeBefore
+                                         ? sql::RecordedTransaction(*device.recorder).error()
+                                         : device.start();
+            told.insert(error.statement() + ": " + error.text());
+        });
+        hasStruck = trouble.hasStruck();
+    }
+    return told;
+}
+
+TEST(RecorderShortageTest, ThatOfItsSessionIsToldByTheOperation)
+{
+    EXPECT_THAT(toldInAShortage(false), Contains("Recorder: out of memory"));
+    EXPECT_THAT(toldInAShortage(true), Contains("begin: out of memory"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Causes, PassingFaultTest, test::everyWayWithoutALog(passing_causes),
                          test::NameOfWay());
 

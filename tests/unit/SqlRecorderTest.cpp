@@ -2,6 +2,7 @@
 
 #include "SqlStatement.h"
 
+#include "Interruption.h"
 #include "PreparedTest.h"
 #include "Reports.h"
 #include "Session.h"
@@ -390,6 +391,48 @@ TEST_F(SqlRecorderTest, FailedCommitCanBeRepeatedWithMoreWrites)
               2);
 }
 
+TEST_F(SqlRecorderTest, CommitOfATransactionThatIsOverFails)
+{
+    run("create table once (id integer primary key on conflict rollback)");
+    Recorder recorder(_database, {"product"});
+    RecordedTransaction transaction(recorder);
+    run("insert into product values (1, 'tea', 2); insert into once values (1)");
+    EXPECT_EQ(tried("insert into once values (1)"), "19=UNIQUE constraint failed: once.id");
+    _diagnostics.clear();
+    EXPECT_FALSE(transaction.commit());
+    expectFailure(transaction.error(), "commit",
+                  "516=SQLITE_ABORT_ROLLBACK: the transaction was rolled back before");
+    EXPECT_NE(sqlite3_get_autocommit(_database.getHandle()), 0);
+    EXPECT_EQ(rows("select count(*) from sqlsync_outbox"), "0");
+}
+
+TEST_F(SqlRecorderTest, TransactionIsCommittedOnce)
+{
+    Recorder recorder(_database, {"product"});
+    RecordedTransaction transaction(recorder);
+    run("insert into product values (1, 'tea', 2)");
+    EXPECT_TRUE(transaction.commit());
+    EXPECT_FALSE(transaction.isOpen());
+    EXPECT_FALSE(transaction.commit());
+    expectFailure(transaction.error(), "commit",
+                  "21=SQLITE_MISUSE: the transaction has ended before");
+    EXPECT_EQ(numbers(), "0-1");
+}
+
+TEST_F(SqlRecorderTest, RollbackThatSucceedsClearsTheError)
+{
+    run("create table parent (id integer primary key);"
+        "create table child (id integer primary key, parent integer references parent deferrable"
+        " initially deferred); pragma foreign_keys = on");
+    Recorder recorder(_database, {"parent", "child"});
+    RecordedTransaction transaction(recorder);
+    run("insert into child values (1, 9)");
+    EXPECT_FALSE(transaction.commit());
+    _diagnostics.clear();
+    EXPECT_TRUE(transaction.rollback());
+    EXPECT_FALSE(transaction.error());
+}
+
 // --- Commits that bypass it -----------------------------------------------------------------------
 
 TEST_F(SqlRecorderTest, CommitOutsideOfARecordedTransactionIsRefused)
@@ -577,6 +620,22 @@ TEST_F(SqlRecorderTest, CommitThatCannotBeStoredIsRefused)
     }
 }
 
+TEST_F(SqlRecorderTest, CommitThatIsUndoneAsItIsStoredSaysWhyOnce)
+{
+    {
+        const Recorder makes(_database, {"product"}); // its tables
+    }
+    run("create trigger forbidden before insert on sqlsync_outbox begin select raise(rollback, 'no'); end");
+    Recorder recorder(_database, {"product"});
+    RecordedTransaction transaction(recorder);
+    run("insert into product values (1, 'tea', 5)");
+    EXPECT_FALSE(transaction.commit());
+    EXPECT_FALSE(transaction.isOpen());
+    EXPECT_EQ(_diagnostics.lines().size(), 3U) << "one that all was rolled back";
+    _diagnostics.clear();
+    EXPECT_EQ(transaction.error().text(), "no");
+}
+
 TEST_F(SqlRecorderTest, RenewalThatFailsLeavesItAsItWas)
 {
     Recorder recorder(_database, {"product"});
@@ -629,6 +688,23 @@ TEST_F(RecorderFileTest, CommitOfAnotherConnectionIsSeenAndTold)
     EXPECT_EQ(numbers(), "0-1\n1-2\n2-3");
 }
 
+TEST_F(RecorderFileTest, OneThatOthersKeepWaitingFailsAsItBegins)
+{
+    Recorder recorder(_database, {"product"});
+    test::Connection other(_name);
+    other.run("begin immediate");
+    RecordedTransaction transaction(recorder);
+    EXPECT_FALSE(transaction.isOpen());
+    EXPECT_EQ(transaction.error().statement(), "begin immediate");
+    expectFailure(transaction.error(), "begin", "5=SQLITE_BUSY: database is locked");
+    EXPECT_FALSE(recorder.renew());
+    EXPECT_EQ(recorder.error().statement(), "begin immediate");
+    expectFailure(recorder.error(), "begin", "5=SQLITE_BUSY: database is locked");
+    other.run("commit");
+    EXPECT_TRUE(recorder.renew());
+    EXPECT_FALSE(recorder.error());
+}
+
 TEST_F(RecorderFileTest, CommitsOfAnotherRecorderFollowEachOther)
 {
     Recorder recorder(_database, {"product"});
@@ -674,8 +750,75 @@ TEST_F(RecorderFileTest, RestoredFileNeverUsesAPositionForOtherRows)
         EXPECT_TRUE(record(recorder, "insert into product values (2, 'ale', 9)"));
         EXPECT_EQ(numbers(), "0-1\n1-2");
         EXPECT_NE(rows("select incarnation from sqlsync_outbox where number = 2"), former);
+        EXPECT_EQ(rows("select abs(incarnation) > 1 from sqlsync_outbox where number = 2"), "1")
+            << "it is random";
     }
     std::remove((_name + ".copy").c_str());
+}
+
+// --- Interrupts -----------------------------------------------------------------------------------
+
+// A commit that the other table counts.
+sql::Error recordAnother(sql::Database& database, Recorder& recorder)
+{
+    RecordedTransaction transaction(recorder);
+    EXPECT_EQ(transaction.isOpen(), !transaction.error());
+    if (!transaction.isOpen())
+        return transaction.error();
+    const sql::Result<int> written = sql::runScript(
+        database, "insert into other (name) values ('tea');"
+                  "insert or replace into product select 1, max(id), null from other");
+    if (!written)
+        return written.error();
+    const bool isDone = transaction.commit();
+    EXPECT_EQ(isDone, !transaction.error());
+    return transaction.error();
+}
+
+TEST_F(SqlRecorderTest, MakingItFailsWhereverItIsInterrupted)
+{
+    const auto make = [this] {
+        const Recorder recorder(_database, {"product", "event"});
+        EXPECT_EQ(recorder.isRecording(), !recorder.error());
+        EXPECT_NE(sqlite3_get_autocommit(_database.getHandle()), 0);
+        return recorder.error();
+    };
+    run("create table sqlsync_inbox_table (name text primary key) without rowid");
+    EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, make), 10);
+}
+
+TEST_F(SqlRecorderTest, RenewalFailsWhereverItIsInterrupted)
+{
+    run("create table sqlsync_inbox_table (name text primary key) without rowid");
+    Recorder recorder(_database, {"product", "event"});
+    const auto renew = [this, &recorder] {
+        const bool isDone = recorder.renew();
+        EXPECT_EQ(isDone, !recorder.error());
+        EXPECT_TRUE(recorder.isRecording());
+        EXPECT_NE(sqlite3_get_autocommit(_database.getHandle()), 0);
+        return recorder.error();
+    };
+    EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, renew), 10);
+    EXPECT_FALSE(recordAnother(_database, recorder));
+    EXPECT_EQ(numbers(), "0-1");
+}
+
+TEST_F(SqlRecorderTest, CommitsAreWholeOrNotThereWhereverTheyAreInterrupted)
+{
+    for (const sql::RecorderOptions& options :
+         {sql::RecorderOptions(), sql::RecorderOptions{200, sql::WhenFull::merge_ranges}}) {
+        run("delete from other; delete from product; drop table if exists sqlsync_outbox;"
+            "drop table if exists sqlsync_state; drop table if exists sqlsync_schema");
+        Recorder recorder(_database, {"product", "event"}, options);
+        const auto another = [&] {
+            return recordAnother(_database, recorder);
+        };
+        EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, another), 10);
+        EXPECT_EQ(rows("select number from sqlsync_state"), rows("select count(*) from other"));
+        EXPECT_EQ(rows("select max(number) from sqlsync_outbox"),
+                  rows("select count(*) from other"));
+        EXPECT_EQ(rows("select name from product"), rows("select count(*) from other"));
+    }
 }
 
 // --- The connection -------------------------------------------------------------------------------
@@ -695,6 +838,11 @@ TEST_F(SqlRecorderTest, DatabaseThatWasClosedIsAFailure)
         EXPECT_FALSE(transaction.isOpen());
         expectFailure(transaction.error(), "begin",
                       "21=SQLITE_MISUSE: the database was closed or opened anew");
+        test::run(database.getHandle(), tables);
+        const Recorder other(database, {"product"});
+        EXPECT_TRUE(other.isRecording());
+        EXPECT_FALSE(recorder.renew());
+        expectFailure(recorder.error(), "renew", "21=SQLITE_MISUSE: the connection has a recorder");
     }
     EXPECT_EQ(sqlite3_close(leaked), SQLITE_OK);
 }

@@ -63,7 +63,6 @@ struct Recorder::Core : CommitGuard {
     Statement keepState;
     Statement beginPart; // of a transaction: what is stored as it commits
     Statement undoPart;
-    Statement endPart;
     integer schemaVersion = 0;
     integer dataVersion = 0; // which other connections move
     SyncPosition seen;       // the latest commit of the file
@@ -88,15 +87,14 @@ Recorder::Core::Core(Database& database, std::vector<SyncTable> described)
       keepChanges(database, "insert into main.sqlsync_outbox values (?, ?, ?, ?, ?, ?)"),
       keepState(database, "update main.sqlsync_state set incarnation = ?, number = ?,"
                           " bytes = bytes + ?"),
-      beginPart(database, "savepoint sqlsync"), undoPart(database, "rollback to sqlsync"),
-      endPart(database, "release sqlsync")
+      beginPart(database, "savepoint sqlsync"), undoPart(database, "rollback to sqlsync")
 {
 }
 
 Error Recorder::Core::whyNotReady()
 {
     for (const Statement* statement : {&askSchema, &askData, &askState, &keepSchema, &keepChanges,
-                                       &keepState, &beginPart, &undoPart, &endPart}) {
+                                       &keepState, &beginPart, &undoPart}) {
         if (!statement->isPrepared())
             return statement->error();
     }
@@ -160,8 +158,7 @@ bool Recorder::Core::start()
 // is asked for the difference of a table that there is not; which its filter keeps it from looking for.
 bool Recorder::Core::hasSeenAll() const
 {
-    return session != nullptr
-           && sqlite3session_diff(session.get(), "main", "", nullptr) == SQLITE_OK;
+    return sqlite3session_diff(session.get(), "main", "", nullptr) == SQLITE_OK;
 }
 
 bool Recorder::Core::allowsCommit() const
@@ -391,7 +388,7 @@ bool RecordedTransaction::commit()
         core.start();
         return true;
     }
-    if (!_transaction->isOpen() || (core.hasSeenAll() && core.undoPart.run() && core.endPart.run()))
+    if (!_transaction->isOpen() || (core.hasSeenAll() && core.undoPart.run()))
         (void)part.release();
     return false;
 }

@@ -1,0 +1,85 @@
+#ifndef SQLWRAPPER_TESTS_SUPPORT_INTERRUPTION_H
+#define SQLWRAPPER_TESTS_SUPPORT_INTERRUPTION_H
+
+#include "Diagnostics.h"
+#include "SqlResult.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <string>
+#include <vector>
+
+namespace test {
+
+// Interrupts the nth statement that starts on a connection while this object lives, as it starts. Some that
+// read no table, such as begin, take no notice.
+class Interruption {
+public:
+    Interruption(sqlite3* db, int nth) : _db(db), _left(nth)
+    {
+        sqlite3_trace_v2(
+            db, SQLITE_TRACE_STMT,
+            [](unsigned, void* interruption, void*, void*) {
+                auto& self = *static_cast<Interruption*>(interruption);
+                if (--self._left == 0)
+                    sqlite3_interrupt(self._db);
+                return 0;
+            },
+            this);
+    }
+    ~Interruption()
+    {
+        sqlite3_trace_v2(_db, 0, nullptr, nullptr);
+    }
+    Interruption(const Interruption&) = delete;
+    Interruption& operator=(const Interruption&) = delete;
+
+    bool hasHappened() const
+    {
+        return _left <= 0;
+    }
+
+private:
+    sqlite3* const _db;
+    int _left;
+};
+
+// Does it again and again, with each of its statements interrupted in turn, until none was. It fails with
+// that as its reason, which is reported once, maybe behind the line that tells of SQLite's rollback, or does
+// not notice, in silence. How often it has failed.
+template <typename Operation>
+int interruptEach(sqlite3* db, Diagnostics& diagnostics, Operation operation)
+{
+    int failed = 0;
+    for (int nth = 1;; ++nth) {
+        bool hasHappened = false;
+        sql::Error error;
+        {
+            const Interruption interruption(db, nth);
+            error = operation();
+            hasHappened = interruption.hasHappened();
+        }
+        auto report = diagnostics.take();
+        if (!error) {
+            EXPECT_EQ(report, std::vector<std::string>()) << nth;
+            if (!hasHappened)
+                return failed;
+            continue;
+        }
+        EXPECT_EQ(error.extendedCode(), SQLITE_INTERRUPT) << nth;
+        EXPECT_THAT(error.text(), testing::EndsWith("interrupted")) << nth;
+        if (report.size() == 3 && report[0].find("(noteRollback)") != std::string::npos)
+            report.erase(report.begin());
+        EXPECT_EQ(report.size(), 2U) << nth << ": " << testing::PrintToString(report);
+        if (!hasHappened)
+            return -1;
+        ++failed;
+    }
+}
+
+} // namespace test
+
+#endif
