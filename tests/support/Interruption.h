@@ -48,10 +48,12 @@ private:
 };
 
 // Does it again and again, with each of its statements interrupted in turn, until none was. It fails with
-// that as its reason, which is reported once, maybe behind the line that tells of SQLite's rollback, or does
-// not notice, in silence. How often it has failed.
-template <typename Operation>
-int interruptEach(sqlite3* db, Diagnostics& diagnostics, Operation operation)
+// that as its reason, which is reported once, maybe behind the line that tells of SQLite's rollback; or it
+// does not notice, and reports what it does when it is done. Each time, whether it was done is checked. How
+// often it has failed.
+template <typename Operation, typename Check>
+int interruptEach(sqlite3* db, Diagnostics& diagnostics, Operation operation, Check check,
+                  const std::vector<std::string>& reportWhenDone = {})
 {
     int failed = 0;
     for (int nth = 1;; ++nth) {
@@ -63,20 +65,19 @@ int interruptEach(sqlite3* db, Diagnostics& diagnostics, Operation operation)
             hasHappened = interruption.hasHappened();
         }
         auto report = diagnostics.take();
-        if (!error) {
-            EXPECT_EQ(report, std::vector<std::string>()) << nth;
-            if (!hasHappened)
-                return failed;
-            continue;
+        check(!error);
+        if (error) {
+            EXPECT_EQ(error.extendedCode(), SQLITE_INTERRUPT) << nth;
+            EXPECT_THAT(error.text(), testing::EndsWith("interrupted")) << nth;
+            if (report.size() == 3 && report[0].find("(noteRollback)") != std::string::npos)
+                report.erase(report.begin());
+            EXPECT_EQ(report.size(), 2U) << nth << ": " << testing::PrintToString(report);
+            ++failed;
+        } else {
+            EXPECT_EQ(report, reportWhenDone) << nth;
         }
-        EXPECT_EQ(error.extendedCode(), SQLITE_INTERRUPT) << nth;
-        EXPECT_THAT(error.text(), testing::EndsWith("interrupted")) << nth;
-        if (report.size() == 3 && report[0].find("(noteRollback)") != std::string::npos)
-            report.erase(report.begin());
-        EXPECT_EQ(report.size(), 2U) << nth << ": " << testing::PrintToString(report);
         if (!hasHappened)
-            return -1;
-        ++failed;
+            return error ? -1 : failed;
     }
 }
 

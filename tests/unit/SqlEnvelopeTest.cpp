@@ -516,19 +516,21 @@ TEST_F(SqlEnvelopeTest, WhatIsWrongWithASetIsToldWithItsByte)
 {
     const string key = integer(1);
     const string nan = string("\2\x7f\xf8\0\0\0\0\0\0", 9);
+    const string whole = change(18) + key + null + null;
     const std::vector<std::pair<string, string>> refusals = {
         {"x", "byte 0: the change set is cut off"},
         {"xx", "byte 0: there is no such operation"},
         {string("P\3\1\0\0product\0", 13), "byte 0: a patch set does not tell former values"},
         {change(18) + key, "byte 0: there is no table before the change"},
-        {string("T\3\1\0\0other\0", 11), "byte 0: the header has no such table"},
+        {string("T\3\1\0\0other\0", 11) + whole, "byte 0: the header has no such table"},
         {string("T\3\1\0\0produc\0", 12), "byte 0: the header has no such table"},
-        {string("T\2\1\0product\0", 12),
+        {string("T\2\1\0product\0", 12) + whole,
          "byte 0: the table has another number of columns in the header"},
-        {string("T\3\1\0\2product\0", 13), "byte 0: the table has another key in the header"},
+        {string("T\3\1\0\2product\0", 13) + whole,
+         "byte 0: the table has another key in the header"},
         {string("T\3\0\0\0product\0", 13), "byte 0: the table has another key in the header"},
         {string("T\2\1\1pair\0", 9), "byte 0: the table has another key in the header"},
-        {product_head + product_head, "byte 13: the table comes twice"},
+        {product_head + product_head + whole, "byte 13: the table comes twice"},
         {product_head + pair_head + product_head, "byte 22: the table comes twice"},
         {product_head + change(17), "byte 13: there is no such operation"},
         {product_head + change(18, 2),
@@ -553,6 +555,8 @@ TEST_F(SqlEnvelopeTest, WhatIsWrongWithASetIsToldWithItsByte)
         {product_head + change(23) + key + string(5, '\0'), "byte 13: an update changes nothing"},
         {product_head + change(18) + key + "\3\4abc", "byte 25: a length goes beyond the end"},
         {product_head + change(18) + key + "\3\x81", "byte 26: the change set is cut off"},
+        {product_head + change(23) + key + null + undefined + undefined + text("tea"),
+         "byte 32: the change set is cut off"},
         {product_head + change(18) + key + null + "\3\x81", "byte 27: the change set is cut off"},
         {product_head + change(18) + "\1abc", "byte 16: the change set is cut off"},
         {product_head + change(18) + key + "\3\x80\1" + string(200, 'x'),

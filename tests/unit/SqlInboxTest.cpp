@@ -4,6 +4,7 @@
 #include "SqlStatement.h"
 #include "SqlTransaction.h"
 
+#include "Interruption.h"
 #include "PreparedTest.h"
 #include "Reports.h"
 #include "SyncDevice.h"
@@ -443,7 +444,11 @@ TEST_F(SqlInboxTest, RestoredDeviceWaitsToBeAdmitted)
     expectRefused(other, fork);
     expectRefused(other, fork);
     EXPECT_TRUE(inbox().admit("device-17", other.header).valueOr(false));
+    const string admitted = everything();
     EXPECT_TRUE(inbox().admit("device-17", other.header).valueOr(false)); // which it is already
+    EXPECT_EQ(everything(), admitted);
+    EXPECT_EQ(inbox().lost("device-17").valueOr(-1), 0);
+    EXPECT_EQ(rows("select * from sqlsync_incarnation"), "device-17|11|1|2|1");
     expectApplied(other);
     EXPECT_EQ(products(), "1|tea|2\n2|rum|3\n4|gin|5\n");
     expectRepeated(other);
@@ -524,6 +529,28 @@ TEST_F(SqlInboxTest, LaterSetCanBeAdmittedAndWhatIsBetweenIsLost)
     expectRepeated(passed);
     EXPECT_EQ(products(), "1|tea|2\n3|ale|4\n");
     EXPECT_EQ(rows("select * from sqlsync_incarnation"), "device-17|11|1|5|0");
+}
+
+TEST_F(SqlInboxTest, SetWhoseTurnItIsNeedsNoAdmission)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)"));
+    const Sent next = _device.commit("insert into product values (2, 'rum', 3)");
+    const string before = everything();
+    EXPECT_TRUE(inbox().admit("device-17", next.header).valueOr(false));
+    EXPECT_EQ(everything(), before);
+}
+
+TEST_F(SqlInboxTest, SingleCommitBeforeTheAdmittedSetIsLostToo)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)"));
+    const Sent passed = _device.commit("insert into product values (2, 'rum', 3)");
+    _device.restore(_device.position, 12);
+    const Sent next = _device.commit("insert into product values (3, 'ale', 4)");
+    EXPECT_TRUE(inbox().admit("device-17", next.header));
+    EXPECT_EQ(inbox().lost("device-17").valueOr(-1), 1);
+    EXPECT_EQ(rows("select * from sqlsync_incarnation"), "device-17|11|1|2|1");
+    expectRepeated(passed);
+    expectApplied(next);
 }
 
 TEST_F(SqlInboxTest, SetThatHasComeIsNotAdmitted)
@@ -816,6 +843,119 @@ TEST_F(SqlInboxTest, KeptSetIsCheckedAgainBeforeItIsApplied)
     run("update sqlsync_kept set header = x'00'");
     expectRefused(inbox().retry("device-17"), "retry",
                   "11=SQLITE_CORRUPT: the bytes are no header of a change set");
+}
+
+TEST_F(SqlInboxTest, KeptSetWaitsForTablesThatFit)
+{
+    run("insert into product values (1, 'here', 0)");
+    keep(_device.commit("insert into product values (1, 'tea', 1)"));
+    run("delete from product; alter table product rename column price to cost");
+    expectRefused(inbox().retry("device-17"), "retry",
+                  "17=SQLITE_SCHEMA: table 'product': column 'price' is 'cost' here");
+}
+
+// Its set would be kept as if nothing of the transaction were gone.
+TEST_F(SqlInboxTest, ConstraintThatRollsTheTransactionBackFails)
+{
+    run("drop table product; create table product (id integer primary key, name text unique on"
+        " conflict rollback, price); insert into product values (7, 'tea', 1)");
+    const string before = everything();
+    const auto result = apply(_device.commit("insert into product values (1, 'tea', 1)"));
+    const string reason = "SQLite has rolled the transaction back";
+    EXPECT_EQ(result.error().text(), reason);
+    std::vector<string> told = {report::error(
+        "Transaction::noteRollback",
+        "The transaction was rolled back: nothing is committed before its scope ends")};
+    for (const string& line :
+         report::statementFailed("apply", "apply", "516=SQLITE_ABORT_ROLLBACK: " + reason))
+        told.push_back(line);
+    expectReport(told);
+    EXPECT_EQ(everything(), before);
+}
+
+// --- Interrupts ----------------------------------------------------------------------------------
+
+TEST_F(SqlInboxTest, MakingItFailsWhereverItIsInterrupted)
+{
+    run("create table sqlsync_schema (hash integer primary key, description blob not null)");
+    const auto make = [this] {
+        const Inbox made(_database, {"product", "pair"});
+        EXPECT_EQ(made.isOpen(), !made.error());
+        return made.error();
+    };
+    const auto check = [this](bool) {
+        EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 1);
+        run("drop table if exists sqlsync_inbox; drop table if exists sqlsync_inbox_table");
+    };
+    EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, make, check), 10);
+}
+
+class SqlInboxInterruptTest : public SqlInboxTest {
+protected:
+    // An operation that fails wherever it is interrupted and then has changed nothing, or is done.
+    template <typename Operation> void expectWhole(Operation operation)
+    {
+        test::Connection saved;
+        copy(_database.getHandle(), saved);
+        const string before = everything();
+        EXPECT_FALSE(operation());
+        const auto report = _diagnostics.take();
+        const string after = everything();
+        const auto attempt = [&] {
+            const sql::Error error = operation();
+            EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 1);
+            return error;
+        };
+        const auto check = [&](bool isDone) {
+            EXPECT_EQ(everything(), isDone ? after : before);
+            copy(saved, _database.getHandle());
+        };
+        copy(saved, _database.getHandle());
+        EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, attempt, check, report),
+                  0);
+    }
+
+private:
+    static void copy(sqlite3* from, sqlite3* to)
+    {
+        sqlite3_backup* const pages = sqlite3_backup_init(to, "main", from, "main");
+        EXPECT_EQ(sqlite3_backup_step(pages, -1), SQLITE_DONE);
+        EXPECT_EQ(sqlite3_backup_finish(pages), SQLITE_OK);
+    }
+};
+
+TEST_F(SqlInboxInterruptTest, SetIsAppliedOrKeptWholeOrNotAtAll)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)"));
+    const Sent next = _device.commit("insert into product values (2, 'rum', 2)");
+    expectWhole([&] { return apply(next).error(); });
+    run("insert into product values (2, 'here', 0)");
+    expectWhole([&] { return apply(next).error(); });
+    keep(next);
+    const Sent waiting = _device.commit("insert into product values (3, 'ale', 2)");
+    expectWhole([&] { return apply(waiting).error(); });
+    expectWhole([&] { return apply(next).error(); });
+}
+
+TEST_F(SqlInboxInterruptTest, KeptSetsAreRetriedAllOrNotAtAll)
+{
+    run("insert into product values (1, 'here', 0), (3, 'here', 0)");
+    for (const char* const id : {"1", "2", "3"})
+        keep(_device.commit(string("insert into product values (") + id + ", 'tea', 2)"));
+    run("delete from product where id = 1");
+    expectWhole([&] { return inbox().retry("device-17").error(); });
+    expectWhole([&] { return inbox().discard("device-17").error(); });
+    expectWhole([&] { return inbox().kept("device-17").error(); });
+}
+
+TEST_F(SqlInboxInterruptTest, DeviceIsAdmittedOrNot)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)"));
+    _device.commit("insert into product values (2, 'rum', 2)", 3);
+    _device.restore(_device.position, 12);
+    const Sent next = _device.commit("insert into product values (3, 'ale', 2)");
+    expectWhole([&] { return inbox().admit("device-17", next.header).error(); });
+    expectWhole([&] { return inbox().lost("device-17").error(); });
 }
 
 // --- Many ----------------------------------------------------------------------------------------

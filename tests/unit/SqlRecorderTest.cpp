@@ -780,11 +780,14 @@ TEST_F(SqlRecorderTest, MakingItFailsWhereverItIsInterrupted)
     const auto make = [this] {
         const Recorder recorder(_database, {"product", "event"});
         EXPECT_EQ(recorder.isRecording(), !recorder.error());
-        EXPECT_NE(sqlite3_get_autocommit(_database.getHandle()), 0);
         return recorder.error();
     };
+    const auto check = [this](bool) {
+        EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 1);
+        run("drop table if exists sqlsync_schema");
+    };
     run("create table sqlsync_inbox_table (name text primary key) without rowid");
-    EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, make), 10);
+    EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, make, check), 10);
 }
 
 TEST_F(SqlRecorderTest, RenewalFailsWhereverItIsInterrupted)
@@ -794,11 +797,13 @@ TEST_F(SqlRecorderTest, RenewalFailsWhereverItIsInterrupted)
     const auto renew = [this, &recorder] {
         const bool isDone = recorder.renew();
         EXPECT_EQ(isDone, !recorder.error());
-        EXPECT_TRUE(recorder.isRecording());
-        EXPECT_NE(sqlite3_get_autocommit(_database.getHandle()), 0);
         return recorder.error();
     };
-    EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, renew), 10);
+    const auto check = [this, &recorder](bool) {
+        EXPECT_TRUE(recorder.isRecording());
+        EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 1);
+    };
+    EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, renew, check), 10);
     EXPECT_FALSE(recordAnother(_database, recorder));
     EXPECT_EQ(numbers(), "0-1");
 }
@@ -813,8 +818,10 @@ TEST_F(SqlRecorderTest, CommitsAreWholeOrNotThereWhereverTheyAreInterrupted)
         const auto another = [&] {
             return recordAnother(_database, recorder);
         };
-        EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, another), 10);
-        EXPECT_EQ(rows("select number from sqlsync_state"), rows("select count(*) from other"));
+        const auto check = [this](bool) {
+            EXPECT_EQ(rows("select number from sqlsync_state"), rows("select count(*) from other"));
+        };
+        EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, another, check), 10);
         EXPECT_EQ(rows("select max(number) from sqlsync_outbox"),
                   rows("select count(*) from other"));
         EXPECT_EQ(rows("select name from product"), rows("select count(*) from other"));

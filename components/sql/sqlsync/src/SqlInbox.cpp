@@ -38,24 +38,27 @@ class Rest {
 public:
     explicit Rest(sqlite3* connection) : _connection(connection)
     {
-        for (std::size_t i = 0; i < 2; ++i) {
-            sqlite3_db_config(_connection, settings[i], -1, &_former[i]);
-            sqlite3_db_config(_connection, settings[i], 0, nullptr);
+        for (auto& [option, former] : _settings) {
+            sqlite3_db_config(_connection, option, -1, &former);
+            sqlite3_db_config(_connection, option, 0, nullptr);
         }
     }
     Rest(const Rest&) = delete;
     Rest& operator=(const Rest&) = delete;
     ~Rest()
     {
-        for (std::size_t i = 0; i < 2; ++i)
-            sqlite3_db_config(_connection, settings[i], _former[i], nullptr);
+        for (const auto& [option, former] : _settings)
+            sqlite3_db_config(_connection, option, former, nullptr);
     }
 
 private:
-    static constexpr int settings[] = {SQLITE_DBCONFIG_ENABLE_TRIGGER, SQLITE_DBCONFIG_ENABLE_FKEY};
+    struct Setting {
+        int option;
+        int former;
+    };
 
     sqlite3* _connection;
-    int _former[2] = {1, 1};
+    Setting _settings[2] = {{SQLITE_DBCONFIG_ENABLE_TRIGGER, 1}, {SQLITE_DBCONFIG_ENABLE_FKEY, 1}};
 };
 
 // --- Conflicts -----------------------------------------------------------------------------------
@@ -73,11 +76,6 @@ const SyncTable* findTable(const std::vector<SyncTable>& tables, std::string_vie
     const auto found = std::find_if(tables.begin(), tables.end(),
                                     [name](const SyncTable& table) { return table.name == name; });
     return found != tables.end() ? &*found : nullptr;
-}
-
-int isOpened(void* conflict, const char* name)
-{
-    return findTable(static_cast<Conflict*>(conflict)->tables, name) != nullptr ? 1 : 0;
 }
 
 int noteConflict(void* context, int kind, sqlite3_changeset_iter* changes)
@@ -426,18 +424,16 @@ Error Inbox::changeInTurn(const string& device, Set& set) const
 // rolled back, and would leave a part.
 Error Inbox::change(const char* operation, Set& set) const
 {
-    if (set.bytes.empty())
-        return Error();
     Savepoint part(*_database);
     if (!part.isOpen())
         return part.error();
     Conflict conflict{_tables};
     const int rc = sqlite3changeset_apply_v2(
         _connection, static_cast<int>(set.bytes.size()), const_cast<char*>(set.bytes.data()),
-        isOpened, noteConflict, &conflict, nullptr, nullptr, SQLITE_CHANGESETAPPLY_NOSAVEPOINT);
+        nullptr, noteConflict, &conflict, nullptr, nullptr, SQLITE_CHANGESETAPPLY_NOSAVEPOINT);
     if (rc == SQLITE_OK)
         return part.commit() ? Error() : part.error();
-    if (rc != SQLITE_ABORT || conflict.table == nullptr)
+    if (conflict.table == nullptr)
         return failed(operation, extendedCodeOf(_connection, rc), reasonOf(_connection, rc));
     if (!part.rollback())
         return part.error();
