@@ -832,6 +832,34 @@ TEST(RecorderShortageTest, ThatOfItsSessionIsToldByTheOperation)
     EXPECT_THAT(toldInAShortage(true), Contains("begin: out of memory"));
 }
 
+TEST(RecorderShortageTest, SetsThatAreMergedMeanwhileAreWhole)
+{
+    std::set<string> told;
+    bool hasStruck = true;
+    for (int nth = 1; hasStruck; ++nth) {
+        const test::Diagnostics diagnostics;
+        test::Trouble trouble(test::memory_causes[0], nth, false);
+        Device device(":memory:", works[0]);
+        EXPECT_TRUE(device.open(tables));
+        EXPECT_FALSE(device.start());
+        for (int id = 1; id <= 3; ++id)
+            EXPECT_FALSE(record(device, {nullptr, {{id, "tea"}}}));
+        trouble.runThrough(device.shop.handle(), [&] {
+            const sql::Error error = handOut(device, {});
+            told.insert(error.statement() + ": " + error.text());
+        });
+        hasStruck = trouble.hasStruck();
+        sql::ChangeSet set;
+        while (device.outbox->next(set))
+            device.deliver(set);
+        Centre centre;
+        for (const sql::ChangeSet& delivered : device.delivered)
+            centre.take(delivered.header(), delivered.bytes());
+        EXPECT_EQ(centre.rows(), rowsOf(device.shop.handle())) << nth;
+    }
+    EXPECT_THAT(told, Contains("next: out of memory"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Causes, PassingFaultTest, test::everyWayWithoutALog(passing_causes),
                          test::NameOfWay());
 

@@ -47,6 +47,13 @@ private:
     int _left;
 };
 
+inline void copyDatabase(sqlite3* from, sqlite3* to)
+{
+    sqlite3_backup* const pages = sqlite3_backup_init(to, "main", from, "main");
+    EXPECT_EQ(sqlite3_backup_step(pages, -1), SQLITE_DONE);
+    EXPECT_EQ(sqlite3_backup_finish(pages), SQLITE_OK);
+}
+
 // Does it again and again, with each of its statements interrupted in turn, until none was. It fails with
 // that as its reason, which is reported once, maybe behind the line that tells of SQLite's rollback; or it
 // does not notice, and reports what it does when it is done. Each time, whether it was done is checked. How

@@ -417,6 +417,16 @@ TEST_F(SqlInboxTest, GapThatTheDeviceDeclaresIsPassedAndTold)
     EXPECT_EQ(inbox().lost("device-17").valueOr(-1), 4);
 }
 
+TEST_F(SqlInboxTest, SingleDroppedCommitIsToldToo)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)"));
+    _device.commit("insert into product values (2, 'rum', 3)");
+    _device.envelope.dropped = _device.position;
+    expectApplied(_device.commit("insert into product values (3, 'ale', 4)"));
+    expectReport(
+        {report::error("Inbox::apply", "Device 'device-17' has dropped 1 commits, up to 2")});
+}
+
 TEST_F(SqlInboxTest, AnotherSetAtTheLastPositionIsAnotherDevices)
 {
     Device twin;
@@ -551,6 +561,29 @@ TEST_F(SqlInboxTest, SingleCommitBeforeTheAdmittedSetIsLostToo)
     EXPECT_EQ(rows("select * from sqlsync_incarnation"), "device-17|11|1|2|1");
     expectRepeated(passed);
     expectApplied(next);
+}
+
+TEST_F(SqlInboxTest, LostCommitsAreNotedInTheirOwnIncarnation)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)"));
+    _device.restore(_device.position, 12);
+    const Sent passed = _device.commit("insert into product values (2, 'rum', 3)", 3);
+    const Sent next = _device.commit("insert into product values (3, 'ale', 4)");
+    EXPECT_TRUE(inbox().admit("device-17", next.header));
+    EXPECT_EQ(rows("select * from sqlsync_incarnation"), "device-17|11|1|1|1\ndevice-17|12|2|4|0");
+    expectRepeated(passed);
+    expectApplied(next);
+}
+
+TEST_F(SqlInboxTest, NothingIsNotedOfALineThatIsNotBehind)
+{
+    expectApplied(_device.commit("insert into product values (1, 'tea', 2)", 3));
+    Device twin("device-17", 12);
+    twin.commit("insert into product values (2, 'rum', 3)");
+    const Sent next = twin.commit("insert into product values (3, 'ale', 4)");
+    EXPECT_TRUE(inbox().admit("device-17", next.header));
+    EXPECT_EQ(rows("select * from sqlsync_incarnation"), "device-17|11|1|3|1");
+    EXPECT_EQ(inbox().lost("device-17").valueOr(-1), 0);
 }
 
 TEST_F(SqlInboxTest, SetThatHasComeIsNotAdmitted)
@@ -857,19 +890,26 @@ TEST_F(SqlInboxTest, KeptSetWaitsForTablesThatFit)
 // Its set would be kept as if nothing of the transaction were gone.
 TEST_F(SqlInboxTest, ConstraintThatRollsTheTransactionBackFails)
 {
+    run("insert into product values (1, 'here', 1)");
+    keep(_device.commit("insert into product values (1, 'tea', 1)"));
     run("drop table product; create table product (id integer primary key, name text unique on"
         " conflict rollback, price); insert into product values (7, 'tea', 1)");
+    Device other("device-18", 12);
+    const Sent sent = other.commit("insert into product values (1, 'tea', 1)");
+    const auto expectRolledBack = [this](const sql::Error& error, const string& operation) {
+        const string reason = "SQLite has rolled the transaction back";
+        EXPECT_EQ(error.text(), reason);
+        std::vector<string> told = report::statementFailed(operation, operation,
+                                                           "516=SQLITE_ABORT_ROLLBACK: " + reason);
+        told.insert(told.begin(),
+                    report::error("Transaction::noteRollback",
+                                  "The transaction was rolled back: nothing is committed before its"
+                                  " scope ends"));
+        expectReport(told);
+    };
     const string before = everything();
-    const auto result = apply(_device.commit("insert into product values (1, 'tea', 1)"));
-    const string reason = "SQLite has rolled the transaction back";
-    EXPECT_EQ(result.error().text(), reason);
-    std::vector<string> told = {report::error(
-        "Transaction::noteRollback",
-        "The transaction was rolled back: nothing is committed before its scope ends")};
-    for (const string& line :
-         report::statementFailed("apply", "apply", "516=SQLITE_ABORT_ROLLBACK: " + reason))
-        told.push_back(line);
-    expectReport(told);
+    expectRolledBack(apply(sent, "device-18").error(), "apply");
+    expectRolledBack(inbox().retry("device-17").error(), "retry");
     EXPECT_EQ(everything(), before);
 }
 
@@ -896,7 +936,7 @@ protected:
     template <typename Operation> void expectWhole(Operation operation)
     {
         test::Connection saved;
-        copy(_database.getHandle(), saved);
+        test::copyDatabase(_database.getHandle(), saved);
         const string before = everything();
         EXPECT_FALSE(operation());
         const auto report = _diagnostics.take();
@@ -908,19 +948,11 @@ protected:
         };
         const auto check = [&](bool isDone) {
             EXPECT_EQ(everything(), isDone ? after : before);
-            copy(saved, _database.getHandle());
+            test::copyDatabase(saved, _database.getHandle());
         };
-        copy(saved, _database.getHandle());
+        test::copyDatabase(saved, _database.getHandle());
         EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, attempt, check, report),
                   0);
-    }
-
-private:
-    static void copy(sqlite3* from, sqlite3* to)
-    {
-        sqlite3_backup* const pages = sqlite3_backup_init(to, "main", from, "main");
-        EXPECT_EQ(sqlite3_backup_step(pages, -1), SQLITE_DONE);
-        EXPECT_EQ(sqlite3_backup_finish(pages), SQLITE_OK);
     }
 };
 

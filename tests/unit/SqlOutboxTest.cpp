@@ -3,6 +3,7 @@
 #include "SqlInbox.h"
 #include "SqlRecorder.h"
 
+#include "Interruption.h"
 #include "PreparedTest.h"
 #include "Reports.h"
 #include "Session.h"
@@ -264,6 +265,15 @@ TEST_F(SqlOutboxTest, MergesUpToSoManyBytes)
     EXPECT_EQ(ranges(outbox), "0-2 2-4 4-6");
 }
 
+TEST_F(SqlOutboxTest, OneByteLessKeepsTwoSetsApart)
+{
+    record("insert into product values (1, 'tea')");
+    record("insert into product values (2, 'rum')");
+    const long long size = std::stoll(rows("select max(length(changes)) from sqlsync_outbox"));
+    Outbox outbox(_database, "device-17", 2 * size - 1);
+    EXPECT_EQ(ranges(outbox), "0-1 1-2");
+}
+
 TEST_F(SqlOutboxTest, SetsOfTwoSchemasAreNotMerged)
 {
     record("insert into product values (1, 'tea')");
@@ -338,6 +348,7 @@ TEST_F(SqlOutboxTest, DamagedSchemaIsAFailure)
     ChangeSet set;
     EXPECT_FALSE(outbox.next(set));
     EXPECT_TRUE(outbox.error().isCorrupt());
+    EXPECT_EQ(outbox.error().statement(), "next");
     _diagnostics.clear();
     EXPECT_EQ(rows("select sent from sqlsync_state"), "0");
 }
@@ -418,6 +429,33 @@ TEST_F(SqlOutboxTest, FullOutboxDropsTheOldestAndSaysSo)
     expectBytesCounted();
 }
 
+TEST_F(SqlOutboxTest, ByteTooMuchDropsTheOldest)
+{
+    record("insert into product values (1, 'tea')");
+    const long long size = std::stoll(rows("select bytes from sqlsync_state"));
+    _recorder.reset();
+    _options = {2 * size - 1, WhenFull::drop_oldest};
+    record("insert into product values (2, 'rum')");
+    expectReport(
+        {report::error("Outbox::commit", "The outbox is full: change sets up to 1 were dropped")});
+    EXPECT_EQ(rows("select number from sqlsync_outbox"), "2");
+}
+
+TEST_F(SqlOutboxTest, FullOutboxMergesTheSetsOfEachSchema)
+{
+    record("insert into product values (1, 'tea')");
+    const long long size = std::stoll(rows("select bytes from sqlsync_state"));
+    run("alter table product add column price");
+    ASSERT_TRUE(_recorder->renew());
+    record("insert into product values (2, 'rum', 3)");
+    _recorder.reset();
+    _options = {4 * size, WhenFull::merge_ranges};
+    for (int i = 0; i < 5; ++i)
+        record("insert or replace into product values (3, 'gin " + std::to_string(i) + "', 3)");
+    EXPECT_EQ(rows("select number from sqlsync_outbox where number < 3"), "1");
+    expectBytesCounted();
+}
+
 // --- Failures -------------------------------------------------------------------------------------
 
 // Statements of the library's own that fail in the middle of an operation: all of it is undone.
@@ -444,6 +482,23 @@ protected:
     {
         return rows("select number, previous, hex(changes) from sqlsync_outbox") + "\n"
                + rows("select * from sqlsync_state");
+    }
+
+    // An operation that fails wherever it is interrupted and then has changed nothing, or is done.
+    template <typename Operation> void expectWhole(Operation operation)
+    {
+        test::Connection saved;
+        test::copyDatabase(_database.getHandle(), saved);
+        const string before = everything();
+        EXPECT_FALSE(operation());
+        const string after = everything();
+        test::copyDatabase(saved, _database.getHandle());
+        const auto check = [&](bool isDone) {
+            EXPECT_EQ(everything(), isDone ? after : before);
+            EXPECT_EQ(sqlite3_get_autocommit(_database.getHandle()), 1);
+            test::copyDatabase(saved, _database.getHandle());
+        };
+        EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, operation, check), 0);
     }
 };
 
@@ -524,6 +579,79 @@ TEST_F(SqlOutboxFailureTest, DamagedRowsAreToldNotSkipped)
         _recorder.reset();
     }
     EXPECT_EQ(rows("select id from product"), "1");
+}
+
+// Of three sets, two are merged as they are handed out.
+TEST_F(SqlOutboxFailureTest, WhatIsInterruptedIsDoneOrNot)
+{
+    for (int id = 1; id <= 3; ++id)
+        record("insert into product values (" + std::to_string(id) + ", 'tea')");
+    _recorder.reset();
+    const long long size = std::stoll(rows("select max(length(changes)) from sqlsync_outbox"));
+    Outbox outbox(_database, "device-17", 2 * size);
+    ChangeSet set;
+    const auto next = [&] {
+        outbox.restart();
+        const bool isRead = outbox.next(set);
+        EXPECT_EQ(isRead, !outbox.error());
+        return outbox.error();
+    };
+    expectWhole(next);
+    EXPECT_FALSE(next());
+    EXPECT_EQ(set.last().number, 2);
+    expectWhole([&] {
+        const bool isDone = outbox.acknowledge(set.last());
+        EXPECT_EQ(isDone, !outbox.error());
+        return outbox.error();
+    });
+    expectWhole([&] {
+        const auto pending = outbox.pending();
+        EXPECT_EQ(static_cast<bool>(pending), !outbox.error());
+        return outbox.error();
+    });
+}
+
+class SqlOutboxFileTest : public SqlOutboxTest {
+protected:
+    SqlOutboxFileTest() : _name(testing::TempDir() + "outbox.db")
+    {
+        std::remove(_name.c_str());
+        _database.close();
+        EXPECT_TRUE(_database.open(_name, sql::Database::access_create, false, 0));
+        run(tables);
+    }
+    ~SqlOutboxFileTest() override
+    {
+        std::remove(_name.c_str());
+    }
+
+    string _name;
+};
+
+TEST_F(SqlOutboxFileTest, NothingIsHandedOutOrLetGoWhileOthersKeepItFromBeingCommitted)
+{
+    record("insert into product values (1, 'tea')");
+    record("insert into product values (2, 'rum')");
+    Outbox outbox(_database, "device-17", 1);
+    ChangeSet set;
+    ASSERT_TRUE(outbox.next(set));
+    test::Connection other(_name);
+    for (const auto& [lock, statement] : {std::pair("begin; select * from product", "commit"),
+                                          std::pair("begin immediate", "begin immediate")}) {
+        other.run(lock);
+        ChangeSet more;
+        EXPECT_FALSE(outbox.next(more));
+        EXPECT_EQ(outbox.error().statement(), statement);
+        expectFailure(outbox.error(), outbox.error().statement() == "commit" ? "commit" : "begin",
+                      "5=SQLITE_BUSY: database is locked");
+        EXPECT_FALSE(outbox.acknowledge(set.last()));
+        EXPECT_EQ(outbox.error().statement(), statement);
+        expectFailure(outbox.error(), outbox.error().statement() == "commit" ? "commit" : "begin",
+                      "5=SQLITE_BUSY: database is locked");
+        other.run("commit");
+    }
+    EXPECT_TRUE(outbox.acknowledge(set.last()));
+    EXPECT_EQ(ranges(outbox), "1-2");
 }
 
 // --- All of it ------------------------------------------------------------------------------------

@@ -570,8 +570,9 @@ TEST_F(SqlRecorderTest, FileThatWentBackUnderARecorderIsOfAnotherIncarnation)
     EXPECT_TRUE(record(recorder, "insert into product values (3, 'gin', 5)"));
     EXPECT_EQ(numbers(), "0-1\n1-2");
     EXPECT_EQ(rows("select previous_incarnation = " + former + ", incarnation = " + former
-                   + " from sqlsync_outbox where number = 2"),
-              "1|0");
+                   + ", abs(incarnation) > 1 from sqlsync_outbox where number = 2"),
+              "1|0|1")
+        << "another random one";
     const string now = rows("select incarnation from sqlsync_state");
     EXPECT_TRUE(record(recorder, "insert into product values (4, 'ale', 5)"));
     EXPECT_EQ(rows("select incarnation from sqlsync_state"), now);
@@ -750,8 +751,6 @@ TEST_F(RecorderFileTest, RestoredFileNeverUsesAPositionForOtherRows)
         EXPECT_TRUE(record(recorder, "insert into product values (2, 'ale', 9)"));
         EXPECT_EQ(numbers(), "0-1\n1-2");
         EXPECT_NE(rows("select incarnation from sqlsync_outbox where number = 2"), former);
-        EXPECT_EQ(rows("select abs(incarnation) > 1 from sqlsync_outbox where number = 2"), "1")
-            << "it is random";
     }
     std::remove((_name + ".copy").c_str());
 }

@@ -131,7 +131,6 @@ Error mergeBehind(Database& database, const char* operation, integer after, inte
     }
     if (rows.error())
         return rows.error();
-    rows.release();
     last = all.last.number;
     int length = 0;
     void* changes = nullptr;
@@ -177,7 +176,6 @@ Error dropOldest(Database& database, integer number, integer surplus)
     }
     if (rows.error())
         return rows.error();
-    rows.release();
     if (surplus > 0)
         return Error();
     Statement note(database, "update main.sqlsync_state set dropped_incarnation = ?, dropped = ?");
