@@ -429,6 +429,19 @@ TEST_F(SqlOutboxTest, FullOutboxDropsTheOldestAndSaysSo)
     expectBytesCounted();
 }
 
+TEST_F(SqlOutboxTest, SetThatIsAByteTooLargeForAllOfTheOutboxDropsNothing)
+{
+    record("insert into product values (1, 'tea')");
+    const long long size = std::stoll(rows("select bytes from sqlsync_state"));
+    _recorder.reset();
+    _options = {size, WhenFull::drop_oldest};
+    EXPECT_FALSE(tryToRecord("insert into product values (2, 'tea!')"));
+    expectFailure(_failure, "commit",
+                  "13=SQLITE_FULL: the outbox is full: " + std::to_string(2 * size + 1)
+                      + " bytes, at most " + std::to_string(size) + " are allowed");
+    EXPECT_EQ(rows("select number from sqlsync_outbox"), "1");
+}
+
 TEST_F(SqlOutboxTest, ByteTooMuchDropsTheOldest)
 {
     record("insert into product values (1, 'tea')");

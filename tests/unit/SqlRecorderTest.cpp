@@ -810,7 +810,8 @@ TEST_F(SqlRecorderTest, RenewalFailsWhereverItIsInterrupted)
 TEST_F(SqlRecorderTest, CommitsAreWholeOrNotThereWhereverTheyAreInterrupted)
 {
     for (const sql::RecorderOptions& options :
-         {sql::RecorderOptions(), sql::RecorderOptions{200, sql::WhenFull::merge_ranges}}) {
+         {sql::RecorderOptions(),
+          sql::RecorderOptions{32, sql::WhenFull::merge_ranges}}) { // room for one row
         run("delete from other; delete from product; drop table if exists sqlsync_outbox;"
             "drop table if exists sqlsync_state; drop table if exists sqlsync_schema");
         Recorder recorder(_database, {"product", "event"}, options);
@@ -820,6 +821,7 @@ TEST_F(SqlRecorderTest, CommitsAreWholeOrNotThereWhereverTheyAreInterrupted)
         const auto check = [this](bool) {
             EXPECT_EQ(rows("select number from sqlsync_state"), rows("select count(*) from other"));
         };
+        EXPECT_FALSE(another());
         EXPECT_GT(test::interruptEach(_database.getHandle(), _diagnostics, another, check), 10);
         EXPECT_EQ(rows("select max(number) from sqlsync_outbox"),
                   rows("select count(*) from other"));

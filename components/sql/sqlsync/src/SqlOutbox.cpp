@@ -27,10 +27,6 @@ constexpr const char* make_tables =
     "create table if not exists main.sqlsync_outbox (number integer primary key,"
     " incarnation integer not null, previous integer not null, previous_incarnation integer"
     " not null, hash integer not null, changes blob not null)";
-constexpr const char* count_tables =
-    "select count(*) from main.sqlite_master where type = 'table' and name in ('sqlsync_state',"
-    " 'sqlsync_schema', 'sqlsync_outbox')";
-constexpr int table_count = 3;
 
 // A row of the outbox.
 struct Stored {
@@ -67,9 +63,6 @@ struct GroupEnd {
 
 Error makeOutbox(Database& database)
 {
-    const Result<int> found = Statement(database, count_tables).one<int>();
-    if (!found || *found == table_count)
-        return found.error();
     return runScript(database, make_tables).error();
 }
 

@@ -1,8 +1,8 @@
 #ifndef SQLSYNC_SRC_SQLOUTBOXFILE_H
 #define SQLSYNC_SRC_SQLOUTBOXFILE_H
 
-// The tables of recorded changes in the user's file, of which Recorder and Outbox know. All but the first
-// is done in a transaction of the caller's.
+// The tables of recorded changes in the user's file, of which Recorder and Outbox know. All is done in a
+// transaction of the caller's.
 
 #include "SqlRecorder.h"
 
