@@ -793,7 +793,7 @@ TEST_F(SqlRecorderTest, RenewalFailsWhereverItIsInterrupted)
 {
     run("create table sqlsync_inbox_table (name text primary key) without rowid");
     Recorder recorder(_database, {"product", "event"});
-    const auto renew = [this, &recorder] {
+    const auto renew = [&recorder] {
         const bool isDone = recorder.renew();
         EXPECT_EQ(isDone, !recorder.error());
         return recorder.error();
