@@ -36,9 +36,13 @@ def run(*command, **options):
     return done.stdout
 
 
+# Of the addresses of localhost libmosquitto tries the first alone, which may be that of IPv6.
+FAMILY, LOOPBACK = [(found[0], found[4][0]) for found in socket.getaddrinfo("localhost", 0)][0]
+
+
 def free_port():
-    with socket.socket() as one:
-        one.bind(("127.0.0.1", 0))
+    with socket.socket(FAMILY) as one:
+        one.bind((LOOPBACK, 0))
         return one.getsockname()[1]
 
 
@@ -125,7 +129,7 @@ class Broker(Program):
             (self.folder / f"broker.{kind}").symlink_to(certificates.folder / f"localhost.{kind}")
         configuration = (PACKAGING / "mosquitto.conf").read_text() \
             .replace("/etc/mosquitto/fleet", str(self.folder)).replace("listener 8883",
-                                                                       f"listener {self.port} 127.0.0.1")
+                                                                       f"listener {self.port} {LOOPBACK}")
         (self.folder / "fleet.conf").write_text(
             f"{configuration}\npersistence true\npersistence_location {self.folder}/\nautosave_interval 1\n")
         super().__init__(folder, "broker", "/usr/sbin/mosquitto", "-c", self.folder / "fleet.conf")
@@ -136,8 +140,8 @@ class Broker(Program):
         return self
 
     def is_open(self):
-        with socket.socket() as one:
-            return one.connect_ex(("127.0.0.1", self.port)) == 0
+        with socket.socket(FAMILY) as one:
+            return one.connect_ex((LOOPBACK, self.port)) == 0
 
     def forget(self):
         """Loses its store, as with another disk."""
