@@ -28,9 +28,9 @@ for ending in signal.SIGTERM, signal.SIGHUP:
     signal.signal(ending, signal.default_int_handler)
 
 
-def run(*command, **options):
+def run(*command, limit=120, **options):
     """What a command prints; an error, with what it has said, if it fails."""
-    done = subprocess.run([str(part) for part in command], text=True, capture_output=True, timeout=120, **options)
+    done = subprocess.run([str(part) for part in command], text=True, capture_output=True, timeout=limit, **options)
     if done.returncode != 0:
         raise RuntimeError(f"{command}: {done.stdout}{done.stderr}")
     return done.stdout
@@ -122,7 +122,8 @@ class Broker(Program):
         rights = (PACKAGING / "acl").read_text()
         for_hub = rights[rights.index("user hub-1"):]
         (self.folder / "acl").write_text(
-            rights + "".join("\n" + for_hub.replace("hub-1", hub) for hub in hubs if hub != "hub-1"))
+            rights + "".join("\n" + for_hub.replace("hub-1", hub) for hub in hubs if hub != "hub-1")
+            + "\nuser swarm\ntopic write fleet/+/set\ntopic read fleet/+/ack\n")
         for name in "authority.crt", "revoked.crl":
             (self.folder / name).symlink_to(certificates.folder / name)
         for kind in "crt", "key":
@@ -337,6 +338,13 @@ class Fleet:
         device = self.own(Device(self, name, *options, **more))
         self.devices.append(device)
         return device
+
+    def swarm(self, **options):
+        """What fleet-swarm prints, once everything that its devices have is stored."""
+        command = [PROGRAMS / "fleet-swarm", *self.broker.options(), *self.certificates.of("swarm")]
+        for name, value in options.items():
+            command += [f"--{name}", value]
+        return run(*command, limit=1800)
 
     def server(self):
         """The one that can be written to."""

@@ -350,6 +350,21 @@ class DeviceTest(FleetTest):
         self.assertEqual(told.splitlines()[1:], ["group 7", "note some text"])
 
 
+class SwarmTest(FleetTest):
+    """Many devices of one program."""
+
+    def test_every_row_of_a_swarm_is_stored_once(self):
+        told = self.fleet.swarm(devices=300, sets=3, rows=5)
+        self.assertRegex(told, r"\A900 sets, 4500 rows of 300 devices in ")
+        self.fleet.hubs[0].kill()
+        told = self.fleet.swarm(first=301, devices=200, sets=3, rows=5)
+        self.assertRegex(told, r"\A600 sets, 3000 rows of 200 devices in ")
+        self.assertEqual(self.fleet.ask("select count(*), count(distinct device), min(rows), max(rows), min(sum), max(sum)"
+                                        " from (select device, count(*) as rows, sum(id) from data.reading group by 1) a"),
+                         [["500", "500", "15", "15", "120", "120"]])
+        self.assertEqual(self.fleet.ask("select count(*) from fleet.quarantine"), [["0"]])
+
+
 class EndTest(unittest.TestCase):
     def test_nothing_is_left_of_a_run_that_is_interrupted(self):
         for number in signal.SIGINT, signal.SIGTERM, signal.SIGHUP:

@@ -12,6 +12,7 @@ import urllib.request
 
 import fleet
 
+SWARMS = 1000, 10000, 100000  # devices
 DEVICES = 20
 CONNECTED = 400
 READINGS = 3 * 8640  # of a day: three sensors, every ten seconds
@@ -121,7 +122,31 @@ def connect_many():
             connection.close()
 
 
+def status_seconds(one):
+    begin = time.monotonic()
+    one.tell("status")
+    return time.monotonic() - begin
+
+
+def swarm(devices, hubs):
+    """Each with three sets of ten rows, all at once."""
+    with fleet.Fleet(hubs=hubs) as one:
+        one.start()
+        before = [resident(program) for program in (one.hubs[0], one.broker)]
+        told = one.swarm(devices=devices, sets=3, rows=10).strip()
+        assert one.ask("select count(*), count(distinct device) from data.reading") \
+            == [[str(30 * devices), str(devices)]]
+        after = [resident(program) for program in (one.hubs[0], one.broker)]
+        print(f"{hubs} hub{'s' * (hubs > 1)}, with a standby: {told}; processor: hubs"
+              f" {sum(map(processor_seconds, one.hubs)):.1f} s, broker {processor_seconds(one.broker):.1f} s, memory:"
+              f" hub {before[0]:.1f} to {after[0]:.1f} MiB, broker {before[1]:.1f} to {after[1]:.1f} MiB; status"
+              f" {status_seconds(one):.1f} s", flush=True)
+
+
 if __name__ == "__main__":
+    for devices in SWARMS:
+        for hubs in 1, 2:
+            swarm(devices, hubs)
     connect_many()
     for count, standby in (1, False), (1, True), (2, True):
         drain(count, standby)
